@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+
+#include "platform/Base/Result.h"
+
+namespace tallow {
+
+// Whole-file reads and crash-safe whole-file writes. Error domain "File", code = errno.
+
+// Reads a regular file of at most `maxBytes`. Never follows a final symbolic link and never blocks on
+// a FIFO or device.
+Result<Data> readFile(const std::filesystem::path& path, std::size_t maxBytes = 64u << 20);
+
+// Replaces the file: temporary file beside it (mode 0600), write, fsync, rename, fsync of the
+// directory. At any moment, kill -9 and power cut included, the path holds the old or the new
+// contents, whole. On failure the old contents stay and no temporary file is left behind.
+std::optional<Error> writeFileAtomically(const std::filesystem::path& path, const Data& contents);
+
+// Moves a damaged file aside under NAME.corrupt (NAME.corrupt.2, ... when taken), never deletes.
+// Returns where it went.
+Result<std::filesystem::path> setAsideAsCorrupt(const std::filesystem::path& path);
+
+}  // namespace tallow

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/Base/Result.h"
+#include "platform/Base/URL.h"
+
+namespace tallow {
+
+using HTTPHeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct HTTPRequest {
+  explicit HTTPRequest(URL url) : url(std::move(url)) {}
+
+  URL url;
+  std::string method = "GET";
+  HTTPHeaderList headers;  // values with control characters are refused, never sent
+  Data body;
+  bool bypassCaches = false;  // asks every cache on the way for a fresh answer
+  double connectTimeoutSeconds = 5;
+  double totalTimeoutSeconds = 60;
+  std::size_t maxBodyBytes = 16u << 20;
+};
+
+struct HTTPResponse {
+  explicit HTTPResponse(URL url) : url(std::move(url)) {}
+
+  URL url;  // that of the request
+  int statusCode = 0;
+  HTTPHeaderList headers;  // in the order and spelling received
+  Data body;
+
+  // The first header of exactly this name.
+  std::optional<std::string> header(std::string_view exactName) const;
+  // Every name once, as first spelled; several lines of one name joined with ", ", but those of
+  // Set-Cookie as an array of strings when there is more than one.
+  Dictionary headerDictionary() const;
+
+  // max-age of Cache-Control in seconds, as RFC 9111 section 5.2.2.1 says (no-cache or no-store count as
+  // 0; the first valid directive wins). nullopt when the response states none.
+  std::optional<double> cacheControlMaxAgeSeconds() const;
+};
+
+// One HTTP exchange at a time or many at once, over one pool of connections for the process.
+// Redirects are never followed here: who asked judges them. A response with any status code is a
+// response, not an error. Callable from any thread.
+//
+// Errors: domain "HTTP", code one of ErrorCode.
+class HTTPTransport {
+ public:
+  enum ErrorCode {
+    kCannotConnect = 1,
+    kTimedOut = 2,
+    kTLS = 3,
+    kBodyTooLarge = 4,
+    kConnectionLost = 5,
+    kCancelled = 6,
+    kBadRequest = 7,
+    kOther = 8,
+  };
+  using Completion = std::function<void(Result<HTTPResponse>)>;
+
+  class Exchange {
+   public:
+    virtual ~Exchange() = default;
+    virtual void cancel() = 0;  // the completion still runs, with kCancelled
+  };
+
+  virtual ~HTTPTransport() = default;
+  static HTTPTransport& shared();
+
+  // The completion runs exactly once, on the transport's own thread; it must not block.
+  virtual std::shared_ptr<Exchange> start(HTTPRequest request, Completion completion) = 0;
+  // Waits for the answer.
+  Result<HTTPResponse> perform(HTTPRequest request);
+};
+
+}  // namespace tallow

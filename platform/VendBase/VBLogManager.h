@@ -1,0 +1,89 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <source_location>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "platform/Base/Format.h"
+#include "platform/Base/Value.h"
+
+namespace tallow {
+
+// A format text together with the place in the source that logs it.
+template <class... Args>
+struct LogFormat {
+  consteval LogFormat(const char* text,
+                      std::source_location where = std::source_location::current())
+      : format(text), where(where) {}
+  CheckedFormat<Args...> format;
+  std::source_location where;
+};
+
+// The shared log. Levels: 1 failures and unexpected data, 2 warnings, 3 progress and detail. Lines go
+// to the journal with structured fields (CODE_FILE, CODE_FUNC, CODE_LINE, TALLOW_LEVEL), or to
+// standard error where there is no journal. A line below the threshold costs one atomic read: nothing
+// is formatted. Callable from any thread.
+//
+// Control characters and line breaks in arguments are written escaped, so that no peer can forge a
+// line.
+class VBLogManager {
+ public:
+  // Where lines end up; replaceable by tests and by the service's host.
+  class Sink {
+   public:
+    virtual ~Sink() = default;
+    virtual void write(int level, const std::source_location& where, std::string_view file,
+                       std::string_view line) = 0;
+    // A whole property list, for a person to read, under the name of a log file.
+    virtual void writePropertyList(int level, std::string_view fileName, const Value& value) = 0;
+  };
+
+  static VBLogManager& sharedManager();
+
+  bool isEnabled(int level) const { return level <= _threshold.load(std::memory_order_relaxed); }
+  int threshold() const { return _threshold.load(std::memory_order_relaxed); }
+  void setThreshold(int level) { _threshold.store(level, std::memory_order_relaxed); }
+  // Returns the sink that was set before.
+  std::shared_ptr<Sink> setSink(std::shared_ptr<Sink> sink);
+
+  template <class... Args>
+  void logLevel(int level, LogFormat<std::type_identity_t<Args>...> withFormat,
+                const Args&... arguments) {
+    if (!isEnabled(level)) return;
+    const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};
+    _write(level, withFormat.where, withFormat.format.text(), {packed, sizeof...(Args)});
+  }
+
+  // Dumps `value` at `level` to the log file named by the format.
+  template <class... Args>
+  void logPropertyList(int level, const Value& value, CheckedFormat<std::type_identity_t<Args>...> fileName,
+                       const Args&... arguments) {
+    if (!isEnabled(level)) return;
+    const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};
+    _writePropertyList(level, value, formatText(fileName.text(), {packed, sizeof...(Args)}));
+  }
+
+ private:
+  VBLogManager();
+  void _write(int level, const std::source_location& where, std::string_view format,
+              std::span<const FormatArgument> arguments);
+  void _writePropertyList(int level, const Value& value, std::string fileName);
+
+  struct State;
+  std::atomic<int> _threshold;
+  std::unique_ptr<State> _state;
+};
+
+// VBLogManager::sharedManager().logLevel(...), spelled as it is used everywhere:
+//   logLevel(1, "%@: Failed to initialize cookie store", kClassName);
+template <class... Args>
+void logLevel(int level, LogFormat<std::type_identity_t<Args>...> withFormat,
+              const Args&... arguments) {
+  VBLogManager::sharedManager().logLevel(level, withFormat, arguments...);
+}
+
+}  // namespace tallow
