@@ -11,8 +11,8 @@ namespace tallow {
 
 // Whole-file reads and crash-safe whole-file writes. Error domain "File", code = errno.
 
-// Reads a regular file of at most `maxBytes`. Never follows a final symbolic link and never blocks on
-// a FIFO or device.
+// Reads a regular file of at most `maxBytes`. Never follows a final symbolic link and never blocks
+// on a FIFO or device.
 Result<Data> readFile(const std::filesystem::path& path, std::size_t maxBytes = 64u << 20);
 
 // Replaces the file: temporary file beside it (mode 0600), write, fsync, rename, fsync of the

@@ -22,9 +22,7 @@ class Data {
   std::size_t length() const { return _bytes ? _bytes->size() : 0; }
   bool empty() const { return length() == 0; }
   std::span<const std::uint8_t> span() const { return {bytes(), length()}; }
-  std::string_view view() const {
-    return {reinterpret_cast<const char*>(bytes()), length()};
-  }
+  std::string_view view() const { return {reinterpret_cast<const char*>(bytes()), length()}; }
 
   friend bool operator==(const Data& a, const Data& b) { return a.view() == b.view(); }
 

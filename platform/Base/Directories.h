@@ -13,12 +13,12 @@ namespace tallow {
 // Read from the environment once, at first use; tests replace it (SharedInstance.h).
 class Directories {
  public:
-  std::filesystem::path configHome;                // $XDG_CONFIG_HOME/tallowd
-  std::filesystem::path dataHome;                  // $XDG_DATA_HOME/tallowd
-  std::filesystem::path cacheHome;                 // $XDG_CACHE_HOME/tallowd
-  std::filesystem::path stateHome;                 // $XDG_STATE_HOME/tallowd
-  std::vector<std::filesystem::path> configDirs;   // configHome, then $XDG_CONFIG_DIRS/tallowd ...
-  std::vector<std::filesystem::path> dataDirs;     // dataHome, then $XDG_DATA_DIRS/tallowd ...
+  std::filesystem::path configHome;               // $XDG_CONFIG_HOME/tallowd
+  std::filesystem::path dataHome;                 // $XDG_DATA_HOME/tallowd
+  std::filesystem::path cacheHome;                // $XDG_CACHE_HOME/tallowd
+  std::filesystem::path stateHome;                // $XDG_STATE_HOME/tallowd
+  std::vector<std::filesystem::path> configDirs;  // configHome, then $XDG_CONFIG_DIRS/tallowd ...
+  std::vector<std::filesystem::path> dataDirs;    // dataHome, then $XDG_DATA_DIRS/tallowd ...
 
   // Relative values in the variables are ignored, as the base directory standard asks.
   static Directories fromEnvironment();

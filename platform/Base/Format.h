@@ -67,10 +67,14 @@ enum class Slot { Integer, Real, Text, Object };
 template <class T>
 consteval Slot slotOf() {
   using U = std::remove_cvref_t<T>;
-  if constexpr (std::is_integral_v<U> || std::is_enum_v<U>) return Slot::Integer;
-  else if constexpr (std::is_floating_point_v<U>) return Slot::Real;
-  else if constexpr (isText<U>) return Slot::Text;
-  else return Slot::Object;
+  if constexpr (std::is_integral_v<U> || std::is_enum_v<U>)
+    return Slot::Integer;
+  else if constexpr (std::is_floating_point_v<U>)
+    return Slot::Real;
+  else if constexpr (isText<U>)
+    return Slot::Text;
+  else
+    return Slot::Object;
 }
 
 // Called (and thus rejected by the compiler) when a format does not fit its arguments.
@@ -82,17 +86,27 @@ consteval void check(std::string_view format, std::initializer_list<Slot> slots)
     if (format[i] != '%') continue;
     if (++i == format.size()) formatDoesNotFitItsArguments();
     if (format[i] == '%') continue;
-    while (i < format.size() && (format[i] == 'l' || format[i] == '.' ||
-                                 (format[i] >= '0' && format[i] <= '9')))
+    while (i < format.size() &&
+           (format[i] == 'l' || format[i] == '.' || (format[i] >= '0' && format[i] <= '9')))
       ++i;
     if (i == format.size() || slot == slots.end()) formatDoesNotFitItsArguments();
     const Slot given = *slot++;
     switch (format[i]) {
-      case '@': break;
-      case 's': if (given != Slot::Text) formatDoesNotFitItsArguments(); break;
-      case 'd': case 'i': case 'u': if (given != Slot::Integer) formatDoesNotFitItsArguments(); break;
-      case 'f': if (given != Slot::Real) formatDoesNotFitItsArguments(); break;
-      default: formatDoesNotFitItsArguments();
+      case '@':
+        break;
+      case 's':
+        if (given != Slot::Text) formatDoesNotFitItsArguments();
+        break;
+      case 'd':
+      case 'i':
+      case 'u':
+        if (given != Slot::Integer) formatDoesNotFitItsArguments();
+        break;
+      case 'f':
+        if (given != Slot::Real) formatDoesNotFitItsArguments();
+        break;
+      default:
+        formatDoesNotFitItsArguments();
     }
   }
   if (slot != slots.end()) formatDoesNotFitItsArguments();
@@ -151,7 +165,10 @@ FormatArgument FormatArgument::make(const T& value) {
     argument._object = &value;
     argument._describe = [](const void* object) {
       const T& object_ = *static_cast<const T*>(object);
-      if constexpr (requires { *object_; object_ == nullptr; }) {
+      if constexpr (requires {
+                      *object_;
+                      object_ == nullptr;
+                    }) {
         return object_ == nullptr ? std::string("(null)") : description(*object_);
       } else {
         return description(object_);

@@ -7,9 +7,10 @@
 
 namespace tallow {
 
-// A compiled pattern in the dialect that the bag's patterns are written in (ICU regular expressions).
-// Matching is bounded: a match that needs more than its budget of steps or stack counts as no match,
-// so that no pattern can hang the service. Immutable; any thread may match with it at once.
+// A compiled pattern in the dialect that the bag's patterns are written in (ICU regular
+// expressions). Matching is bounded: a match that needs more than its budget of steps or stack
+// counts as no match, so that no pattern can hang the service. Immutable; any thread may match with
+// it at once.
 class RegularExpression {
  public:
   struct Options {

@@ -30,8 +30,7 @@ class SharedInstance {
 template <class T>
 class ScopedShared {
  public:
-  explicit ScopedShared(T& replacement)
-      : _previous(SharedInstance<T>::exchange(&replacement)) {}
+  explicit ScopedShared(T& replacement) : _previous(SharedInstance<T>::exchange(&replacement)) {}
   ~ScopedShared() { SharedInstance<T>::exchange(_previous); }
   ScopedShared(const ScopedShared&) = delete;
   ScopedShared& operator=(const ScopedShared&) = delete;

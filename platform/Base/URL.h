@@ -9,8 +9,8 @@ namespace tallow {
 // An absolute URL that the HTTP library itself has parsed. The trust decision, the cookie rules and
 // the fetch all read the host from this one parse, so they can never disagree on it: userinfo,
 // backslashes, percent-escapes, control characters, IDNA, IPv6 and trailing dots are read once, by
-// the parser that will also connect. What that parser refuses, and what it would have to guess at, is
-// no URL (parse() answers nullopt).
+// the parser that will also connect. What that parser refuses, and what it would have to guess at,
+// is no URL (parse() answers nullopt).
 //
 // "data:" and other non-network URLs parse too; they have a scheme and no host.
 // Immutable; safe to read from any thread at once.
@@ -22,8 +22,8 @@ class URL {
   const std::string& absoluteString() const { return _text; }
   // The scheme exactly as written ("HTTPS" stays "HTTPS"); policy decisions compare it exactly.
   const std::string& scheme() const { return _scheme; }
-  // The host as the fetch will use it (percent-escapes decoded, IDNA in its ASCII form, IPv6 without
-  // brackets), letters in the case they were written in; empty when the URL has none.
+  // The host as the fetch will use it (percent-escapes decoded, IDNA in its ASCII form, IPv6
+  // without brackets), letters in the case they were written in; empty when the URL has none.
   const std::string& host() const { return _host; }
   // host() in lower case without a trailing dot: what cookies and connection are keyed by.
   const std::string& canonicalHost() const { return _canonicalHost; }
@@ -53,6 +53,8 @@ class URL {
   bool _hostIsIPAddress = false;
 };
 
-inline const std::string& description(const URL& url) { return url.absoluteString(); }
+inline const std::string& description(const URL& url) {
+  return url.absoluteString();
+}
 
 }  // namespace tallow

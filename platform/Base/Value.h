@@ -151,8 +151,8 @@ class Value {
 };
 
 // For people and logs: strings as they are at the top level and quoted inside containers, data as
-// <hex> (shortened past 64 bytes), "(null)" for nil. Bounded in depth and length, so that no hostile
-// value makes a huge log line.
+// <hex> (shortened past 64 bytes), "(null)" for nil. Bounded in depth and length, so that no
+// hostile value makes a huge log line.
 std::string description(const Value& value);
 std::string description(const Array& array);
 std::string description(const Dictionary& dictionary);

@@ -11,9 +11,9 @@ namespace tallow {
 // Runs blocks one at a time, in the order they were submitted, on no thread in particular: async
 // blocks on the shared WorkerPool, sync blocks on the calling thread when their turn comes.
 //
-// Calling sync() from inside a block of the same queue cannot ever proceed; it is a programmer error
-// and aborts with the queue's label. Blocks must not throw.
-// Any thread may submit. The queue object may go away while blocks wait: they still run.
+// Calling sync() from inside a block of the same queue cannot ever proceed; it is a programmer
+// error and aborts with the queue's label. Blocks must not throw. Any thread may submit. The queue
+// object may go away while blocks wait: they still run.
 class SerialQueue {
  public:
   explicit SerialQueue(std::string label);
@@ -33,8 +33,8 @@ class SerialQueue {
     return block();
   }
 
-  // Runs `block` on this thread if the queue is idle right now (nothing running, nothing waiting) and
-  // returns true; otherwise returns false without running it. Never waits. Also false (never an
+  // Runs `block` on this thread if the queue is idle right now (nothing running, nothing waiting)
+  // and returns true; otherwise returns false without running it. Never waits. Also false (never an
   // abort) when this thread is already inside the queue.
   template <class Block>
   bool trySync(Block&& block) const {

@@ -6,9 +6,9 @@
 
 namespace tallow {
 
-// An elastic pool of threads for work that may block: grows while work waits and no thread is idle, up
-// to a bound; idle threads leave after a few seconds. The "global concurrent queue" of the system.
-// Any thread may submit; blocks must not throw.
+// An elastic pool of threads for work that may block: grows while work waits and no thread is idle,
+// up to a bound; idle threads leave after a few seconds. The "global concurrent queue" of the
+// system. Any thread may submit; blocks must not throw.
 class WorkerPool {
  public:
   explicit WorkerPool(std::size_t maxThreads);

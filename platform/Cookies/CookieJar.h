@@ -45,31 +45,31 @@ struct ParsedCookie {
 std::optional<ParsedCookie> parseSetCookie(std::string_view line);
 // The lenient date grammar of RFC 6265 section 5.1.1.
 std::optional<Date> parseCookieDate(std::string_view text);
-// The Set-Cookie lines of a response header dictionary: the name matched without regard to case, the
-// value a string, an array of strings, or one string of several cookies joined with commas (commas
-// inside Expires are not separators). Anything else is no cookie.
+// The Set-Cookie lines of a response header dictionary: the name matched without regard to case,
+// the value a string, an array of strings, or one string of several cookies joined with commas
+// (commas inside Expires are not separators). Anything else is no cookie.
 std::vector<std::string> setCookieLines(const Dictionary& responseHeaders);
 
 // Why a cookie was or was not stored.
 enum class CookieDecision {
   Stored,
-  Removed,             // an expired date took the stored cookie away
+  Removed,  // an expired date took the stored cookie away
   EmptyNameAndValue,
-  TooLarge,            // name plus value over 4096 bytes
+  TooLarge,  // name plus value over 4096 bytes
   ControlCharacter,
   DomainMismatch,
   PublicSuffix,
-  PrefixRule,          // __Host- or __Secure- without what they demand
-  InsecureOrigin,      // Secure over plain http, or would overlay a Secure cookie
+  PrefixRule,      // __Host- or __Secure- without what they demand
+  InsecureOrigin,  // Secure over plain http, or would overlay a Secure cookie
   HttpOnlyOverwrite,
 };
 
-// A jar of cookies in one SQLite file, held in memory while open. Every change is one transaction on
-// disk before the call returns. The owner serialises access: one thread at a time.
+// A jar of cookies in one SQLite file, held in memory while open. Every change is one transaction
+// on disk before the call returns. The owner serialises access: one thread at a time.
 //
-// Limits: at most 180 cookies a domain and 3,300 a jar; the expired go first, then the least recently
-// used. A corrupt file is set aside, logged, and a fresh one begun. When the disk refuses, the jar goes
-// on in memory, logs, and tries again with the next change.
+// Limits: at most 180 cookies a domain and 3,300 a jar; the expired go first, then the least
+// recently used. A corrupt file is set aside, logged, and a fresh one begun. When the disk refuses,
+// the jar goes on in memory, logs, and tries again with the next change.
 class CookieJar {
  public:
   struct Limits {
@@ -86,8 +86,8 @@ class CookieJar {
   static std::shared_ptr<CookieJar> shared();
   static std::shared_ptr<CookieJar> sharedForGroupContainer(std::string_view identifier);
 
-  // The cookies to send to `url`, in the order of RFC 6265 section 5.4 (longer paths first, then older
-  // first). Expired cookies never; Secure cookies only when `secureAllowed`.
+  // The cookies to send to `url`, in the order of RFC 6265 section 5.4 (longer paths first, then
+  // older first). Expired cookies never; Secure cookies only when `secureAllowed`.
   virtual std::vector<CookiePointer> cookiesForURL(const URL& url, bool secureAllowed) = 0;
   // Judges each parsed cookie against `url` and stores what passes, all in one transaction.
   virtual std::vector<CookieDecision> setCookies(const std::vector<ParsedCookie>& cookies,

@@ -43,8 +43,8 @@ struct HTTPResponse {
   // Set-Cookie as an array of strings when there is more than one.
   Dictionary headerDictionary() const;
 
-  // max-age of Cache-Control in seconds, as RFC 9111 section 5.2.2.1 says (no-cache or no-store count as
-  // 0; the first valid directive wins). nullopt when the response states none.
+  // max-age of Cache-Control in seconds, as RFC 9111 section 5.2.2.1 says (no-cache or no-store
+  // count as 0; the first valid directive wins). nullopt when the response states none.
   std::optional<double> cacheControlMaxAgeSeconds() const;
 };
 

@@ -11,11 +11,11 @@ namespace tallow {
 // The platform preferences: property-list values by domain, key, user and host.
 //
 // Values of the current user are kept in one SQLite file in WAL mode (one row per domain, host and
-// key, the value a binary property list), shared by several processes; those of any user are read from
-// the administrators' files tallowd/preferences/DOMAIN.toml in the configuration directories, and are
-// never written. A write survives kill -9 once the call has returned, and a power cut once the domain
-// has been synchronized. When the disk refuses a write the change is kept in memory, the failure is
-// logged, and the next write or synchronize tries again.
+// key, the value a binary property list), shared by several processes; those of any user are read
+// from the administrators' files tallowd/preferences/DOMAIN.toml in the configuration directories,
+// and are never written. A write survives kill -9 once the call has returned, and a power cut once
+// the domain has been synchronized. When the disk refuses a write the change is kept in memory, the
+// failure is logged, and the next write or synchronize tries again.
 //
 // Callable from any thread.
 class Preferences {

@@ -12,8 +12,8 @@ namespace PropertyList {
 enum class Format { XML, Binary };
 
 // Decodes either format (recognised by its first bytes). Refused, with an error and bounded work:
-// more than `maxBytes`, nesting deeper than kMaxDepth, cycles and shared-object bombs of binary lists,
-// trailing garbage, non-string keys, UIDs.
+// more than `maxBytes`, nesting deeper than kMaxDepth, cycles and shared-object bombs of binary
+// lists, trailing garbage, non-string keys, UIDs.
 inline constexpr std::size_t kMaxDepth = 512;
 Result<Value> decode(const Data& bytes, std::size_t maxBytes = 16u << 20);
 

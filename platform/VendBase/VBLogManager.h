@@ -23,10 +23,10 @@ struct LogFormat {
   std::source_location where;
 };
 
-// The shared log. Levels: 1 failures and unexpected data, 2 warnings, 3 progress and detail. Lines go
-// to the journal with structured fields (CODE_FILE, CODE_FUNC, CODE_LINE, TALLOW_LEVEL), or to
-// standard error where there is no journal. A line below the threshold costs one atomic read: nothing
-// is formatted. Callable from any thread.
+// The shared log. Levels: 1 failures and unexpected data, 2 warnings, 3 progress and detail. Lines
+// go to the journal with structured fields (CODE_FILE, CODE_FUNC, CODE_LINE, TALLOW_LEVEL), or to
+// standard error where there is no journal. A line below the threshold costs one atomic read:
+// nothing is formatted. Callable from any thread.
 //
 // Control characters and line breaks in arguments are written escaped, so that no peer can forge a
 // line.
@@ -60,7 +60,8 @@ class VBLogManager {
 
   // Dumps `value` at `level` to the log file named by the format.
   template <class... Args>
-  void logPropertyList(int level, const Value& value, CheckedFormat<std::type_identity_t<Args>...> fileName,
+  void logPropertyList(int level, const Value& value,
+                       CheckedFormat<std::type_identity_t<Args>...> fileName,
                        const Args&... arguments) {
     if (!isEnabled(level)) return;
     const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/Base/Error.h"
+#include "platform/Base/URL.h"
+#include "platform/Base/Value.h"
+#include "platform/VendBase/HSServiceProxy.h"
+#include "platform/VendBase/HSStoreClient.h"
+
+namespace tallow {
+
+// One unit of work for a store client. The subclass's run() does it, synchronously, and sets
+// success and error. Made by shared_ptr, run once, either synchronously or through an
+// HSOperationQueue; read success and error after it has finished. Only the running thread touches
+// it meanwhile.
+class HSOperation : public std::enable_shared_from_this<HSOperation> {
+ public:
+  using CompletionHandler =
+      std::function<void(HSOperation& operation, bool success, const std::optional<Error>& error)>;
+
+  explicit HSOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient);
+  virtual ~HSOperation();
+
+  const std::shared_ptr<const HSStoreClient>& storeClient() const { return _storeClient; }
+  bool success() const { return _success; }
+  void setSuccess(bool success) { _success = success; }
+  const std::optional<Error>& error() const { return _error; }
+  void setError(std::optional<Error> error) { _error = std::move(error); }
+
+  // The bag type that lookups by key use; the client's own unless set. 0: this operation needs no
+  // bag.
+  std::uint64_t requiredBagType() const { return _requiredBagType; }
+  void setRequiredBagType(std::uint64_t bagType) { _requiredBagType = bagType; }
+
+  void setCompletionHandler(CompletionHandler handler) { _completionHandler = std::move(handler); }
+
+  // The operation's own way to the account service, made on first use.
+  HSServiceProxy& serviceProxy();
+
+  // Looks up a bag value or URL through the account service; waits for the answer.
+  Value valueForURLBagKey(const std::string& key);
+  std::optional<URL> urlForURLBagKey(const std::string& key);
+
+  // Runs the operation on this thread, completion handler included. The result is success();
+  // *error receives error().
+  bool runSyncReturningError(std::optional<Error>* error);
+  // The same for an operation that is a step of this one.
+  bool runSubOperation(HSOperation& operation, std::optional<Error>* error);
+
+  // From any thread: asks the operation to end early with kHSErrorCancelled.
+  virtual void cancel();
+  bool isCancelled() const;
+
+ protected:
+  virtual void run() = 0;
+
+ private:
+  std::shared_ptr<const HSStoreClient> _storeClient;
+  std::uint64_t _requiredBagType;
+  bool _success = false;
+  std::optional<Error> _error;
+  CompletionHandler _completionHandler;
+  std::unique_ptr<HSServiceProxy> _serviceProxy;
+  mutable std::mutex _cancelLock;
+  bool _cancelled = false;
+  std::weak_ptr<HSOperation> _runningSubOperation;
+};
+
+}  // namespace tallow

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "platform/VendBase/HSAccountService.h"
+#include "platform/VendBase/HSStoreClient.h"
+
+namespace tallow {
+
+// The store library's way to the store's services on behalf of one client. Inside the daemon the
+// account service is the daemon itself: calls made here do not run on the calling thread but hop to
+// a queue of this proxy's own, so that code which holds a bag's queue or a registry lock can hand
+// things in (cookies, a storefront) without locking itself up. Calls of one proxy run in order;
+// calls of two proxies are independent of each other. Any thread may call.
+class HSServiceProxy {
+ public:
+  explicit HSServiceProxy(std::shared_ptr<const HSStoreClient> initWithStoreClient);
+
+  // Never null in the daemon; null in a process that has set no local account service.
+  std::shared_ptr<HSAccountService> accountService();
+
+  // Names the in-process account service: makes an interface object for a client. Set once, by the
+  // service's host, before the first request (tests set a fake).
+  using LocalAccountService =
+      std::function<std::shared_ptr<HSAccountService>(std::shared_ptr<const HSStoreClient>)>;
+  static LocalAccountService setLocalAccountService(LocalAccountService factory);  // the previous
+
+ private:
+  std::shared_ptr<const HSStoreClient> _storeClient;
+  std::shared_ptr<HSAccountService> _accountService;
+};
+
+}  // namespace tallow

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Base/Error.h"
+#include "platform/VendBase/HSAccountService.h"
+#include "platform/XPC/XPCConnection.h"
+
+namespace tallow {
+
+class XPCListenerDelegate {
+ public:
+  virtual ~XPCListenerDelegate() = default;
+  // The object that serves this connection; null refuses it. Called on the listener's thread,
+  // before any call of the connection is delivered.
+  virtual std::shared_ptr<HSAccountService> listenerShouldAcceptNewConnection(
+      const XPCConnection& connection) = 0;
+};
+
+// Publishes the service on the bus: claims the name, exports the object /com/vantor/tallowd, finds
+// out who calls, and hands every call to the object that the delegate made for that caller.
+//
+// Everything a caller can make the service hold is counted against that caller and bounded: calls
+// that wait (256; more answer LimitsExceeded), observers, connections per user. A caller that no
+// descriptor names is refused with AccessDenied, every operation alike. A reply that is dropped
+// unanswered answers com.vantor.Error.NoReply.
+class XPCListener {
+ public:
+  enum class Bus { Session, System };
+
+  // `serviceName` is the bus name: "com.vantor.tallowd", or "com.vantor.tallowd.daemon" on the
+  // system bus.
+  static std::unique_ptr<XPCListener> initWithMachServiceName(std::string serviceName, Bus bus);
+  virtual ~XPCListener() = default;
+
+  virtual void setDelegate(XPCListenerDelegate* delegate) = 0;  // before resume
+  // Connects, exports, claims the name and starts the reader thread. The error when the bus is not
+  // there or the name is taken.
+  virtual std::optional<Error> resume() = 0;
+  // What the status interface's Describe() answers, one JSON text; asked on a worker thread.
+  virtual void setStatusProvider(std::function<std::string()> provider) = 0;
+};
+
+}  // namespace tallow
