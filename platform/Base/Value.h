@@ -42,7 +42,7 @@ class Array {
 // Safe to read from any thread at once. Lookup is a binary search, no allocation.
 class Dictionary {
  public:
-  using Entry = std::pair<std::string, Value>;
+  struct Entry;  // key and value, below
 
   Dictionary() = default;
   // Later entries replace earlier ones of the same key; entries with a nil value are left out.
@@ -148,6 +148,11 @@ class Value {
   std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, StringPointer, Data, Date,
                Array, Dictionary>
       _payload;
+};
+
+struct Dictionary::Entry {
+  std::string key;
+  Value value;
 };
 
 // For people and logs: strings as they are at the top level and quoted inside containers, data as

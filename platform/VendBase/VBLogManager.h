@@ -2,13 +2,14 @@
 
 #include <atomic>
 #include <memory>
-#include <source_location>
+
 #include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "platform/Base/Format.h"
+#include "platform/Base/SourceLocation.h"
 #include "platform/Base/Value.h"
 
 namespace tallow {
@@ -16,11 +17,10 @@ namespace tallow {
 // A format text together with the place in the source that logs it.
 template <class... Args>
 struct LogFormat {
-  consteval LogFormat(const char* text,
-                      std::source_location where = std::source_location::current())
+  consteval LogFormat(const char* text, SourceLocation where = SourceLocation::current())
       : format(text), where(where) {}
   CheckedFormat<Args...> format;
-  std::source_location where;
+  SourceLocation where;
 };
 
 // The shared log. Levels: 1 failures and unexpected data, 2 warnings, 3 progress and detail. Lines
@@ -36,7 +36,7 @@ class VBLogManager {
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void write(int level, const std::source_location& where, std::string_view file,
+    virtual void write(int level, const SourceLocation& where, std::string_view file,
                        std::string_view line) = 0;
     // A whole property list, for a person to read, under the name of a log file.
     virtual void writePropertyList(int level, std::string_view fileName, const Value& value) = 0;
@@ -70,7 +70,7 @@ class VBLogManager {
 
  private:
   VBLogManager();
-  void _write(int level, const std::source_location& where, std::string_view format,
+  void _write(int level, const SourceLocation& where, std::string_view format,
               std::span<const FormatArgument> arguments);
   void _writePropertyList(int level, const Value& value, std::string fileName);
 
