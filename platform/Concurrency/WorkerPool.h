@@ -11,7 +11,7 @@ namespace tallow {
 // system. Any thread may submit; blocks must not throw.
 class WorkerPool {
  public:
-  explicit WorkerPool(std::size_t maxThreads);
+  explicit WorkerPool(std::size_t maxThreads, double idleSeconds = 3);
   ~WorkerPool();  // waits for the work that has been submitted
 
   void async(std::function<void()> block);

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <memory>
-
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,8 +16,8 @@ namespace tallow {
 // A format text together with the place in the source that logs it.
 template <class... Args>
 struct LogFormat {
-  consteval LogFormat(const char* text, SourceLocation where = SourceLocation::current())
-      : format(text), where(where) {}
+  consteval LogFormat(const char* text, SourceLocation caller = SourceLocation::current())
+      : format(text), where(caller) {}
   CheckedFormat<Args...> format;
   SourceLocation where;
 };
@@ -42,6 +41,12 @@ class VBLogManager {
     virtual void writePropertyList(int level, std::string_view fileName, const Value& value) = 0;
   };
 
+  // The name under which the service's lines are found.
+  static constexpr const char* kIdentifier = "tallowd";
+  static constexpr int kDefaultThreshold = 2;
+
+  // Made on first use from the environment: TALLOW_LOG_LEVEL (0 to 3) is the threshold; TALLOW_LOG
+  // ("journal", "stderr") says where lines go, else the journal if standard error leads there.
   static VBLogManager& sharedManager();
 
   bool isEnabled(int level) const { return level <= _threshold.load(std::memory_order_relaxed); }
@@ -72,6 +77,8 @@ class VBLogManager {
   VBLogManager();
   void _write(int level, const SourceLocation& where, std::string_view format,
               std::span<const FormatArgument> arguments);
+  void _readThresholdFromEnvironment();
+  std::shared_ptr<Sink> _sink() const;
   void _writePropertyList(int level, const Value& value, std::string fileName);
 
   struct State;

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <filesystem>
+
+#include "platform/VendBase/StandardErrorLogSink.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+// Writes log lines to the system's journal with the fields MESSAGE, PRIORITY (3 error, 4 warning, 7
+// debug for levels 1, 2, 3), TALLOW_LEVEL, SYSLOG_IDENTIFIER, CODE_FILE, CODE_FUNC and CODE_LINE. A
+// line the journal does not take goes to standard error. Any thread.
+class JournalLogSink final : public VBLogManager::Sink {
+ public:
+  explicit JournalLogSink(std::filesystem::path propertyListFolder);
+
+  // Whether standard error is the stream that the service manager has connected to the journal
+  // (systemd.exec(5), JOURNAL_STREAM).
+  static bool standardErrorIsJournal();
+
+  void write(int level, const SourceLocation& where, std::string_view file,
+             std::string_view line) override;
+  void writePropertyList(int level, std::string_view fileName, const Value& value) override;
+
+ private:
+  StandardErrorLogSink _fallback;
+};
+
+}  // namespace tallow
