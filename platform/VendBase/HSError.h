@@ -13,6 +13,8 @@ inline constexpr const char* kHSErrorDomain = "HSErrorDomain";
 // message, or the title when there is no message).
 inline constexpr const char* kHSErrorTitleKey = "title";
 inline constexpr const char* kHSErrorMessageKey = "message";
+// User-info key of the number that the server answered with (kHSErrorHTTPStatus).
+inline constexpr const char* kHSErrorStatusKey = "status";
 
 // Codes of the store library's error domain that the system itself makes. Codes that a server names
 // ("failureType", "status") travel in the same domain.

@@ -1,22 +1,27 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <utility>
 
 #include "platform/Base/Error.h"
 #include "platform/Base/URL.h"
 #include "platform/Base/Value.h"
+#include "platform/VendBase/HSPendingReply.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/HSStoreClient.h"
 
 namespace tallow {
 
 // One unit of work for a store client. The subclass's run() does it, synchronously, and sets
-// success and error. Made by shared_ptr, run once, either synchronously or through an
-// HSOperationQueue; read success and error after it has finished. Only the running thread touches
-// it meanwhile.
+// success and error; a plain HSOperation does nothing, with success, and is good for running other
+// operations under. Made by shared_ptr, run once (a second run aborts), either synchronously or
+// through an HSOperationQueue; read success and error after it has finished. Only the running
+// thread touches it meanwhile; cancel() and isCancelled() may be called from any.
 class HSOperation : public std::enable_shared_from_this<HSOperation> {
  public:
   using CompletionHandler =
@@ -38,7 +43,8 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
 
   void setCompletionHandler(CompletionHandler handler) { _completionHandler = std::move(handler); }
 
-  // The operation's own way to the account service, made on first use.
+  // The operation's own way to the account service, made on first use. Its service answers for the
+  // store client as it is, whatever bag type this operation requires.
   HSServiceProxy& serviceProxy();
 
   // Looks up a bag value or URL through the account service; waits for the answer.
@@ -51,12 +57,41 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
   // The same for an operation that is a step of this one.
   bool runSubOperation(HSOperation& operation, std::optional<Error>* error);
 
-  // From any thread: asks the operation to end early with kHSErrorCancelled.
-  virtual void cancel();
+  // From any thread: asks the operation to end early with kHSErrorCancelled. What it waits for
+  // (an answer, an exchange, a sub-operation) is interrupted; one that has not started will not.
+  void cancel();
   bool isCancelled() const;
 
  protected:
-  virtual void run() = 0;
+  virtual void run();
+
+  // While it lives, cancel() calls `interrupt`: at once when it has been called before, else on the
+  // cancelling thread, perhaps while the scope is just ending. So `interrupt` may only touch what
+  // it keeps alive itself. Scopes nest; the innermost is the one that is interrupted.
+  class CancelScope {
+   public:
+    CancelScope(HSOperation& operation, std::function<void()> interrupt);
+    ~CancelScope();
+    CancelScope(const CancelScope&) = delete;
+    CancelScope& operator=(const CancelScope&) = delete;
+
+   private:
+    HSOperation& _operation;
+    std::function<void()> _outer;
+  };
+
+  // The answer; nullopt when it will not come, not within `seconds`, or cancel() came first.
+  template <class T>
+  std::optional<T> waitForReply(const HSPendingReply<T>& reply,
+                                std::optional<double> seconds = std::nullopt) {
+    const CancelScope scope(*this, [reply] { reply.abandon(); });
+    return reply.wait(seconds);
+  }
+
+  // The way to the account service whose bag is of the required type.
+  HSServiceProxy& bagServiceProxy();
+
+  static Error cancellationError();
 
  private:
   std::shared_ptr<const HSStoreClient> _storeClient;
@@ -64,10 +99,11 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
   bool _success = false;
   std::optional<Error> _error;
   CompletionHandler _completionHandler;
-  std::unique_ptr<HSServiceProxy> _serviceProxy;
+  std::unique_ptr<HSServiceProxy> _serviceProxy, _bagServiceProxy;
+  bool _hasRun = false;
   mutable std::mutex _cancelLock;
-  bool _cancelled = false;
-  std::weak_ptr<HSOperation> _runningSubOperation;
+  bool _cancelled = false;           // with _interrupt under _cancelLock
+  std::function<void()> _interrupt;  // of the innermost scope
 };
 
 }  // namespace tallow

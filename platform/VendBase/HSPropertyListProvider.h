@@ -17,13 +17,15 @@ class HSDataProvider {
   virtual Result<Value> outputForResponse(const HTTPResponse& response) = 0;
 };
 
-// Decodes the body as a property list. With protocol processing on it also acts on the store
-// protocol found in it.
+// Decodes the body as a property list; a body that is none (an empty one included) is the error
+// kHSErrorInvalidPropertyList. Used by one operation, on its thread.
 class HSPropertyListProvider final : public HSDataProvider {
  public:
   static std::shared_ptr<HSPropertyListProvider> providerWithStoreClient(
       std::shared_ptr<const HSStoreClient> storeClient);
 
+  // Whether this request wants the store protocol in the answer acted on. The bag's requests do
+  // not: what they fetch says who is to be trusted.
   void setShouldProcessProtocol(bool should) { _shouldProcessProtocol = should; }
   bool shouldProcessProtocol() const { return _shouldProcessProtocol; }
 

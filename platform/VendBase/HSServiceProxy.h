@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/VendBase/HSStoreClient.h"
@@ -27,8 +28,9 @@ class HSServiceProxy {
   static LocalAccountService setLocalAccountService(LocalAccountService factory);  // the previous
 
  private:
-  std::shared_ptr<const HSStoreClient> _storeClient;
-  std::shared_ptr<HSAccountService> _accountService;
+  const std::shared_ptr<const HSStoreClient> _storeClient;
+  std::mutex _lock;
+  std::shared_ptr<HSAccountService> _accountService;  // made on first use, under _lock
 };
 
 }  // namespace tallow

@@ -8,6 +8,7 @@
 #include "platform/HTTP/HTTPTransport.h"
 #include "platform/VendBase/HSOperation.h"
 #include "platform/VendBase/HSPropertyListProvider.h"
+#include "platform/VendBase/HSRequestHop.h"
 #include "platform/VendBase/HSURLRequest.h"
 
 namespace tallow {
@@ -17,10 +18,12 @@ class HSStoreURLOperation;
 class HSStoreURLOperationDelegate {
  public:
   virtual ~HSStoreURLOperationDelegate() = default;
-  // The decoded body of the final response, on the operation's thread.
+  // The decoded body of the final response, on the operation's thread. Success is set by then; it
+  // may be taken back.
   virtual void operationFinishedWithOutput(HSStoreURLOperation& /*operation*/,
                                            const Value& /*output*/) {}
   // Whether the operation itself should hand the storefront of a response to the account service.
+  // Asked for each response that sets one, redirects included.
   virtual bool operationShouldSetStoreFrontID(HSStoreURLOperation& /*operation*/,
                                               const std::string& /*storeFrontID*/) {
     return true;
@@ -33,8 +36,19 @@ class HSStoreURLOperationDelegate {
 // response's cookies, machine-identity actions and storefront to the account service; decodes the
 // body through its data provider and gives it to the output handler or the delegate.
 //
+// Standard headers, each left out where there is nothing to send and none replacing one that the
+// request sets itself: User-Agent (the client's), X-Vantor-Store-Front, what the account service
+// gives for the URL (cookies; machine identity unless suppressed), X-Vantor-GUID (when the request
+// always sends it or the bag allows it). Asked for anew for each hop.
+//
 // An operation whose required bag type is 0 needs no bag: it has no trust to ask for, so its
-// redirects may only stay on the host that it was told to trust.
+// redirects may only stay on the host that it was told to trust. It never asks the account service
+// for anything that needs a bag, so it may run inside a bag's load.
+//
+// Errors: of the transport as they are (domain "HTTP"), of the data provider, and of
+// kHSErrorDomain: NoBagEntry, NotTrusted, TooManyRedirects, InsecureRedirect, InvalidResponse (a
+// redirect to no web address), HTTPStatus (a final status outside 200 to 299, which is in the user
+// info), Cancelled, ServiceUnavailable.
 class HSStoreURLOperation : public HSOperation {
  public:
   using OutputHandler = std::function<void(HSStoreURLOperation& operation, const Value& output)>;
@@ -42,7 +56,8 @@ class HSStoreURLOperation : public HSOperation {
   explicit HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient);
   ~HSStoreURLOperation() override;
 
-  // A client-ID ping: GET, standard headers, any body, success on a 2xx status.
+  // A client-ID ping: GET, standard headers, any body, success on a 2xx status. The bag names the
+  // URLs to ping, so they are known to be trusted; where they redirect to is not.
   static std::shared_ptr<HSStoreURLOperation> pingOperationWithUrl(
       URL url, std::shared_ptr<const HSStoreClient> storeClient);
 
@@ -52,16 +67,19 @@ class HSStoreURLOperation : public HSOperation {
   // Must outlive the run; not owned.
   void setDelegate(HSStoreURLOperationDelegate* delegate) { _delegate = delegate; }
   void setOutputHandler(OutputHandler handler) { _outputHandler = std::move(handler); }
+  // Without one the output is the body itself, as data.
   void setDataProvider(std::shared_ptr<HSDataProvider> provider) {
     _dataProvider = std::move(provider);
   }
   void setURLKnownToBeTrusted(bool trusted) { _urlKnownToBeTrusted = trusted; }
+  // Three tries in all, with growing, jittered pauses, within the time of the run. A request that
+  // may have reached the server is only repeated when repeating it changes nothing.
   void setShouldRetryOnNetworkError(bool retry) { _shouldRetryOnNetworkError = retry; }
   // Whether the run waits until the account service has taken in a response's cookies and
   // storefront before it goes on (the default). A run under a lock that taking them in needs must
   // not wait.
   void setWaitsForResponseIntake(bool waits) { _waitsForResponseIntake = waits; }
-  // Bounds of the whole run, redirects and retries included: 60 s unless set.
+  // Bounds of the whole run, redirects and retries included: 60 s unless set, 15 s without a bag.
   void setTotalTimeoutSeconds(double seconds) { _totalTimeoutSeconds = seconds; }
 
   // The last HTTP response; null before one has arrived.
@@ -69,12 +87,24 @@ class HSStoreURLOperation : public HSOperation {
   // The response's max-age in seconds written into *maxAge; left unchanged when it states none.
   void getVantorMaxAge(double* maxAge) const;
 
-  void cancel() override;
+  const std::shared_ptr<HSDataProvider>& dataProvider() const { return _dataProvider; }
 
  protected:
   void run() override;
 
  private:
+  std::optional<Error> _resolveURL();
+  std::optional<Error> _fetch();
+  std::optional<Error> _trustFailure(const URL& url);
+  std::optional<Error> _redirectFailure(const URL& from, const URL& to);
+  Result<HTTPResponse> _send(const HSRequestHop& hop);
+  Result<HTTPResponse> _exchange(const HSRequestHop& hop);
+  bool _pause(double seconds);
+  void _addStandardHeaders(HSRequestHop& hop);
+  void _takeIn(const HTTPResponse& response);
+  std::optional<Error> _deliverOutput();
+  double _remainingSeconds() const;
+
   HSURLRequest _request;
   std::optional<std::string> _urlBagKey;
   HSStoreURLOperationDelegate* _delegate = nullptr;
@@ -83,7 +113,9 @@ class HSStoreURLOperation : public HSOperation {
   bool _urlKnownToBeTrusted = false;
   bool _shouldRetryOnNetworkError = false;
   bool _waitsForResponseIntake = true;
-  double _totalTimeoutSeconds = 60;
+  std::optional<double> _totalTimeoutSeconds;
+  double _deadline = 0;  // on the monotonic clock
+  std::unique_ptr<HSServiceProxy> _intakeProxy;
   std::unique_ptr<HTTPResponse> _response;
 };
 

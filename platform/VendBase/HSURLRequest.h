@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Base/URL.h"
@@ -23,6 +24,8 @@ class HSURLRequest {
   void setURLs(std::vector<URL> urls) { _urls = std::move(urls); }
   // The URL that the request was made with; nullopt when it has none yet.
   std::optional<URL> primaryURL() const;
+  // That URL with the query dictionary added: what goes out first.
+  std::optional<URL> urlToSend() const;
 
   std::string method = "GET";
   Data body;

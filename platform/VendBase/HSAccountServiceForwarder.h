@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/Concurrency/SerialQueue.h"
+#include "platform/VendBase/HSAccountService.h"
+
+namespace tallow {
+
+// Passes every operation on to another account service, later, from a queue of its own and in the
+// order of the calls; the caller's thread does no more than submit. Arguments are moved, not
+// copied. Owned by one HSServiceProxy and whoever took it from there. Any thread may call.
+class HSAccountServiceForwarder final : public HSAccountService {
+ public:
+  explicit HSAccountServiceForwarder(std::shared_ptr<HSAccountService> target);
+
+  void valueForURLBagKey(std::string key, Reply<Value> reply) override;
+  void urlIsTrustedByURLBag(std::optional<URL> url, Reply<bool> reply) override;
+  void needsSilentOrvActionForURL(std::optional<URL> url, Reply<bool> reply) override;
+  void loadURLBagWithType(std::uint64_t bagType,
+                          Reply<bool, bool, std::optional<Error>> reply) override;
+  void invalidateAllBags(Done reply) override;
+  void regexWithKey(std::string key, std::string matchesString, Reply<bool> reply) override;
+  void isValid(Reply<bool> reply) override;
+  void dictionary(Reply<std::optional<Dictionary>> reply) override;
+  void addURLBagObserver(std::shared_ptr<HSURLBagObserver> observer, Done reply) override;
+  void removeURLBagObserver(std::shared_ptr<HSURLBagObserver> observer, Done reply) override;
+  void shouldSendGUIDWithRequestForURL(std::optional<URL> url, Reply<bool> reply) override;
+  void consumeCookiesWithHTTPHeaders(Dictionary headers, std::optional<URL> fromURL,
+                                     Done reply) override;
+  void httpHeadersForURL(std::optional<URL> url, std::optional<std::uint64_t> forDSID,
+                         bool includeOrvHeaders, Reply<Dictionary> reply) override;
+  void deleteAllCookies(Done reply) override;
+  void storeFront(Reply<std::optional<std::string>> reply) override;
+  void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) override;
+
+ private:
+  template <class... Parameters>
+  void forward(void (HSAccountService::*operation)(Parameters...), Parameters... arguments);
+
+  std::shared_ptr<HSAccountService> _target;
+  SerialQueue _queue{"HSServiceProxy Queue"};
+};
+
+}  // namespace tallow

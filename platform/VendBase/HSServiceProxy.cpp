@@ -1,0 +1,50 @@
+#include "platform/VendBase/HSServiceProxy.h"
+
+#include <utility>
+
+#include "platform/VendBase/HSAccountServiceForwarder.h"
+
+namespace tallow {
+
+namespace {
+
+struct LocalServices {
+  std::mutex lock;
+  HSServiceProxy::LocalAccountService accountService;
+};
+
+LocalServices& localServices() {
+  static LocalServices& services = *new LocalServices;
+  return services;
+}
+
+HSServiceProxy::LocalAccountService localAccountService() {
+  LocalServices& services = localServices();
+  const std::lock_guard guard(services.lock);
+  return services.accountService;
+}
+
+}  // namespace
+
+HSServiceProxy::HSServiceProxy(std::shared_ptr<const HSStoreClient> initWithStoreClient)
+    : _storeClient(std::move(initWithStoreClient)) {}
+
+std::shared_ptr<HSAccountService> HSServiceProxy::accountService() {
+  const std::lock_guard guard(_lock);
+  if (!_accountService) {
+    const LocalAccountService factory = localAccountService();
+    if (!factory) return nullptr;
+    if (auto local = factory(_storeClient))
+      _accountService = std::make_shared<HSAccountServiceForwarder>(std::move(local));
+  }
+  return _accountService;
+}
+
+HSServiceProxy::LocalAccountService HSServiceProxy::setLocalAccountService(
+    LocalAccountService factory) {
+  LocalServices& services = localServices();
+  const std::lock_guard guard(services.lock);
+  return std::exchange(services.accountService, std::move(factory));
+}
+
+}  // namespace tallow

@@ -1,0 +1,294 @@
+#include "platform/VendBase/HSStoreURLOperation.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <string_view>
+#include <utility>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/Random.h"
+#include "platform/Concurrency/RunLoop.h"
+#include "platform/VendBase/HSDevice.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "HSStoreURLOperation";
+
+constexpr int kMaxRedirects = 5;
+constexpr double kTotalTimeoutSeconds = 60;
+constexpr double kBaglessTotalTimeoutSeconds = 15;
+
+constexpr int kMaxAttempts = 3;
+constexpr double kFirstRetryPauseSeconds = 0.5;  // doubled each time, and up to as much again
+
+constexpr const char* kStoreFrontHeader = "X-Vantor-Store-Front";
+constexpr const char* kGUIDHeader = "X-Vantor-GUID";
+// Looked for in this order, exactly as written.
+constexpr std::array kSetStoreFrontHeaders = {"X-Set-Vantor-Store-Front",
+                                              "x-set-vantor-store-front"};
+
+Error serviceUnavailable() {
+  return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
+}
+
+Error timedOut() {
+  return makeError("HTTP", HTTPTransport::kTimedOut, "The request timed out");
+}
+
+std::optional<Error> failureForStatus(int statusCode) {
+  if (statusCode >= 200 && statusCode < 300) return std::nullopt;
+  Error error = HSError(kHSErrorHTTPStatus, std::nullopt,
+                        format("The store answered with status %d", statusCode));
+  error.userInfo = error.userInfo.setting(kHSErrorStatusKey, statusCode);
+  return error;
+}
+
+// Whether sending once more can help and cannot do the work twice: an exchange that never reached
+// the server, or one that a repeat leaves as it is (RFC 9110 section 9.2.2).
+bool mayRetry(const Error& error, std::string_view method) {
+  if (error.domain != "HTTP") return false;
+  if (error.code == HTTPTransport::kCannotConnect) return true;
+  return (error.code == HTTPTransport::kTimedOut || error.code == HTTPTransport::kConnectionLost) &&
+         method != "POST" && method != "PATCH";
+}
+
+std::optional<std::string> storeFrontSetBy(const HTTPResponse& response) {
+  for (const char* name : kSetStoreFrontHeaders)
+    if (auto value = response.header(name)) return value;
+  return std::nullopt;
+}
+
+}  // namespace
+
+HSStoreURLOperation::HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient)
+    : HSOperation(std::move(initWithStoreClient)) {}
+
+HSStoreURLOperation::~HSStoreURLOperation() = default;
+
+std::shared_ptr<HSStoreURLOperation> HSStoreURLOperation::pingOperationWithUrl(
+    URL url, std::shared_ptr<const HSStoreClient> storeClient) {
+  auto operation = std::make_shared<HSStoreURLOperation>(std::move(storeClient));
+  operation->setRequest(HSURLRequest(std::move(url)));
+  operation->setURLKnownToBeTrusted(true);
+  return operation;
+}
+
+void HSStoreURLOperation::getVantorMaxAge(double* maxAge) const {
+  if (!_response) return;
+  if (const std::optional<double> stated = _response->cacheControlMaxAgeSeconds())
+    *maxAge = *stated;
+}
+
+void HSStoreURLOperation::run() {
+  _deadline = Clock::shared().monotonicSeconds() +
+              _totalTimeoutSeconds.value_or(requiredBagType() == 0 ? kBaglessTotalTimeoutSeconds
+                                                                   : kTotalTimeoutSeconds);
+  std::optional<Error> failure = _resolveURL();
+  if (!failure) failure = _fetch();
+  if (!failure) failure = failureForStatus(_response->statusCode);
+  if (!failure) failure = _deliverOutput();
+  if (!failure) return;
+  logLevel(3, "%@: %@ failed: %@", kClassName, _request.primaryURL(), *failure);
+  setSuccess(false);
+  setError(isCancelled() ? cancellationError() : std::move(*failure));
+}
+
+// The bag's URL takes the place of the request's only when the request has none.
+std::optional<Error> HSStoreURLOperation::_resolveURL() {
+  if (!_request.urls().empty()) return std::nullopt;
+  std::optional<URL> url;
+  if (_urlBagKey) url = urlForURLBagKey(*_urlBagKey);
+  if (!url)
+    return HSError(kHSErrorNoBagEntry, std::nullopt,
+                   format("There is no URL under the bag key %@", _urlBagKey));
+  _request.setURLs({*std::move(url)});
+  return std::nullopt;
+}
+
+// Sends the request and follows redirects until a response is the final one, in _response.
+std::optional<Error> HSStoreURLOperation::_fetch() {
+  HSRequestHop hop(*_request.urlToSend());
+  hop.method = _request.method;
+  hop.headers = _request.headers;
+  hop.body = _request.body;
+  if (!_urlKnownToBeTrusted)
+    if (auto refusal = _trustFailure(hop.url)) return refusal;
+
+  for (int redirects = 0;; ++redirects) {
+    Result<HTTPResponse> response = _send(hop);
+    if (!response) return response.error();
+    _response = std::make_unique<HTTPResponse>(std::move(*response));
+    _takeIn(*_response);
+    if (!HSRequestHop::isRedirect(*_response)) return std::nullopt;
+    if (redirects == kMaxRedirects)
+      return HSError(kHSErrorTooManyRedirects, std::nullopt, "The store redirects without end");
+    Result<HSRequestHop> next = hop.hopAfterRedirect(*_response);
+    if (!next) return next.error();
+    if (auto refusal = _redirectFailure(hop.url, next->url)) return refusal;
+    hop = std::move(*next);
+    std::vector<URL> urls = _request.urls();
+    urls.push_back(hop.url);
+    _request.setURLs(std::move(urls));
+  }
+}
+
+// Asks the bag; without one there is nobody to ask, and nothing to trust.
+std::optional<Error> HSStoreURLOperation::_trustFailure(const URL& url) {
+  if (requiredBagType() != 0) {
+    const auto service = bagServiceProxy().accountService();
+    if (!service) return serviceUnavailable();
+    const HSPendingReply<bool> reply;
+    service->urlIsTrustedByURLBag(url, reply.callback());
+    const std::optional<bool> isTrusted = waitForReply(reply, _remainingSeconds());
+    if (!isTrusted) return serviceUnavailable();
+    if (*isTrusted) return std::nullopt;
+  }
+  logLevel(1, "%@: Refusing untrusted URL %@", kClassName, url);
+  return HSError(kHSErrorNotTrusted, std::nullopt,
+                 "The store's settings do not trust this address");
+}
+
+std::optional<Error> HSStoreURLOperation::_redirectFailure(const URL& from, const URL& to) {
+  logLevel(3, "%@: Redirected from %@ to %@", kClassName, from, to);
+  const bool staysOnHost =
+      !to.canonicalHost().empty() && to.canonicalHost() == from.canonicalHost();
+  if (requiredBagType() == 0 && staysOnHost) return std::nullopt;
+  return _trustFailure(to);
+}
+
+// One hop, tried again after network errors where that was asked for.
+Result<HTTPResponse> HSStoreURLOperation::_send(const HSRequestHop& hop) {
+  HSRequestHop complete = hop;
+  _addStandardHeaders(complete);
+  double longestPause = kFirstRetryPauseSeconds;
+  for (int attempt = 1;; ++attempt, longestPause *= 2) {
+    Result<HTTPResponse> response = _exchange(complete);
+    if (response || !_shouldRetryOnNetworkError || attempt == kMaxAttempts ||
+        !mayRetry(response.error(), hop.method))
+      return response;
+    const double pause = longestPause * (1 + Random::shared().unit());
+    if (pause >= _remainingSeconds()) return response;
+    logLevel(2, "%@: Trying %@ again in %.2f seconds after %@", kClassName, hop.url, pause,
+             response.error());
+    if (!_pause(pause)) return cancellationError();
+  }
+}
+
+Result<HTTPResponse> HSStoreURLOperation::_exchange(const HSRequestHop& hop) {
+  HTTPRequest request(hop.url);
+  request.method = hop.method;
+  request.headers = hop.headers;
+  request.body = hop.body;
+  request.bypassCaches = _request.cachePolicy == HSURLRequest::kReloadIgnoringLocalCacheData;
+  request.totalTimeoutSeconds = _remainingSeconds();
+  if (isCancelled()) return cancellationError();
+  if (request.totalTimeoutSeconds <= 0) return timedOut();
+
+  const HSPendingReply<Result<HTTPResponse>> reply;
+  const std::shared_ptr<HTTPTransport::Exchange> exchange =
+      HTTPTransport::shared().start(std::move(request), reply.callback());
+  // Not abandoned when cancelled: the transport still answers, and is then done with the exchange.
+  const CancelScope scope(*this, [exchange] { exchange->cancel(); });
+  std::optional<Result<HTTPResponse>> response = reply.wait();
+  if (!response) return makeError("HTTP", HTTPTransport::kOther, "The exchange ended unanswered");
+  return *std::move(response);
+}
+
+// False when cancelled. The run loop keeps the time; this thread only waits for it.
+bool HSStoreURLOperation::_pause(double seconds) {
+  const HSPendingReply<std::monostate> over;
+  const auto timer = RunLoop::main().addTimer(seconds, over.doneCallback());
+  waitForReply(over, _remainingSeconds());
+  timer->invalidate();
+  return !isCancelled();
+}
+
+// What goes with every store request; a header that the request sets itself stays as it is. The
+// questions go out together and are waited for together. A run without a bag asks nothing that
+// needs one: it may well be the bag's own load, with the bag's queue held.
+void HSStoreURLOperation::_addStandardHeaders(HSRequestHop& hop) {
+  const bool hasBag = requiredBagType() != 0;
+  const HSPendingReply<std::optional<std::string>> storeFront;
+  const HSPendingReply<Dictionary> headers;
+  const HSPendingReply<bool> maySendGUID;
+  if (const auto service = serviceProxy().accountService()) {
+    service->storeFront(storeFront.callback());
+    service->httpHeadersForURL(hop.url, std::nullopt, hasBag && !_request.suppressOrvHeaders,
+                               headers.callback());
+  } else {
+    storeFront.abandon();
+    headers.abandon();
+  }
+  const auto bagService = hasBag && !_request.alwaysSendGUID ? bagServiceProxy().accountService()
+                                                             : std::shared_ptr<HSAccountService>();
+  if (bagService) {
+    bagService->shouldSendGUIDWithRequestForURL(hop.url, maySendGUID.callback());
+  } else {
+    maySendGUID.abandon();
+  }
+
+  const auto add = [&](std::string_view name, std::string_view value) {
+    if (!hop.addHeader(name, value) && !value.empty())
+      logLevel(1, "%@: Leaving out header %@ with an unfit value", kClassName, name);
+  };
+  add("User-Agent", storeClient()->userAgent);
+  if (const auto id = waitForReply(storeFront, _remainingSeconds()); id && *id)
+    add(kStoreFrontHeader, **id);
+  if (const auto given = waitForReply(headers, _remainingSeconds()))
+    for (const auto& [name, value] : *given)
+      if (const std::string* text = value.string()) add(name, *text);
+  if (_request.alwaysSendGUID || waitForReply(maySendGUID, _remainingSeconds()).value_or(false))
+    if (const auto guid = HSDevice::shared().guid()) add(kGUIDHeader, *guid);
+}
+
+// Hands a response's cookies, machine-identity actions and storefront to the account service. They
+// travel on a way of their own: taking them in may wait for a lock that this very thread holds, and
+// a later question for headers must not stand in line behind it.
+void HSStoreURLOperation::_takeIn(const HTTPResponse& response) {
+  if (!_intakeProxy) _intakeProxy = std::make_unique<HSServiceProxy>(storeClient());
+  const HSPendingReply<std::monostate> cookies, storeFront;
+  const auto doneCallback = [&](const HSPendingReply<std::monostate>& reply) {
+    return _waitsForResponseIntake ? reply.doneCallback() : HSAccountService::Done();
+  };
+  const auto service = _intakeProxy->accountService();
+  if (!service) return;
+  service->consumeCookiesWithHTTPHeaders(response.headerDictionary(), response.url,
+                                         doneCallback(cookies));
+  const std::optional<std::string> id = storeFrontSetBy(response);
+  const bool setsStoreFront =
+      id && (_delegate == nullptr || _delegate->operationShouldSetStoreFrontID(*this, *id));
+  if (setsStoreFront) service->setStoreFrontID(*id, doneCallback(storeFront));
+
+  if (!_waitsForResponseIntake) return;
+  const bool isTaken = waitForReply(cookies, _remainingSeconds()) &&
+                       (!setsStoreFront || waitForReply(storeFront, _remainingSeconds()));
+  if (!isTaken && !isCancelled())
+    logLevel(1, "%@: The account service has not taken in the response of %@", kClassName,
+             response.url);
+}
+
+// Success is set before anybody hears of the output, so that a handler may take it back.
+std::optional<Error> HSStoreURLOperation::_deliverOutput() {
+  Value output(_response->body);
+  if (_dataProvider) {
+    Result<Value> decoded = _dataProvider->outputForResponse(*_response);
+    if (!decoded) return decoded.error();
+    output = std::move(*decoded);
+  }
+  setSuccess(true);
+  if (output.isNil()) return std::nullopt;
+  if (_outputHandler) _outputHandler(*this, output);
+  if (_delegate != nullptr) _delegate->operationFinishedWithOutput(*this, output);
+  return std::nullopt;
+}
+
+double HSStoreURLOperation::_remainingSeconds() const {
+  return std::max(0.0, _deadline - Clock::shared().monotonicSeconds());
+}
+
+}  // namespace tallow
