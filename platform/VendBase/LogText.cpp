@@ -24,9 +24,17 @@ bool isDangerous(UChar32 character) {
          (character >= 0x2066 && character <= 0x2069);
 }
 
-void appendHex(std::string& out, const char* pattern, unsigned value) {
+// \x1f, a byte.
+void appendByteEscape(std::string& out, unsigned value) {
   char text[16];
-  std::snprintf(text, sizeof text, pattern, value);
+  std::snprintf(text, sizeof text, "\\x%02x", value);
+  out += text;
+}
+
+// \u{2028}, a code point.
+void appendCodePointEscape(std::string& out, unsigned value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "\\u{%04x}", value);
   out += text;
 }
 
@@ -41,10 +49,12 @@ void appendEscape(std::string& out, UChar32 character) {
     case '\t':
       out += "\\t";
       break;
-    default: {
-      const bool isByte = character < 0x100;
-      appendHex(out, isByte ? "\\x%02x" : "\\u{%04x}", static_cast<unsigned>(character));
-    }
+    default:
+      if (character < 0x100) {
+        appendByteEscape(out, static_cast<unsigned>(character));
+      } else {
+        appendCodePointEscape(out, static_cast<unsigned>(character));
+      }
   }
 }
 
@@ -66,7 +76,7 @@ std::string escaped(std::string_view text) {
     UChar32 character;
     U8_NEXT(bytes, index, length, character);
     if (character < 0) {
-      for (std::int32_t bad = start; bad < index; ++bad) appendHex(out, "\\x%02x", bytes[bad]);
+      for (std::int32_t bad = start; bad < index; ++bad) appendByteEscape(out, bytes[bad]);
     } else if (isDangerous(character)) {
       appendEscape(out, character);
     } else {
