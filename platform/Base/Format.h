@@ -12,10 +12,12 @@
 //
 //   %@                object: anything with a description(), a string, a number; "(null)" for nil
 //   %s                string
-//   %d %i %ld %li     signed integer or boolean
-//   %u %lu            unsigned integer
+//   %d %i %ld %li     integer, enumerator or boolean; printed by its own type, never truncated
+//   %u %lu            the same
 //   %.2f %f           floating point, with optional precision
 //   %%                a percent sign
+//
+// One argument contributes at most 64 KiB of text; what is cut ends in "...".
 //
 // A format is checked against its arguments while compiling: a wrong count or kind does not build.
 
@@ -86,9 +88,11 @@ consteval void check(std::string_view format, std::initializer_list<Slot> slots)
     if (format[i] != '%') continue;
     if (++i == format.size()) formatDoesNotFitItsArguments();
     if (format[i] == '%') continue;
-    while (i < format.size() &&
-           (format[i] == 'l' || format[i] == '.' || (format[i] >= '0' && format[i] <= '9')))
-      ++i;
+    if (format[i] == '.') {
+      do ++i;
+      while (i < format.size() && format[i] >= '0' && format[i] <= '9');
+    }
+    while (i < format.size() && format[i] == 'l') ++i;
     if (i == format.size() || slot == slots.end()) formatDoesNotFitItsArguments();
     const Slot given = *slot++;
     switch (format[i]) {

@@ -2,7 +2,8 @@
 
 namespace tallow {
 
-// A place in the source. (What std::source_location is, for every compiler that builds this project.)
+// A place in the source. (What std::source_location is, for every compiler that builds this
+// project.)
 struct SourceLocation {
   static constexpr SourceLocation current(const char* file = __builtin_FILE(),
                                           const char* function = __builtin_FUNCTION(),

@@ -46,6 +46,9 @@ class URL {
 
  private:
   URL() = default;
+  bool parseOpaqueURL(std::string_view rest, bool isData);
+  bool parseNetworkURL(std::string_view rest);
+  bool takeHost(std::string host);
 
   std::string _text, _scheme, _host, _canonicalHost, _path;
   std::optional<std::string> _query;

@@ -1,0 +1,64 @@
+#include "platform/Base/UTF8.h"
+
+#include <unicode/utf8.h>
+
+#include <cstdint>
+#include <cstring>
+
+namespace tallow {
+
+namespace {
+
+// The number of ASCII bytes at the beginning of `text`, eight at a time.
+std::size_t asciiPrefix(std::string_view text) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080u;
+  std::size_t index = 0;
+  for (; index + sizeof(std::uint64_t) <= text.size(); index += sizeof(std::uint64_t)) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + index, sizeof word);
+    if ((word & kHighBits) != 0) break;
+  }
+  while (index < text.size() && U8_IS_SINGLE(text[index])) ++index;
+  return index;
+}
+
+}  // namespace
+
+bool isValidUTF8(std::string_view text) {
+  const char* bytes = text.data();
+  std::size_t index = asciiPrefix(text);
+  while (index < text.size()) {
+    UChar32 character = 0;
+    U8_NEXT(bytes, index, text.size(), character);
+    if (character < 0) return false;
+    if (character < 0x80) index += asciiPrefix(text.substr(index));
+  }
+  return true;
+}
+
+std::string replacingInvalidUTF8(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  const char* bytes = text.data();
+  for (std::size_t index = 0; index < text.size();) {
+    const std::size_t start = index;
+    UChar32 character = 0;
+    U8_NEXT(bytes, index, text.size(), character);
+    if (character < 0) {
+      result += "\xEF\xBF\xBD";
+    } else {
+      result += text.substr(start, index - start);
+    }
+  }
+  return result;
+}
+
+std::string_view prefixOnCharacterBoundary(std::string_view text, std::size_t maxBytes) {
+  if (text.size() <= maxBytes) return text;
+  std::size_t end = maxBytes;
+  // At most three steps: a longer run of trail bytes is no UTF-8 in the first place.
+  for (int steps = 0; steps < 3 && end > 0 && U8_IS_TRAIL(text[end]); ++steps) --end;
+  return text.substr(0, end);
+}
+
+}  // namespace tallow

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// UTF-8 as Unicode defines it: shortest forms only, no surrogates, nothing above U+10FFFF.
+
+namespace tallow {
+
+bool isValidUTF8(std::string_view text);
+
+// `text` with every malformed part replaced by U+FFFD; unchanged when it is valid.
+std::string replacingInvalidUTF8(std::string_view text);
+
+// The longest beginning of `text` of at most `maxBytes` bytes that does not end inside a character.
+std::string_view prefixOnCharacterBoundary(std::string_view text, std::size_t maxBytes);
+
+}  // namespace tallow
