@@ -17,7 +17,7 @@ namespace tallow {
 using HTTPHeaderList = std::vector<std::pair<std::string, std::string>>;
 
 struct HTTPRequest {
-  explicit HTTPRequest(URL url) : url(std::move(url)) {}
+  explicit HTTPRequest(URL requestURL) : url(std::move(requestURL)) {}
 
   URL url;
   std::string method = "GET";
@@ -30,7 +30,7 @@ struct HTTPRequest {
 };
 
 struct HTTPResponse {
-  explicit HTTPResponse(URL url) : url(std::move(url)) {}
+  explicit HTTPResponse(URL requestURL) : url(std::move(requestURL)) {}
 
   URL url;  // that of the request
   int statusCode = 0;

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Base/Data.h"
+
+namespace tallow {
+
+// Base64 (RFC 4648 section 4): the standard alphabet, padded, no line breaks.
+std::string base64Encode(const Data& data);
+// Strict: nothing but the alphabet and correct padding; nullopt otherwise. Empty text is empty
+// data.
+std::optional<Data> base64Decode(std::string_view text);
+
+}  // namespace tallow

@@ -1,0 +1,52 @@
+#include "src/AccountService/AccountServiceDelegate.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/Concurrency/RunLoop.h"
+#include "platform/Sandbox/Sandbox.h"
+#include "platform/VendBase/HSServiceProxy.h"
+#include "platform/VendBase/VBLogManager.h"
+#include "src/AccountService/AccountServiceInterface.h"
+#include "src/AccountService/ServiceStatus.h"
+
+namespace tallow {
+
+HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceClass() const {
+  return [](std::shared_ptr<const HSStoreClient> storeClient) {
+    return std::make_shared<AccountServiceInterface>(std::move(storeClient));
+  };
+}
+
+int runAccountService(int argc, const char* const* argv) {
+  char* sandboxError = nullptr;
+  if (sandbox_init("com.vantor.tallowd", kSandboxNamed, &sandboxError) != 0) {
+    std::fprintf(stderr, "sandbox_init: %s\n", sandboxError);
+    sandbox_free_error(sandboxError);
+    return -1;
+  }
+  const bool isDaemon = argc == 2 && std::strcmp(argv[1], "daemon") == 0;
+  logLevel(3, "%s %@", "int main(int, const char **)", isDaemon ? "daemon" : "");
+
+  AccountServiceDelegate delegate("AccountService");
+  // The store library's own requests reach the service like anybody's, but inside the process.
+  HSServiceProxy::setLocalAccountService(delegate.clientInterfaceClass());
+
+  const auto listener = isDaemon ? XPCListener::initWithMachServiceName("com.vantor.tallowd.daemon",
+                                                                        XPCListener::Bus::System)
+                                 : XPCListener::initWithMachServiceName("com.vantor.tallowd",
+                                                                        XPCListener::Bus::Session);
+  listener->setDelegate(&delegate);
+  listener->setStatusProvider([isDaemon] { return serviceStatusText(isDaemon); });
+  if (const auto error = listener->resume()) {
+    logLevel(1, "%@: Failed to publish the service: %@", AccountServiceDelegate::kClassName,
+             *error);
+    return 1;
+  }
+  logLevel(3, "starting runloop");
+  RunLoop::main().run();
+  std::exit(1);  // a run loop that ends is a failure
+}
+
+}  // namespace tallow

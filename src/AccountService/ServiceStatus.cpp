@@ -1,0 +1,56 @@
+#include "src/AccountService/ServiceStatus.h"
+
+#include <vector>
+
+#include "platform/PropertyList/JSON.h"
+#include "src/BagController.h"
+#include "src/CookieStorage.h"
+#include "src/StoreFrontController.h"
+
+namespace tallow {
+
+namespace {
+
+Dictionary bagStatus(const std::string& client, const Bag& bag) {
+  const std::optional<Date> validUntil = bag.validUntilDate();
+  return Dictionary{{"client", client},
+                    {"type", bag.bagType()},
+                    {"valid", bag.isValid()},
+                    {"validUntil", validUntil}};
+}
+
+Array bagsStatus() {
+  std::vector<Value> bags;
+  for (const auto& [client, controller] : BagController::registry().entries()) {
+    bags.emplace_back(bagStatus(client, *controller->bagWithType(kBagTypeProduction)));
+    bags.emplace_back(bagStatus(client, *controller->bagWithType(kBagTypeSandbox)));
+  }
+  return Array(std::move(bags));
+}
+
+Array jarsStatus() {
+  std::vector<Value> jars;
+  for (const auto& [client, storage] : CookieStorage::registry().entries())
+    jars.emplace_back(Dictionary{{"client", client}, {"cookies", storage->cookieCount()}});
+  return Array(std::move(jars));
+}
+
+Array storefrontsStatus() {
+  std::vector<Value> storefronts;
+  for (const auto& [client, controller] : StoreFrontController::registry().entries())
+    storefronts.emplace_back(
+        Dictionary{{"client", client}, {"storefront", controller->storeFrontID()}});
+  return Array(std::move(storefronts));
+}
+
+}  // namespace
+
+std::string serviceStatusText(bool isDaemon) {
+  return JSON::encode(Dictionary{{"version", TALLOW_VERSION},
+                                 {"instance", isDaemon ? "daemon" : "agent"},
+                                 {"bags", bagsStatus()},
+                                 {"jars", jarsStatus()},
+                                 {"storefronts", storefrontsStatus()}});
+}
+
+}  // namespace tallow

@@ -1,0 +1,198 @@
+#include "src/CookieStorage.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <unordered_map>
+
+#include "platform/Base/Directories.h"
+#include "platform/Preferences/Preferences.h"
+#include "platform/VendBase/DefaultsKeys.h"
+#include "src/BagController.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr std::string_view kGroupContainer = "com.vantor.Harlow";
+
+bool sharesGroupCookies(const HSStoreClient& client) {
+  return client.clientType == kHSStoreClientTypeMediaStore ||
+         client.clientType == kHSStoreClientTypeMediaStoreAgent;
+}
+
+// One cookie a name: a later cookie of the same name takes the place of an earlier one. The jar's
+// order puts longer paths first, so of two cookies the one with the shorter path is sent. That is
+// what the store's servers have always been sent, so it stays.
+std::vector<CookiePointer> lastOfEachName(std::vector<CookiePointer> cookies) {
+  std::unordered_map<std::string_view, std::size_t> lastIndex;
+  lastIndex.reserve(cookies.size());
+  for (std::size_t i = 0; i < cookies.size(); ++i) lastIndex[cookies[i]->name] = i;
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < cookies.size(); ++i) {
+    const bool wanted = !cookies[i]->name.empty() && lastIndex[cookies[i]->name] == i;
+    if (wanted && kept != i) cookies[kept] = std::move(cookies[i]);
+    if (wanted) ++kept;
+  }
+  cookies.resize(kept);
+  return cookies;
+}
+
+Dictionary requestHeaderFieldsWithCookies(const std::vector<CookiePointer>& cookies) {
+  if (cookies.empty()) return {};
+  return Dictionary{{"Cookie", cookieHeaderValue(cookies)}};
+}
+
+}  // namespace
+
+ClientRegistry<CookieStorage>& CookieStorage::registry() {
+  static auto& registry = *new ClientRegistry<CookieStorage>({"storeForClient:", "storage"});
+  return registry;
+}
+
+std::shared_ptr<CookieStorage> CookieStorage::storageForClient(
+    const std::shared_ptr<const HSStoreClient>& client) {
+  return registry().entryForClient(client);
+}
+
+std::shared_ptr<CookieStorage> CookieStorage::storageForClientIfAtHand(
+    const std::shared_ptr<const HSStoreClient>& client) {
+  return registry().entryForClientIfAtHand(client);
+}
+
+std::shared_ptr<CookieStorage> CookieStorage::initWithStoreClient(
+    std::shared_ptr<const HSStoreClient> client) {
+  std::shared_ptr<CookieStorage> storage(new CookieStorage(std::move(client)));
+  return storage->open() ? storage : nullptr;
+}
+
+CookieStorage::CookieStorage(std::shared_ptr<const HSStoreClient> client)
+    : ClientController(client),
+      _requestQueue(format("CookieStorage Request Queue (%@)", client->identifier)) {}
+
+bool CookieStorage::open() {
+  const std::filesystem::path directory = Directories::shared().dataHome / "Cookies";
+  if (!ensureDirectoryExists(directory)) return true;  // a storage without a jar
+
+  if (Preferences::shared().getAppBooleanValue(kDefaultsUseSystemCookieStoreKey,
+                                               kDaemonDefaultsID)) {
+    logLevel(1, "%@: WARNING - Using system cookie store by preference", kClassName);
+    _cookieStorage = CookieJar::shared();
+    return true;
+  }
+
+  const std::string fileName = storeClient()->appPreferencesDomain + ".cookies";
+  if (isSafePathComponent(fileName)) {
+    Result<std::unique_ptr<CookieJar>> jar = CookieJar::open(directory / fileName);
+    if (jar) {
+      _cookieStorage = std::move(*jar);
+      logLevel(3, "%@: Using cookie store at %@", kClassName, (directory / fileName).native());
+      return true;
+    }
+  }
+  logLevel(1, "%@: Failed to initialize cookie store", kClassName);
+  return false;
+}
+
+std::vector<CookiePointer> CookieStorage::cookiesForURLOnQueue(const URL& url) {
+  std::vector<CookiePointer> cookies;
+  // Exactly "https", as written: any other spelling of the scheme gets no secure cookies.
+  if (_cookieStorage)
+    cookies = lastOfEachName(_cookieStorage->cookiesForURL(url, url.scheme() == "https"));
+  if (sharesGroupCookies(*storeClient())) addGroupCookies(url, cookies);
+  return cookies;
+}
+
+void CookieStorage::addGroupCookies(const URL& url, std::vector<CookiePointer>& cookies) const {
+  logLevel(3, "%@: Copying global storage for glimmer", kClassName);
+  const std::shared_ptr<CookieJar> group = CookieJar::sharedForGroupContainer(kGroupContainer);
+  if (!group) return;
+  const auto shared = group->cookiesForURL(url, url.scheme() == "https");
+  logLevel(3, "%@: cookiesForURL %@ %@", kClassName, url, cookieHeaderValue(shared));
+  for (const CookiePointer& candidate : shared) {
+    if (candidate->name.empty()) continue;
+    const auto own = std::find_if(cookies.begin(), cookies.end(), [&](const CookiePointer& cookie) {
+      return cookie->name == candidate->name;
+    });
+    // A shared cookie that never expires is later than any date; an own one that never expires has
+    // no date that the shared one could be later than, so the shared one is taken there too.
+    const bool candidateIsLater = own == cookies.end() || !candidate->expiresDate ||
+                                  !(*own)->expiresDate ||
+                                  *candidate->expiresDate >= *(*own)->expiresDate;
+    if (!candidateIsLater) {
+      logLevel(3, "%@: skipping cookie %@", kClassName, candidate->name);
+      continue;
+    }
+    logLevel(3, "%@: using cookie %@", kClassName, candidate->name);
+    if (own == cookies.end())
+      cookies.push_back(candidate);
+    else
+      *own = candidate;
+  }
+}
+
+Dictionary CookieStorage::httpHeadersForURL(const std::optional<URL>& url) {
+  if (!url) return {};
+  return requestHeaderFieldsWithCookies(
+      _requestQueue.sync([&] { return cookiesForURLOnQueue(*url); }));
+}
+
+std::optional<Dictionary> CookieStorage::httpHeadersForURLIfIdle(const std::optional<URL>& url) {
+  if (!url) return Dictionary();
+  // The group's jar is shared with other processes and may make a reader wait.
+  if (sharesGroupCookies(*storeClient())) return std::nullopt;
+  std::vector<CookiePointer> cookies;
+  if (!_requestQueue.trySync([&] { cookies = cookiesForURLOnQueue(*url); })) return std::nullopt;
+  return requestHeaderFieldsWithCookies(cookies);
+}
+
+void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
+                                                  const std::optional<URL>& fromURL) {
+  if (!headers) return;
+  logLevel(3, "%@: consumeCookiesFromURL: %@ httpHeaders: %@", kClassName, fromURL, *headers);
+  std::vector<ParsedCookie> cookies;
+  for (const std::string& line : setCookieLines(*headers))
+    if (auto cookie = parseSetCookie(line)) cookies.push_back(std::move(*cookie));
+  if (cookies.empty() || !fromURL) return;
+
+  const bool changed = _requestQueue.sync([&] {
+    if (!_cookieStorage) return false;
+    const std::vector<CookieDecision> decisions = _cookieStorage->setCookies(cookies, *fromURL);
+    const bool anyTaken = std::any_of(decisions.begin(), decisions.end(), [](auto decision) {
+      return decision == CookieDecision::Stored || decision == CookieDecision::Removed;
+    });
+    if (!anyTaken) return false;
+    _cookieStorage->synchronize();
+    logLevel(3, "%@: cookies changed for %@, invalidating bags", kClassName, *fromURL);
+    return true;
+  });
+  if (!changed) return;
+  // Only now, outside the queue: the bag controller may be busy with a load that itself asks this
+  // jar for cookies.
+  if (const auto controller = BagController::bagControllerForClient(storeClient()))
+    if (const auto bag = controller->bagWithType(storeClient()->requiredBagType)) bag->invalidate();
+}
+
+void CookieStorage::deleteAllCookies() {
+  _requestQueue.sync([&] {
+    if (!_cookieStorage) return;
+    _cookieStorage->deleteAllCookies();
+    _cookieStorage->synchronize();
+  });
+}
+
+std::size_t CookieStorage::cookieCount() const {
+  return _requestQueue.sync([&] { return _cookieStorage ? _cookieStorage->count() : 0; });
+}
+
+const std::vector<std::string_view>& CookieStorage::_defaultCookieStoreWhitelist() {
+  static const auto& whitelist =
+      *new std::vector<std::string_view>{"X-JS-SP-TOKEN", "X-JS-TIMESTAMP", "xp_ci"};
+  return whitelist;
+}
+
+bool CookieStorage::_defaultCookieIsWhitelistedWithName(std::optional<std::string_view> name) {
+  const auto& whitelist = _defaultCookieStoreWhitelist();
+  return name && std::find(whitelist.begin(), whitelist.end(), *name) != whitelist.end();
+}
+
+}  // namespace tallow

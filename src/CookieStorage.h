@@ -1,0 +1,69 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Base/URL.h"
+#include "platform/Base/Value.h"
+#include "platform/Concurrency/SerialQueue.h"
+#include "platform/Cookies/CookieJar.h"
+#include "src/ClientRegistry.h"
+
+namespace tallow {
+
+// The cookie jar of one store client: keeps the cookies that store servers set, in the client's own
+// file, and turns them into the "Cookie" request header for a URL. Storing cookies invalidates the
+// client's current bag, because the bag that the server hands out may depend on them.
+// Found through storageForClient, which owns it. Any thread may call; the jar itself is only
+// touched on the request queue.
+class CookieStorage final : public ClientController {
+ public:
+  static constexpr const char* kClassName = "CookieStorage";
+
+  static std::shared_ptr<CookieStorage> storageForClient(
+      const std::shared_ptr<const HSStoreClient>& client);
+  // The same, only if it is there already and can be had without waiting; else null.
+  static std::shared_ptr<CookieStorage> storageForClientIfAtHand(
+      const std::shared_ptr<const HSStoreClient>& client);
+  static ClientRegistry<CookieStorage>& registry();
+
+  // Null when the client's cookie file cannot be opened. A storage whose folder cannot be made
+  // exists but has no jar: it yields empty headers.
+  static std::shared_ptr<CookieStorage> initWithStoreClient(
+      std::shared_ptr<const HSStoreClient> client);
+
+  // Either one entry "Cookie", or empty.
+  Dictionary httpHeadersForURL(const std::optional<URL>& url);
+  // The same if the queue is idle; nullopt when answering would mean waiting.
+  std::optional<Dictionary> httpHeadersForURLIfIdle(const std::optional<URL>& url);
+
+  // Takes in the Set-Cookie headers of a response. Anything stored is on disk, and the client's bag
+  // invalid, when this returns.
+  void consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
+                                     const std::optional<URL>& fromURL);
+
+  // Empties the jar and writes it to disk. Unlike new cookies this leaves the bags alone: a bag
+  // that was fetched with cookies stays good for requests without them.
+  void deleteAllCookies();
+
+  // Names that a reduced jar would keep. Nothing in the service filters by it; it is a query only.
+  static const std::vector<std::string_view>& _defaultCookieStoreWhitelist();
+  static bool _defaultCookieIsWhitelistedWithName(std::optional<std::string_view> name);
+
+  // For status reports; 0 without a jar.
+  std::size_t cookieCount() const;
+
+ private:
+  explicit CookieStorage(std::shared_ptr<const HSStoreClient> client);
+  bool open();
+  std::vector<CookiePointer> cookiesForURLOnQueue(const URL& url);
+  void addGroupCookies(const URL& url, std::vector<CookiePointer>& cookies) const;
+
+  SerialQueue _requestQueue;
+  std::shared_ptr<CookieJar> _cookieStorage;  // guarded by _requestQueue
+};
+
+}  // namespace tallow
