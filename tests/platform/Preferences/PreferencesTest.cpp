@@ -1,0 +1,178 @@
+#include "platform/Preferences/Preferences.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Preferences/MemoryPreferences.h"
+#include "platform/Preferences/SQLitePreferences.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace tallow {
+namespace {
+
+using User = Preferences::User;
+using Host = Preferences::Host;
+
+constexpr const char* kDomain = "com.vantor.test";
+
+// Preferences on disk, and how an administrator writes into them.
+struct OnDisk {
+  TemporaryFolder folder;
+  SQLitePreferences preferences{{folder / "preferences.db", {folder / "xdg"}, "host"}};
+
+  void administratorSets(const std::string& key, int value) {
+    std::filesystem::create_directory(folder / "xdg");
+    std::ofstream(folder / "xdg" / (std::string(kDomain) + ".toml")) << key << " = " << value;
+  }
+};
+struct InMemory {
+  MemoryPreferences preferences;
+
+  void administratorSets(const std::string& key, int value) {
+    preferences.setAnyUserValue(key, value, kDomain);
+  }
+};
+
+// What all preferences do.
+template <class Fixture>
+class PreferencesTest : public ::testing::Test {
+ protected:
+  Value read(std::string_view key, Host host = Host::Any) {
+    return preferences().copyValue(key, kDomain, User::Current, host);
+  }
+  void write(std::string_view key, const Value& value, Host host = Host::Any) {
+    preferences().setValue(key, value, kDomain, User::Current, host);
+  }
+  Preferences& preferences() { return fixture.preferences; }
+
+  CapturedLog log;
+  Fixture fixture;
+};
+using Stores = ::testing::Types<OnDisk, InMemory>;
+TYPED_TEST_SUITE(PreferencesTest, Stores);
+
+TYPED_TEST(PreferencesTest, GivesBackEveryKindOfValue) {
+  const std::vector<Value> values = {
+      true,
+      0,
+      -1,
+      std::numeric_limits<std::int64_t>::min(),
+      std::numeric_limits<std::uint64_t>::max(),
+      0.1,
+      "",
+      "Grüße",
+      Date{1772368200.25},
+      Data(),
+      Data(std::string_view("\0\xff", 2)),
+      Array(),
+      Dictionary(),
+      Array{1, "two", Dictionary{{"three", Array{3.5, false}}}},
+  };
+  for (const Value& value : values) {
+    this->write("key", value);
+    EXPECT_EQ(this->read("key"), value) << description(value);
+    EXPECT_STREQ(this->read("key").typeName(), value.typeName());
+  }
+  this->write("key", nullptr);
+  EXPECT_TRUE(this->read("key").isNil());
+  this->write("key", nullptr);  // removing what is not there is nothing
+  EXPECT_TRUE(this->log.lines(1).empty());
+}
+
+TYPED_TEST(PreferencesTest, KeepsPlacesApart) {
+  this->write("key", 1);
+  this->write("key", 2, Host::Current);
+  this->preferences().setValue("key", 3, "com.vantor.Test", User::Current, Host::Any);
+  this->write("Key", 4);
+  this->write(std::string_view("key\0", 4), 5);
+  EXPECT_EQ(this->read("key"), Value(1));
+  EXPECT_EQ(this->read("key", Host::Current), Value(2));
+  EXPECT_EQ(this->read("Key"), Value(4));
+  EXPECT_EQ(this->read(std::string_view("key\0", 4)), Value(5));
+  EXPECT_TRUE(this->preferences().copyValue("key", kDomain, User::Any, Host::Any).isNil());
+  EXPECT_TRUE(this->preferences().copyValue("key", "other", User::Current, Host::Any).isNil());
+}
+
+TYPED_TEST(PreferencesTest, SearchesFromTheNearestPlaceToTheFarthest) {
+  Preferences& preferences = this->preferences();
+  EXPECT_TRUE(preferences.copyAppValue("key", kDomain).isNil());
+  this->fixture.administratorSets("key", 3);
+  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(3));
+  this->write("key", 2);
+  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(2));
+  this->write("key", 1, Host::Current);
+  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(1));
+}
+
+TYPED_TEST(PreferencesTest, AdministratorsValuesAreForBothHostsAndNotToBeWritten) {
+  this->fixture.administratorSets("key", 3);
+  Preferences& preferences = this->preferences();
+  EXPECT_EQ(preferences.copyValue("key", kDomain, User::Any, Host::Current), Value(3));
+  preferences.setValue("key", 4, kDomain, User::Any, Host::Any);
+  EXPECT_EQ(preferences.copyValue("key", kDomain, User::Any, Host::Any), Value(3));
+  EXPECT_EQ(this->log.lines(1).size(), 1u);
+  EXPECT_TRUE(preferences.synchronize(kDomain, User::Any, Host::Current));
+}
+
+TYPED_TEST(PreferencesTest, ReadsFlagsAsTheirValuesAnswer) {
+  Preferences& preferences = this->preferences();
+  bool exists = true;
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_FALSE(exists);
+  this->write("flag", "1");
+  EXPECT_TRUE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_TRUE(exists);
+  this->write("flag", 0);
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_TRUE(exists);
+  this->write("flag", Array());  // does not answer
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_FALSE(exists);
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain));
+}
+
+TYPED_TEST(PreferencesTest, UpdatesSeveralValuesAtOnce) {
+  this->write("kept", 1);
+  this->write("gone", 2);
+  EXPECT_TRUE(this->preferences().update(kDomain, [](Preferences::Editor& editor) {
+    EXPECT_EQ(editor.value("kept"), Value(1));
+    editor.setValue("gone", nullptr);
+    EXPECT_TRUE(editor.value("gone").isNil());
+    editor.setValue("made", 3);
+    EXPECT_EQ(editor.value("made"), Value(3));
+  }));
+  EXPECT_EQ(this->read("kept"), Value(1));
+  EXPECT_TRUE(this->read("gone").isNil());
+  EXPECT_EQ(this->read("made"), Value(3));
+  EXPECT_TRUE(this->preferences().update(kDomain, [](Preferences::Editor&) {}));
+}
+
+TYPED_TEST(PreferencesTest, CountsExactlyWithManyThreads) {
+  constexpr int kThreads = 4, kRounds = 50;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < kRounds; ++round) {
+        this->preferences().update(kDomain, [](Preferences::Editor& editor) {
+          editor.setValue("count", editor.value("count").signedValue() + 1);
+        });
+        this->write("own" + std::to_string(i), round);
+        EXPECT_EQ(this->read("own" + std::to_string(i)), Value(round));
+      }
+      EXPECT_TRUE(this->preferences().synchronize(kDomain, User::Current, Host::Any));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(this->read("count"), Value(kThreads * kRounds));
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,175 @@
+#include "platform/VendBase/VBLogManager.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/JournalLogSink.h"
+#include "platform/VendBase/StandardErrorLogSink.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace tallow {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
+
+std::string contentsOf(const std::filesystem::path& path) {
+  std::ifstream file(path);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// Counts how often it is asked for its text.
+struct Described {
+  int* count;
+};
+std::string description(const Described& described) {
+  ++*described.count;
+  return "described\nhere";
+}
+
+TEST(VBLogManagerTest, WritesTheFormattedLineWithItsPlaceAndLevel) {
+  CapturedLog log;
+  int count = 0;
+  logLevel(1, "%@: failed %d times", Described{&count}, 3);
+  logLevel(2, "second");
+  ASSERT_EQ(log.lines().size(), 2u);
+  EXPECT_TRUE(log.contains(1, "described\\nhere: failed 3 times"));
+  EXPECT_THAT(log.lines()[0].file, ::testing::EndsWith("VBLogManagerTest"));
+  EXPECT_THAT(log.lines(2), ElementsAre("second"));
+}
+
+TEST(VBLogManagerTest, RendersNothingBelowTheThreshold) {
+  CapturedLog log;
+  VBLogManager& manager = VBLogManager::sharedManager();
+  manager.setThreshold(2);
+  int count = 0;
+  logLevel(3, "%@", Described{&count});
+  manager.logPropertyList(3, Value(1), "Name_%@", Described{&count});
+  EXPECT_EQ(count, 0);
+  EXPECT_TRUE(log.lines().empty() && log.propertyLists().empty());
+  EXPECT_TRUE(manager.isEnabled(2));
+  manager.setThreshold(3);
+  manager.logPropertyList(3, Value(7), "Name_%@", "x");
+  EXPECT_THAT(log.propertyLists(), ElementsAre(std::pair<std::string, Value>("Name_x", 7)));
+}
+
+TEST(VBLogManagerTest, TakesLinesFromAllThreadsWhileSinksChange) {
+  CapturedLog log;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      for (int round = 0; round < 500; ++round) logLevel(2, "%d", round);
+    });
+  }
+  for (int i = 0; i < 100; ++i) {
+    VBLogManager& manager = VBLogManager::sharedManager();
+    const auto sink = manager.setSink(nullptr);  // lines are dropped meanwhile
+    manager.setSink(sink);
+  }
+  for (std::thread& thread : threads) thread.join();
+  logLevel(2, "end");
+  EXPECT_TRUE(log.contains(2, "end"));
+}
+
+TEST(VBLogManagerDeathTest, ReadsItsThresholdFromTheEnvironment) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto thresholdWith = [](const char* text) {
+    setenv("TALLOW_LOG", "stderr", 1);
+    setenv("TALLOW_LOG_LEVEL", text, 1);
+    std::_Exit(VBLogManager::sharedManager().threshold());
+  };
+  EXPECT_EXIT(thresholdWith("3"), ::testing::ExitedWithCode(3), "^$");
+  EXPECT_EXIT(thresholdWith("0"), ::testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT(thresholdWith("loud"), ::testing::ExitedWithCode(2), "TALLOW_LOG_LEVEL is \"loud\"");
+}
+
+TEST(StandardErrorLogSinkTest, WritesOneWholeLine) {
+  ManualClock clock(Date{1772368200});
+  const ScopedShared<Clock> scope(clock);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  StandardErrorLogSink sink("/nowhere", ends[1]);
+  sink.write(1, {"/src/Bag.cpp", "load", 120}, "Bag", "Bag: no \"bag\"");
+  char buffer[256];
+  const ssize_t length = read(ends[0], buffer, sizeof buffer);
+  ASSERT_GT(length, 0);
+  EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(length)),
+            "2026-03-01 12:30:00 +0000 tallowd[" + std::to_string(getpid()) +
+                "] 1 Bag:120: Bag: no \"bag\"\n");
+  close(ends[0]);
+  close(ends[1]);
+}
+
+TEST(JournalLogSinkTest, KnowsWhetherStandardErrorIsTheJournal) {
+  struct stat status {};
+  ASSERT_EQ(fstat(2, &status), 0);
+  const std::string own = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+  setenv("JOURNAL_STREAM", own.c_str(), 1);
+  EXPECT_TRUE(JournalLogSink::standardErrorIsJournal());
+  setenv("JOURNAL_STREAM", (own + "1").c_str(), 1);
+  EXPECT_FALSE(JournalLogSink::standardErrorIsJournal());
+  unsetenv("JOURNAL_STREAM");
+  EXPECT_FALSE(JournalLogSink::standardErrorIsJournal());
+}
+
+class PropertyListLogFilesTest : public ::testing::Test {
+ protected:
+  TemporaryFolder _folder;
+  CapturedLog _log;
+  PropertyListLogFiles _files{_folder / "log"};
+};
+
+TEST_F(PropertyListLogFilesTest, KeepsTheLatestDumpOfAName) {
+  _files.write("Bag", Value(Dictionary{{"key", "old"}}));
+  _files.write("Bag", Value(Dictionary{{"key", "new"}}));
+  const std::string text = contentsOf(_folder / "log/Bag");
+  const auto decoded = PropertyList::decode(Data(std::string_view(text)));
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(*decoded, Value(Dictionary{{"key", "new"}}));
+  EXPECT_THAT(text, StartsWith("<?xml"));
+  struct stat status {};
+  ASSERT_EQ(stat((_folder / "log/Bag").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777u, 0600u);
+  _files.write("Nothing", {});
+  EXPECT_EQ(contentsOf(_folder / "log/Nothing"), "(null)\n");
+}
+
+TEST_F(PropertyListLogFilesTest, RefusesNamesThatLeaveTheFolder) {
+  for (const char* const name : {"", ".", "..", "../Bag", "a/b", "/etc/passwd", "a\nb"}) {
+    _files.write(name, Value(1));
+  }
+  EXPECT_EQ(_log.lines(1).size(), 7u);
+  EXPECT_FALSE(std::filesystem::exists(_folder / "Bag"));
+  EXPECT_FALSE(std::filesystem::exists(_folder / "log"));
+}
+
+TEST_F(PropertyListLogFilesTest, BoundsSizeAndNumber) {
+  const Value large = Data(std::vector<std::uint8_t>(PropertyListLogFiles::kMaxFileBytes, 7));
+  _files.write("Large", large);
+  EXPECT_LT(std::filesystem::file_size(_folder / "log/Large"),
+            PropertyListLogFiles::kMaxFileBytes + 100);
+  EXPECT_THAT(contentsOf(_folder / "log/Large"), ::testing::HasSubstr("cut here"));
+  for (std::size_t i = 0; i < PropertyListLogFiles::kMaxFiles + 10; ++i) {
+    _files.write("Dump" + std::to_string(i), Value(1));
+  }
+  const auto count = std::distance(std::filesystem::directory_iterator(_folder / "log"), {});
+  EXPECT_EQ(static_cast<std::size_t>(count), PropertyListLogFiles::kMaxFiles);
+  EXPECT_FALSE(std::filesystem::exists(_folder / "log/Large"));
+}
+
+}  // namespace
+}  // namespace tallow
