@@ -1,0 +1,50 @@
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+// Characters as the cookie grammar sees them: single octets, the letters of ASCII and no locale.
+
+namespace tallow::ascii {
+
+constexpr bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// A control character that no cookie may hold; the horizontal tab counts as white space.
+constexpr bool isControl(char c) {
+  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
+}
+
+constexpr char lowercased(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+}
+
+inline std::string lowercased(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(),
+                 [](char c) { return lowercased(c); });
+  return result;
+}
+
+constexpr bool equalIgnoringCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return lowercased(x) == lowercased(y); });
+}
+
+constexpr bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+  return equalIgnoringCase(text.substr(0, prefix.size()), prefix);
+}
+
+constexpr bool hasControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), isControl);
+}
+
+constexpr std::string_view trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+}  // namespace tallow::ascii

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Cookies/CookieDatabase.h"
+#include "platform/Cookies/CookieJar.h"
+#include "platform/Cookies/CookieTable.h"
+
+namespace tallow {
+
+// The jar: a CookieTable in memory, a CookieDatabase on disk, and the differences between the two.
+//
+// A change takes the database's write lock, reads what other processes have written in the
+// meantime, changes the table, and writes the difference. When that fails, the difference is kept
+// and goes out with the next change. When a cookie was last sent is written at most once an hour,
+// by synchronize(), and when the jar is closed.
+//
+// Callable from any thread, under one lock.
+class SQLiteCookieJar final : public CookieJar {
+ public:
+  static constexpr const char* kClassName = "CookieJar";
+
+  static Result<std::unique_ptr<CookieJar>> open(const std::filesystem::path& path, Limits limits);
+  ~SQLiteCookieJar() override;
+
+  std::vector<CookiePointer> cookiesForURL(const URL& url, bool secureAllowed) override;
+  std::string headerValueForURL(const URL& url, bool secureAllowed) override;
+  std::vector<CookieDecision> setCookies(const std::vector<ParsedCookie>& cookies,
+                                         const URL& url) override;
+  void deleteAllCookies() override;
+  std::optional<Error> synchronize() override;
+  std::size_t count() override;
+
+ private:
+  // What the table has and the file has not.
+  struct Unsaved {
+    bool removeAll = false;
+    std::vector<CookiePointer> removals;
+    std::vector<CookiePointer> puts;  // may have been replaced or removed again since
+
+    bool empty() const { return !removeAll && removals.empty() && puts.empty(); }
+  };
+
+  SQLiteCookieJar(const std::filesystem::path& path, Limits limits);
+
+  // Opens the file and takes in its cookies; a damaged one is set aside.
+  std::optional<Error> _attach();
+  void _setAside();
+  std::optional<Error> _reload();
+  void _reloadIfChanged();
+  // Replaces the table by the file's cookies, keeping what is unsaved.
+  void _takeIn(std::vector<StoredCookie> rows);
+
+  // Takes the write lock, with the table up to date. An error, logged, when the change has to stay
+  // in memory for now.
+  std::optional<Error> _beginChange();
+  std::optional<Error> _tryToBeginChange();
+  // Writes what is unsaved and gives the lock back, which `begun` tells is held.
+  std::optional<Error> _endChange(const std::optional<Error>& begun);
+  std::optional<Error> _commit();
+  void _saveUses();
+
+  CookieDecision _store(CookiePolicy::Judgement judgement, bool secureOrigin, Date now);
+  void _makeRoom(const std::vector<CookiePointer>& stored);
+  void _noteRemoved(const CookieTable::Removed& removed);
+  std::vector<const StoredCookie*> _unsavedEntries();
+  // The unsaved puts that still count; what has been replaced since is let go.
+  void _compactUnsaved();
+
+  std::mutex _mutex;
+  const Limits _limits;
+  CookieDatabase _database;
+  CookieTable _table;
+  Unsaved _unsaved;
+  bool _isSynchronized = true;
+  double _usesSavedAt;  // monotonic seconds
+};
+
+}  // namespace tallow

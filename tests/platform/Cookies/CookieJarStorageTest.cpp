@@ -1,0 +1,444 @@
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <charconv>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <thread>
+
+#include "platform/Base/Directories.h"
+#include "tests/platform/Cookies/JarFixture.h"
+
+namespace tallow {
+namespace {
+
+constexpr const char* kStore = "http://store.example/";
+
+class CookieJarStorageTest : public JarFixture {
+ protected:
+  std::filesystem::path beside(const char* suffix) const {
+    std::filesystem::path path = file();
+    path += suffix;
+    return path;
+  }
+  std::string contents() const {
+    std::ifstream stream(file(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+  }
+  void write(std::string_view bytes) const {
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
+  }
+  // Runs SQL on the file as another program would.
+  void runSQL(const char* sql) const {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(file().c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+  }
+  std::size_t countSetAside() const {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      if (entry.path().native().find(".cookies.corrupt") != std::string::npos) ++count;
+    }
+    return count;
+  }
+};
+
+// Makes every write past `bytes` of a file fail, as a full disk would, root's too.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) {
+    _handler = std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &_before);
+    rlimit limit = _before;
+    limit.rlim_cur = bytes;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FullDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &_before);
+    std::signal(SIGXFSZ, _handler);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  rlimit _before{};
+  void (*_handler)(int) = SIG_DFL;
+};
+
+TEST_F(CookieJarStorageTest, BringsBackEveryProperty) {
+  const auto isPrivate = [](const std::filesystem::path& path) {
+    return std::filesystem::status(path).permissions() == std::filesystem::perms(0600);
+  };
+  {
+    const auto jar = open();
+    setCookie(*jar, "second=\xFF\xC3; Path=/; Max-Age=60", "https://www.store.example/");
+    setCookie(*jar, "__Secure-a=1; Secure; HttpOnly; SameSite=None; Domain=store.example; Path=/x",
+              "https://www.store.example/");
+    setCookie(*jar, "third=3; SameSite=Lax", "https://www.store.example/");
+    setCookie(*jar, "brief=4; Max-Age=5", "https://www.store.example/");
+    setCookie(*jar, "third=4; SameSite=Lax", "https://www.store.example/");
+    EXPECT_TRUE(isPrivate(file()) && isPrivate(beside("-wal")) && isPrivate(beside("-shm")));
+    clock.advance(5);
+  }
+  const auto jar = open();
+  EXPECT_EQ(jar->count(), 3U);
+  const auto cookies = jar->cookiesForURL(url("https://www.store.example/x"), true);
+  ASSERT_EQ(cookieHeaderValue(cookies), "__Secure-a=1; second=\xFF\xC3; third=4");
+  EXPECT_TRUE(cookies[0]->secure && cookies[0]->httpOnly && !cookies[0]->hostOnly);
+  EXPECT_EQ(cookies[0]->sameSite, Cookie::SameSite::None);
+  EXPECT_EQ(cookies[0]->domain, "store.example");
+  EXPECT_EQ(cookies[0]->path, "/x");
+  EXPECT_FALSE(cookies[0]->expiresDate);
+  EXPECT_EQ(cookies[1]->expiresDate, Date{1'700'000'060});
+  EXPECT_EQ(cookies[1]->creationDate, Date{1'700'000'000});
+  EXPECT_TRUE(cookies[1]->hostOnly && !cookies[1]->secure && !cookies[1]->httpOnly);
+  EXPECT_EQ(cookies[2]->sameSite, Cookie::SameSite::Lax);
+  EXPECT_TRUE(log.lines(1).empty());
+}
+
+TEST_F(CookieJarStorageTest, RemembersWhatWasUsed) {
+  const CookieJar::Limits three{.cookiesPerDomain = 3, .cookiesPerJar = 3300};
+  {
+    const auto jar = open(three);
+    for (const char* line : {"a=1; Path=/a", "b=2; Path=/b", "c=3; Path=/c"}) {
+      setCookie(*jar, line, kStore);
+    }
+    header(*jar, "http://store.example/a");
+  }
+  auto jar = open(three);
+  header(*jar, "http://store.example/c");
+  clock.advance(3600);
+  EXPECT_FALSE(jar->synchronize());  // writes it, since an hour has passed
+  auto other = open(three);          // as if this process had been killed
+  setCookie(*other, "d=4; Path=/d", kStore);
+  EXPECT_EQ(header(*other, "http://store.example/b"), "");
+  setCookie(*other, "e=5; Path=/e", kStore);
+  EXPECT_EQ(header(*other, "http://store.example/a"), "");
+  EXPECT_EQ(header(*other, "http://store.example/c"), "c=3");
+}
+
+TEST_F(CookieJarStorageTest, LeavesNoTraceOfDeletedCookies) {
+  const auto jar = open();
+  setCookie(*jar, "a=confidential", kStore);
+  ASSERT_EQ(jar->synchronize(), std::nullopt);
+  jar->deleteAllCookies();
+  ASSERT_EQ(jar->synchronize(), std::nullopt);
+  EXPECT_EQ(std::filesystem::file_size(beside("-wal")), 0U);
+  EXPECT_EQ(contents().find("confidential"), std::string::npos);
+  EXPECT_EQ(open()->count(), 0U);
+}
+
+TEST_F(CookieJarStorageTest, SetsADamagedFileAside) {
+  {
+    const auto jar = open();
+    for (int i = 0; i < 200; ++i) {
+      setCookie(*jar, "c=" + std::string(500, 'x'), "http://h" + std::to_string(i) + ".example/");
+    }
+  }
+  const std::string sound = contents();
+  const std::string body = sound.substr(0, 4096) + std::string(sound.size() - 4096, '\x5A');
+  std::size_t setAside = 0;
+  for (const std::string& damaged : {std::string("no database at all, whatever it is"), body,
+                                     sound.substr(0, sound.size() / 2)}) {
+    write(damaged);
+    const auto jar = open();
+    EXPECT_EQ(countSetAside(), ++setAside);
+    EXPECT_TRUE(log.mentions(1, "is damaged and was moved to"));
+    log.clear();
+    EXPECT_EQ(jar->count(), 0U);
+    setCookie(*jar, "a=1", kStore);
+    EXPECT_EQ(header(*open(), kStore), "a=1");
+  }
+  // A database, but not a jar; and a jar without its table.
+  for (const char* sql : {"DROP TABLE cookies; PRAGMA user_version = 0; CREATE TABLE other (x)",
+                          "DROP TABLE cookies"}) {
+    runSQL(sql);
+    EXPECT_EQ(open()->count(), 0U);
+    EXPECT_EQ(countSetAside(), ++setAside) << sql;
+  }
+}
+
+TEST_F(CookieJarStorageTest, LosesNothingWhenTheFileIsDamagedInUse) {
+  const auto jar = open();
+  setCookie(*jar, "a=1", kStore);
+  setCookie(*jar, "b=2", kStore);
+  {
+    const auto merged = open();  // its closing leaves the log as it is, since the other is open
+    ASSERT_EQ(merged->count(), 2U);
+  }
+  runSQL("PRAGMA wal_checkpoint(TRUNCATE)");
+  const int descriptor = ::open(file().c_str(), O_WRONLY | O_CLOEXEC);
+  const std::string rubbish(64 * 1024, '\x5A');
+  ASSERT_EQ(::pwrite(descriptor, rubbish.data(), rubbish.size(), 4096), ssize_t(rubbish.size()));
+  ::close(descriptor);
+  setCookie(*jar, "c=3", kStore);
+  EXPECT_EQ(countSetAside(), 1U);
+  EXPECT_EQ(header(*jar, kStore), "a=1; b=2; c=3");
+  EXPECT_EQ(header(*open(), kStore), "a=1; b=2; c=3");
+}
+
+TEST_F(CookieJarStorageTest, LosesNothingWhenTheFileIsTakenAway) {
+  const auto jar = open();
+  setCookie(*jar, "a=1", kStore);
+  std::filesystem::rename(file(), folder / "elsewhere");
+  std::filesystem::remove(beside("-wal"));
+  std::filesystem::remove(beside("-shm"));
+  setCookie(*jar, "b=2", kStore);
+  EXPECT_EQ(header(*open(), kStore), "a=1; b=2");
+}
+
+TEST_F(CookieJarStorageTest, LeavesANewerFileAlone) {
+  {
+    const auto jar = open();
+    setCookie(*jar, "a=1", kStore);
+  }
+  runSQL("PRAGMA user_version = 2; PRAGMA journal_mode = DELETE");
+  const std::string before = contents();
+  {
+    const auto jar = open();
+    EXPECT_TRUE(log.mentions(1, "written by a newer version"));
+    EXPECT_EQ(setCookie(*jar, "b=2", kStore), CookieDecision::Stored);
+    EXPECT_EQ(header(*jar, kStore), "b=2");
+    jar->deleteAllCookies();
+    EXPECT_EQ(jar->count(), 0U);
+    EXPECT_TRUE(jar->synchronize());
+  }
+  EXPECT_EQ(contents(), before);
+  EXPECT_EQ(countSetAside(), 0U);
+}
+
+TEST_F(CookieJarStorageTest, LeavesOutRowsThatAreNoCookies) {
+  {
+    const auto jar = open();
+    for (const char* line : {"a=1", "b=2", "c=3", "d=4; Domain=store.example", "e=5"}) {
+      setCookie(*jar, line, kStore);
+    }
+  }
+  runSQL(
+      "UPDATE cookies SET value = char(13,10) || 'X: y' WHERE name = 'a';"
+      "UPDATE cookies SET path = 'x' WHERE name = 'b';"
+      "UPDATE cookies SET last_used = 9223372036854775807 WHERE name = 'c';"
+      "UPDATE cookies SET domain = 'com' WHERE name = 'd'");
+  const auto jar = open();
+  EXPECT_EQ(header(*jar, kStore), "e=5");
+  EXPECT_EQ(header(*jar, "http://other.com/"), "");
+  EXPECT_TRUE(log.mentions(1, "Left out 3 rows"));
+}
+
+TEST_F(CookieJarStorageTest, GoesOnInMemoryWhenTheDiskIsFull) {
+  auto jar = open();
+  setCookie(*jar, "a=1", kStore);
+  setCookie(*jar, "b=2", kStore);
+  {
+    const FullDisk full(0);
+    EXPECT_EQ(setCookie(*jar, "c=3", kStore), CookieDecision::Stored);
+    EXPECT_TRUE(log.mentions(1, "Cannot write"));
+    setCookie(*jar, "a=; Max-Age=0", kStore);
+    setCookie(*jar, "b=4", kStore);
+    EXPECT_EQ(header(*jar, kStore), "b=4; c=3");
+    EXPECT_TRUE(jar->synchronize());
+    EXPECT_EQ(header(*open(), kStore), "a=1; b=2") << "the old contents stay whole";
+  }
+  setCookie(*jar, "d=5", kStore);
+  EXPECT_EQ(header(*open(), kStore), "b=4; c=3; d=5");
+  {
+    const FullDisk full(0);
+    jar->deleteAllCookies();
+    setCookie(*jar, "e=6", kStore);
+  }
+  EXPECT_FALSE(jar->synchronize());  // tries again too
+  EXPECT_EQ(header(*open(), kStore), "e=6");
+}
+
+TEST_F(CookieJarStorageTest, BeginsInMemoryWhereNoFileCanBeMade) {
+  std::filesystem::remove(folder);
+  const auto jar = open();
+  EXPECT_TRUE(log.mentions(1, "its cookies are kept in memory"));
+  setCookie(*jar, "a=1", kStore);
+  std::filesystem::create_directory(folder);
+  setCookie(*jar, "b=2", kStore);
+  EXPECT_EQ(header(*open(), kStore), "a=1; b=2");
+}
+
+TEST_F(CookieJarStorageTest, FailsOnWhatIsNoReadableFile) {
+  std::filesystem::create_directory(file());
+  EXPECT_FALSE(CookieJar::open(file()));
+  EXPECT_TRUE(log.mentions(1, "Cannot read"));
+  EXPECT_TRUE(std::filesystem::is_directory(file()));
+
+  std::filesystem::remove(file());
+  std::filesystem::create_symlink(folder / "other", file());
+  EXPECT_FALSE(CookieJar::open(file()));
+  EXPECT_FALSE(std::filesystem::exists(folder / "other"));
+}
+
+TEST_F(CookieJarStorageTest, TakesOthersRightsAway) {
+  { open(); }
+  ::chmod(file().c_str(), 0644);
+  { open(); }
+  EXPECT_EQ(std::filesystem::status(file()).permissions(), std::filesystem::perms(0600));
+}
+
+// What a child process without root's rights reports of a check: its exit code.
+template <class Check>
+int withoutPrivileges(Check check) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    if (::geteuid() == 0 && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) ::_exit(99);
+    ::_exit(check() ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(CookieJarStorageTest, ReadsWhereItMayNotWrite) {
+  {
+    const auto jar = open();
+    setCookie(*jar, "a=1", kStore);
+  }
+  std::filesystem::permissions(file(), std::filesystem::perms(0444));
+  std::filesystem::permissions(folder, std::filesystem::perms(0555));
+  EXPECT_EQ(0, withoutPrivileges([&] {
+              const auto jar = CookieJar::open(file());
+              if (!jar || header(**jar, kStore) != "a=1") return false;
+              setCookie(**jar, "b=2", kStore);
+              return header(**jar, kStore) == "a=1; b=2" && (*jar)->synchronize().has_value();
+            }));
+  std::filesystem::permissions(folder, std::filesystem::perms(0755));
+  std::filesystem::permissions(file(), std::filesystem::perms(0));
+  EXPECT_EQ(0, withoutPrivileges([&] { return !CookieJar::open(file()); }));
+  std::filesystem::permissions(file(), std::filesystem::perms(0600));
+  EXPECT_EQ(header(*open(), kStore), "a=1");
+}
+
+TEST_F(CookieJarStorageTest, SeesWhatOthersStoreInTheSameFile) {
+  const auto one = open();
+  const auto other = open();
+  setCookie(*one, "a=1", kStore);
+  EXPECT_EQ(header(*other, kStore), "a=1");
+  setCookie(*other, "b=2", kStore);
+  setCookie(*one, "c=3", kStore);
+  setCookie(*other, "a=4; Path=/", kStore);
+  EXPECT_EQ(header(*one, kStore), "a=4; b=2; c=3");
+  EXPECT_EQ(header(*other, kStore), "a=4; b=2; c=3");
+  one->deleteAllCookies();
+  EXPECT_EQ(other->count(), 0U);
+
+  // What one could not write joins what the other has written meanwhile.
+  {
+    const FullDisk full(0);
+    setCookie(*one, "d=5", kStore);
+    setCookie(*one, "e=6", kStore);
+  }
+  setCookie(*other, "e=7", kStore);
+  setCookie(*other, "f=8", kStore);
+  EXPECT_EQ(header(*one, kStore), "e=6; f=8; d=5");
+  setCookie(*one, "g=9", kStore);
+  EXPECT_EQ(header(*other, kStore), "e=6; f=8; d=5; g=9");
+}
+
+TEST_F(CookieJarStorageTest, WaitsForNobodyForever) {
+  const auto jar = open();
+  setCookie(*jar, "a=1", kStore);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(file().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  setCookie(*jar, "b=2", kStore);
+  EXPECT_TRUE(log.mentions(1, "Cannot write"));
+  EXPECT_EQ(header(*jar, kStore), "a=1; b=2");
+  sqlite3_close(other);
+  EXPECT_EQ(jar->synchronize(), std::nullopt);
+  EXPECT_EQ(header(*open(), kStore), "a=1; b=2");
+}
+
+// A child stores pairs of cookies, each pair in one response, and tells the number of each pair
+// that it has stored. Whenever it is killed, the last pair told, or a later one, is there as a
+// pair.
+TEST_F(CookieJarStorageTest, SurvivesBeingKilledAtAnyMoment) {
+  std::mt19937 random(20240601);
+  for (int round = 0; round < 25; ++round) {
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const auto jar = CookieJar::open(file());
+      for (int i = 0; jar; ++i) {
+        const std::string number = std::to_string(i);
+        (*jar)->setCookies({*parseSetCookie("a=" + number + std::string(1500, 'x')),
+                            *parseSetCookie("b=" + number)},
+                           url(kStore));
+        if (i % 40 == 39) (*jar)->synchronize();
+        if (::write(ends[1], &i, sizeof i) != sizeof i) break;
+      }
+      ::_exit(1);
+    }
+    ::close(ends[1]);
+    int told = -1;
+    for (auto wanted = std::uniform_int_distribution(1, 300)(random); wanted > 0; --wanted) {
+      ASSERT_EQ(::read(ends[0], &told, sizeof told), ssize_t(sizeof told));
+    }
+    ::kill(child, SIGKILL);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    while (::read(ends[0], &told, sizeof told) == ssize_t(sizeof told)) {
+    }
+    ::close(ends[0]);
+
+    const auto jar = open();
+    const auto cookies = jar->cookiesForURL(url(kStore), false);
+    ASSERT_EQ(cookies.size(), 2U);
+    const std::string number = cookies[1]->value;
+    EXPECT_EQ(cookies[0]->value, number + std::string(1500, 'x'));
+    EXPECT_GE(std::stoi(number), told);
+  }
+  EXPECT_EQ(countSetAside(), 0U);
+  EXPECT_TRUE(log.lines(1).empty());
+}
+
+TEST_F(CookieJarStorageTest, ServesManyThreads) {
+  const auto one = open();
+  const auto other = open();
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      CookieJar& jar = t % 2 == 0 ? *one : *other;
+      for (int i = 0; i < 50; ++i) {
+        const std::string host = "http://h" + std::to_string(t) + ".example/";
+        setCookie(jar, "c" + std::to_string(i) + "=1", host);
+        EXPECT_EQ(jar.cookiesForURL(url(host), false).size(), std::size_t(i) + 1);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(one->count(), 200U);
+  EXPECT_EQ(other->count(), 200U);
+}
+
+TEST_F(CookieJarStorageTest, KeepsOneJarForTheProcessAndEachGroup) {
+  Directories directories;
+  directories.dataHome = folder / "data";
+  const ScopedShared<Directories> shared(directories);
+  const auto jar = CookieJar::shared();
+  ASSERT_TRUE(jar);
+  EXPECT_EQ(jar, CookieJar::shared());
+  const auto group = CookieJar::sharedForGroupContainer("com.example.group");
+  ASSERT_TRUE(group);
+  EXPECT_EQ(group, CookieJar::sharedForGroupContainer("com.example.group"));
+  EXPECT_NE(group, CookieJar::sharedForGroupContainer("com.example.other"));
+  setCookie(*group, "a=1", kStore);
+  EXPECT_EQ(jar->count(), 0U);
+  EXPECT_EQ(CookieJar::sharedForGroupContainer("../escape"), nullptr);
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Cookies/CookieJar.h"
+#include "tests/support/CapturedLog.h"
+
+namespace tallow {
+
+inline URL url(std::string_view text) {
+  const auto parsed = URL::parse(text);
+  if (!parsed) ADD_FAILURE() << "no URL: " << text;
+  return parsed ? *parsed : *URL::parse("http://invalid.test/");
+}
+
+inline CookieDecision setCookie(CookieJar& jar, std::string_view line, std::string_view from) {
+  const auto parsed = parseSetCookie(line);
+  if (!parsed) ADD_FAILURE() << "no cookie: " << line;
+  return parsed ? jar.setCookies({*parsed}, url(from)).at(0) : CookieDecision::EmptyNameAndValue;
+}
+
+// The Cookie header that a request to `to` gets. The list and the rendered header always agree.
+inline std::string header(CookieJar& jar, std::string_view to) {
+  const URL address = url(to);
+  const bool secure = address.scheme() == "https";
+  std::string rendered = jar.headerValueForURL(address, secure);
+  EXPECT_EQ(rendered, cookieHeaderValue(jar.cookiesForURL(address, secure)));
+  return rendered;
+}
+
+// A folder of its own, a clock that stands still, and every log line caught.
+class JarFixture : public ::testing::Test {
+ protected:
+  JarFixture() {
+    std::string name = (std::filesystem::temp_directory_path() / "jar.XXXXXX").native();
+    folder = ::mkdtemp(name.data());
+  }
+  ~JarFixture() override { std::filesystem::remove_all(folder); }
+
+  std::filesystem::path file() const { return folder / "com.example.store.cookies"; }
+  std::unique_ptr<CookieJar> open(CookieJar::Limits limits = {}) {
+    auto jar = CookieJar::open(file(), limits);
+    if (!jar) ADD_FAILURE() << jar.error().localizedDescription();
+    return jar ? std::move(*jar) : nullptr;
+  }
+
+  std::filesystem::path folder;
+  ManualClock clock{Date{1'700'000'000}};
+  ScopedShared<Clock> sharedClock{clock};
+  CapturedLog log;
+};
+
+}  // namespace tallow
