@@ -40,8 +40,13 @@ class XPCListener {
   // Connects, exports, claims the name and starts the reader thread. The error when the bus is not
   // there or the name is taken.
   virtual std::optional<Error> resume() = 0;
-  // What the status interface's Describe() answers, one JSON text; asked on a worker thread.
+  // What the status interface's Describe() answers, one JSON object, to which the listener adds its
+  // "connections"; asked on a worker thread. Before resume.
   virtual void setStatusProvider(std::function<std::string()> provider) = 0;
+  // Called once, on the listener's thread, when the bus has gone away. Before resume.
+  virtual void setInvalidationHandler(std::function<void()> handler) = 0;
+  // Gives up the name, serves what had come in for it, and ends. Not on the listener's thread.
+  virtual void stop() = 0;
 };
 
 }  // namespace tallow

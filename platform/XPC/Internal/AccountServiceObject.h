@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bus/com.vantor.HSAccountService_adaptor.h"
+#include "bus/com.vantor.HSServiceRemoteObject_adaptor.h"
+#include "bus/com.vantor.tallowd.Status_adaptor.h"
+#include "platform/XPC/Internal/CallerTable.h"
+
+namespace tallow {
+
+// The object /com/vantor/tallowd: turns messages into calls of the object that serves their caller,
+// and what that answers into replies. Owned by the listener; called on the reading thread.
+//
+// A call runs on the reading thread straight into the caller's object, which decides what may run
+// at once and what has to wait for its queue.
+class AccountServiceObject final
+    : public sdbus::AdaptorInterfaces<com::vantor::HSAccountService_adaptor,
+                                      com::vantor::HSServiceRemoteObject_adaptor,
+                                      com::vantor::tallowd::Status_adaptor> {
+ public:
+  static constexpr const char* kPath = "/com/vantor/tallowd";
+  // Of one text argument.
+  static constexpr std::size_t kMaxTextBytes = std::size_t{1} << 20;
+
+  using StatusProvider = std::function<std::string()>;
+
+  AccountServiceObject(sdbus::IConnection& connection, CallerTable& callers,
+                       std::shared_ptr<const StatusProvider> status);
+  ~AccountServiceObject();
+  AccountServiceObject(const AccountServiceObject&) = delete;
+  AccountServiceObject& operator=(const AccountServiceObject&) = delete;
+
+ private:
+  class Arguments;
+
+  // HSAccountService
+  void valueForURLBagKey(sdbus::Result<std::vector<WireValue>>&& result, std::string key) override;
+  void urlIsTrustedByURLBag(sdbus::Result<bool>&& result, std::string url) override;
+  void needsSilentOrvActionForURL(sdbus::Result<bool>&& result, std::string url) override;
+  void loadURLBagWithType(sdbus::Result<bool, bool, std::vector<WireError>>&& result,
+                          std::uint64_t bagType) override;
+  void invalidateAllBags(sdbus::Result<>&& result) override;
+  void regexWithKey(sdbus::Result<bool>&& result, std::string key,
+                    std::string matchesString) override;
+  void isValid(sdbus::Result<bool>&& result) override;
+  void dictionary(sdbus::Result<std::vector<WireDictionary>>&& result) override;
+  void addURLBagObserver(sdbus::Result<>&& result, sdbus::ObjectPath observer) override;
+  void removeURLBagObserver(sdbus::Result<>&& result, sdbus::ObjectPath observer) override;
+  void shouldSendGUIDWithRequestForURL(sdbus::Result<bool>&& result, std::string url) override;
+  void consumeCookiesWithHTTPHeaders(sdbus::Result<>&& result, WireDictionary headers,
+                                     std::string fromURL) override;
+  void httpHeadersForURL(sdbus::Result<WireHeaders>&& result, std::string url,
+                         std::vector<std::uint64_t> forDSID, bool includeOrvHeaders) override;
+  void deleteAllCookies(sdbus::Result<>&& result) override;
+  void storeFront(sdbus::Result<std::vector<std::string>>&& result) override;
+  void setStoreFrontID(sdbus::Result<>&& result, std::vector<std::string> storeFrontID) override;
+
+  // HSServiceRemoteObject
+  void actAs(sdbus::Result<>&& result, std::string identifier) override;
+
+  // Status
+  void Describe(sdbus::Result<std::string>&& result) override;
+
+  std::string _sender();
+  template <class... Results, class Invoke>
+  void _call(sdbus::Result<Results...>&& result, Arguments arguments, Invoke invoke);
+  template <class Operation>
+  void _askAboutURL(sdbus::Result<bool>&& result, const std::string& url, Operation operation);
+
+  CallerTable& _callers;
+  std::shared_ptr<const StatusProvider> _status;
+};
+
+}  // namespace tallow

@@ -1,0 +1,108 @@
+#include "platform/XPC/Internal/BusConnection.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+constexpr const char* kClassName = "BusConnection";
+}  // namespace
+
+Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
+  try {
+    auto connection = bus == Bus::Session ? sdbus::createSessionBusConnection()
+                                          : sdbus::createSystemBusConnection();
+    return std::shared_ptr<BusConnection>(new BusConnection(std::move(connection)));
+  } catch (const sdbus::Error& error) {
+    return makeError(kClassName, -1, error.getMessage());
+  }
+}
+
+BusConnection::BusConnection(std::unique_ptr<sdbus::IConnection> connection)
+    : _connection(std::move(connection)), _wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+BusConnection::~BusConnection() {
+  stop();
+  close(_wakeUp);
+}
+
+void BusConnection::start(std::function<void()> disconnected) {
+  // Signals belong to the main thread.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  _thread = std::thread([this, disconnected = std::move(disconnected)] { _read(disconnected); });
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  pthread_setname_np(_thread.native_handle(), "tallow-bus");
+}
+
+void BusConnection::stop() {
+  _stopping = true;
+  _wake();
+  if (_thread.joinable()) _thread.join();
+}
+
+void BusConnection::post(std::function<void()> task) {
+  {
+    const std::lock_guard lock(_mutex);
+    _posted.push_back(std::move(task));
+    _hasPosted = true;
+  }
+  _wake();
+}
+
+void BusConnection::_read(const std::function<void()>& disconnected) {
+  _threadID = std::this_thread::get_id();
+  try {
+    while (!_stopping) {
+      _readUntilIdle();
+      if (!_stopping) _wait();
+    }
+  } catch (const sdbus::Error& error) {
+    logLevel(1, "%@: the bus has gone away: %@", kClassName, error.getMessage());
+    if (disconnected) disconnected();
+  }
+}
+
+void BusConnection::_readUntilIdle() {
+  do {
+    if (_hasPosted) _runPosted();
+  } while (!_stopping && bus::processOne(*_connection));
+}
+
+void BusConnection::_runPosted() {
+  std::vector<std::function<void()>> tasks;
+  {
+    const std::lock_guard lock(_mutex);
+    tasks.swap(_posted);
+    _hasPosted = false;
+  }
+  for (const auto& task : tasks) task();
+}
+
+void BusConnection::_wait() {
+  const auto data = _connection->getEventLoopPollData();
+  pollfd files[] = {
+      {data.fd, data.events, 0}, {_wakeUp, POLLIN, 0}, {bus::eventFile(data), POLLIN, 0}};
+  poll(files, std::size(files), data.getPollTimeout());
+  if ((files[1].revents & POLLIN) != 0) {
+    eventfd_t count = 0;
+    eventfd_read(_wakeUp, &count);
+  }
+}
+
+void BusConnection::_wake() const {
+  eventfd_write(_wakeUp, 1);
+}
+
+}  // namespace tallow

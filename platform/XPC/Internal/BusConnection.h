@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/Base/Result.h"
+#include "platform/XPC/Internal/SDBus.h"
+
+namespace tallow {
+
+// One connection to a bus and the thread that reads it. Every handler of the connection's objects
+// and proxies runs on that thread; so does what post() hands over. Messages may be sent from any
+// thread. Whoever holds a message of the connection holds the connection too: shared ownership.
+class BusConnection {
+ public:
+  enum class Bus { Session, System };
+
+  // Connects; reads nothing before start().
+  static Result<std::shared_ptr<BusConnection>> open(Bus bus);
+  // Ends the thread. Not on that thread: stop() it first where its tasks may hold the last
+  // reference.
+  ~BusConnection();
+  BusConnection(const BusConnection&) = delete;
+  BusConnection& operator=(const BusConnection&) = delete;
+
+  sdbus::IConnection& connection() { return *_connection; }
+
+  // Starts to read. `disconnected` is called on the reading thread, at most once, when the bus has
+  // gone away; the thread then ends.
+  void start(std::function<void()> disconnected);
+  // Ends the reading thread and waits for it. Not on that thread.
+  void stop();
+  // Runs `task` on the reading thread. Any thread. Tasks that come after its end are dropped.
+  void post(std::function<void()> task);
+  bool isReadingThread() const { return std::this_thread::get_id() == _threadID.load(); }
+
+ private:
+  explicit BusConnection(std::unique_ptr<sdbus::IConnection> connection);
+  void _read(const std::function<void()>& disconnected);
+  void _readUntilIdle();
+  void _runPosted();
+  void _wait();
+  void _wake() const;
+
+  std::unique_ptr<sdbus::IConnection> _connection;
+  int _wakeUp = -1;  // eventfd
+  std::atomic<bool> _stopping{false};
+  std::atomic<bool> _hasPosted{false};
+  std::mutex _mutex;
+  std::vector<std::function<void()>> _posted;
+  std::atomic<std::thread::id> _threadID;
+  std::thread _thread;
+};
+
+}  // namespace tallow

@@ -1,0 +1,69 @@
+#include "platform/XPC/Internal/Caller.h"
+
+#include <utility>
+
+namespace tallow {
+
+Caller::Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName)
+    : _bus(std::move(connection)), _uniqueName(std::move(uniqueName)) {}
+
+bool Caller::canWaitFor(std::size_t bytes) const {
+  return _waiting->count.load(std::memory_order_relaxed) < kMaxWaitingCalls &&
+         _waiting->bytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes;
+}
+
+void Caller::accept(XPCConnection connection, std::shared_ptr<HSAccountService> service) {
+  _connection = std::move(connection);
+  _service = std::move(service);
+  _state = State::Accepted;
+  _runKept();
+}
+
+void Caller::refuse(const char* name, std::string text) {
+  _refusalName = name;
+  _refusalText = std::move(text);
+  _state = State::Refused;
+  _runKept();
+}
+
+void Caller::resume() {
+  _state = State::Accepted;
+  _runKept();
+}
+
+void Caller::_runKept() {
+  std::vector<KeptCall> calls = std::exchange(_kept, {});
+  for (auto& call : calls) {
+    // One of them may have suspended the caller: the rest waits again.
+    if (_state == State::Unknown) {
+      _kept.push_back(std::move(call));
+    } else {
+      call(*this);
+    }
+  }
+}
+
+void Caller::forgetObservers() {
+  for (auto& [path, observer] : std::exchange(_observers, {})) {
+    observer->forget();
+    if (_service) _service->removeURLBagObserver(observer, {});
+  }
+}
+
+std::shared_ptr<HSURLBagObserver> Caller::observerAt(const std::string& path) {
+  if (const auto found = _observers.find(path); found != _observers.end()) return found->second;
+  if (_observers.size() >= kMaxObservers) return nullptr;
+  auto observer = std::make_shared<RemoteURLBagObserver>(_bus, _uniqueName, path);
+  _observers.emplace(path, observer);
+  return observer;
+}
+
+std::shared_ptr<HSURLBagObserver> Caller::takeObserverAt(const std::string& path) {
+  const auto found = _observers.find(path);
+  if (found == _observers.end()) return nullptr;
+  auto observer = std::move(found->second);
+  _observers.erase(found);
+  return observer;
+}
+
+}  // namespace tallow

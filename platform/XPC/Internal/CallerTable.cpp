@@ -1,0 +1,163 @@
+#include "platform/XPC/Internal/CallerTable.h"
+
+#include <vector>
+
+#include "platform/Concurrency/WorkerPool.h"
+#include "platform/VendBase/ClientDescriptors.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "CallerTable";
+
+// One rule for all callers: a rule for each would cost two calls of the bus daemon per caller, make
+// it try every one of them at every name that comes or goes, and it allows a connection only a few
+// hundred.
+constexpr const char* kNameHasLeft =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
+
+}  // namespace
+
+CallerTable::CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerDelegate& delegate,
+                         bool ownUserOnly)
+    : _connection(std::move(connection)),
+      _delegate(delegate),
+      _identification(_connection, ownUserOnly),
+      _nameOwnerChanged(_connection->connection().addMatch(
+          kNameHasLeft, [this](sdbus::Message& signal) {  // NOLINT: the signature is the library's
+            std::string name;
+            signal >> name;
+            _callerHasLeft(name);
+          })) {}
+
+Caller* CallerTable::_callerNamed(const std::string& sender) {
+  const auto found = _callers.find(sender);
+  return found != _callers.end() ? found->second.caller.get() : _addCaller(sender);
+}
+
+Caller* CallerTable::_addCaller(const std::string& sender) {
+  if (_unknownCallers >= kMaxUnknownCallers) return nullptr;
+  ++_unknownCallers;
+  const auto caller = std::make_shared<Caller>(_connection, sender);
+  _callers.emplace(sender, Entry{caller, std::nullopt});
+  _identification.identify(
+      sender, [this, sender, who = std::weak_ptr(caller)](CallerIdentification::Outcome outcome) {
+        _identified(sender, who, std::move(outcome));
+      });
+  return caller.get();
+}
+
+void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
+                              CallerIdentification::Outcome outcome) {
+  const auto caller = who.lock();
+  const auto found = _callers.find(uniqueName);
+  if (!caller || found == _callers.end() || found->second.caller != caller) return;
+  if (!outcome.uid) {
+    _callerHasLeft(uniqueName);
+    return;
+  }
+  if (!_count(found->second, *outcome.uid)) {
+    // Not kept: its next call is looked at afresh.
+    _callers.erase(found);
+    caller->refuse(kLimitsExceeded, "This user has too many connections to the service.");
+  } else if (!outcome.descriptor) {
+    logLevel(2, "%@: refusing %@: %@", kClassName, uniqueName, outcome.refusal);
+    caller->refuse(kAccessDenied, std::move(outcome.refusal));
+  } else {
+    logLevel(3, "%@: %@ is %@, known by %@", kClassName, uniqueName, description(outcome.process),
+             outcome.descriptor->fileName);
+    _accept(*caller, {uniqueName, *outcome.uid, outcome.process.pid, outcome.descriptor->client,
+                      outcome.descriptor->mayActAsOthers});
+  }
+}
+
+bool CallerTable::_count(Entry& entry, std::uint32_t uid) {
+  --_unknownCallers;
+  std::size_t& count = _callersOfUser[uid];
+  if (count >= kMaxCallersPerUser) return false;
+  ++count;
+  entry.uid = uid;
+  return true;
+}
+
+void CallerTable::_accept(Caller& caller, XPCConnection connection) {
+  if (auto service = _delegate.listenerShouldAcceptNewConnection(connection)) {
+    caller.accept(std::move(connection), std::move(service));
+  } else {
+    caller.refuse(kAccessDenied, "The service does not accept this connection.");
+  }
+}
+
+void CallerTable::_callerHasLeft(const std::string& uniqueName) {
+  const auto found = _callers.find(uniqueName);
+  if (found == _callers.end()) return;
+  const Entry entry = std::move(found->second);
+  _callers.erase(found);
+  if (!entry.uid) {
+    --_unknownCallers;
+  } else if (const auto count = _callersOfUser.find(*entry.uid); --count->second == 0) {
+    _callersOfUser.erase(count);
+  }
+  entry.caller->forgetObservers();
+}
+
+void CallerTable::actAs(Caller& caller, std::string identifier,
+                        std::function<void(const char*, const std::string&)> done) {
+  if (!caller.connection().mayActAsOthers) {
+    done(kAccessDenied,
+         "This client may not act as others; see may-act-as-others in "
+         "tallowd-clients.d(5).");
+    return;
+  }
+  const std::string uniqueName = caller.uniqueName();
+  caller.suspend();
+  WorkerPool::shared().async([this, connection = _connection, uniqueName,
+                              identifier = std::move(identifier), done = std::move(done)] {
+    auto client = ClientDescriptors::shared().clientWithIdentifier(identifier);
+    connection->post([this, uniqueName, identifier, client = std::move(client), done] {
+      const auto found = _callers.find(uniqueName);
+      if (found == _callers.end()) return;  // has left meanwhile
+      Caller& waiting = *found->second.caller;
+      if (!client) {
+        done(kNoSuchClient, "No client descriptor has the identifier \"" + identifier + "\".");
+        waiting.resume();
+        return;
+      }
+      waiting.forgetObservers();
+      XPCConnection as = waiting.connection();
+      as.storeClient = client;
+      done(nullptr, {});
+      _accept(waiting, std::move(as));
+    });
+  });
+}
+
+std::size_t CallerTable::waitingCalls() const {
+  std::size_t count = 0;
+  for (const auto& [name, entry] : _callers) count += entry.caller->waiting()->count.load();
+  return count;
+}
+
+Array CallerTable::describe() const {
+  std::vector<Value> list;
+  for (const auto& [name, entry] : _callers) {
+    const Caller& caller = *entry.caller;
+    Dictionary line{{"name", name},
+                    {"uid", entry.uid},
+                    {"waitingCalls", caller.waiting()->count.load()},
+                    {"observers", caller.observerCount()},
+                    {"refused", caller.state() == Caller::State::Refused}};
+    if (caller.state() == Caller::State::Accepted) {
+      line = line.setting("pid", caller.connection().pid);
+      if (const auto& client = caller.connection().storeClient)
+        line = line.setting("identifier", client->identifier);
+    }
+    list.emplace_back(std::move(line));
+  }
+  return Array(std::move(list));
+}
+
+}  // namespace tallow

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/XPC/Internal/Caller.h"
+#include "platform/XPC/Internal/CallerIdentification.h"
+#include "platform/XPC/XPCListener.h"
+
+namespace tallow {
+
+// The callers of the service, by unique name. A caller is entered at its first call and leaves when
+// its name leaves the bus. Finds out who it is beside the reading of the bus, so that one slow
+// answer holds up nobody else. Owned by the listener; reading thread only.
+class CallerTable {
+ public:
+  static constexpr std::size_t kMaxCallersPerUser = 256;
+  // Callers of whom not even the user is known yet.
+  static constexpr std::size_t kMaxUnknownCallers = 1024;
+
+  static constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+  static constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+  static constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+  static constexpr const char* kNoSuchClient = "com.vantor.Error.NoSuchClient";
+
+  // `ownUserOnly`: callers of other users are refused always.
+  CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerDelegate& delegate,
+              bool ownUserOnly);
+
+  // Hands a call to its caller's object: `invoke(Caller&,
+  // std::shared_ptr<PendingReply<Results...>>)` runs at once where it is known who calls, else as
+  // soon as it is. Calls that are refused (who calls, what it already holds) are answered here.
+  // `bytes` is what the arguments hold.
+  template <class... Results, class Invoke>
+  void deliver(const std::string& sender, sdbus::Result<Results...>&& result, std::size_t bytes,
+               Invoke&& invoke);
+
+  // Makes the caller act as another client from its next call on. `done` is told the name and text
+  // of an error, or nullptr.
+  void actAs(Caller& caller, std::string identifier,
+             std::function<void(const char* errorName, const std::string& errorText)> done);
+
+  // What Describe() says of the callers.
+  Array describe() const;
+  std::size_t waitingCalls() const;
+
+ private:
+  struct Entry {
+    std::shared_ptr<Caller> caller;
+    std::optional<std::uint32_t> uid;  // once known
+  };
+
+  // Null when there are too many.
+  Caller* _callerNamed(const std::string& sender);
+  Caller* _addCaller(const std::string& sender);
+  void _identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
+                   CallerIdentification::Outcome outcome);
+  void _callerHasLeft(const std::string& uniqueName);
+  bool _count(Entry& entry, std::uint32_t uid);
+  void _accept(Caller& caller, XPCConnection connection);
+
+  std::shared_ptr<BusConnection> _connection;
+  XPCListenerDelegate& _delegate;
+  CallerIdentification _identification;
+  std::unordered_map<std::string, Entry> _callers;
+  std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
+  std::size_t _unknownCallers = 0;
+  sdbus::Slot _nameOwnerChanged;
+};
+
+template <class... Results, class Invoke>
+void CallerTable::deliver(const std::string& sender, sdbus::Result<Results...>&& result,
+                          std::size_t bytes, Invoke&& invoke) {
+  Caller* const caller = _callerNamed(sender);
+  if (caller == nullptr) {
+    result.returnError(bus::makeError(kLimitsExceeded, "too many connections"));
+  } else if (caller->state() == Caller::State::Refused) {
+    result.returnError(bus::makeError(caller->refusalName(), caller->refusalText()));
+  } else if (!caller->canWaitFor(bytes)) {
+    result.returnError(bus::makeError(kLimitsExceeded, "too many calls of this connection wait"));
+  } else {
+    auto reply = std::make_shared<PendingReply<Results...>>(_connection, caller->waiting(), bytes,
+                                                            std::move(result));
+    if (caller->state() == Caller::State::Accepted) {
+      invoke(*caller, std::move(reply));
+      return;
+    }
+    caller->keep([invoke = std::forward<Invoke>(invoke), reply](Caller& known) mutable {
+      if (known.state() == Caller::State::Accepted) {
+        invoke(known, std::move(reply));
+      } else {
+        reply->fail(known.refusalName(), known.refusalText());
+      }
+    });
+  }
+}
+
+}  // namespace tallow

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "platform/VendBase/HSURLBagObserver.h"
+#include "platform/XPC/Internal/BusConnection.h"
+
+namespace tallow {
+
+// The live proxy of a com.vantor.HSURLBagObserver that a caller exports. Sends without waiting and
+// asks for no reply; says nothing any more once its caller has left. Any thread.
+class RemoteURLBagObserver final : public HSURLBagObserver {
+ public:
+  RemoteURLBagObserver(std::shared_ptr<BusConnection> connection, const std::string& uniqueName,
+                       const std::string& path);
+  ~RemoteURLBagObserver() override;
+
+  void urlBagDidUpdateWithSuccess(bool success, const std::optional<Error>& error) override;
+  void forget() { _isForgotten = true; }
+
+ private:
+  class Proxy;
+  std::shared_ptr<BusConnection> _connection;
+  std::unique_ptr<Proxy> _proxy;
+  std::atomic<bool> _isForgotten{false};
+};
+
+}  // namespace tallow

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-bus.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+// The bus library, versions 1.2 to 2.x. What differs between them is here and nowhere else. Only
+// for the .cpp files of platform/XPC and of the client library, and the headers of this folder.
+
+#if __has_include(<sdbus-c++/VTableItems.h>)
+#define TALLOW_SDBUS_2 1
+#else
+#define TALLOW_SDBUS_2 0
+#endif
+
+namespace tallow::bus {
+
+#if TALLOW_SDBUS_2
+using CallError = std::optional<sdbus::Error>;
+inline sdbus::Error makeError(std::string name, std::string text) {
+  return sdbus::Error(sdbus::Error::Name{std::move(name)}, std::move(text));
+}
+inline std::string errorName(const sdbus::Error& error) {
+  return error.getName();
+}
+inline std::unique_ptr<sdbus::IProxy> makeProxy(sdbus::IConnection& connection,
+                                                std::string destination, std::string path) {
+  return sdbus::createProxy(connection, sdbus::ServiceName{std::move(destination)},
+                            sdbus::ObjectPath{std::move(path)});
+}
+inline void requestName(sdbus::IConnection& connection, const std::string& name) {
+  connection.requestName(sdbus::ServiceName{name});
+}
+inline void releaseName(sdbus::IConnection& connection, const std::string& name) {
+  connection.releaseName(sdbus::ServiceName{name});
+}
+inline bool processOne(sdbus::IConnection& connection) {
+  return connection.processPendingEvent();
+}
+// Another file to poll beside the bus's own; negative where there is none.
+inline int eventFile(const sdbus::IConnection::PollData& data) {
+  return data.eventFd;
+}
+#else
+using CallError = const sdbus::Error*;
+inline sdbus::Error makeError(const std::string& name, const std::string& text) {
+  return {name, text};
+}
+inline std::string errorName(const sdbus::Error& error) {
+  return error.getName();
+}
+inline std::unique_ptr<sdbus::IProxy> makeProxy(sdbus::IConnection& connection,
+                                                std::string destination, std::string path) {
+  return sdbus::createProxy(connection, std::move(destination), std::move(path));
+}
+inline void requestName(sdbus::IConnection& connection, const std::string& name) {
+  connection.requestName(name);
+}
+inline void releaseName(sdbus::IConnection& connection, const std::string& name) {
+  connection.releaseName(name);
+}
+inline bool processOne(sdbus::IConnection& connection) {
+  return connection.processPendingRequest();
+}
+inline int eventFile(const sdbus::IConnection::PollData&) {
+  return -1;
+}
+#endif
+
+// The message underneath. The library's own reading and writing of arrays and variants goes element
+// by element; the wire's types read and write the message itself.
+class MessageAccess : public sdbus::Message {
+ public:
+  static sd_bus_message* raw(const sdbus::Message& message) {
+    return static_cast<sd_bus_message*>(message.*&MessageAccess::msg_);
+  }
+  // What a read says at the end of an array: the library's loops stop there.
+  static void setAtEnd(sdbus::Message& message) { message.*& MessageAccess::ok_ = false; }
+};
+
+inline sd_bus_message* raw(const sdbus::Message& message) {
+  return MessageAccess::raw(message);
+}
+
+}  // namespace tallow::bus

@@ -1,0 +1,134 @@
+#include "platform/XPC/ProcessIdentity.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <systemd/sd-login.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "platform/Base/AtomicFile.h"
+#include "platform/Base/FileDescriptor.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr std::string_view kDeletedSuffix = " (deleted)";
+
+bool hasEnded(int pidfd) {
+  pollfd file{pidfd, POLLIN, 0};
+  return poll(&file, 1, 0) > 0;
+}
+
+// Whether somebody beside root and this service's user can write.
+bool isWritableByOthers(const struct stat& status) {
+  if (status.st_uid != 0 && status.st_uid != geteuid()) return true;
+  if ((status.st_mode & S_IWOTH) != 0) return true;
+  // A user's private group, as distributions make it, has the user's number and no other member.
+  const bool isPrivateGroup =
+      status.st_gid == 0 || (status.st_gid == getegid() && getegid() == geteuid());
+  return (status.st_mode & S_IWGRP) != 0 && !isPrivateGroup;
+}
+
+// Why the file at `path`, which is `running`, may not be what its path says; empty when it is.
+std::string doubtAbout(const std::string& path, const struct stat& running, bool isDeleted) {
+  if (isWritableByOthers(running)) return "its executable is writable by others";
+  if (isDeleted) {
+    // Replaced by an update while it runs. In a mount namespace of their own others can make a file
+    // disappear from any path; but not one that belongs to root.
+    return running.st_uid == 0 ? "" : "its executable has been replaced";
+  }
+  struct stat visible {};
+  if (stat(path.c_str(), &visible) != 0 || visible.st_dev != running.st_dev ||
+      visible.st_ino != running.st_ino)
+    return "its executable is not what this service sees at that path";
+  for (std::filesystem::path folder = std::filesystem::path(path).parent_path();;
+       folder = folder.parent_path()) {
+    struct stat status {};
+    if (stat(folder.c_str(), &status) != 0) return "a folder above its executable cannot be read";
+    const bool isSticky = (status.st_mode & S_ISVTX) != 0 && status.st_uid == 0;
+    if (!isSticky && isWritableByOthers(status))
+      return "a folder above its executable is writable by others";
+    if (folder == folder.root_path()) return "";
+  }
+}
+
+void findExecutable(ProcessIdentity& process) {
+  const std::string link = "/proc/" + std::to_string(process.pid) + "/exe";
+  const FileDescriptor file(open(link.c_str(), O_PATH | O_CLOEXEC));
+  char text[PATH_MAX];
+  const ssize_t length = readlink(link.c_str(), text, sizeof(text));
+  struct stat running {};
+  if (file.get() < 0 || length <= 0 || length == ssize_t{sizeof(text)} ||
+      fstat(file.get(), &running) != 0) {
+    process.doubt = "its executable cannot be read";
+    return;
+  }
+  std::string path(text, static_cast<std::size_t>(length));
+  const bool isDeleted = running.st_nlink == 0 && path.ends_with(kDeletedSuffix);
+  if (isDeleted) path.resize(path.size() - kDeletedSuffix.size());
+  process.doubt = doubtAbout(path, running, isDeleted);
+  if (process.doubt.empty()) {
+    process.executable = std::move(path);
+  } else {
+    process.doubt = path + ": " + process.doubt;
+  }
+}
+
+using Query = int (*)(pid_t, char**);
+
+std::string unitOf(std::int64_t pid, Query query) {
+  char* unit = nullptr;
+  if (query(static_cast<pid_t>(pid), &unit) < 0) return {};
+  const std::unique_ptr<char, decltype(&std::free)> owned(unit, std::free);
+  return unit;
+}
+
+// "name" of the group [Application] in the file that Flatpak puts into every sandbox.
+std::string flatpakOf(std::int64_t pid) {
+  const auto info = readFile("/proc/" + std::to_string(pid) + "/root/.flatpak-info", 64u << 10);
+  if (!info) return {};
+  bool isInGroup = false;
+  for (std::string_view rest = info->view(); !rest.empty();) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+    if (line.starts_with('[')) isInGroup = line == "[Application]";
+    if (isInGroup && line.starts_with("name=")) return std::string(line.substr(5));
+  }
+  return {};
+}
+
+}  // namespace
+
+ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd) {
+  ProcessIdentity process;
+  process.pid = pid;
+  const FileDescriptor opened(pidfd >= 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  const int watched = pidfd >= 0 ? pidfd : opened.get();
+  findExecutable(process);
+  process.systemUnit = unitOf(pid, sd_pid_get_unit);
+  process.userUnit = unitOf(pid, sd_pid_get_user_unit);
+  process.flatpak = flatpakOf(pid);
+  // The number may belong to another process by now; then nothing of this is about the caller.
+  if (watched < 0 || hasEnded(watched)) {
+    process = {};
+    process.pid = pid;
+    process.doubt = "the process has ended";
+  }
+  return process;
+}
+
+std::string description(const ProcessIdentity& process) {
+  const std::string& what = process.executable.empty() ? process.doubt : process.executable;
+  return "pid " + std::to_string(process.pid) + " (" + what + ")";
+}
+
+}  // namespace tallow

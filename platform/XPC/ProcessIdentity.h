@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tallow {
+
+// What can be told about the process on the other end of a connection. Strings are empty where
+// nothing is known, or where what is known cannot be trusted: then `doubt` says why.
+struct ProcessIdentity {
+  std::int64_t pid = 0;
+  std::uint32_t uid = 0;
+  // The label of the security module, as the bus daemon saw it when the process connected. The only
+  // mark that a process cannot take on by executing another program.
+  std::string securityLabel;
+  // Absolute path. Only for an executable that nobody but root and this service's own user can
+  // write or replace, and that is what this service sees at that path.
+  std::string executable;
+  std::string systemUnit;  // "x.service" of the system manager
+  std::string userUnit;    // "x.service" of the user's manager
+  std::string flatpak;     // application id
+  std::string doubt;
+
+  // Asks the kernel about `pid`. `pidfd` refers to the process when the bus daemon has passed one,
+  // else it is negative. May be slow (network file systems); any thread.
+  static ProcessIdentity inspect(std::int64_t pid, int pidfd);
+};
+
+// "pid 4711 (/usr/bin/x)", for logs and refusals.
+std::string description(const ProcessIdentity& process);
+
+}  // namespace tallow

@@ -1,0 +1,95 @@
+#include "platform/XPC/XPCListener.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/Internal/AccountServiceObject.h"
+#include "platform/XPC/Internal/BusConnection.h"
+#include "platform/XPC/Internal/CallerTable.h"
+#include "platform/XPC/Internal/LogControlObject.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "XPCListener";
+
+class BusListener final : public XPCListener {
+ public:
+  BusListener(std::string serviceName, Bus bus) : _serviceName(std::move(serviceName)), _bus(bus) {}
+  ~BusListener() override { stop(); }
+
+  void setDelegate(XPCListenerDelegate* delegate) override { _delegate = delegate; }
+  void setStatusProvider(std::function<std::string()> provider) override {
+    *_status = std::move(provider);
+  }
+  void setInvalidationHandler(std::function<void()> handler) override {
+    _invalidated = std::move(handler);
+  }
+
+  std::optional<Error> resume() override {
+    if (_delegate == nullptr) {
+      std::fprintf(stderr, "%s: resume without a delegate\n", kClassName);
+      std::abort();
+    }
+    const bool isSession = _bus == Bus::Session;
+    auto connection =
+        BusConnection::open(isSession ? BusConnection::Bus::Session : BusConnection::Bus::System);
+    if (!connection) return connection.error();
+    _connection = *connection;
+    try {
+      _publish(isSession);
+    } catch (const sdbus::Error& error) {
+      _withdraw();
+      return makeError(kClassName, -1,
+                       "cannot publish " + _serviceName + ": " + error.getMessage());
+    }
+    _connection->start(_invalidated);
+    logLevel(3, "%@: serving %@", kClassName, _serviceName);
+    return std::nullopt;
+  }
+
+  void stop() override {
+    if (!_connection) return;
+    _connection->stop();
+    _withdraw();
+  }
+
+ private:
+  void _publish(bool isSession) {
+    sdbus::IConnection& connection = _connection->connection();
+    _callers = std::make_unique<CallerTable>(_connection, *_delegate, isSession);
+    _object = std::make_unique<AccountServiceObject>(connection, *_callers, _status);
+    _logControl = std::make_unique<LogControlObject>(connection);
+    bus::requestName(connection, _serviceName);
+  }
+
+  void _withdraw() {
+    _logControl.reset();
+    _object.reset();
+    _callers.reset();
+    _connection.reset();
+  }
+
+  std::string _serviceName;
+  Bus _bus;
+  XPCListenerDelegate* _delegate = nullptr;
+  std::shared_ptr<std::function<std::string()>> _status =
+      std::make_shared<std::function<std::string()>>();
+  std::function<void()> _invalidated;
+  std::shared_ptr<BusConnection> _connection;
+  std::unique_ptr<CallerTable> _callers;
+  std::unique_ptr<AccountServiceObject> _object;
+  std::unique_ptr<LogControlObject> _logControl;
+};
+
+}  // namespace
+
+std::unique_ptr<XPCListener> XPCListener::initWithMachServiceName(std::string serviceName,
+                                                                  Bus bus) {
+  return std::make_unique<BusListener>(std::move(serviceName), bus);
+}
+
+}  // namespace tallow
