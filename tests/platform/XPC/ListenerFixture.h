@@ -1,0 +1,158 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Base/Directories.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/VendBase/ClientDescriptors.h"
+#include "platform/XPC/Internal/WireTypes.h"
+#include "platform/XPC/XPCListener.h"
+#include "tests/platform/XPC/FakeAccountService.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/PrivateBus.h"
+
+namespace tallow {
+
+inline constexpr const char* kServiceName = "com.vantor.tallowd";
+inline constexpr const char* kServicePath = "/com/vantor/tallowd";
+inline constexpr const char* kServiceInterface = "com.vantor.HSAccountService";
+
+// A caller with a connection of its own that calls and waits.
+class TestCaller {
+ public:
+  TestCaller()
+      : _connection(sdbus::createSessionBusConnection()),
+        _proxy(bus::makeProxy(*_connection, kServiceName, kServicePath)) {}
+
+  sdbus::IConnection& connection() { return *_connection; }
+  sdbus::IProxy& proxy() { return *_proxy; }
+
+  // The results of a call of the service's interface, or the sdbus::Error.
+  template <class... Results, class... Arguments>
+  std::tuple<Results...> call(const char* member, const Arguments&... arguments) {
+    return callOn<Results...>(kServiceInterface, member, arguments...);
+  }
+  template <class... Results, class... Arguments>
+  std::tuple<Results...> callOn(const char* interface, const char* member,
+                                const Arguments&... arguments) {
+    const std::string name = member;  // the invoker keeps a reference
+    std::tuple<Results...> results;
+    std::apply(
+        [&](auto&... into) {
+          _proxy->callMethod(name)
+              .onInterface(interface)
+              .withTimeout(std::chrono::seconds(60))
+              .withArguments(arguments...)
+              .storeResultsTo(into...);
+        },
+        results);
+    return results;
+  }
+  // "" or the name of the error that the call answers.
+  template <class... Arguments>
+  std::string errorOf(const char* member, const Arguments&... arguments) {
+    return errorOn(kServiceInterface, member, arguments...).first;
+  }
+  // Name and text.
+  template <class... Arguments>
+  std::pair<std::string, std::string> errorOn(const char* interface, const char* member,
+                                              const Arguments&... arguments) {
+    try {
+      callOn<>(interface, member, arguments...);
+      return {};
+    } catch (const sdbus::Error& error) {
+      return {error.getName(), error.getMessage()};
+    }
+  }
+
+ private:
+  std::unique_ptr<sdbus::IConnection> _connection;
+  std::unique_ptr<sdbus::IProxy> _proxy;
+};
+
+// The listener on a private bus, serving fakes; the test itself is known by a descriptor.
+class ListenerTest : public testing::Test, protected XPCListenerDelegate {
+ protected:
+  ListenerTest()
+      : _directories(directoriesIn(bus.folder())),
+        _scopedDirectories(_directories),
+        _descriptors(ClientDescriptors::make()),
+        _scopedDescriptors(*_descriptors) {
+    writeDescriptor("self.toml", "identifier = \"com.example.self\"\n" + recognisingThisProcess());
+    listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
+    listener->setDelegate(this);
+  }
+  ~ListenerTest() override { listener->stop(); }
+
+  void SetUp() override { ASSERT_FALSE(listener->resume()); }
+
+  void writeDescriptor(const std::string& fileName, const std::string& text) {
+    const auto folder = _directories.configHome / "clients.d";
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / (fileName + ".new")) << text;
+    std::filesystem::rename(folder / (fileName + ".new"), folder / fileName);
+  }
+  static std::string recognisingThisProcess() {
+    return "[[process]]\nexecutable = \"" +
+           std::filesystem::read_symlink("/proc/self/exe").string() + "\"\n";
+  }
+
+  // The object that serves the nth connection.
+  std::shared_ptr<FakeAccountService> service(std::size_t index) {
+    const std::lock_guard lock(_mutex);
+    return _services.at(index).second;
+  }
+  XPCConnection accepted(std::size_t index) {
+    const std::lock_guard lock(_mutex);
+    return _services.at(index).first;
+  }
+  std::size_t acceptedCount() {
+    const std::lock_guard lock(_mutex);
+    return _services.size();
+  }
+
+  PrivateBus bus;
+  CapturedLog log;
+  std::unique_ptr<XPCListener> listener;
+  // Prepares each new service before its first call.
+  std::function<void(FakeAccountService&)> prepare;
+
+ private:
+  std::shared_ptr<HSAccountService> listenerShouldAcceptNewConnection(
+      const XPCConnection& connection) override {
+    auto made = std::make_shared<FakeAccountService>();
+    if (prepare) prepare(*made);
+    const std::lock_guard lock(_mutex);
+    _services.emplace_back(connection, made);
+    return made;
+  }
+
+  static Directories directoriesIn(const std::filesystem::path& folder) {
+    Directories directories;
+    directories.configHome = folder / "config";
+    directories.dataHome = folder / "data";
+    directories.cacheHome = folder / "cache";
+    directories.stateHome = folder / "state";
+    directories.configDirs = {directories.configHome, folder / "etc"};
+    directories.dataDirs = {directories.dataHome, folder / "share"};
+    return directories;
+  }
+
+  Directories _directories;
+  ScopedShared<Directories> _scopedDirectories;
+  std::unique_ptr<ClientDescriptors> _descriptors;
+  ScopedShared<ClientDescriptors> _scopedDescriptors;
+  std::mutex _mutex;
+  std::vector<std::pair<XPCConnection, std::shared_ptr<FakeAccountService>>> _services;
+};
+
+}  // namespace tallow

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tallow {
+
+// A bus daemon of the test's own, started by the constructor and ended by the destructor. While it
+// lives it is this process's session bus, and its system bus too (in the environment, so make it
+// before other threads start).
+class PrivateBus {
+ public:
+  // `serviceFolders` hold the .service files of what it may start.
+  explicit PrivateBus(const std::vector<std::filesystem::path>& serviceFolders = {}) {
+    char folder[] = "/tmp/tallow-bus-XXXXXX";
+    if (mkdtemp(folder) == nullptr) throw std::runtime_error("no folder for the bus");
+    _folder = folder;
+    _writeConfiguration(serviceFolders);
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe to the bus");
+    _start(ends[1]);
+    close(ends[1]);
+    _address = _readLine(ends[0]);
+    close(ends[0]);
+    if (_address.empty()) throw std::runtime_error("dbus-daemon did not start");
+    setenv("DBUS_SESSION_BUS_ADDRESS", _address.c_str(), 1);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
+  }
+  ~PrivateBus() {
+    stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(_folder, ignored);
+  }
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& address() const { return _address; }
+  // A folder of the bus's own, gone with it.
+  const std::filesystem::path& folder() const { return _folder; }
+  pid_t pid() const { return _pid; }
+
+  // Ends the bus early: every connection is cut.
+  void stop() {
+    if (_pid <= 0) return;
+    kill(_pid, SIGTERM);
+    waitpid(_pid, nullptr, 0);
+    _pid = -1;
+  }
+
+ private:
+  void _writeConfiguration(const std::vector<std::filesystem::path>& serviceFolders) const {
+    std::ofstream file(_folder / "bus.conf");
+    file << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
+            " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+            "<busconfig>\n  <type>session</type>\n  <listen>unix:path="
+         << (_folder / "bus").string() << "</listen>\n";
+    for (const auto& folder : serviceFolders)
+      file << "  <servicedir>" << folder.string() << "</servicedir>\n";
+    file << "  <policy context='default'>\n"
+            "    <allow send_destination='*' eavesdrop='true'/>\n"
+            "    <allow eavesdrop='true'/>\n    <allow own='*'/>\n  </policy>\n"
+            "  <limit name='max_replies_per_connection'>50000</limit>\n"
+            "  <limit name='reply_timeout'>600000</limit>\n</busconfig>\n";
+  }
+
+  void _start(int addressFile) {
+    const std::string configuration = "--config-file=" + (_folder / "bus.conf").string();
+    const std::string print = "--print-address=" + std::to_string(addressFile);
+    const pid_t parent = getpid();
+    _pid = fork();
+    if (_pid != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(1);
+    fcntl(addressFile, F_SETFD, 0);
+    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nosyslog", configuration.c_str(),
+           print.c_str(), nullptr);
+    _exit(127);
+  }
+
+  static std::string _readLine(int file) {
+    std::string line;
+    for (char character = 0; read(file, &character, 1) == 1 && character != '\n';)
+      line += character;
+    return line;
+  }
+
+  std::filesystem::path _folder;
+  std::string _address;
+  pid_t _pid = -1;
+};
+
+}  // namespace tallow
