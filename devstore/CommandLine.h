@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+
+#include "devstore/DevStore.h"
+
+namespace tallow::devstore {
+
+// What the command line of tallow-devstore asks for.
+struct CommandLine {
+  DevStore::Options options;
+  bool verbose = false;
+
+  // Reads the arguments. When there is nothing to run, because of --help, --version or wrong usage,
+  // all that is to be said has been printed and `exitCode` says how the program ends.
+  static std::optional<CommandLine> read(int argumentCount, const char* const* arguments,
+                                         int& exitCode);
+};
+
+}  // namespace tallow::devstore
