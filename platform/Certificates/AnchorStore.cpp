@@ -1,0 +1,118 @@
+#include "platform/Certificates/AnchorStore.h"
+
+#include <dirent.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string_view>
+#include <system_error>
+
+#include "platform/Base/AtomicFile.h"
+#include "platform/Base/Directories.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Certificates/CryptoContext.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+namespace {
+
+constexpr const char* kClassName = "AnchorStore";
+constexpr std::string_view kExtension = ".pem";
+constexpr std::size_t kMaxFiles = 256;
+constexpr std::size_t kMaxFileBytes = 1u << 20;
+
+using DirectoryPointer = std::unique_ptr<DIR, int (*)(DIR*)>;
+using BIOPointer = std::unique_ptr<BIO, decltype(&BIO_free)>;
+using X509Pointer = std::unique_ptr<X509, decltype(&X509_free)>;
+
+// Adds every certificate of a PEM text to `store`. False when something in it does not decode.
+bool addCertificates(const Data& pem, X509_STORE& store, std::size_t& count) {
+  const BIOPointer bio(BIO_new_mem_buf(pem.bytes(), static_cast<int>(pem.length())), &BIO_free);
+  if (!bio) return false;
+  std::size_t found = 0;
+  for (;;) {
+    X509* certificate =
+        X509_new_ex(static_cast<OSSL_LIB_CTX*>(certificateCryptoContext()), nullptr);
+    if (certificate == nullptr) return false;
+    // The reader leaves the empty certificate alone when the text has ended, and frees and clears
+    // it when the text is damaged.
+    const bool read = PEM_read_bio_X509(bio.get(), &certificate, nullptr, nullptr) != nullptr;
+    const X509Pointer owned(certificate, &X509_free);
+    if (!read) {
+      const bool end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
+      return end && found > 0;
+    }
+    if (X509_STORE_add_cert(&store, owned.get()) != 1) return false;
+    ++found;
+    ++count;
+  }
+}
+
+}  // namespace
+
+AnchorStore& AnchorStore::shared() {
+  return SharedInstance<AnchorStore>::get([] { return std::make_unique<AnchorStore>(); });
+}
+
+AnchorStore::Anchors AnchorStore::current() {
+  std::vector<FileState> files = scan();
+  const std::lock_guard<std::mutex> guard(_lock);
+  if (_anchors.store == nullptr || files != _files) {
+    _anchors = load(files);
+    _files = std::move(files);
+  }
+  return _anchors;
+}
+
+std::vector<AnchorStore::FileState> AnchorStore::scan() {
+  std::vector<FileState> files;
+  for (const std::filesystem::path& base : Directories::shared().configDirs) {
+    const std::filesystem::path folder = base / "anchors";
+    const DirectoryPointer directory(opendir(folder.c_str()), &closedir);
+    if (!directory) continue;
+    while (const dirent* entry = readdir(directory.get())) {
+      const std::string_view name = entry->d_name;
+      struct stat status = {};
+      if (!name.ends_with(kExtension) || name.starts_with('.') ||
+          fstatat(dirfd(directory.get()), entry->d_name, &status, 0) != 0)
+        continue;
+      files.push_back({folder / name, status.st_dev, status.st_ino,
+                       static_cast<std::uint64_t>(status.st_size), status.st_mtim.tv_sec,
+                       status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec});
+    }
+  }
+  std::sort(files.begin(), files.end(),
+            [](const FileState& a, const FileState& b) { return a.path < b.path; });
+  return files;
+}
+
+AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
+  const std::shared_ptr<X509_STORE> store(X509_STORE_new(), &X509_STORE_free);
+  Anchors anchors{store, 0};
+  if (!store) return anchors;
+  ERR_set_mark();
+  if (files.size() > kMaxFiles)
+    logLevel(1, "%@: Reading only %lu of %lu trust anchor files", kClassName, kMaxFiles,
+             files.size());
+  for (std::size_t i = 0; i < std::min(files.size(), kMaxFiles); ++i) {
+    // An administrator may well link to a certificate that is kept elsewhere.
+    std::error_code failure;
+    const std::filesystem::path target = std::filesystem::canonical(files[i].path, failure);
+    const Result<Data> pem = readFile(failure ? files[i].path : target, kMaxFileBytes);
+    if (!pem) {
+      logLevel(1, "%@: Cannot read trust anchors from %@ - %@", kClassName, files[i].path.string(),
+               pem.error());
+    } else if (!addCertificates(*pem, *store, anchors.count)) {
+      logLevel(1, "%@: Trust anchor file %@ is damaged or holds no certificate", kClassName,
+               files[i].path.string());
+    }
+  }
+  ERR_pop_to_mark();
+  return anchors;
+}
+
+}  // namespace tallow

@@ -1,0 +1,401 @@
+#include "platform/Certificates/HSCertificate.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/Directories.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Certificates/AnchorStore.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/CertificateAuthority.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tallow {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr Date kNow{1'800'000'000};
+
+// Keys that many tests can share; RSA keys take long to make.
+const TestKey& sharedRSAKey() {
+  static const TestKey key = TestKey::rsa(2048);
+  return key;
+}
+TestKey freshKey() {
+  return TestKey::ellipticCurve("P-256");
+}
+
+class HSCertificateTest : public ::testing::Test {
+ protected:
+  HSCertificateTest() {
+    _directories.configHome = _folder.path() / "home";
+    _directories.configDirs = {_directories.configHome, _folder.path() / "system"};
+    for (const auto& directory : _directories.configDirs)
+      std::filesystem::create_directories(directory / "anchors");
+  }
+
+  std::filesystem::path anchorFile(const std::string& name = "root.pem",
+                                   std::size_t directory = 0) {
+    return _directories.configDirs[directory] / "anchors" / name;
+  }
+  void write(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+  }
+  void install(const TestCertificate& anchor) { write(anchorFile(), anchor.pem()); }
+
+  // Why a chain is refused; "" when it is valid.
+  std::string verdict(const Array& certificates) {
+    HSCertificate certificate;
+    certificate.setCertificateData(certificates);
+    const bool isValid = certificate.isValid();
+    EXPECT_EQ(isValid, certificate.reason().empty());
+    // What has no valid chain verifies nothing, whatever the signature.
+    if (isValid) return "";
+    EXPECT_FALSE(certificate.checkData(_document, chain().leaf.key().sign(_document)));
+    return certificate.reason();
+  }
+
+  // The verdict on a chain in which one certificate differs from a good one.
+  using Change = std::function<void(CertificateOptions&)>;
+  std::string verdictWith(const Change& root, const Change& intermediate, const Change& leaf) {
+    CertificateOptions options[] = {CertificateOptions::authority("Root"),
+                                    CertificateOptions::authority("Intermediate"),
+                                    CertificateOptions::signer("Leaf")};
+    if (root) root(options[0]);
+    if (intermediate) intermediate(options[1]);
+    if (leaf) leaf(options[2]);
+    const auto top = TestCertificate::selfSigned(_keys[0], options[0]);
+    const auto middle = top.issue(_keys[1], options[1]);
+    install(top);
+    return verdict({middle.issue(_keys[2], options[2]).der(), middle.der()});
+  }
+
+  static const TestChain& chain() {
+    static const TestChain made;
+    return made;
+  }
+
+  TemporaryDirectory _folder;
+  Directories _directories;
+  ScopedShared<Directories> _sharedDirectories{_directories};
+  ManualClock _clock{kNow};
+  ScopedShared<Clock> _sharedClock{_clock};
+  AnchorStore _anchors;
+  ScopedShared<AnchorStore> _sharedAnchors{_anchors};
+  TestKey _keys[3] = {freshKey(), freshKey(), freshKey()};
+  const Data _document{std::string_view("the bag")};
+};
+
+TEST_F(HSCertificateTest, AcceptsAChainThatEndsInAnAnchor) {
+  install(chain().root);
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  // The rest in any order, the root among them or not.
+  EXPECT_EQ(verdict({chain().leaf.der(), chain().root.der(), chain().intermediate.der()}), "");
+  // Anything installed is an anchor, also what another has issued.
+  install(chain().intermediate);
+  EXPECT_EQ(verdict({chain().leaf.der()}), "");
+}
+
+TEST_F(HSCertificateTest, RefusesAChainThatEndsElsewhere) {
+  EXPECT_THAT(verdict(chain().certificates()), HasSubstr("no trust anchors"));
+  install(TestCertificate::selfSigned(freshKey(), CertificateOptions::authority("Test Root")));
+  EXPECT_THAT(verdict(chain().certificates()), HasSubstr("unable to get"));
+  EXPECT_THAT(verdict({chain().leaf.der(), chain().intermediate.der(), chain().root.der()}),
+              HasSubstr("self-signed"));
+  install(chain().root);
+  EXPECT_THAT(verdict({chain().leaf.der()}), HasSubstr("unable to get"));
+  const auto own = TestCertificate::selfSigned(freshKey(), CertificateOptions::signer("Own"));
+  EXPECT_THAT(verdict({own.der()}), HasSubstr("self-signed"));
+}
+
+TEST_F(HSCertificateTest, RefusesWhatIsNoListOfCertificates) {
+  install(chain().root);
+  const std::string leaf(chain().leaf.der().view());
+  const Value intermediate = chain().intermediate.der();
+  EXPECT_THAT(verdict({}), HasSubstr("empty"));
+  EXPECT_THAT(verdict({Data(std::string_view(leaf + '\0')), intermediate}), HasSubstr("DER"));
+  EXPECT_THAT(verdict({Data(std::string_view(leaf).substr(0, leaf.size() - 1))}), HasSubstr("DER"));
+  EXPECT_THAT(verdict({Data(), intermediate}), HasSubstr("DER"));
+  EXPECT_THAT(verdict({Data(chain().leaf.pem()), intermediate}), HasSubstr("DER"));
+  EXPECT_THAT(verdict({"leaf", intermediate}), HasSubstr("string"));
+  // Also behind a good chain.
+  EXPECT_THAT(verdict({chain().leaf.der(), intermediate, Data(std::string_view("junk"))}),
+              HasSubstr("DER"));
+  EXPECT_THAT(verdict({chain().leaf.der(), intermediate, Data(std::string(70'000, '0'))}),
+              HasSubstr("DER"));
+  HSCertificate untouched;
+  EXPECT_FALSE(untouched.isValid());
+}
+
+TEST_F(HSCertificateTest, TakesTenCertificatesAndNotEleven) {
+  const auto root = TestCertificate::selfSigned(freshKey(), CertificateOptions::authority("0"));
+  install(root);
+  std::vector<TestCertificate> path = {root};
+  for (int i = 1; i <= 9; ++i)
+    path.push_back(path.back().issue(freshKey(), CertificateOptions::authority(std::to_string(i))));
+  std::vector<Value> certificates = {
+      path.back().issue(freshKey(), CertificateOptions::signer("Leaf")).der()};
+  for (auto issuer = path.rbegin(); issuer + 1 != path.rend(); ++issuer)
+    certificates.emplace_back(issuer->der());
+  ASSERT_EQ(certificates.size(), 10U);
+  EXPECT_EQ(verdict(Array(certificates)), "");
+  certificates.emplace_back(root.der());
+  EXPECT_THAT(verdict(Array(certificates)), HasSubstr("more than 10"));
+}
+
+TEST_F(HSCertificateTest, JudgesAtThePresentMoment) {
+  const Date begin{1'810'000'000};
+  const Date end{1'820'000'000};
+  const auto limited = [&](CertificateOptions& options) {
+    options.notBefore = begin;
+    options.notAfter = end;
+  };
+  const Change changes[][3] = {{limited, {}, {}}, {{}, limited, {}}, {{}, {}, limited}};
+  for (const auto& [root, intermediate, leaf] : changes) {
+    _clock.set(begin.addingSeconds(-0.5));
+    EXPECT_THAT(verdictWith(root, intermediate, leaf), HasSubstr("not yet valid"));
+    _clock.set(begin.addingSeconds(1));
+    EXPECT_EQ(verdictWith(root, intermediate, leaf), "");
+    _clock.set(end.addingSeconds(-1));
+    EXPECT_EQ(verdictWith(root, intermediate, leaf), "");
+    _clock.set(end.addingSeconds(1));
+    EXPECT_THAT(verdictWith(root, intermediate, leaf), HasSubstr("expired"));
+  }
+}
+
+TEST_F(HSCertificateTest, OnlyAnAuthorityIssues) {
+  const Change noConstraints = [](CertificateOptions& options) { options.basicConstraints = ""; };
+  const Change noAuthority = [](CertificateOptions& options) {
+    options.basicConstraints = "critical,CA:FALSE";
+  };
+  const Change noCertSign = [](CertificateOptions& options) {
+    options.keyUsage = "critical,digitalSignature,cRLSign";
+  };
+  const Change noUsage = [](CertificateOptions& options) { options.keyUsage = ""; };
+  EXPECT_NE(verdictWith({}, noConstraints, {}), "");
+  EXPECT_NE(verdictWith({}, noAuthority, {}), "");
+  EXPECT_NE(verdictWith({}, noCertSign, {}), "");
+  EXPECT_NE(verdictWith(noConstraints, {}, {}), "");
+  EXPECT_NE(verdictWith(noCertSign, {}, {}), "");
+  EXPECT_EQ(verdictWith(noUsage, noUsage, noUsage), "");
+}
+
+TEST_F(HSCertificateTest, KeepsPathLengths) {
+  const auto length = [](const char* constraints) -> Change {
+    return [constraints](CertificateOptions& options) { options.basicConstraints = constraints; };
+  };
+  EXPECT_NE(verdictWith(length("critical,CA:TRUE,pathlen:0"), {}, {}), "");
+  EXPECT_EQ(verdictWith(length("critical,CA:TRUE,pathlen:1"), {}, {}), "");
+  EXPECT_EQ(verdictWith({}, length("critical,CA:TRUE,pathlen:0"), {}), "");
+}
+
+TEST_F(HSCertificateTest, HonoursCriticalExtensions) {
+  const auto extension = [](const char* name, const char* value) -> Change {
+    return [=](CertificateOptions& options) { options.extensions = {{name, value}}; };
+  };
+  const Change unknown = extension("1.3.6.1.4.1.99999.1", "critical,DER:0500");
+  EXPECT_THAT(verdictWith({}, {}, unknown), HasSubstr("critical extension"));
+  EXPECT_THAT(verdictWith({}, unknown, {}), HasSubstr("critical extension"));
+  EXPECT_THAT(verdictWith(unknown, {}, {}), HasSubstr("critical extension"));
+  EXPECT_EQ(verdictWith({}, {}, extension("1.3.6.1.4.1.99999.1", "DER:0500")), "");
+  EXPECT_NE(verdictWith({}, extension("nameConstraints", "critical,excluded;DNS:example.com"),
+                        extension("subjectAltName", "DNS:store.example.com")),
+            "");
+  // A policy is required, and the leaf states none.
+  EXPECT_THAT(
+      verdictWith({}, extension("policyConstraints", "critical,requireExplicitPolicy:0"), {}),
+      HasSubstr("policy"));
+}
+
+TEST_F(HSCertificateTest, TheLeafMustBeMeantToSign) {
+  const auto usage = [](const char* constraints, const char* text) -> Change {
+    return [=](CertificateOptions& options) {
+      options.basicConstraints = constraints;
+      options.keyUsage = text;
+    };
+  };
+  EXPECT_EQ(verdictWith({}, {}, usage("", "")), "");
+  EXPECT_EQ(verdictWith({}, {}, usage("", "digitalSignature")), "");
+  EXPECT_THAT(verdictWith({}, {}, usage("", "keyEncipherment")),
+              HasSubstr("not meant for signing"));
+  EXPECT_THAT(verdictWith({}, {}, usage("critical,CA:TRUE", "keyCertSign")),
+              HasSubstr("not meant for signing"));
+  EXPECT_THAT(verdictWith({}, {}, usage("critical,CA:TRUE", "")),
+              HasSubstr("not meant for signing"));
+  EXPECT_EQ(verdictWith({}, {}, usage("critical,CA:TRUE", "keyCertSign,digitalSignature")), "");
+}
+
+TEST_F(HSCertificateTest, RefusesWeakKeysAnywhere) {
+  const std::pair<const char*, TestKey> weakKeys[] = {{"RSA 1024", TestKey::rsa(1024)},
+                                                      {"P-224", TestKey::ellipticCurve("P-224")},
+                                                      {"written out", TestKey::explicitP256()},
+                                                      {"Ed448", TestKey::ed448()}};
+  for (const auto& [name, weak] : weakKeys) {
+    for (TestKey& place : _keys) {
+      const TestKey strong = std::exchange(place, weak);
+      EXPECT_NE(verdictWith({}, {}, {}), "") << name;
+      place = strong;
+    }
+  }
+}
+
+TEST_F(HSCertificateTest, RefusesWeakDigestsAnywhere) {
+  _keys[0] = _keys[1] = sharedRSAKey();
+  for (const char* digest : {"MD5", "SHA1", "SHA224"}) {
+    const Change weak = [digest](CertificateOptions& options) { options.digest = digest; };
+    EXPECT_NE(verdictWith({}, {}, weak), "") << digest;
+    EXPECT_NE(verdictWith({}, weak, {}), "") << digest;
+    EXPECT_NE(verdictWith(weak, {}, {}), "") << digest;
+  }
+  for (const char* digest : {"SHA384", "SHA512"}) {
+    const Change strong = [digest](CertificateOptions& options) { options.digest = digest; };
+    const Change strongPSS = [digest](CertificateOptions& options) {
+      options.digest = digest;
+      options.padding = TestKey::Padding::PSS;
+    };
+    EXPECT_EQ(verdictWith(strong, strong, strong), "") << digest;
+    EXPECT_EQ(verdictWith(strongPSS, strongPSS, strongPSS), "") << digest;
+  }
+}
+
+TEST_F(HSCertificateTest, RefusesAnyFlippedByte) {
+  install(chain().root);
+  const std::string_view certificates[] = {chain().leaf.der().view(),
+                                           chain().intermediate.der().view()};
+  for (std::size_t which = 0; which < 2; ++which) {
+    for (std::size_t i = 0; i < certificates[which].size(); ++i) {
+      std::string changed(certificates[which]);
+      changed[i] = static_cast<char>(changed[i] ^ 0x01);
+      Value elements[] = {chain().leaf.der(), chain().intermediate.der()};
+      elements[which] = Data(changed);
+      EXPECT_NE(verdict({elements[0], elements[1]}), "") << "byte " << i << " of " << which;
+    }
+  }
+}
+
+class SignatureTest : public HSCertificateTest {
+ protected:
+  // Whether each of the signatures verifies with a leaf on this key.
+  bool verifies(const TestKey& key, const Data& data, const Data& signature) {
+    install(chain().root);
+    const auto leaf = chain().intermediate.issue(key, CertificateOptions::signer("Leaf"));
+    HSCertificate certificate;
+    certificate.setCertificateData({leaf.der(), chain().intermediate.der()});
+    const bool verified = certificate.checkData(data, signature);
+    EXPECT_EQ(verified, certificate.reason().empty()) << certificate.reason();
+    return verified;
+  }
+};
+
+TEST_F(SignatureTest, VerifiesEveryAcceptedForm) {
+  using enum TestKey::Padding;
+  const TestKey rsa3072 = TestKey::rsa(3072);
+  const TestKey rsaPSS = TestKey::rsaPSS(2048);
+  const TestKey p384 = TestKey::ellipticCurve("P-384");
+  for (const char* digest : {"SHA256", "SHA384", "SHA512"}) {
+    for (const TestKey& key : {sharedRSAKey(), rsa3072}) {
+      EXPECT_TRUE(verifies(key, _document, key.sign(_document, digest))) << digest;
+      EXPECT_TRUE(verifies(key, _document, key.sign(_document, digest, PSS))) << digest;
+    }
+    EXPECT_TRUE(verifies(rsaPSS, _document, rsaPSS.sign(_document, digest))) << digest;
+    EXPECT_TRUE(verifies(_keys[2], _document, _keys[2].sign(_document, digest))) << digest;
+    EXPECT_TRUE(verifies(p384, _document, p384.sign(_document, digest))) << digest;
+  }
+  const TestKey ed25519 = TestKey::ed25519();
+  EXPECT_TRUE(verifies(ed25519, _document, ed25519.sign(_document)));
+  EXPECT_TRUE(verifies(ed25519, Data(), ed25519.sign(Data())));
+  EXPECT_TRUE(verifies(_keys[2], Data(), _keys[2].sign(Data())));
+}
+
+TEST_F(SignatureTest, RefusesWeakDigests) {
+  using enum TestKey::Padding;
+  const TestKey& rsa = sharedRSAKey();
+  for (const char* digest : {"MD5", "SHA1", "SHA224"}) {
+    EXPECT_FALSE(verifies(rsa, _document, rsa.sign(_document, digest))) << digest;
+    EXPECT_FALSE(verifies(rsa, _document, rsa.sign(_document, digest, PSS))) << digest;
+    EXPECT_FALSE(verifies(_keys[2], _document, _keys[2].sign(_document, digest))) << digest;
+  }
+}
+
+TEST_F(SignatureTest, RefusesEverythingElse) {
+  for (const TestKey& key : {sharedRSAKey(), _keys[2], TestKey::ed25519()}) {
+    const Data signature = key.sign(_document);
+    EXPECT_FALSE(verifies(key, Data(std::string_view("the baf")), signature));
+    EXPECT_FALSE(verifies(key, Data(std::string_view("the bag ")), signature));
+    EXPECT_FALSE(verifies(key, _document, Data()));
+    EXPECT_FALSE(verifies(key, _document, Data(std::string(signature.view()) + '\0')));
+    EXPECT_FALSE(verifies(key, _document, Data(signature.view().substr(1))));
+    EXPECT_FALSE(verifies(key, _document, freshKey().sign(_document)));
+    for (std::size_t i = 0; i < signature.length(); ++i) {
+      std::string changed(signature.view());
+      changed[i] = static_cast<char>(changed[i] ^ 0x80);
+      EXPECT_FALSE(verifies(key, _document, Data(changed))) << "byte " << i;
+    }
+  }
+}
+
+TEST_F(SignatureTest, ChecksTheChainFirst) {
+  install(chain().root);
+  HSCertificate certificate;
+  certificate.setCertificateData(chain().certificates());
+  const Data signature = chain().leaf.key().sign(_document);
+  EXPECT_TRUE(certificate.checkData(_document, signature));
+  _clock.advance(300'000'000);
+  EXPECT_FALSE(certificate.isValid());
+  EXPECT_FALSE(certificate.checkData(_document, signature));
+  // Another chain begins anew.
+  certificate.setCertificateData({chain().leaf.der(), Data()});
+  _clock.set(kNow);
+  EXPECT_FALSE(certificate.checkData(_document, signature));
+  EXPECT_THAT(certificate.reason(), HasSubstr("DER"));
+}
+
+using AnchorStoreTest = HSCertificateTest;
+
+TEST_F(AnchorStoreTest, NoticesEveryChange) {
+  const std::string other = TestChain().root.pem();
+  EXPECT_NE(verdict(chain().certificates()), "");
+  write(anchorFile("b.pem", 1), other + chain().root.pem());
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  write(anchorFile("b.pem", 1), other);
+  EXPECT_NE(verdict(chain().certificates()), "");
+  write(anchorFile("a.pem"), chain().root.pem());
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  std::filesystem::remove(anchorFile("a.pem"));
+  EXPECT_NE(verdict(chain().certificates()), "");
+  write(_folder.path() / "elsewhere", chain().root.pem());
+  std::filesystem::create_symlink(_folder.path() / "elsewhere", anchorFile("link.pem"));
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  // The same bytes more or less, another file.
+  std::filesystem::remove(anchorFile("link.pem"));
+  write(anchorFile("root.crt"), chain().root.pem());
+  EXPECT_NE(verdict(chain().certificates()), "");
+  std::filesystem::remove_all(_folder.path() / "system");
+  EXPECT_THAT(verdict(chain().certificates()), HasSubstr("no trust anchors"));
+}
+
+TEST_F(AnchorStoreTest, ADamagedFileSpoilsNoOther) {
+  const CapturedLog log;
+  write(anchorFile("a.pem"), "no certificate");
+  std::string cut = chain().intermediate.pem();
+  cut.replace(cut.size() / 2, 4, "!!!!");
+  write(anchorFile("b.pem"), cut);
+  std::filesystem::create_directory(anchorFile("c.pem"));
+  write(anchorFile("d.pem"), chain().root.pem());
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  EXPECT_EQ(verdict(chain().certificates()), "");
+  // Once per change, not once per check.
+  EXPECT_EQ(log.lines(1).size(), 3U);
+  EXPECT_TRUE(log.mentions(1, "a.pem"));
+  EXPECT_TRUE(log.mentions(1, "b.pem"));
+  EXPECT_TRUE(log.mentions(1, "c.pem"));
+}
+
+}  // namespace
+}  // namespace tallow
