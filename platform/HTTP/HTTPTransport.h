@@ -21,12 +21,15 @@ struct HTTPRequest {
 
   URL url;
   std::string method = "GET";
-  HTTPHeaderList headers;  // values with control characters are refused, never sent
+  // Names that are no token, values with control characters, and the headers that frame a message
+  // (Host, Content-Length, Transfer-Encoding, which are the transport's own) are refused, never
+  // sent.
+  HTTPHeaderList headers;
   Data body;
   bool bypassCaches = false;  // asks every cache on the way for a fresh answer
   double connectTimeoutSeconds = 5;
   double totalTimeoutSeconds = 60;
-  std::size_t maxBodyBytes = 16u << 20;
+  std::size_t maxBodyBytes = 16u << 20;  // of the body as decoded, whatever its encoding
 };
 
 struct HTTPResponse {
@@ -43,8 +46,10 @@ struct HTTPResponse {
   // Set-Cookie as an array of strings when there is more than one.
   Dictionary headerDictionary() const;
 
-  // max-age of Cache-Control in seconds, as RFC 9111 section 5.2.2.1 says (no-cache or no-store
-  // count as 0; the first valid directive wins). nullopt when the response states none.
+  // max-age of Cache-Control in seconds (RFC 9111 sections 4.2.1 and 5.2.2): the first valid
+  // directive of any Cache-Control line. An integer below zero is given as it is, one past 2^31 as
+  // 2^31. no-store, and no-cache of the whole response, are stricter than any max-age and count as
+  // 0. nullopt when the response states none of them.
   std::optional<double> cacheControlMaxAgeSeconds() const;
 };
 
@@ -78,8 +83,12 @@ class HTTPTransport {
 
   // The completion runs exactly once, on the transport's own thread; it must not block.
   virtual std::shared_ptr<Exchange> start(HTTPRequest request, Completion completion) = 0;
-  // Waits for the answer.
+  // Waits for the answer. Not on the transport's own thread.
   Result<HTTPResponse> perform(HTTPRequest request);
+
+ protected:
+  // Why this request must not be sent (kBadRequest), or nullopt.
+  static std::optional<Error> refusalOf(const HTTPRequest& request);
 };
 
 }  // namespace tallow

@@ -1,0 +1,275 @@
+#include "platform/HTTP/CurlTransport.h"
+
+#include <curl/curl.h>
+#include <dirent.h>
+#include <malloc.h>
+#include <openssl/crypto.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/HTTP/CurlExchange.h"
+
+namespace tallow {
+namespace {
+
+constexpr long kPooledConnections = 16;
+// The longest sleep while something is under way; what matters ends it earlier.
+constexpr int kPollMilliseconds = 60'000;
+
+using MultiPointer = std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)>;
+using ExchangePointer = std::shared_ptr<CurlExchange>;
+
+// The library must not take its tables apart in exit() while the I/O thread still uses them, so it
+// learns before anything else that it is not to.
+void initializeLibrary() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+  });
+}
+
+MultiPointer makeMulti() {
+  initializeLibrary();
+  MultiPointer multi(curl_multi_init(), &curl_multi_cleanup);
+  if (multi) curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, kPooledConnections);
+  return multi;
+}
+
+bool isHashedFolder(const char* path) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path), &closedir);
+  if (!directory) return false;
+  while (const dirent* entry = readdir(directory.get()))
+    if (std::string_view(entry->d_name).ends_with(".0")) return true;
+  return false;
+}
+
+// The system's certificates, as the library was built to find them. Where they also lie in a folder
+// by hash, only the folder: it is read as needed, while the one big file costs every connection
+// milliseconds and every idle minute megabytes.
+CurlExchange::TrustedCertificates trustedCertificates(const std::string& additionalFile) {
+  initializeLibrary();
+  const curl_version_info_data* library = curl_version_info(CURLVERSION_NOW);
+  CurlExchange::TrustedCertificates trusted;
+  if (library->capath != nullptr && isHashedFolder(library->capath))
+    trusted.folder = library->capath;
+  else if (library->cainfo != nullptr)
+    trusted.file = library->cainfo;
+  if (!additionalFile.empty()) trusted.file = additionalFile;
+  return trusted;
+}
+
+// No signal is for this thread; a connection that the peer has closed must not raise SIGPIPE
+// either.
+void refuseSignals() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
+}
+
+}  // namespace
+
+CurlTransport::Options CurlTransport::Options::fromEnvironment() {
+  const char* file = std::getenv("TALLOW_CA_FILE");
+  return {.additionalCAFile = file != nullptr ? file : ""};
+}
+
+// What the I/O thread and its callers share. Exchanges hold it weakly, so that one may be cancelled
+// after the transport has gone.
+class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::Loop> {
+ public:
+  explicit Loop(Options options) : _options(std::move(options)) {}
+
+  // False when the exchange cannot be driven: the system has no thread left.
+  bool submit(ExchangePointer exchange) {
+    const std::lock_guard<std::mutex> guard(_lock);
+    if (!_running && !startThread()) return false;
+    _incoming.push_back(std::move(exchange));
+    wakeLocked();
+    return true;
+  }
+
+  void wake() {
+    const std::lock_guard<std::mutex> guard(_lock);
+    wakeLocked();
+  }
+
+  void stop() {
+    {
+      const std::lock_guard<std::mutex> guard(_lock);
+      _stopping = true;
+      wakeLocked();
+    }
+    if (_thread.joinable()) _thread.join();
+  }
+
+ private:
+  bool startThread() {
+    // A thread that has said it is not running only returns.
+    if (_thread.joinable()) _thread.join();
+    try {
+      _running = true;
+      _thread = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+      _running = false;
+    }
+    return _running;
+  }
+
+  void wakeLocked() {
+    _changed.notify_one();
+    if (_multi) curl_multi_wakeup(_multi.get());
+  }
+
+  // The I/O thread.
+  void run() {
+    refuseSignals();
+    pthread_setname_np(pthread_self(), "tallow-http");
+    _trusted = trustedCertificates(_options.additionalCAFile);
+    while (openPool()) {
+      while (takeIncoming()) {
+        endCancelled();
+        transfer();
+      }
+      closePool();
+    }
+  }
+
+  // False, for good, when there is nothing to do.
+  bool openPool() {
+    MultiPointer multi = makeMulti();
+    const std::lock_guard<std::mutex> guard(_lock);
+    _running = !_incoming.empty();
+    if (_running) _multi = std::move(multi);
+    return _running;
+  }
+
+  // Gives back what the idle connections and their certificates took.
+  void closePool() {
+    MultiPointer multi(nullptr, &curl_multi_cleanup);
+    {
+      const std::lock_guard<std::mutex> guard(_lock);
+      multi.swap(_multi);
+    }
+    multi.reset();
+    malloc_trim(0);
+  }
+
+  // Begins what has been submitted; waits for it when nothing else is under way. False when nothing
+  // has come for as long as the pool is kept, or will ever come.
+  bool takeIncoming() {
+    std::vector<ExchangePointer> incoming;
+    bool stopping = false;
+    {
+      std::unique_lock<std::mutex> guard(_lock);
+      if (_active.empty())
+        _changed.wait_for(guard, std::chrono::duration<double>(_options.idleSeconds),
+                          [this] { return _stopping || !_incoming.empty(); });
+      incoming.swap(_incoming);
+      stopping = _stopping;
+    }
+    if (stopping) {
+      for (const ExchangePointer& exchange : incoming)
+        exchange->finish(CurlExchange::cancellation());
+      for (const ExchangePointer& exchange : std::exchange(_active, {}))
+        end(exchange, CurlExchange::cancellation());
+      return false;
+    }
+    for (ExchangePointer& exchange : incoming) beginExchange(std::move(exchange));
+    return !incoming.empty() || !_active.empty();
+  }
+
+  void beginExchange(ExchangePointer exchange) {
+    if (exchange->isCancelled()) return exchange->finish(CurlExchange::cancellation());
+    if (std::optional<Error> error = exchange->prepare(_trusted))
+      return exchange->finish(*std::move(error));
+    if (curl_multi_add_handle(_multi.get(), exchange->handle()) != CURLM_OK)
+      return exchange->finish(CURLE_OUT_OF_MEMORY);
+    _active.push_back(std::move(exchange));
+  }
+
+  void endCancelled() {
+    const auto firstCancelled = std::stable_partition(
+        _active.begin(), _active.end(),
+        [](const ExchangePointer& exchange) { return !exchange->isCancelled(); });
+    const std::vector<ExchangePointer> cancelled(firstCancelled, _active.end());
+    _active.erase(firstCancelled, _active.end());
+    for (const ExchangePointer& exchange : cancelled) end(exchange, CurlExchange::cancellation());
+  }
+
+  // Moves what can be moved, ends what is done, sleeps until there is more.
+  void transfer() {
+    int running = 0;
+    curl_multi_perform(_multi.get(), &running);
+    int waiting = 0;
+    bool ended = false;
+    while (const CURLMsg* message = curl_multi_info_read(_multi.get(), &waiting)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      endTransfer(message->easy_handle, message->data.result);
+      ended = true;
+    }
+    if (!ended && !_active.empty())
+      curl_multi_poll(_multi.get(), nullptr, 0, kPollMilliseconds, nullptr);
+  }
+
+  void endTransfer(void* handle, CURLcode result) {
+    const auto found = std::find_if(
+        _active.begin(), _active.end(),
+        [handle](const ExchangePointer& exchange) { return exchange->handle() == handle; });
+    if (found == _active.end()) return;
+    const ExchangePointer exchange = std::move(*found);
+    _active.erase(found);
+    end(exchange, static_cast<int>(result));
+  }
+
+  template <class Outcome>
+  void end(const ExchangePointer& exchange, Outcome outcome) {
+    curl_multi_remove_handle(_multi.get(), exchange->handle());
+    exchange->finish(std::move(outcome));
+  }
+
+  const Options _options;
+  std::mutex _lock;
+  std::condition_variable _changed;
+  // Under the lock; the pool itself is used by the I/O thread alone, but for waking it.
+  std::vector<ExchangePointer> _incoming;
+  MultiPointer _multi = {nullptr, &curl_multi_cleanup};
+  bool _running = false;
+  bool _stopping = false;
+  std::thread _thread;
+  // The I/O thread's own.
+  CurlExchange::TrustedCertificates _trusted;
+  std::vector<ExchangePointer> _active;
+};
+
+CurlTransport::CurlTransport(Options options) : _loop(std::make_shared<Loop>(std::move(options))) {}
+
+CurlTransport::~CurlTransport() {
+  _loop->stop();
+}
+
+std::shared_ptr<HTTPTransport::Exchange> CurlTransport::start(HTTPRequest request,
+                                                              Completion completion) {
+  std::optional<Error> refusal = refusalOf(request);
+  auto exchange =
+      std::make_shared<CurlExchange>(std::move(request), std::move(refusal), std::move(completion),
+                                     [loop = std::weak_ptr<Loop>(_loop)] {
+                                       if (const std::shared_ptr<Loop> alive = loop.lock())
+                                         alive->wake();
+                                     });
+  if (!_loop->submit(exchange)) exchange->finish(CURLE_OUT_OF_MEMORY);
+  return exchange;
+}
+
+}  // namespace tallow

@@ -1,0 +1,75 @@
+#include "platform/HTTP/HTTPTransport.h"
+
+#include <algorithm>
+#include <future>
+
+#include "platform/Base/Format.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/HTTP/CurlTransport.h"
+
+namespace tallow {
+namespace {
+
+constexpr const char* kErrorDomain = "HTTP";
+constexpr std::string_view kTokenCharacters =
+    "!#$%&'*+-.^_`|~0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+bool isToken(std::string_view text) {
+  return !text.empty() && text.find_first_not_of(kTokenCharacters) == std::string_view::npos;
+}
+
+bool hasControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f;
+  });
+}
+
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return lower;
+}
+
+bool framesTheMessage(std::string_view headerName) {
+  const std::string name = lowerCase(headerName);
+  return name == "host" || name == "content-length" || name == "transfer-encoding";
+}
+
+}  // namespace
+
+HTTPTransport& HTTPTransport::shared() {
+  return SharedInstance<HTTPTransport>::get(
+      [] { return std::make_unique<CurlTransport>(CurlTransport::Options::fromEnvironment()); });
+}
+
+Result<HTTPResponse> HTTPTransport::perform(HTTPRequest request) {
+  // Shared with the completion, which may still be returning when the waiting thread goes on.
+  const auto promise = std::make_shared<std::promise<Result<HTTPResponse>>>();
+  std::future<Result<HTTPResponse>> answer = promise->get_future();
+  start(std::move(request),
+        [promise](Result<HTTPResponse> result) { promise->set_value(std::move(result)); });
+  return answer.get();
+}
+
+std::optional<Error> HTTPTransport::refusalOf(const HTTPRequest& request) {
+  const auto refusal = [](std::string description) {
+    return makeError(kErrorDomain, kBadRequest, std::move(description));
+  };
+  const std::string scheme = lowerCase(request.url.scheme());
+  if (scheme != "http" && scheme != "https")
+    return refusal(format("A URL of the scheme \"%s\" cannot be loaded.", request.url.scheme()));
+  if (request.url.host().empty()) return refusal("The URL names no host.");
+  if (!isToken(request.method)) return refusal("The request's method is malformed.");
+  for (const auto& [name, value] : request.headers) {
+    if (!isToken(name)) return refusal("The name of a request header is malformed.");
+    if (hasControlCharacter(value))
+      return refusal(format("The request header %s has control characters in its value.", name));
+    if (framesTheMessage(name))
+      return refusal(format("The request header %s is the transport's own.", name));
+  }
+  return std::nullopt;
+}
+
+}  // namespace tallow

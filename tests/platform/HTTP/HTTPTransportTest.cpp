@@ -1,0 +1,240 @@
+#include "platform/HTTP/HTTPTransport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/HTTP/CurlTransport.h"
+#include "platform/HTTP/ScriptedTransport.h"
+#include "tests/support/LoopbackServer.h"
+
+namespace tallow {
+namespace {
+
+// What every transport keeps to, over a store that answers, or keeps silent, as a test says.
+class RealStore {
+ public:
+  HTTPTransport& transport() { return *_transport; }
+  URL url() const { return _server->url("/bag?a=b"); }
+  void answer(int statusCode, const std::string& headerLines, const std::string& body) {
+    _server = std::make_unique<LoopbackServer>(LoopbackServer::answering(
+        LoopbackServer::response(statusCode, headerLines + "\r\n", body)));
+  }
+  void keepSilent() { _server = std::make_unique<LoopbackServer>(LoopbackServer::silent()); }
+  void waitUntilAsked(std::size_t count) { _server->waitForConnections(count); }
+  void endTransport() { _transport.reset(); }
+
+ private:
+  std::unique_ptr<LoopbackServer> _server;
+  std::unique_ptr<CurlTransport> _transport =
+      std::make_unique<CurlTransport>(CurlTransport::Options{});
+};
+
+class ScriptedStore {
+ public:
+  HTTPTransport& transport() { return *_transport; }
+  URL url() const { return *URL::parse("http://store.example.com/bag?a=b"); }
+  void answer(int statusCode, const std::string& headerLine, const std::string& body) {
+    const std::size_t colon = headerLine.find(": ");
+    const HTTPHeaderList headers = {{headerLine.substr(0, colon), headerLine.substr(colon + 2)}};
+    _transport->setHandler([=](const HTTPRequest& request) {
+      return ScriptedTransport::response(request, statusCode, headers, body);
+    });
+  }
+  void keepSilent() { _transport->hold(); }
+  void waitUntilAsked(std::size_t count) { _transport->waitForRequests(count); }
+  void endTransport() { _transport.reset(); }
+
+ private:
+  std::unique_ptr<ScriptedTransport> _transport = std::make_unique<ScriptedTransport>();
+};
+
+template <class Store>
+class HTTPTransportContract : public ::testing::Test {
+ protected:
+  std::int64_t errorOf(HTTPRequest request) {
+    const Result<HTTPResponse> result = store.transport().perform(std::move(request));
+    if (result) return 0;
+    EXPECT_EQ(result.error().domain, "HTTP");
+    EXPECT_TRUE(result.error().userInfo.contains(Error::kLocalizedDescriptionKey));
+    return result.error().code;
+  }
+  HTTPRequest request() { return HTTPRequest(store.url()); }
+
+  // Starts a request whose outcome (0 or the error's code) comes later.
+  std::future<std::int64_t> start(std::shared_ptr<HTTPTransport::Exchange>* exchange = nullptr) {
+    const auto outcome = std::make_shared<std::promise<std::int64_t>>();
+    auto started = store.transport().start(request(), [outcome](Result<HTTPResponse> result) {
+      outcome->set_value(result ? 0 : result.error().code);
+    });
+    if (exchange != nullptr) *exchange = std::move(started);
+    return outcome->get_future();
+  }
+
+  Store store;
+};
+
+using Stores = ::testing::Types<RealStore, ScriptedStore>;
+TYPED_TEST_SUITE(HTTPTransportContract, Stores);
+
+TYPED_TEST(HTTPTransportContract, GivesTheWholeAnswer) {
+  this->store.answer(200, "X-Store: Value, of it", "body");
+  const Result<HTTPResponse> result = this->store.transport().perform(this->request());
+  ASSERT_TRUE(result) << description(result.error());
+  EXPECT_EQ(result->url, this->store.url());
+  EXPECT_EQ(result->statusCode, 200);
+  EXPECT_EQ(result->header("X-Store"), "Value, of it");
+  EXPECT_EQ(result->body, Data(std::string_view("body")));
+}
+
+TYPED_TEST(HTTPTransportContract, AnyStatusIsAnAnswerAndRedirectsAreNotFollowed) {
+  for (const int status : {302, 404, 503}) {
+    this->store.answer(status, "Location: http://elsewhere.example.com/", "body");
+    const Result<HTTPResponse> result = this->store.transport().perform(this->request());
+    ASSERT_TRUE(result) << description(result.error());
+    EXPECT_EQ(result->statusCode, status);
+    EXPECT_EQ(result->header("Location"), "http://elsewhere.example.com/");
+    EXPECT_EQ(result->url, this->store.url());
+  }
+}
+
+TYPED_TEST(HTTPTransportContract, BoundsTheBody) {
+  this->store.answer(200, "X-Store: 1", std::string(1000, 'x'));
+  HTTPRequest request = this->request();
+  request.maxBodyBytes = 1000;
+  EXPECT_EQ(this->errorOf(request), 0);
+  request.maxBodyBytes = 999;
+  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBodyTooLarge);
+  request.maxBodyBytes = 0;
+  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBodyTooLarge);
+}
+
+TYPED_TEST(HTTPTransportContract, RefusesWhatMustNotBeSent) {
+  this->store.answer(200, "X-Store: 1", "");
+  const auto with = [&](std::string name, std::string value) {
+    HTTPRequest request = this->request();
+    request.headers = {{"X-Good", "good"}, {std::move(name), std::move(value)}};
+    return this->errorOf(std::move(request));
+  };
+  EXPECT_EQ(with("X-Store", "plain \xc3\xbc, 'quoted' \"text\""), 0);
+  for (const char* value : {"a\r\nX-Evil: 1", "a\nb", "a\rb", "\x01", "a\tb", "\x7f"})
+    EXPECT_EQ(with("X-Store", value), HTTPTransport::kBadRequest) << value;
+  EXPECT_EQ(with("X-Store", std::string("a\0b", 3)), HTTPTransport::kBadRequest);
+  for (const char* name : {"", "X Store", "X-Store:", "X-St\r\nore", "X-St\xc3\xb6re", "Host",
+                           "host", "Content-Length", "transfer-encoding"})
+    EXPECT_EQ(with(name, "1"), HTTPTransport::kBadRequest) << name;
+
+  HTTPRequest request = this->request();
+  request.method = "GET / HTTP/1.1\r\nX-Evil: 1\r\n";
+  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBadRequest);
+  for (const char* url : {"data:text/plain,hello", "ftp://127.0.0.1/", "file:///etc/passwd"}) {
+    ASSERT_TRUE(URL::parse(url)) << url;
+    EXPECT_EQ(this->errorOf(HTTPRequest(*URL::parse(url))), HTTPTransport::kBadRequest) << url;
+  }
+}
+
+TYPED_TEST(HTTPTransportContract, CompletesOnAThreadOfItsOwn) {
+  this->store.answer(200, "X-Store: 1", "");
+  std::promise<std::thread::id> answered;
+  std::promise<std::thread::id> refused;
+  this->store.transport().start(this->request(),
+                                [&](auto) { answered.set_value(std::this_thread::get_id()); });
+  HTTPRequest bad = this->request();
+  bad.method = "";
+  this->store.transport().start(bad, [&](auto) { refused.set_value(std::this_thread::get_id()); });
+  const std::thread::id thread = answered.get_future().get();
+  EXPECT_NE(thread, std::this_thread::get_id());
+  EXPECT_EQ(thread, refused.get_future().get());
+}
+
+TYPED_TEST(HTTPTransportContract, MayBeAskedFromACompletion) {
+  this->store.answer(200, "X-Store: 1", "");
+  std::promise<bool> second;
+  this->store.transport().start(this->request(), [&](auto) {
+    this->store.transport().start(this->request(), [&](Result<HTTPResponse> result) {
+      second.set_value(static_cast<bool>(result));
+    });
+  });
+  EXPECT_TRUE(second.get_future().get());
+}
+
+TYPED_TEST(HTTPTransportContract, CancelledExchangesCompleteOnce) {
+  this->store.keepSilent();
+  std::shared_ptr<HTTPTransport::Exchange> early;
+  std::shared_ptr<HTTPTransport::Exchange> late;
+  std::future<std::int64_t> earlyOutcome = this->start(&early);
+  early->cancel();
+  EXPECT_EQ(earlyOutcome.get(), HTTPTransport::kCancelled);
+  std::future<std::int64_t> lateOutcome = this->start(&late);
+  this->store.waitUntilAsked(1);
+  late->cancel();
+  late->cancel();
+  EXPECT_EQ(lateOutcome.get(), HTTPTransport::kCancelled);
+  early->cancel();
+}
+
+TYPED_TEST(HTTPTransportContract, TheEndOfTheTransportCancels) {
+  this->store.keepSilent();
+  std::shared_ptr<HTTPTransport::Exchange> exchange;
+  std::future<std::int64_t> first = this->start(&exchange);
+  std::future<std::int64_t> second = this->start();
+  this->store.waitUntilAsked(1);
+  this->store.endTransport();
+  EXPECT_EQ(first.get(), HTTPTransport::kCancelled);
+  EXPECT_EQ(second.get(), HTTPTransport::kCancelled);
+  exchange->cancel();
+}
+
+TYPED_TEST(HTTPTransportContract, ManyAskAtOnce) {
+  constexpr int kThreads = 8;
+  constexpr int kRequests = 25;
+  this->store.answer(200, "X-Store: 1", "body");
+  std::atomic<int> answered = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < kRequests; ++j) {
+        const Result<HTTPResponse> result = this->store.transport().perform(this->request());
+        if (result && result->body.view() == "body") ++answered;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(answered, kThreads * kRequests);
+}
+
+TEST(ScriptedTransportTest, AnswersInTheScriptsOrderAndRemembersRequests) {
+  ScriptedTransport transport;
+  transport.enqueue(ScriptedTransport::fail(HTTPTransport::kTimedOut));
+  transport.enqueue(
+      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 204); });
+  HTTPRequest request(*URL::parse("https://store.example.com/"));
+  request.method = "POST";
+  EXPECT_EQ(transport.perform(request).error().code, HTTPTransport::kTimedOut);
+  EXPECT_EQ(transport.perform(request)->statusCode, 204);
+  EXPECT_EQ(transport.perform(request).error().code, HTTPTransport::kCannotConnect);
+  ASSERT_EQ(transport.requests().size(), 3U);
+  EXPECT_EQ(transport.requests()[1].method, "POST");
+}
+
+TEST(ScriptedTransportTest, HeldRequestsAreAnsweredWhenReleased) {
+  ScriptedTransport transport;
+  transport.hold();
+  std::promise<int> status;
+  transport.start(HTTPRequest(*URL::parse("https://store.example.com/")),
+                  [&](Result<HTTPResponse> result) { status.set_value(result->statusCode); });
+  transport.waitForRequests(1);
+  transport.enqueue(
+      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
+  transport.release();
+  EXPECT_EQ(status.get_future().get(), 200);
+}
+
+}  // namespace
+}  // namespace tallow
