@@ -1,14 +1,13 @@
 #include "platform/Base/RegularExpression.h"
 
-#include <unicode/uchar.h>
-#include <unicode/uregex.h>
-#include <unicode/ustring.h>
 #include <unicode/utf8.h>
 
 #include <algorithm>
 #include <ctime>
 #include <optional>
 #include <string>
+
+#include "platform/Base/ICULibrary.h"
 
 namespace tallow {
 
@@ -23,7 +22,9 @@ constexpr std::int32_t kStackBytes = 4 * 1024 * 1024;
 constexpr double kMaxSeconds = 0.25;
 
 struct ExpressionCloser {
-  void operator()(URegularExpression* expression) const { uregex_close(expression); }
+  void operator()(URegularExpression* expression) const {
+    ICULibrary::shared()->regexClose(expression);
+  }
 };
 using Expression = std::unique_ptr<URegularExpression, ExpressionCloser>;
 
@@ -31,19 +32,25 @@ std::u16string utf16(std::string_view text) {
   std::u16string result(text.size(), u'\0');  // never more units than UTF-8 bytes
   std::int32_t length = 0;
   UErrorCode status = U_ZERO_ERROR;
-  u_strFromUTF8WithSub(result.data(), static_cast<std::int32_t>(result.size()), &length,
-                       text.data(), static_cast<std::int32_t>(text.size()), 0xFFFD, nullptr,
-                       &status);
+  ICULibrary::shared()->strFromUTF8WithSub(
+      result.data(), static_cast<std::int32_t>(result.size()), &length, text.data(),
+      static_cast<std::int32_t>(text.size()), 0xFFFD, nullptr, &status);
   result.resize(static_cast<std::size_t>(length));
   return result;
 }
 
 Error compileError(UErrorCode status, const UParseError& where) {
-  std::string text = u_errorName(status);
+  std::string text = ICULibrary::shared()->errorName(status);
   if (where.line > 0) {
     text += " at line " + std::to_string(where.line) + ", offset " + std::to_string(where.offset);
   }
   return makeError(kErrorDomain, status, std::move(text));
+}
+
+double secondsOf(clockid_t clock) {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 // The engine counts saved states only; this bounds what it does between them, which is at most one
@@ -51,7 +58,9 @@ Error compileError(UErrorCode status, const UParseError& where) {
 class Deadline {
  public:
   explicit Deadline(std::size_t textLength)
-      : _interval(std::max<std::size_t>(1, (1u << 18) / (textLength + 1))) {}
+      : _interval(std::max<std::size_t>(16, (1u << 18) / (textLength + 1))),
+        _start(secondsOf(CLOCK_MONOTONIC)),
+        _threadStart(secondsOf(CLOCK_THREAD_CPUTIME_ID)) {}
 
   // uregex calls this after each place it has tried; false stops the search.
   static UBool U_CALLCONV goOn(const void* context, std::int64_t) {
@@ -59,22 +68,16 @@ class Deadline {
   }
 
  private:
-  static double threadSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-  }
-
+  // Time that other threads took does not count, but asking for it costs a system call.
   bool isAhead() {
-    if (++_calls % _interval != 0) return true;
-    const double now = threadSeconds();
-    if (!_start) _start = now;
-    return now - *_start < kMaxSeconds;
+    if (++_calls % _interval != 0 || secondsOf(CLOCK_MONOTONIC) - _start < kMaxSeconds) return true;
+    return secondsOf(CLOCK_THREAD_CPUTIME_ID) - _threadStart < kMaxSeconds;
   }
 
   std::size_t _interval;
   std::size_t _calls = 0;
-  std::optional<double> _start;
+  double _start;
+  double _threadStart;
 };
 
 }  // namespace
@@ -90,28 +93,32 @@ Result<RegularExpression> RegularExpression::compile(std::string_view pattern, O
   if (pattern.size() > kMaxPatternBytes) {
     return makeError(kErrorDomain, U_REGEX_PATTERN_TOO_BIG, "The pattern is too long");
   }
+  if (ICULibrary::shared() == nullptr) {
+    return makeError(kErrorDomain, U_MISSING_RESOURCE_ERROR, "The ICU library is not there");
+  }
   const std::u16string units = utf16(pattern);
   UErrorCode status = U_ZERO_ERROR;
   UParseError where{};
-  Expression expression(uregex_open(units.data(), static_cast<std::int32_t>(units.size()),
-                                    options.caseInsensitive ? UREGEX_CASE_INSENSITIVE : 0, &where,
-                                    &status));
+  Expression expression(ICULibrary::shared()->regexOpen(
+      units.data(), static_cast<std::int32_t>(units.size()),
+      options.caseInsensitive ? UREGEX_CASE_INSENSITIVE : 0, &where, &status));
   if (U_FAILURE(status)) return compileError(status, where);
   return RegularExpression(std::make_shared<const Compiled>(Compiled{std::move(expression)}));
 }
 
 RegularExpression::Match RegularExpression::firstMatchIn(std::string_view text) const {
   if (text.size() > kMaxTextBytes) return Match::GaveUp;
+  const ICULibrary& icu = *ICULibrary::shared();
   const std::u16string units = utf16(text);
   UErrorCode status = U_ZERO_ERROR;
   // The compiled pattern is shared; the state of a search is this clone's own.
-  const Expression search(uregex_clone(_compiled->expression.get(), &status));
-  uregex_setTimeLimit(search.get(), kTimeLimit, &status);
-  uregex_setStackLimit(search.get(), kStackBytes, &status);
+  const Expression search(icu.regexClone(_compiled->expression.get(), &status));
+  icu.regexSetTimeLimit(search.get(), kTimeLimit, &status);
+  icu.regexSetStackLimit(search.get(), kStackBytes, &status);
   Deadline deadline(units.size());
-  uregex_setFindProgressCallback(search.get(), Deadline::goOn, &deadline, &status);
-  uregex_setText(search.get(), units.data(), static_cast<std::int32_t>(units.size()), &status);
-  const bool found = uregex_findNext(search.get(), &status) != 0;
+  icu.regexSetFindProgressCallback(search.get(), Deadline::goOn, &deadline, &status);
+  icu.regexSetText(search.get(), units.data(), static_cast<std::int32_t>(units.size()), &status);
+  const bool found = icu.regexFindNext(search.get(), &status) != 0;
   if (U_FAILURE(status)) return Match::GaveUp;
   return found ? Match::Found : Match::NotFound;
 }
@@ -129,7 +136,8 @@ UChar32 nextFolded(std::string_view text, std::size_t& index) {
   }
   UChar32 character = 0;
   U8_NEXT_OR_FFFD(text.data(), index, text.size(), character);
-  return u_foldCase(character, U_FOLD_CASE_DEFAULT);
+  const ICULibrary* icu = ICULibrary::shared();
+  return icu != nullptr ? icu->foldCase(character, U_FOLD_CASE_DEFAULT) : character;
 }
 
 }  // namespace

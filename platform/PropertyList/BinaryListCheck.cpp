@@ -1,7 +1,8 @@
 #include "platform/PropertyList/BinaryListCheck.h"
 
-#include <algorithm>
 #include <bit>
+#include <cstring>
+#include <string>
 
 #include "platform/PropertyList/ListLimits.h"
 #include "platform/PropertyList/PropertyList.h"
@@ -179,9 +180,7 @@ std::optional<Error> BinaryListCheck::checkScalar(const Object& object) {
 std::optional<Error> BinaryListCheck::checkText(const Object& object) const {
   const auto contents = _bytes.subspan(object.contents);
   if (object.kind == kASCII) {
-    if (std::ranges::find(contents.first(object.count), 0) != contents.begin() + object.count) {
-      return malformed("NUL in a string");
-    }
+    if (std::memchr(contents.data(), 0, object.count) != nullptr) return malformed("string");
     return std::nullopt;
   }
   bool afterHighSurrogate = false;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <span>
 
 #include "platform/PropertyList/ListLimits.h"
@@ -24,6 +25,13 @@ std::string_view trimmed(std::string_view text) {
   while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
   while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
   return text;
+}
+
+// Fast where there are few.
+std::size_t countOf(char wanted, std::string_view text) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(wanted); at != text.npos; at = text.find(wanted, at + 1)) ++count;
+  return count;
 }
 
 bool isLeaf(std::string_view name) {
@@ -57,12 +65,23 @@ bool isReal(std::string_view text) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-// "2026-03-01T12:30:00Z"
+// "2026-03-01T12:30:00Z", a day of the calendar; the library takes what it can read of anything.
 bool isDate(std::string_view text) {
   constexpr std::string_view kPattern = "0000-00-00T00:00:00Z";
-  return std::equal(
-      text.begin(), text.end(), kPattern.begin(), kPattern.end(),
-      [](char c, char pattern) { return pattern == '0' ? isDigit(c) : c == pattern; });
+  if (!std::equal(
+          text.begin(), text.end(), kPattern.begin(), kPattern.end(),
+          [](char c, char pattern) { return pattern == '0' ? isDigit(c) : c == pattern; })) {
+    return false;
+  }
+  const auto number = [text](std::size_t begin, std::size_t length) {
+    unsigned value = 0;
+    std::from_chars(text.data() + begin, text.data() + begin + length, value);
+    return value;
+  };
+  const std::chrono::year_month_day day(std::chrono::year(static_cast<int>(number(0, 4))),
+                                        std::chrono::month(number(5, 2)),
+                                        std::chrono::day(number(8, 2)));
+  return day.ok() && number(11, 2) < 24 && number(14, 2) < 60 && number(17, 2) < 60;
 }
 
 }  // namespace
@@ -184,7 +203,7 @@ std::optional<Error> XMLListCheck::readContent(std::string_view name, Content& c
     const std::size_t next = _text.find('<', _position);
     if (next == _text.npos) return listError(kMalformed, "Truncated XML property list");
     const std::string_view plain = _text.substr(_position, next - _position);
-    content.entities += static_cast<std::size_t>(std::count(plain.begin(), plain.end(), '&'));
+    content.entities += countOf('&', plain);
     _position = next;
     bool sound = true;
     if (startsWith("</")) break;
@@ -249,7 +268,7 @@ bool XMLListCheck::skipInstruction() {
   const std::size_t start = ++_position;
   if (!skipAfter("?>")) return false;
   const std::string_view skipped = _text.substr(start, _position - start);
-  return std::count(skipped.begin(), skipped.end(), '"') % 2 == 0;
+  return countOf('"', skipped) % 2 == 0;
 }
 
 // Without declarations of its own: no list needs entities, and entities can unfold without end.
@@ -257,8 +276,7 @@ bool XMLListCheck::skipDocumentType() {
   const std::size_t start = _position;
   if (!skipAfter(">")) return false;
   const std::string_view skipped = _text.substr(start, _position - start);
-  return skipped.find('[') == skipped.npos &&
-         std::count(skipped.begin(), skipped.end(), '"') % 2 == 0;
+  return skipped.find('[') == skipped.npos && countOf('"', skipped) % 2 == 0;
 }
 
 bool XMLListCheck::skipAttributes() {
@@ -266,8 +284,7 @@ bool XMLListCheck::skipAttributes() {
   if (!skipAfter(">")) return false;
   const std::string_view skipped = _text.substr(start, _position - start - 1);
   return skipped.find('<') == skipped.npos && !skipped.ends_with('/') &&
-         (skipped.empty() || isSpace(skipped.front())) &&
-         std::count(skipped.begin(), skipped.end(), '"') % 2 == 0;
+         (skipped.empty() || isSpace(skipped.front())) && countOf('"', skipped) % 2 == 0;
 }
 
 }  // namespace tallow::PropertyList

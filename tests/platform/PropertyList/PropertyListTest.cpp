@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <cmath>
+#include <limits>
+#include <string>
+
 namespace tallow {
 namespace {
 
@@ -17,24 +21,134 @@ Value everything() {
       {"early", Date{-30610224000}},
       {"empty data", Data()},
       {"empty string", ""},
-      {"entities <&>\"'", "a <b> & \"c\" 'd' ]]> \xF0\x9F\x98\x80 \xC3\xA9"},
+      {"", "empty key"},
+      {"entities <&>\"'", "a <b> & \"c\" 'd' ]]> \xF0\x9F\x98\x80 \xC3\xA9\r\n\t"},
+      {"key \xC3\xA9", 5},
       {"large", 18446744073709551615ull},
+      {"long data", Data(std::string(1000, 'x'))},
+      {"maximum", std::numeric_limits<std::int64_t>::max()},
       {"minimum", std::numeric_limits<std::int64_t>::min()},
       {"minus one", -1},
       {"real", 0.1},
+      {"small", 2147483648},
       {"tiny", 5e-324},
+      {"infinity", -std::numeric_limits<double>::infinity()},
       {"zero", 0},
   };
 }
 
+Value roundTrip(const Value& value, Format format) {
+  const auto decoded = PropertyList::decode(PropertyList::encode(value, format));
+  EXPECT_TRUE(decoded) << description(decoded.error());
+  return decoded ? *decoded : Value();
+}
+
+Value decodedXML(std::string_view body) {
+  const auto decoded = PropertyList::decode(
+      Data("<?xml version=\"1.0\"?><plist version=\"1.0\">" + std::string(body) + "</plist>\n"));
+  return decoded ? *decoded : Value("refused: " + decoded.error().localizedDescription());
+}
+
 TEST(PropertyListTest, EveryKindOfValueSurvivesBothFormats) {
+  const Value all = everything();
   for (const Format format : {Format::XML, Format::Binary}) {
-    const auto decoded = PropertyList::decode(PropertyList::encode(everything(), format));
-    ASSERT_TRUE(decoded) << description(decoded.error());
-    EXPECT_EQ(*decoded, everything()) << description(*decoded);
-    EXPECT_TRUE((*decoded->dictionary())["large"].isLargeUnsigned());
-    EXPECT_NE((*decoded->dictionary())["boolean"].boolean(), nullptr);
+    const Value decoded = roundTrip(all, format);
+    EXPECT_EQ(decoded, all) << description(decoded);
+    EXPECT_TRUE((*decoded.dictionary())["large"].isLargeUnsigned());
+    EXPECT_NE((*decoded.dictionary())["boolean"].boolean(), nullptr);
+    for (const auto& entry : *all.dictionary()) {
+      EXPECT_EQ(roundTrip(entry.value, format), entry.value) << entry.key;
+    }
   }
+  EXPECT_TRUE(std::isnan(roundTrip(std::nan(""), Format::XML).realValue()));
+}
+
+TEST(PropertyListTest, DatesKeepEveryBitInBinaryAndWholeSecondsInXML) {
+  for (const double moment :
+       {1772368200.1234567, 0.0000001, -0.5, -62135596800.0, 1e300, 978307200.5}) {
+    const double kept = (moment - 978307200) + 978307200;  // as the format counts
+    EXPECT_EQ(roundTrip(Date{moment}, Format::Binary), Value(Date{kept}));
+  }
+  EXPECT_EQ(roundTrip(Date{1772368200.999}, Format::XML), Value(Date{1772368200}));
+  EXPECT_EQ(roundTrip(Date{-0.5}, Format::XML), Value(Date{-1}));
+  // Beyond what four digits of a year can say: the nearest date that they can.
+  EXPECT_EQ(roundTrip(Date{1e300}, Format::XML), Value(Date{253402300799}));
+  EXPECT_EQ(roundTrip(Date{-1e300}, Format::XML), Value(Date{-30610224000}));
+  EXPECT_NE(roundTrip(Date{std::nan("")}, Format::XML).date(), nullptr);
+}
+
+TEST(PropertyListTest, WhatAFormatCannotCarryIsReplaced) {
+  const std::string text("a\0b\x01\xFF\xC3", 6);
+  EXPECT_EQ(roundTrip(text, Format::Binary), Value("a\xEF\xBF\xBD"
+                                                   "b\x01\xEF\xBF\xBD\xEF\xBF\xBD"));
+  EXPECT_EQ(roundTrip(text, Format::XML), Value("a\xEF\xBF\xBD"
+                                                "b\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"));
+  EXPECT_EQ(roundTrip(Dictionary{{"\xFF", 1}}, Format::XML),
+            Value(Dictionary{{"\xEF\xBF\xBD", 1}}));
+}
+
+TEST(PropertyListTest, LargeListsKeepTheirOrderAndKeys) {
+  std::vector<Dictionary::Entry> entries;
+  std::vector<Value> elements;
+  for (int index = 0; index < 20'000; ++index) {
+    entries.push_back({"key" + std::to_string(index), index});
+    elements.emplace_back(index);
+  }
+  const Value large = Dictionary{{"array", Array(elements)}, {"dictionary", Dictionary(entries)}};
+  for (const Format format : {Format::XML, Format::Binary})
+    EXPECT_EQ(roundTrip(large, format), large);
+}
+
+TEST(PropertyListTest, XMLIsReadAsItIsMeant) {
+  EXPECT_EQ(decodedXML("<string>a<!-- no -->b<![CDATA[<&>]]>&lt;&#65;&#x1F600;</string>"),
+            Value("ab<&><A\xF0\x9F\x98\x80"));
+  EXPECT_EQ(decodedXML("<!-- <array> --><array><!--x--> <true/><false ></false><string/></array>"),
+            Value(Array{true, false, ""}));
+  EXPECT_EQ(decodedXML("<data>\n\tAAEC\n\t/w==\n</data>"),
+            Value(Data(std::string_view("\0\1\2\xFF", 4))));
+  EXPECT_EQ(
+      decodedXML(
+          "<array><integer> -7 </integer><integer>0x1F</integer><integer>+5</integer></array>"),
+      Value(Array{-7, 31, 5}));
+  EXPECT_EQ(decodedXML("<array><real>1</real><real>-2.5e3</real></array>"),
+            Value(Array{1.0, -2500.0}));
+  EXPECT_TRUE(decodedXML("<real>1</real>").isReal());
+  EXPECT_EQ(decodedXML("<date>2026-03-01T12:30:00Z</date>"), Value(Date{1772368200}));
+  EXPECT_EQ(decodedXML("<date>4001-01-01T00:00:00Z</date>"), Value(Date{64092211200}));
+  EXPECT_EQ(
+      decodedXML("<dict><key>a</key><integer>1</integer><key>a</key><integer>2</integer></dict>"),
+      Value(Dictionary{{"a", 2}}));
+  // With a byte order mark, with a document type, and without <plist>.
+  EXPECT_EQ(*PropertyList::decode(
+                Data("\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC "
+                     "\"-//X//DTD PLIST 1.0//EN\" \"http://x/\">\n<dict/> <!-- -->\n")),
+            Value(Dictionary()));
+}
+
+TEST(PropertyListTest, BytesBeyondTheLimitAreNotLookedAt) {
+  const Data list = PropertyList::encode("0123456789", Format::XML);
+  EXPECT_TRUE(PropertyList::decode(list, list.length()));
+  EXPECT_FALSE(PropertyList::decode(list, list.length() - 1));
+  EXPECT_FALSE(PropertyList::decode(Data(std::string(17u << 20, ' '))));
+  EXPECT_EQ(PropertyList::decode(Data(std::string(17u << 20, ' '))).error().domain, "PropertyList");
+}
+
+TEST(PropertyListTest, MegabytesOfHonestContentsAreAccepted) {
+  std::vector<Dictionary::Entry> entries;
+  for (int index = 0; index < 60'000; ++index) {
+    entries.push_back(
+        {"service-key-" + std::to_string(index), "https://store.example.com/a?b=1&c=2"});
+  }
+  const Value large = Dictionary(std::move(entries));
+  const Data list = PropertyList::encode(large, Format::XML);
+  ASSERT_GT(list.length(), 4u << 20);
+  const auto decoded = PropertyList::decode(list);
+  ASSERT_TRUE(decoded) << description(decoded.error());
+  EXPECT_TRUE(*decoded == large);
+}
+
+TEST(PropertyListDeathTest, NilIsAProgrammersError) {
+  EXPECT_DEATH(PropertyList::encode(Value(), Format::XML), "nil");
 }
 
 }  // namespace

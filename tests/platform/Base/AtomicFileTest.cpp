@@ -1,0 +1,149 @@
+#include "platform/Base/AtomicFile.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <set>
+#include <string>
+
+namespace tallow {
+namespace {
+
+namespace fs = std::filesystem;
+
+class AtomicFileTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "tallow-file-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    _folder = pattern;
+    _file = _folder / "state";
+  }
+  void TearDown() override { fs::remove_all(_folder); }
+
+  static void put(const fs::path& path, std::string_view text) { std::ofstream(path) << text; }
+  std::set<std::string> names() const {
+    std::set<std::string> result;
+    for (const auto& entry : fs::directory_iterator(_folder)) {
+      result.insert(entry.path().filename().string());
+    }
+    return result;
+  }
+
+  fs::path _folder;
+  fs::path _file;
+};
+
+TEST_F(AtomicFileTest, WritesAndReplacesPrivately) {
+  const mode_t previous = umask(0);
+  EXPECT_EQ(writeFileAtomically(_file, Data("old")), std::nullopt);
+  chmod(_file.c_str(), 0644);
+  EXPECT_EQ(writeFileAtomically(_file, Data(std::string(100'000, 'n'))), std::nullopt);
+  umask(previous);
+  EXPECT_EQ(readFile(_file)->view(), std::string(100'000, 'n'));
+  EXPECT_EQ(fs::status(_file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(writeFileAtomically(_file, Data()), std::nullopt);
+  EXPECT_TRUE(readFile(_file)->empty());
+  EXPECT_THAT(names(), testing::ElementsAre("state"));
+}
+
+TEST_F(AtomicFileTest, WritingOverALinkReplacesTheLink) {
+  put(_folder / "target", "precious");
+  fs::create_symlink("target", _file);
+  EXPECT_EQ(writeFileAtomically(_file, Data("new")), std::nullopt);
+  EXPECT_FALSE(fs::is_symlink(_file));
+  EXPECT_EQ(readFile(_folder / "target")->view(), "precious");
+}
+
+TEST_F(AtomicFileTest, AFailedWriteLeavesTheOldContentsAndNothingElse) {
+  put(_file, "old");
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small{1000, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  const auto error = writeFileAtomically(_file, Data(std::string(5000, 'n')));
+  setrlimit(RLIMIT_FSIZE, &before);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain, "File");
+  EXPECT_EQ(error->code, EFBIG);
+  EXPECT_EQ(readFile(_file)->view(), "old");
+  EXPECT_THAT(names(), testing::ElementsAre("state"));
+
+  fs::create_directory(_folder / "taken");
+  EXPECT_EQ(writeFileAtomically(_folder / "taken", Data("x"))->code, EISDIR);
+  EXPECT_EQ(writeFileAtomically(_folder / "missing" / "state", Data("x"))->code, ENOENT);
+  EXPECT_EQ(writeFileAtomically(_folder / "", Data("x"))->code, EINVAL);
+  EXPECT_EQ(writeFileAtomically(_folder / "..", Data("x"))->code, EINVAL);
+  EXPECT_EQ(writeFileAtomically(_file / "state", Data("x"))->code, ENOTDIR);
+  EXPECT_THAT(names(), testing::ElementsAre("state", "taken"));
+}
+
+TEST_F(AtomicFileTest, BeingKilledLeavesOldOrNewWhole) {
+  const std::string old(50'000, 'o');
+  const std::string replacement(70'000, 'n');
+  ASSERT_EQ(writeFileAtomically(_file, Data(old)), std::nullopt);
+  for (int round = 0; round < 20; ++round) {
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(::pipe(pipe.data()), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      const Data first(replacement);
+      const Data second(old);
+      while (true) {
+        writeFileAtomically(_file, first);
+        if (write(pipe[1], "x", 1) != 1) _exit(1);
+        writeFileAtomically(_file, second);
+      }
+    }
+    close(pipe[1]);
+    char byte = 0;
+    for (int writes = 0; writes <= round % 4; ++writes) ASSERT_EQ(read(pipe[0], &byte, 1), 1);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(pipe[0]);
+    const auto contents = readFile(_file);
+    ASSERT_TRUE(contents);
+    EXPECT_TRUE(contents->view() == old || contents->view() == replacement);
+  }
+}
+
+TEST_F(AtomicFileTest, ReadsOnlyRegularFilesOfBoundedSize) {
+  put(_file, "12345");
+  EXPECT_EQ(readFile(_file, 5)->view(), "12345");
+  EXPECT_EQ(readFile(_file, 4).error().code, EFBIG);
+  EXPECT_EQ(readFile(_folder / "missing").error().code, ENOENT);
+  EXPECT_EQ(readFile(_folder).error().code, EISDIR);
+  fs::create_symlink("state", _folder / "link");
+  EXPECT_EQ(readFile(_folder / "link").error().code, ELOOP);
+  // Neither waits for a writer nor reads what a device has to give.
+  ASSERT_EQ(mkfifo((_folder / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(readFile(_folder / "fifo").error().code, EINVAL);
+  EXPECT_EQ(readFile("/dev/zero").error().code, EINVAL);
+  // A file that does not tell its size, and one that has more to give than is wanted.
+  EXPECT_FALSE(readFile("/proc/self/maps")->empty());
+  EXPECT_EQ(readFile("/proc/self/maps", 100).error().code, EFBIG);
+}
+
+TEST_F(AtomicFileTest, DamagedFilesAreMovedAsideNeverOverwritten) {
+  for (const char* expected : {"state.corrupt", "state.corrupt.2", "state.corrupt.3"}) {
+    put(_file, expected);
+    const auto moved = setAsideAsCorrupt(_file);
+    ASSERT_TRUE(moved);
+    EXPECT_EQ(*moved, _folder / expected);
+    EXPECT_EQ(readFile(*moved)->view(), expected);
+    EXPECT_FALSE(fs::exists(_file));
+  }
+  EXPECT_EQ(setAsideAsCorrupt(_file).error().code, ENOENT);
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,110 @@
+#include "platform/Base/Directories.h"
+
+#include <gmock/gmock.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace tallow {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Sets the variables that Directories reads, and puts them back.
+class DirectoriesTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME",
+                             "XDG_STATE_HOME", "XDG_CONFIG_DIRS", "XDG_DATA_DIRS"}) {
+      const char* value = std::getenv(name);
+      _previous[name] = value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+      unsetenv(name);
+    }
+  }
+  void TearDown() override {
+    for (const auto& [name, value] : _previous) {
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    }
+  }
+
+ private:
+  std::map<std::string, std::optional<std::string>> _previous;
+};
+
+TEST_F(DirectoriesTest, DefaultsLieBelowHome) {
+  setenv("HOME", "/home/somebody", 1);
+  const Directories directories = Directories::fromEnvironment();
+  EXPECT_EQ(directories.configHome, "/home/somebody/.config/tallowd");
+  EXPECT_EQ(directories.dataHome, "/home/somebody/.local/share/tallowd");
+  EXPECT_EQ(directories.cacheHome, "/home/somebody/.cache/tallowd");
+  EXPECT_EQ(directories.stateHome, "/home/somebody/.local/state/tallowd");
+  EXPECT_THAT(directories.configDirs,
+              testing::ElementsAre("/home/somebody/.config/tallowd", "/etc/xdg/tallowd"));
+  EXPECT_THAT(directories.dataDirs,
+              testing::ElementsAre("/home/somebody/.local/share/tallowd",
+                                   "/usr/local/share/tallowd", "/usr/share/tallowd"));
+}
+
+TEST_F(DirectoriesTest, RelativeAndEmptyValuesAreIgnored) {
+  setenv("HOME", "/h", 1);
+  setenv("XDG_CONFIG_HOME", "relative", 1);
+  setenv("XDG_STATE_HOME", "", 1);
+  setenv("XDG_CACHE_HOME", "/cache", 1);
+  setenv("XDG_CONFIG_DIRS", "relative::/one:./x:/two:", 1);
+  setenv("XDG_DATA_DIRS", "relative", 1);
+  const Directories directories = Directories::fromEnvironment();
+  EXPECT_EQ(directories.configHome, "/h/.config/tallowd");
+  EXPECT_EQ(directories.stateHome, "/h/.local/state/tallowd");
+  EXPECT_EQ(directories.cacheHome, "/cache/tallowd");
+  EXPECT_THAT(directories.configDirs,
+              testing::ElementsAre("/h/.config/tallowd", "/one/tallowd", "/two/tallowd"));
+  EXPECT_THAT(directories.dataDirs, testing::ElementsAre("/h/.local/share/tallowd"));
+}
+
+TEST_F(DirectoriesTest, WithoutAUsableHomeTheUserDatabaseTells) {
+  const fs::path expected = fs::path(getpwuid(getuid())->pw_dir) / ".cache/tallowd";
+  EXPECT_EQ(Directories::fromEnvironment().cacheHome, expected);
+  setenv("HOME", "not/absolute", 1);
+  EXPECT_EQ(Directories::fromEnvironment().cacheHome, expected);
+}
+
+TEST(PathComponentTest, NothingThatLeavesTheFolderIsSafe) {
+  for (const std::string& name :
+       {std::string("com.example.store"), std::string("a b"), std::string("..."),
+        std::string("\xC3\xA9"), std::string(200, 'a')}) {
+    EXPECT_TRUE(isSafePathComponent(name)) << name;
+  }
+  for (const std::string& name :
+       {std::string(), std::string("."), std::string(".."), std::string("a/b"), std::string("/"),
+        std::string("a\0b", 3), std::string("a\nb"), std::string("\x7f"), std::string(201, 'a')}) {
+    EXPECT_FALSE(isSafePathComponent(name)) << name;
+  }
+}
+
+TEST(EnsureDirectoryTest, MakesMissingFoldersForTheOwnerOnly) {
+  std::string pattern = (fs::temp_directory_path() / "tallow-folder-XXXXXX").string();
+  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+  const fs::path folder = pattern;
+  const mode_t previous = umask(0);
+  EXPECT_TRUE(ensureDirectoryExists(folder / "a/b//c/"));
+  umask(previous);
+  EXPECT_EQ(fs::status(folder / "a").permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(folder / "a/b/c").permissions(), fs::perms::owner_all);
+  EXPECT_TRUE(ensureDirectoryExists(folder / "a/b/c"));
+  fs::create_directory_symlink(folder / "a", folder / "link");
+  EXPECT_TRUE(ensureDirectoryExists(folder / "link/d"));
+  EXPECT_TRUE(fs::is_directory(folder / "a/d"));
+  fs::create_symlink(folder / "nowhere", folder / "dangling");
+  EXPECT_FALSE(ensureDirectoryExists(folder / "dangling/d"));
+  EXPECT_FALSE(ensureDirectoryExists("/proc/self/nothing/here"));
+  EXPECT_FALSE(ensureDirectoryExists(""));
+  fs::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,57 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/Random.h"
+#include "platform/Base/SharedInstance.h"
+
+namespace tallow {
+namespace {
+
+TEST(DateTest, DescriptionIsAlwaysUTC) {
+  EXPECT_EQ(description(Date{0}), "1970-01-01 00:00:00 +0000");
+  EXPECT_EQ(description(Date{-0.5}), "1969-12-31 23:59:59 +0000");
+  EXPECT_EQ(description(Date{951782400}), "2000-02-29 00:00:00 +0000");
+  EXPECT_EQ(description(Date{-62135596800}), "0001-01-01 00:00:00 +0000");
+  EXPECT_EQ(description(Date{253402300799.9}), "9999-12-31 23:59:59 +0000");
+  EXPECT_EQ(description(Date{253402300800}), "253402300800");
+  EXPECT_EQ(description(Date{std::numeric_limits<double>::infinity()}), "inf");
+  EXPECT_EQ(description(Date{std::numeric_limits<double>::quiet_NaN()}), "nan");
+}
+
+TEST(ClockTest, TheSharedClockCanBeSet) {
+  const double before = Clock::shared().now().secondsSince1970;
+  EXPECT_GT(before, 1.7e9);
+  ManualClock clock(Date{1000});
+  {
+    const ScopedShared<Clock> scope(clock);
+    clock.advance(5);
+    EXPECT_EQ(Clock::shared().now(), Date{1005});
+    EXPECT_EQ(Clock::shared().monotonicSeconds(), 5);
+    clock.set(Date{1});
+    EXPECT_EQ(Clock::shared().now(), Date{1});
+    EXPECT_EQ(Clock::shared().monotonicSeconds(), 5);
+  }
+  EXPECT_GE(Clock::shared().now().secondsSince1970, before);
+}
+
+class AllOnes final : public Random {
+ public:
+  void fill(std::span<std::uint8_t> bytes) override { std::ranges::fill(bytes, 0xff); }
+};
+
+TEST(RandomTest, FillsAnyLengthAndStaysBelowOne) {
+  std::array<std::uint8_t, 1000> bytes{};
+  Random::shared().fill(bytes);
+  EXPECT_LT(std::ranges::count(bytes, 0), 50);  // 4 expected
+  Random::shared().fill({});
+  AllOnes ones;
+  EXPECT_LT(ones.unit(), 1.0);
+  EXPECT_GT(ones.unit(), 0.9999999999999);
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,175 @@
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/PropertyList/PropertyList.h"
+
+namespace tallow {
+namespace {
+
+// Puts together binary lists that no encoder writes.
+class BinaryList {
+ public:
+  // References and offsets of `width` bytes.
+  explicit BinaryList(int width = 1) : _width(width) {}
+
+  int add(std::string_view object) {
+    _offsets.push_back(_objects.size());
+    _objects += object;
+    return static_cast<int>(_offsets.size()) - 1;
+  }
+  std::string number(std::uint64_t value, int width) const {
+    std::string result;
+    for (int byte = width - 1; byte >= 0; --byte) result += static_cast<char>(value >> (8 * byte));
+    return result;
+  }
+  // An array or, with keys before values, a dictionary of `count` entries.
+  std::string container(char kind, const std::vector<int>& references) const {
+    const std::size_t count = kind == '\xD0' ? references.size() / 2 : references.size();
+    std::string result(1, static_cast<char>(kind | 0xF));
+    result += '\x12' + number(count, 4);
+    for (const int reference : references)
+      result += number(static_cast<unsigned>(reference), _width);
+    return result;
+  }
+  int addArray(const std::vector<int>& references) { return add(container('\xA0', references)); }
+
+  std::string bytes(int root, std::string_view beforeTrailer = "") const {
+    std::string result = _objects;
+    for (const std::size_t offset : _offsets) result += number(offset, 4);
+    result += beforeTrailer;
+    return result + std::string(6, '\0') + '\4' + static_cast<char>(_width) +
+           number(_offsets.size(), 8) + number(static_cast<unsigned>(root), 8) +
+           number(_objects.size(), 8);
+  }
+
+ private:
+  int _width;
+  std::string _objects = "bplist00";
+  std::vector<std::size_t> _offsets;
+};
+
+bool isAccepted(std::string_view bytes) {
+  return static_cast<bool>(PropertyList::decode(Data(bytes)));
+}
+bool isAcceptedAlone(std::string_view object) {
+  BinaryList list;
+  return isAccepted(list.bytes(list.add(object)));
+}
+
+TEST(HostileBinaryListTest, TheListsMadeHereAreOtherwiseSound) {
+  BinaryList list;
+  const int key = list.add("\x51k");
+  const int value = list.add("\x61\x04\x10");
+  const int dictionary = list.add(list.container('\xD0', {key, value}));
+  const auto decoded =
+      PropertyList::decode(Data(list.bytes(list.addArray({dictionary, dictionary, key}))));
+  ASSERT_TRUE(decoded);
+  const Value entry = Dictionary{{"k", "\xD0\x90"}};
+  EXPECT_EQ(*decoded, Value(Array{entry, entry, "k"}));
+}
+
+TEST(HostileBinaryListTest, NestingAndCyclesAreBounded) {
+  for (const std::size_t depth :
+       {PropertyList::kMaxDepth, PropertyList::kMaxDepth + 1, std::size_t{1'000'000}}) {
+    BinaryList list(4);
+    int inner = list.addArray({});
+    for (std::size_t level = 1; level < depth; ++level) inner = list.addArray({inner});
+    EXPECT_EQ(isAccepted(list.bytes(inner)), depth == PropertyList::kMaxDepth) << depth;
+  }
+  BinaryList self;
+  EXPECT_FALSE(isAccepted(self.bytes(self.addArray({0, 0, 0}))));
+  BinaryList pair;
+  pair.addArray({1});
+  pair.addArray({0});
+  EXPECT_FALSE(isAccepted(pair.bytes(0)));
+}
+
+TEST(HostileBinaryListTest, SharedObjectsMustNotUnfoldWithoutEnd) {
+  BinaryList doubling;
+  int inner = doubling.add("\x09");
+  for (int level = 0; level < 100; ++level) inner = doubling.addArray({inner, inner});
+  EXPECT_FALSE(isAccepted(doubling.bytes(inner)));
+
+  // A megabyte of text, referred to a hundred times.
+  BinaryList text;
+  const int shared = text.add("\x5F\x12" + text.number(1 << 20, 4) + std::string(1 << 20, 'x'));
+  EXPECT_FALSE(isAccepted(text.bytes(text.addArray(std::vector<int>(100, shared)))));
+  EXPECT_TRUE(isAccepted(text.bytes(text.addArray(std::vector<int>(10, shared)))));
+
+  // The library looks at every object's ancestors.
+  BinaryList wide(4);
+  int bottom = wide.addArray(std::vector<int>(1'000'000, wide.add("\x08")));
+  EXPECT_TRUE(isAccepted(wide.bytes(bottom)));
+  for (int level = 0; level < 500; ++level) bottom = wide.addArray({bottom});
+  EXPECT_FALSE(isAccepted(wide.bytes(bottom)));
+}
+
+TEST(HostileBinaryListTest, OnlyOneWholeListIsAList) {
+  const Value value =
+      Dictionary{{"a", Array{1, 2.5, "text", "\xC3\xA9", Data("data"), Date{0}}}, {"b", true}};
+  const std::string list(PropertyList::encode(value, PropertyList::Format::Binary).view());
+  for (std::size_t length = 0; length < list.size(); ++length)
+    EXPECT_FALSE(isAccepted(list.substr(0, length)));
+  EXPECT_FALSE(isAccepted(list + "x"));
+  EXPECT_FALSE(isAccepted(list + list));
+  BinaryList padded;
+  padded.add("\x08");
+  EXPECT_FALSE(isAccepted(padded.bytes(0, "smuggled")));
+  EXPECT_FALSE(isAccepted(padded.bytes(1)));
+  // Any wrong byte is refused or makes another list, and does no harm.
+  for (std::size_t index = 0; index < list.size(); ++index) {
+    for (const int flip : {1, 0x80, 0xFF, 0x0F, 0xF0}) {
+      std::string damaged = list;
+      damaged[index] = static_cast<char>(damaged[index] ^ flip);
+      isAccepted(damaged);
+    }
+  }
+}
+
+TEST(HostileBinaryListTest, UnsupportedAndMalformedObjectsAreRefused) {
+  using namespace std::string_view_literals;
+  EXPECT_TRUE(isAcceptedAlone("\x14\0\0\0\0\0\0\0\0\xff\xff\xff\xff\xff\xff\xff\xff"sv));
+  for (const std::string_view object :
+       {"\x00"sv,
+        "\x0F"sv,
+        "\x01"sv,  // null, fill, nothing
+        "\x80\x01"sv,
+        "\xC0"sv,
+        "\x70\x41"sv,
+        "\xF0"sv,  // UID, set, unknown
+        "\x15\0\0\0\0"sv,
+        "\x1F"sv,
+        "\x13\0\0"sv,                              // numbers of no size, or cut
+        "\x14\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0"sv,  // more than 64 bits
+        "\x14\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff"sv,
+        "\x20\0"sv,
+        "\x21\0\0"sv,
+        "\x24"sv,
+        "\x32\0\0\0\0"sv,
+        "\x53"
+        "ab"sv,
+        "\x5F\x13\xff\xff\xff\xff\xff\xff\xff\xff"sv,
+        "\x5F\x21\0\0"sv,
+        "\x5F"sv,
+        "\x6F\x13\x80\0\0\0\0\0\0\0"sv,
+        "\xAF\x13\x7f\xff\xff\xff\xff\xff\xff\xff"sv,
+        "\xDF\x13\x80\0\0\0\0\0\0\1"sv,
+        "\xA1\x07"sv,
+        "\x53"
+        "a\0b"sv,
+        "\x51\xFF"sv,  // NUL, no UTF-8
+        "\x61\0\0"sv,
+        "\x61\xD8\0"sv,
+        "\x61\xDC\0"sv,
+        "\x62\xD8\0\0\x41"sv}) {  // lone surrogates
+    EXPECT_FALSE(isAcceptedAlone(object)) << testing::PrintToString(object);
+  }
+  BinaryList keys;
+  const int number = keys.add("\x10\x05");
+  EXPECT_FALSE(isAccepted(keys.bytes(keys.add(keys.container('\xD0', {number, number})))));
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,141 @@
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/PropertyList/PropertyList.h"
+
+namespace tallow {
+namespace {
+
+bool isAccepted(std::string_view text) {
+  return static_cast<bool>(PropertyList::decode(Data(text), 32u << 20));
+}
+
+std::string repeated(std::string_view text, std::size_t count) {
+  std::string result;
+  result.reserve(text.size() * count);
+  for (std::size_t index = 0; index < count; ++index) result += text;
+  return result;
+}
+
+TEST(HostileXMLListTest, NestingIsBounded) {
+  const auto nested = [](std::size_t depth) {
+    return repeated("<array>", depth) + repeated("</array>", depth);
+  };
+  EXPECT_TRUE(isAccepted(nested(PropertyList::kMaxDepth)));
+  EXPECT_FALSE(isAccepted(nested(PropertyList::kMaxDepth + 1)));
+  EXPECT_FALSE(isAccepted(nested(1'000'000)));
+  EXPECT_FALSE(isAccepted(repeated("<array>", 2'300'000)));
+  EXPECT_FALSE(isAccepted(repeated("<dict><key></key>", 900'000)));
+  // Closing tags that are none must not hide the depth.
+  EXPECT_FALSE(isAccepted(repeated("<array><!--</array>-->", 700'000)));
+  EXPECT_FALSE(isAccepted(repeated("<array><?</array>?>", 800'000)));
+  EXPECT_FALSE(isAccepted(repeated("<array><string><![CDATA[</array>]]></string>", 300'000)));
+}
+
+TEST(HostileXMLListTest, WhatTakesTheLibraryTheSquareOfTheTextIsRefused) {
+  // Entities, of which each moves all that follows.
+  EXPECT_FALSE(isAccepted("<string>" + repeated("&amp;", 3'000'000) + "</string>"));
+  EXPECT_TRUE(isAccepted("<string>" + repeated("text &amp; ", 20'000) + "</string>"));
+  // Keys made to fall together in a hash table: "Ez" and "FY" have the same hash.
+  std::string colliding = "<dict>";
+  for (int index = 0; index < (1 << 16); ++index) {
+    colliding += "<key>";
+    for (int bit = 0; bit < 16; ++bit) colliding += (index >> bit & 1) != 0 ? "Ez" : "FY";
+    colliding += "</key><true/>";
+  }
+  EXPECT_FALSE(isAccepted(colliding + "</dict>"));
+  // Repeated keys, of which each counts through all entries.
+  std::string filled;
+  for (int index = 0; index < 100'000; ++index) {
+    filled += "<key>" + std::to_string(index) + "</key><true/>";
+  }
+  EXPECT_TRUE(isAccepted("<dict>" + filled + "</dict>"));
+  EXPECT_FALSE(
+      isAccepted("<dict>" + filled + repeated("<key>99999</key><true/>", 100'000) + "</dict>"));
+  EXPECT_FALSE(
+      isAccepted("<dict>" + filled + repeated("<key>&#57;9999</key><true/>", 100'000) + "</dict>"));
+  EXPECT_FALSE(isAccepted("<array>" + repeated("<true/>", 2'200'000) + "</array>"));
+}
+
+TEST(HostileXMLListTest, OnlyOneWholeListIsAList) {
+  const std::string list =
+      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>"
+      "<array><string>a&amp;b</string><data>AA==</data></array></dict></plist>";
+  ASSERT_TRUE(isAccepted(list));
+  for (std::size_t length = 0; length < list.size(); ++length) {
+    EXPECT_FALSE(isAccepted(list.substr(0, length))) << list.substr(0, length);
+  }
+  for (const char* more :
+       {"x", "<dict/>", "</plist>", "<plist><dict/></plist>", "<!DOCTYPE plist>", "\x01"}) {
+    EXPECT_FALSE(isAccepted(list + more)) << more;
+  }
+  EXPECT_FALSE(isAccepted("<dict/><dict/>"));
+  EXPECT_FALSE(isAccepted("<string>a</string>b"));
+  EXPECT_FALSE(isAccepted("<plist><plist><dict/></plist></plist>"));
+  EXPECT_FALSE(isAccepted("<plist><dict></plist></dict>"));
+  EXPECT_FALSE(isAccepted("<plist></plist>"));
+  EXPECT_FALSE(isAccepted("<html><body>404</body></html>"));
+  EXPECT_FALSE(isAccepted("{\"json\": true}"));
+}
+
+TEST(HostileXMLListTest, WrongValuesAreRefusedNotGuessed) {
+  for (const char* value : {"<integer></integer>",
+                            "<integer/>",
+                            "<integer>x</integer>",
+                            "<integer>1x</integer>",
+                            "<integer>--1</integer>",
+                            "<integer>1 2</integer>",
+                            "<integer>010</integer>",
+                            "<integer>18446744073709551616</integer>",
+                            "<integer>-9223372036854775809</integer>",
+                            "<integer>1<!-- -->2</integer>",
+                            "<real>x</real>",
+                            "<real/>",
+                            "<real>1,5</real>",
+                            "<date>yesterday</date>",
+                            "<date>2026-03-01</date>",
+                            "<date>2026-03-01T12:30:00+01:00</date>",
+                            "<date>2026-13-01T12:30:00Z</date>",
+                            "<date>2026-02-30T12:30:00Z</date>",
+                            "<date>2026-02-28T24:00:00Z</date>",
+                            "<true>no</true>",
+                            "<string><b>x</b></string>",
+                            "<string>&nbsp;</string>",
+                            "<string>&#0;</string>",
+                            "<string>&#xD800;</string>",
+                            "<string>&#x110000;</string>",
+                            "<string>\xFF</string>",
+                            "<string>\xC0\x80</string>",
+                            "<string>\xED\xA0\x80</string>",
+                            "<uid>1</uid>",
+                            "<set/>",
+                            "<null/>",
+                            "<Array/>",
+                            "<dict><string>k</string><true/></dict>",
+                            "<dict><key>a</key></dict>",
+                            "<dict><key>a</key><key>b</key></dict>",
+                            "<dict><true/></dict>",
+                            "<array><key>a</key></array>",
+                            "<key>a</key>",
+                            "<dict><key/><true/></dict>",
+                            "<dict><key>\xFF</key><true/></dict>",
+                            "<array x=\"1\"/>",
+                            "<array></dict>",
+                            "<array>x</array>",
+                            "</array>",
+                            "<!ENTITY x \"y\"><dict/>"}) {
+    EXPECT_FALSE(isAccepted(value)) << value;
+  }
+  EXPECT_FALSE(isAccepted(std::string_view("<string>a\0b</string>", 20)));
+  EXPECT_FALSE(isAccepted("<!DOCTYPE plist [<!ENTITY a \"" + repeated("x", 1000) +
+                          "\">]><string>&a;</string>"));
+  // Quotes, in which the library does not look for an end.
+  EXPECT_FALSE(isAccepted("<?a \"?><array>?\"?></array>"));
+  EXPECT_FALSE(isAccepted("<!DOCTYPE \"><array><\"></array>"));
+  EXPECT_FALSE(isAccepted("<plist a=\"><array>\"></array></plist>"));
+}
+
+}  // namespace
+}  // namespace tallow
