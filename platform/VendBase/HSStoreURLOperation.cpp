@@ -148,7 +148,7 @@ std::optional<Error> HSStoreURLOperation::_trustFailure(const URL& url) {
     if (!isTrusted) return serviceUnavailable();
     if (*isTrusted) return std::nullopt;
   }
-  logLevel(1, "%@: Refusing untrusted URL %@", kClassName, url);
+  logLevel(1, "%@: Refusing a URL of untrusted host %@", kClassName, url.host());
   return HSError(kHSErrorNotTrusted, std::nullopt,
                  "The store's settings do not trust this address");
 }
@@ -173,7 +173,7 @@ Result<HTTPResponse> HSStoreURLOperation::_send(const HSRequestHop& hop) {
       return response;
     const double pause = longestPause * (1 + Random::shared().unit());
     if (pause >= _remainingSeconds()) return response;
-    logLevel(2, "%@: Trying %@ again in %.2f seconds after %@", kClassName, hop.url, pause,
+    logLevel(2, "%@: Trying %@ again in %.2f seconds after %@", kClassName, hop.url.host(), pause,
              response.error());
     if (!_pause(pause)) return cancellationError();
   }

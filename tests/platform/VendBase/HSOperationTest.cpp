@@ -1,0 +1,211 @@
+#include "platform/VendBase/HSOperation.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "platform/VendBase/HSError.h"
+#include "tests/support/FakeAccountService.h"
+
+namespace tallow {
+namespace {
+
+std::shared_ptr<const HSStoreClient> makeClient(std::int64_t type = kHSStoreClientTypeStoreAgent) {
+  auto client = std::make_shared<HSStoreClient>();
+  client->identifier = "com.vantor.test";
+  client->clientType = type;
+  return client;
+}
+
+// Runs what a test gives it.
+class BlockOperation : public HSOperation {
+ public:
+  using Block = std::function<void(BlockOperation&)>;
+  explicit BlockOperation(Block block) : HSOperation(makeClient()), _block(std::move(block)) {}
+  using HSOperation::waitForReply;
+
+ protected:
+  void run() override { _block(*this); }
+
+ private:
+  Block _block;
+};
+
+// Waits for an answer that never comes; ends only by being cancelled.
+std::shared_ptr<BlockOperation> waitingOperation(std::promise<void>& waits) {
+  return std::make_shared<BlockOperation>([&waits](BlockOperation& operation) {
+    const HSPendingReply<bool> reply;
+    const auto callback = reply.callback();
+    waits.set_value();
+    EXPECT_FALSE(operation.waitForReply(reply));
+  });
+}
+
+TEST(HSPendingReply, FirstAnswerCounts) {
+  const HSPendingReply<int> reply;
+  const auto callback = reply.callback();
+  callback(1);
+  callback(2);
+  reply.abandon();
+  EXPECT_EQ(reply.wait(), 1);
+}
+
+TEST(HSPendingReply, EndsWhenNobodyCanAnswerAnyMore) {
+  const HSPendingReply<int> reply;
+  auto callback = reply.callback();
+  std::thread dropper([moved = std::move(callback)]() mutable { moved = nullptr; });
+  EXPECT_EQ(reply.wait(), std::nullopt);
+  dropper.join();
+  const HSPendingReply<int> slow;
+  const auto kept = slow.callback();
+  EXPECT_EQ(slow.wait(0.0), std::nullopt);
+}
+
+TEST(HSOperation, HandlerAndCallerSeeTheOutcome) {
+  const Error failure = HSError(kHSErrorInvalidResponse, "title", std::nullopt);
+  const auto operation =
+      std::make_shared<BlockOperation>([&](BlockOperation& self) { self.setError(failure); });
+  int calls = 0;
+  operation->setCompletionHandler(
+      [&](HSOperation& finished, bool success, const std::optional<Error>& error) {
+        ++calls;
+        EXPECT_EQ(&finished, operation.get());
+        EXPECT_FALSE(success);
+        EXPECT_EQ(error, failure);
+      });
+  std::optional<Error> error;
+  EXPECT_FALSE(operation->runSyncReturningError(&error));
+  EXPECT_EQ(error, failure);
+  EXPECT_EQ(calls, 1);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(operation->runSyncReturningError(nullptr), "run twice");
+}
+
+TEST(HSOperation, PlainOneRunsOthersUnderItself) {
+  const auto plain = std::make_shared<HSOperation>(makeClient());
+  const auto step =
+      std::make_shared<BlockOperation>([](BlockOperation& self) { self.setSuccess(true); });
+  std::optional<Error> error = Error{};
+  EXPECT_TRUE(plain->runSubOperation(*step, &error));
+  EXPECT_EQ(error, std::nullopt);
+  EXPECT_TRUE(plain->runSyncReturningError(nullptr));
+}
+
+TEST(HSOperation, CancelledBeforeItsTurnNeverRuns) {
+  const auto operation =
+      std::make_shared<BlockOperation>([](BlockOperation&) { FAIL() << "has run"; });
+  operation->cancel();
+  std::optional<Error> error;
+  EXPECT_FALSE(operation->runSyncReturningError(&error));
+  EXPECT_EQ(error->code, kHSErrorCancelled);
+}
+
+TEST(HSOperation, WaitsForNothingOnceCancelled) {
+  const auto operation = std::make_shared<BlockOperation>([](BlockOperation& self) {
+    self.cancel();
+    const HSPendingReply<bool> reply;
+    const auto callback = reply.callback();
+    EXPECT_FALSE(self.waitForReply(reply));
+  });
+  EXPECT_FALSE(operation->runSyncReturningError(nullptr));
+}
+
+TEST(HSOperation, CancelReachesTheRunningStep) {
+  std::promise<void> waits;
+  const auto step = waitingOperation(waits);
+  std::optional<Error> stepError;
+  const auto parent = std::make_shared<BlockOperation>([&](BlockOperation& self) {
+    EXPECT_FALSE(self.runSubOperation(*step, &stepError));
+    // A step that comes too late does not start.
+    const auto late =
+        std::make_shared<BlockOperation>([](BlockOperation&) { FAIL() << "has run"; });
+    EXPECT_FALSE(self.runSubOperation(*late, nullptr));
+  });
+  std::optional<Error> error;
+  std::thread runner([&] { EXPECT_FALSE(parent->runSyncReturningError(&error)); });
+  waits.get_future().wait();
+  parent->cancel();
+  runner.join();
+  EXPECT_EQ(stepError->code, kHSErrorCancelled);
+  EXPECT_EQ(error->code, kHSErrorCancelled);
+}
+
+class HSOperationLookup : public testing::Test {
+ protected:
+  std::shared_ptr<FakeAccountService> _service = std::make_shared<FakeAccountService>();
+  ScopedAccountService _scope{_service};
+};
+
+TEST_F(HSOperationLookup, ReadsTheBagThroughTheService) {
+  _service->bag =
+      Dictionary{{"url", "https://store.example/a"}, {"number", 7}, {"bad", "https://"}};
+  HSOperation operation(makeClient());
+  EXPECT_EQ(operation.valueForURLBagKey("number"), Value(7));
+  EXPECT_EQ(operation.urlForURLBagKey("url"), URL::parse("https://store.example/a"));
+  EXPECT_EQ(operation.urlForURLBagKey("number"), std::nullopt);
+  EXPECT_EQ(operation.urlForURLBagKey("bad"), std::nullopt);
+  EXPECT_EQ(operation.urlForURLBagKey("absent"), std::nullopt);
+  _service->unanswered = {"valueForURLBagKey"};
+  EXPECT_TRUE(operation.valueForURLBagKey("number").isNil());
+}
+
+TEST_F(HSOperationLookup, NeedingNoBagAsksForNone) {
+  _service->bag = Dictionary{{"number", 7}};
+  HSOperation operation(makeClient());
+  operation.setRequiredBagType(0);
+  EXPECT_TRUE(operation.valueForURLBagKey("number").isNil());
+  EXPECT_TRUE(_service->calls().empty());
+}
+
+TEST_F(HSOperationLookup, AsksAsAClientOfTheRequiredBag) {
+  HSOperation operation(makeClient());
+  operation.setRequiredBagType(2);
+  operation.valueForURLBagKey("a");
+  HSOperation outfitter(makeClient(kHSStoreClientTypeOutfitter));
+  outfitter.setRequiredBagType(2);
+  outfitter.valueForURLBagKey("a");
+  const auto clients = _scope.clients();
+  ASSERT_EQ(clients.size(), 2u);
+  EXPECT_EQ(clients[0]->requiredBagType, 2u);
+  EXPECT_EQ(clients[0]->identifier, "com.vantor.test");
+  EXPECT_EQ(clients[1], outfitter.storeClient()) << "its registries would switch to a changed one";
+}
+
+TEST(HSServiceProxy, IsNullWithoutALocalService) {
+  HSServiceProxy proxy(makeClient());
+  EXPECT_EQ(proxy.accountService(), nullptr);
+}
+
+TEST(HSServiceProxy, HopsKeepsOrderAndIsIndependentOfOthers) {
+  const auto service = std::make_shared<FakeAccountService>();
+  const ScopedAccountService scope(service);
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  const std::thread::id caller = std::this_thread::get_id();
+  service->onCall = [&](const std::string& operation) {
+    EXPECT_NE(std::this_thread::get_id(), caller);
+    if (operation == "consumeCookiesWithHTTPHeaders") released.wait();
+  };
+  HSServiceProxy blocked(makeClient()), free(makeClient());
+  const HSPendingReply<std::monostate> last;
+  blocked.accountService()->consumeCookiesWithHTTPHeaders({}, std::nullopt, nullptr);
+  for (int i = 0; i < 50; ++i)
+    blocked.accountService()->setStoreFrontID(std::to_string(i), nullptr);
+  blocked.accountService()->deleteAllCookies(last.doneCallback());
+
+  const HSPendingReply<bool> answer;
+  free.accountService()->isValid(answer.callback());
+  EXPECT_EQ(answer.wait(), true) << "does not stand in the other proxy's line";
+  EXPECT_TRUE(service->storeFrontsSet().empty());
+
+  release.set_value();
+  EXPECT_TRUE(last.wait());
+  const auto set = service->storeFrontsSet();
+  ASSERT_EQ(set.size(), 50u);
+  for (int i = 0; i < 50; ++i) EXPECT_EQ(set[i], std::to_string(i));
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,147 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/Random.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Concurrency/RunLoop.h"
+#include "platform/HTTP/ScriptedTransport.h"
+#include "platform/VendBase/HSDevice.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/HSStoreURLOperation.h"
+#include "tests/support/FakeAccountService.h"
+
+namespace tallow {
+
+// The world around a store request, in the test's hands: transport, account service, time, chance.
+class StoreRequestFixture : public testing::Test {
+ protected:
+  // Fires a timer at once, the clock moved on by its seconds; or keeps it, for ever.
+  class FakeRunLoop final : public RunLoop {
+   public:
+    explicit FakeRunLoop(ManualClock& clock) : _clock(clock) {}
+    int run() override { return 0; }
+    void stop(int /*status*/) override {}
+    void post(std::function<void()> block) override { block(); }
+    void onSignal(int /*signalNumber*/, std::function<void()> /*block*/) override {}
+    std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override {
+      pauses.push_back(seconds);
+      if (onTimer) {
+        onTimer();
+        return std::make_shared<KeptTimer>(std::move(block));
+      }
+      _clock.advance(seconds);
+      block();
+      return std::make_shared<KeptTimer>(nullptr);
+    }
+
+    std::vector<double> pauses;
+    std::function<void()> onTimer;  // when set, timers are kept
+
+   private:
+    struct KeptTimer final : Timer {
+      explicit KeptTimer(std::function<void()> kept) : block(std::move(kept)) {}
+      void invalidate() override { block = nullptr; }
+      bool isValid() const override { return block != nullptr; }
+      std::function<void()> block;
+    };
+    ManualClock& _clock;
+  };
+  class FakeDevice final : public HSDevice {
+   public:
+    std::optional<std::string> guid() override { return value; }
+    std::optional<std::string> value = "0123456789ABCDEF0123456789ABCDEF";
+  };
+  class FakeRandom final : public Random {
+   public:
+    void fill(std::span<std::uint8_t> bytes) override {
+      std::fill(bytes.begin(), bytes.end(), byte);
+    }
+    std::uint8_t byte = 0;
+  };
+
+  static std::shared_ptr<const HSStoreClient> makeClient() {
+    auto client = std::make_shared<HSStoreClient>();
+    client->identifier = "com.vantor.test";
+    client->userAgent = "Test/1.0";
+    return client;
+  }
+  static URL url(std::string_view text) { return *URL::parse(text); }
+
+  std::shared_ptr<HSStoreURLOperation> operationFor(std::string_view text) {
+    auto operation = std::make_shared<HSStoreURLOperation>(makeClient());
+    operation->setRequest(HSURLRequest(url(text)));
+    return operation;
+  }
+  // As a bag load makes it.
+  std::shared_ptr<HSStoreURLOperation> baglessOperationFor(std::string_view text) {
+    auto operation = operationFor(text);
+    operation->setRequiredBagType(0);
+    operation->setURLKnownToBeTrusted(true);
+    return operation;
+  }
+  // The code of the store error (0: success); other domains fail the test.
+  static std::int64_t run(HSStoreURLOperation& operation) {
+    std::optional<Error> error;
+    const bool success = operation.runSyncReturningError(&error);
+    EXPECT_EQ(success, !error.has_value());
+    if (!error) return 0;
+    EXPECT_EQ(error->domain, kHSErrorDomain);
+    return error->code;
+  }
+  // The same for transport errors.
+  static std::int64_t runForTransportError(HSStoreURLOperation& operation) {
+    std::optional<Error> error;
+    EXPECT_FALSE(operation.runSyncReturningError(&error));
+    EXPECT_EQ(error ? error->domain : "", "HTTP");
+    return error ? error->code : 0;
+  }
+
+  // Scripts the next answer.
+  void respond(int status, HTTPHeaderList headers = {}, std::string body = {}) {
+    _transport.enqueue([=](const HTTPRequest& request) {
+      return ScriptedTransport::response(request, status, headers, body);
+    });
+  }
+  void fail(HTTPTransport::ErrorCode code) { _transport.enqueue(ScriptedTransport::fail(code)); }
+
+  HTTPRequest sent(std::size_t index) const { return _transport.requests().at(index); }
+  // The value of that request's only header of that name, in any case; "(none)" or "(many)".
+  std::string sentHeader(std::size_t index, std::string_view name) const {
+    std::string found = "(none)";
+    for (const auto& [each, value] : sent(index).headers) {
+      const bool isSame = std::equal(
+          each.begin(), each.end(), name.begin(), name.end(),
+          [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
+      if (isSame) found = found == "(none)" ? value : "(many)";
+    }
+    return found;
+  }
+
+  ManualClock _clock{Date{1'000'000}};
+  FakeRunLoop _runLoop{_clock};
+  ScriptedTransport _transport;
+  FakeDevice _device;
+  FakeRandom _random;
+  std::shared_ptr<FakeAccountService> _service = std::make_shared<FakeAccountService>();
+
+ private:
+  ScopedShared<Clock> _scopedClock{_clock};
+  ScopedShared<RunLoop> _scopedRunLoop{_runLoop};
+  ScopedShared<HTTPTransport> _scopedTransport{_transport};
+  ScopedShared<HSDevice> _scopedDevice{_device};
+  ScopedShared<Random> _scopedRandom{_random};
+  ScopedAccountService _scopedService{_service};
+};
+
+}  // namespace tallow

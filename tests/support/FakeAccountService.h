@@ -1,0 +1,178 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/VendBase/HSAccountService.h"
+#include "platform/VendBase/HSServiceProxy.h"
+
+namespace tallow {
+
+// An account service for tests of code that asks or feeds one. Answers on the calling thread, with
+// what the test has set; writes down every call, by operation name, and everything handed in.
+// The answers are set before use; calls may come from any thread.
+class FakeAccountService final : public HSAccountService {
+ public:
+  struct ConsumedHeaders {
+    Dictionary headers;
+    std::optional<URL> fromURL;
+  };
+  struct HeaderQuestion {
+    std::optional<URL> url;
+    std::optional<std::uint64_t> dsid;
+    bool includeOrvHeaders;
+  };
+
+  // Answers. A bag that is "not there" answers nil and false.
+  Dictionary bag;
+  bool bagIsValid = true;
+  std::function<bool(const URL&)> trusts = [](const URL&) { return true; };
+  std::function<bool(const URL&)> allowsGUID = [](const URL&) { return false; };
+  std::function<Dictionary(const HeaderQuestion&)> headers = [](const HeaderQuestion&) {
+    return Dictionary();
+  };
+  std::optional<Error> loadError;
+  // Called at the start of every operation, on the calling thread, with the operation's name: may
+  // block, to play a service that is busy.
+  std::function<void(const std::string& operation)> onCall;
+  // Operations whose reply is dropped unanswered.
+  std::vector<std::string> unanswered;
+
+  std::vector<std::string> calls() const { return copyOf(_calls); }
+  std::vector<ConsumedHeaders> consumed() const { return copyOf(_consumed); }
+  std::vector<HeaderQuestion> headerQuestions() const { return copyOf(_headerQuestions); }
+  std::vector<std::optional<std::string>> storeFrontsSet() const { return copyOf(_storeFrontsSet); }
+  std::optional<std::string> storeFrontID() const { return copyOf(_storeFrontID); }
+  void setStoreFront(std::optional<std::string> id) { _storeFrontID = std::move(id); }
+
+  void valueForURLBagKey(std::string key, Reply<Value> reply) override {
+    answer("valueForURLBagKey", reply, bagIsValid ? bag[key] : Value());
+  }
+  void urlIsTrustedByURLBag(std::optional<URL> url, Reply<bool> reply) override {
+    answer("urlIsTrustedByURLBag", reply, bagIsValid && url && trusts(*url));
+  }
+  void needsSilentOrvActionForURL(std::optional<URL> /*url*/, Reply<bool> reply) override {
+    answer("needsSilentOrvActionForURL", reply, false);
+  }
+  void loadURLBagWithType(std::uint64_t /*bagType*/,
+                          Reply<bool, bool, std::optional<Error>> reply) override {
+    answer("loadURLBagWithType", reply, bagIsValid, !loadError, loadError);
+  }
+  void invalidateAllBags(Done reply) override { answer("invalidateAllBags", reply); }
+  void regexWithKey(std::string /*key*/, std::string /*matchesString*/,
+                    Reply<bool> reply) override {
+    answer("regexWithKey", reply, false);
+  }
+  void isValid(Reply<bool> reply) override { answer("isValid", reply, bagIsValid); }
+  void dictionary(Reply<std::optional<Dictionary>> reply) override {
+    answer("dictionary", reply, std::optional<Dictionary>(bag));
+  }
+  void addURLBagObserver(std::shared_ptr<HSURLBagObserver> /*observer*/, Done reply) override {
+    answer("addURLBagObserver", reply);
+  }
+  void removeURLBagObserver(std::shared_ptr<HSURLBagObserver> /*observer*/, Done reply) override {
+    answer("removeURLBagObserver", reply);
+  }
+  void shouldSendGUIDWithRequestForURL(std::optional<URL> url, Reply<bool> reply) override {
+    answer("shouldSendGUIDWithRequestForURL", reply, bagIsValid && url && allowsGUID(*url));
+  }
+  void consumeCookiesWithHTTPHeaders(Dictionary responseHeaders, std::optional<URL> fromURL,
+                                     Done reply) override {
+    enter("consumeCookiesWithHTTPHeaders");
+    {
+      const std::lock_guard guard(_lock);
+      _consumed.push_back({std::move(responseHeaders), std::move(fromURL)});
+    }
+    leave("consumeCookiesWithHTTPHeaders", reply);
+  }
+  void httpHeadersForURL(std::optional<URL> url, std::optional<std::uint64_t> forDSID,
+                         bool includeOrvHeaders, Reply<Dictionary> reply) override {
+    const HeaderQuestion question{std::move(url), forDSID, includeOrvHeaders};
+    {
+      const std::lock_guard guard(_lock);
+      _headerQuestions.push_back(question);
+    }
+    answer("httpHeadersForURL", reply, headers(question));
+  }
+  void deleteAllCookies(Done reply) override { answer("deleteAllCookies", reply); }
+  void storeFront(Reply<std::optional<std::string>> reply) override {
+    answer("storeFront", reply, storeFrontID());
+  }
+  void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) override {
+    enter("setStoreFrontID");
+    {
+      const std::lock_guard guard(_lock);
+      _storeFrontID = storeFrontID;
+      _storeFrontsSet.push_back(std::move(storeFrontID));
+    }
+    leave("setStoreFrontID", reply);
+  }
+
+ private:
+  template <class T>
+  T copyOf(const T& member) const {
+    const std::lock_guard guard(_lock);
+    return member;
+  }
+  void enter(const char* operation) {
+    {
+      const std::lock_guard guard(_lock);
+      _calls.emplace_back(operation);
+    }
+    if (onCall) onCall(operation);
+  }
+  template <class Reply, class... Results>
+  void leave(const char* operation, const Reply& reply, Results&&... results) {
+    for (const std::string& name : unanswered)
+      if (name == operation) return;
+    if (reply) reply(std::forward<Results>(results)...);
+  }
+  template <class Reply, class... Results>
+  void answer(const char* operation, const Reply& reply, Results&&... results) {
+    enter(operation);
+    leave(operation, reply, std::forward<Results>(results)...);
+  }
+
+  mutable std::mutex _lock;
+  std::vector<std::string> _calls;
+  std::vector<ConsumedHeaders> _consumed;
+  std::vector<HeaderQuestion> _headerQuestions;
+  std::vector<std::optional<std::string>> _storeFrontsSet;
+  std::optional<std::string> _storeFrontID;
+};
+
+// Makes every proxy of the process lead to `service` while it lives, and remembers for which
+// clients a way was asked for.
+class ScopedAccountService {
+ public:
+  explicit ScopedAccountService(std::shared_ptr<HSAccountService> service)
+      : _previous(HSServiceProxy::setLocalAccountService(
+            [clients = _clients, service](std::shared_ptr<const HSStoreClient> client) {
+              const std::lock_guard guard(clients->lock);
+              clients->list.push_back(std::move(client));
+              return service;
+            })) {}
+  ~ScopedAccountService() { HSServiceProxy::setLocalAccountService(std::move(_previous)); }
+  ScopedAccountService(const ScopedAccountService&) = delete;
+  ScopedAccountService& operator=(const ScopedAccountService&) = delete;
+
+  std::vector<std::shared_ptr<const HSStoreClient>> clients() const {
+    const std::lock_guard guard(_clients->lock);
+    return _clients->list;
+  }
+
+ private:
+  struct Clients {
+    std::mutex lock;
+    std::vector<std::shared_ptr<const HSStoreClient>> list;
+  };
+  std::shared_ptr<Clients> _clients = std::make_shared<Clients>();
+  HSServiceProxy::LocalAccountService _previous;
+};
+
+}  // namespace tallow
