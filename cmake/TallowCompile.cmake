@@ -31,8 +31,10 @@ option(TALLOW_LTO "Optimise at link time" OFF)
 set(TALLOW_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
 
 # Paths in messages and debug information are relative to the repository, so that a build in another
-# folder gives the same bytes.
-add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+# folder gives the same bytes; ccache hands the compiler relative paths already.
+file(RELATIVE_PATH _upwards ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+add_compile_options(-fdebug-prefix-map=${CMAKE_SOURCE_DIR}=.
+  -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${_upwards}=)
 add_compile_definitions(_GLIBCXX_ASSERTIONS)
 add_link_options(-Wl,--as-needed)
 
@@ -74,11 +76,12 @@ endif()
 
 add_library(tallow_warnings INTERFACE)
 target_compile_options(tallow_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wunused -Wformat=2 -Wcast-align -Wold-style-cast
+  -Wall -Wextra -Wpedantic -Wunused -Wformat=2 -Wno-format-nonliteral -Wcast-align -Wold-style-cast
   -Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override -Wextra-semi -Wmissing-declarations
-  # GCC's plain -Wshadow also forbids to name a constructor's parameter after the member it fills.
-  $<IF:$<CXX_COMPILER_ID:GNU>,-Wshadow=local,-Wshadow>
-  $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wlogical-op>
+  # Plain -Wshadow also forbids to name a constructor's parameter after the member it fills.
+  $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local -Wduplicated-cond -Wlogical-op>
+  # The macros of C libraries use what C++ lacks; GCC knows that they are not ours, clang does not.
+  $<$<CXX_COMPILER_ID:Clang>:-Wno-c99-extensions -Wno-gnu-zero-variadic-macro-arguments>
   $<$<BOOL:${TALLOW_WERROR}>:-Werror>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND (_optimised OR TALLOW_SANITIZE))
   # Guesses of the optimiser that are wrong about std::string and std::optional in GCC 12 (its bugs

@@ -1,0 +1,41 @@
+# Where everything goes: cmake --install. The places are those that the bus, systemd and man look in
+# below the prefix; packagers stage with DESTDIR.
+
+foreach(program tallowctl tallow-devstore)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()
+# Started by the bus, never by hand.
+if(TARGET tallowd)
+  install(TARGETS tallowd RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR})
+endif()
+
+set(_packaging ${CMAKE_SOURCE_DIR}/packaging)
+set(_dbus ${CMAKE_INSTALL_DATADIR}/dbus-1)
+
+# tallow_install_configured(FILE.in DESTINATION): fills in the paths, installs as FILE.
+function(tallow_install_configured template destination)
+  string(REGEX REPLACE "\\.in$" "" name ${template})
+  configure_file(${_packaging}/${template} ${CMAKE_BINARY_DIR}/packaging/${name} @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/packaging/${name} DESTINATION ${destination})
+endfunction()
+
+tallow_install_configured(com.vantor.tallowd.service.in ${_dbus}/services)
+tallow_install_configured(com.vantor.tallowd.daemon.service.in ${_dbus}/system-services)
+install(FILES ${_packaging}/com.vantor.tallowd.daemon.conf DESTINATION ${_dbus}/system.d)
+tallow_install_configured(tallowd.service.in lib/systemd/user)
+tallow_install_configured(tallowd-daemon.service.in lib/systemd/system)
+install(FILES ${_packaging}/tallowd.sysusers DESTINATION lib/sysusers.d RENAME tallowd.conf)
+
+file(GLOB _interfaces CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/interfaces/*.xml)
+install(FILES ${_interfaces} DESTINATION ${_dbus}/interfaces)
+
+foreach(section 1 5 8)
+  file(GLOB _pages CONFIGURE_DEPENDS ${_packaging}/man/*.${section})
+  install(FILES ${_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
+
+file(GLOB _documents CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/*.md)
+install(FILES ${_documents} ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/CHANGELOG.md
+  ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
