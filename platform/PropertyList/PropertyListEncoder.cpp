@@ -103,7 +103,7 @@ Data encode(const Value& value, Format format) {
   } else {
     plist_to_xml(root.get(), &bytes, &length);
   }
-  const Data data(std::string_view(bytes, length));
+  Data data(std::string_view(bytes, length));
   std::free(bytes);
   return data;
 }

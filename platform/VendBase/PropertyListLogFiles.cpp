@@ -17,7 +17,7 @@ constexpr const char* kClassName = "PropertyListLogFiles";
 
 Data contentsFor(const Value& value) {
   if (value.isNil()) return Data(std::string_view("(null)\n"));
-  const Data whole = PropertyList::encode(value, PropertyList::Format::XML);
+  Data whole = PropertyList::encode(value, PropertyList::Format::XML);
   if (whole.length() <= PropertyListLogFiles::kMaxFileBytes) return whole;
   std::string cut(whole.view().substr(0, PropertyListLogFiles::kMaxFileBytes));
   cut += format("\n<!-- cut here; %lu bytes in all -->\n", whole.length());

@@ -75,7 +75,7 @@ void VBLogManager::_write(int level, const SourceLocation& where, std::string_vi
   if (const auto sink = _sink()) sink->write(level, where, LogText::fileName(where.file), line);
 }
 
-void VBLogManager::_writePropertyList(int level, const Value& value, std::string fileName) {
+void VBLogManager::_writePropertyList(int level, const Value& value, const std::string& fileName) {
   if (const auto sink = _sink()) sink->writePropertyList(level, fileName, value);
 }
 

@@ -79,7 +79,7 @@ class VBLogManager {
               std::span<const FormatArgument> arguments);
   void _readThresholdFromEnvironment();
   std::shared_ptr<Sink> _sink() const;
-  void _writePropertyList(int level, const Value& value, std::string fileName);
+  void _writePropertyList(int level, const Value& value, const std::string& fileName);
 
   struct State;
   std::atomic<int> _threshold;
