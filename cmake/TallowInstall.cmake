@@ -26,6 +26,7 @@ tallow_install_configured(com.vantor.tallowd.daemon.service.in ${_dbus}/system-s
 install(FILES ${_packaging}/com.vantor.tallowd.daemon.conf DESTINATION ${_dbus}/system.d)
 tallow_install_configured(tallowd.service.in lib/systemd/user)
 tallow_install_configured(tallowd-daemon.service.in lib/systemd/system)
+tallow_install_configured(clients.d/tallowctl.toml.in ${CMAKE_INSTALL_DATADIR}/tallowd/clients.d)
 install(FILES ${_packaging}/tallowd.sysusers DESTINATION lib/sysusers.d RENAME tallowd.conf)
 
 file(GLOB _interfaces CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/interfaces/*.xml)
