@@ -27,6 +27,8 @@ install(FILES ${_packaging}/com.vantor.tallowd.daemon.conf DESTINATION ${_dbus}/
 tallow_install_configured(tallowd.service.in lib/systemd/user)
 tallow_install_configured(tallowd-daemon.service.in lib/systemd/system)
 tallow_install_configured(clients.d/tallowctl.toml.in ${CMAKE_INSTALL_DATADIR}/tallowd/clients.d)
+install(FILES ${_packaging}/sandbox/com.vantor.tallowd.toml
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/tallowd/sandbox)
 install(FILES ${_packaging}/tallowd.sysusers DESTINATION lib/sysusers.d RENAME tallowd.conf)
 
 file(GLOB _interfaces CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/interfaces/*.xml)

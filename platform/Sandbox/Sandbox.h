@@ -11,8 +11,12 @@ inline constexpr std::uint64_t kSandboxNamed = 1;
 // be given back to sandbox_free_error. A kernel without Landlock is logged and not an error; an
 // unknown profile, a malformed profile file, or a kernel that refuses a rule is.
 //
-// Profiles are files NAME.toml in the data directories' sandbox/ folder, with a built-in one for
-// "com.vantor.tallowd".
+// Profiles are files NAME.toml in the sandbox/ folder of the system's data directories (not of the
+// user's own, where a confined service could write its next profile), with a built-in one for
+// "com.vantor.tallowd": packaging/sandbox/com.vantor.tallowd.toml, which documents the format.
+//
+// The service's own folders are made before they can no longer be. A process under Landlock cannot
+// read /proc/PID/exe of another: what looks at callers has to be split off before.
 int sandbox_init(const char* profile, std::uint64_t flags, char** errorText);
 void sandbox_free_error(char* errorText);
 

@@ -1,0 +1,184 @@
+#include "platform/Sandbox/SystemCallFilter.h"
+
+#include <linux/netlink.h>
+#include <linux/sockios.h>
+#include <sched.h>
+#include <seccomp.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "platform/Base/Format.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+namespace {
+
+constexpr const char* kClassName = "SystemCallFilter";
+constexpr const char* kErrorDomain = "Sandbox";
+
+// The leak checker looks at the process from a tracer of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+constexpr std::string_view kSanitizerCalls[] = {"ptrace", "process_vm_readv", "personality"};
+
+constexpr std::uint32_t kAllow = SCMP_ACT_ALLOW;
+constexpr std::uint32_t kRefuse = SCMP_ACT_ERRNO(EPERM);
+constexpr std::uint32_t kUnknown = SCMP_ACT_ERRNO(ENOSYS);
+
+constexpr std::uint64_t kSocketTypeMask = 0xf;  // the rest are flags
+constexpr std::uint64_t kNamespaceFlags = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS |
+                                          CLONE_NEWIPC | CLONE_NEWUSER | CLONE_NEWPID |
+                                          CLONE_NEWNET;
+// TCGETS2 of linux/termios.h, which cannot be included beside the C library's.
+constexpr std::uint64_t kGetTerminalAttributes2 = 0x802c542a;
+// Asking about descriptors, terminals and network interfaces.
+constexpr std::uint64_t kControls[] = {
+    FIONREAD,   FIONBIO,     FIOCLEX,      FIONCLEX,     TCGETS,  kGetTerminalAttributes2,
+    TIOCGWINSZ, SIOCGIFNAME, SIOCGIFINDEX, SIOCGIFFLAGS, TIOCOUTQ};
+
+scmp_arg_cmp equals(unsigned argument, std::uint64_t value) {
+  return {argument, SCMP_CMP_EQ, value, 0};
+}
+scmp_arg_cmp differs(unsigned argument, std::uint64_t value) {
+  return {argument, SCMP_CMP_NE, value, 0};
+}
+scmp_arg_cmp atLeast(unsigned argument, std::uint64_t value) {
+  return {argument, SCMP_CMP_GE, value, 0};
+}
+scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value) {
+  return {argument, SCMP_CMP_MASKED_EQ, mask, value};
+}
+
+// The filter while it is put together; the first failure is kept.
+class Builder {
+ public:
+  Builder() : _filter(seccomp_init(kUnknown), &seccomp_release) {
+    if (!_filter) fail("cannot make a system-call filter", ENOMEM);
+  }
+
+  // `name` fails or succeeds as `action` says, where the arguments are so.
+  void add(std::uint32_t action, std::string_view name,
+           std::initializer_list<scmp_arg_cmp> arguments = {}) {
+    const int number = seccomp_syscall_resolve_name(std::string(name).c_str());
+    if (number == __NR_SCMP_ERROR)
+      logLevel(2, "%@: The seccomp library does not know the system call %s", kClassName, name);
+    if (number < 0 || _error) return;  // the others that are negative do not exist on this machine
+    const int failure = -seccomp_rule_add_array(
+        _filter.get(), action, number, static_cast<unsigned>(arguments.size()), arguments.begin());
+    if (failure != 0) fail(format("no rule can be made for the system call %s", name), failure);
+  }
+
+  std::optional<Error> load() {
+    if (_error) return _error;
+    const int failure = -seccomp_load(_filter.get());
+    if (failure != 0) fail("cannot enter the system-call filter", failure);
+    return _error;
+  }
+
+ private:
+  void fail(const std::string& what, int code) {
+    if (!_error)
+      _error = makeError(kErrorDomain, code, format("%s: %s", what, std::strerror(code)));
+  }
+
+  std::unique_ptr<std::remove_pointer_t<scmp_filter_ctx>, decltype(&seccomp_release)> _filter;
+  std::optional<Error> _error;
+};
+
+bool isSanitizerCall(std::string_view name) {
+  return kSanitized && std::find(std::begin(kSanitizerCalls), std::end(kSanitizerCalls), name) !=
+                           std::end(kSanitizerCalls);
+}
+
+void addNamed(Builder& builder, const SystemCallFilter::Rules& rules) {
+  for (const std::string& name : rules.allowed) builder.add(kAllow, name);
+  for (const std::string& name : rules.refused)
+    builder.add(isSanitizerCall(name) ? kAllow : kRefuse, name);
+  for (const char* name : {"listen", "accept", "accept4"})
+    builder.add(rules.listen ? kAllow : kRefuse, name);
+}
+
+void addSockets(Builder& builder, const std::vector<std::string>& families) {
+  const auto has = [&](std::string_view family) {
+    return std::find(families.begin(), families.end(), family) != families.end();
+  };
+  std::vector<std::uint64_t> allowed;
+  for (const auto& [name, domain] :
+       {std::pair<const char*, int>{"unix", AF_UNIX}, {"inet", AF_INET}, {"inet6", AF_INET6}}) {
+    if (!has(name)) continue;
+    const auto family = static_cast<std::uint64_t>(domain);
+    allowed.push_back(family);
+    for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET})
+      builder.add(kAllow, "socket",
+                  {equals(0, family), masked(1, kSocketTypeMask, static_cast<unsigned>(type))});
+    builder.add(kRefuse, "socket", {equals(0, family), masked(1, kSocketTypeMask, SOCK_RAW)});
+  }
+  if (has("netlink-route")) {
+    allowed.push_back(AF_NETLINK);
+    builder.add(kAllow, "socket", {equals(0, AF_NETLINK), equals(2, NETLINK_ROUTE)});
+    builder.add(kRefuse, "socket", {equals(0, AF_NETLINK), differs(2, NETLINK_ROUTE)});
+  }
+  for (std::uint64_t family = AF_UNSPEC; family <= AF_NETLINK; ++family)
+    if (std::find(allowed.begin(), allowed.end(), family) == allowed.end())
+      builder.add(kRefuse, "socket", {equals(0, family)});
+  builder.add(kRefuse, "socket", {atLeast(0, AF_NETLINK + 1)});
+  builder.add(kAllow, "socketpair", {equals(0, AF_UNIX)});
+}
+
+void addProcess(Builder& builder) {
+  if (kSanitized) {
+    builder.add(kAllow, "clone");
+  } else {
+    builder.add(kAllow, "clone", {masked(0, CLONE_THREAD | kNamespaceFlags, CLONE_THREAD)});
+    builder.add(kRefuse, "clone", {masked(0, CLONE_THREAD, 0)});
+  }
+  const auto self = static_cast<std::uint64_t>(getpid());
+  builder.add(kAllow, "kill", {equals(0, self)});
+  builder.add(kRefuse, "kill", {differs(0, self)});
+  builder.add(kAllow, "prlimit64", {equals(0, 0)});
+  builder.add(kRefuse, "prlimit64", {differs(0, 0)});
+}
+
+void addMemory(Builder& builder) {
+  constexpr std::uint64_t kWriteAndExecute = PROT_WRITE | PROT_EXEC;
+  for (const std::uint64_t protection : {0, PROT_WRITE, PROT_EXEC})
+    builder.add(kAllow, "mmap", {masked(2, kWriteAndExecute, protection)});
+  builder.add(kRefuse, "mmap", {masked(2, kWriteAndExecute, kWriteAndExecute)});
+  builder.add(kAllow, "mprotect", {masked(2, PROT_EXEC, 0)});
+  builder.add(kRefuse, "mprotect", {masked(2, PROT_EXEC, PROT_EXEC)});
+}
+
+}  // namespace
+
+std::optional<Error> SystemCallFilter::apply(const Rules& rules) {
+  Builder builder;
+  addNamed(builder, rules);
+  addSockets(builder, rules.socketFamilies);
+  addProcess(builder);
+  addMemory(builder);
+  for (const std::uint64_t control : kControls) builder.add(kAllow, "ioctl", {equals(1, control)});
+  return builder.load();
+}
+
+}  // namespace tallow
