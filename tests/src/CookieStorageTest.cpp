@@ -1,0 +1,125 @@
+#include "src/CookieStorage.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "platform/VendBase/DefaultsKeys.h"
+#include "tests/support/ServiceWorld.h"
+
+namespace tallow {
+namespace {
+
+class CookieStorageTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<CookieStorage> storage() { return CookieStorage::storageForClient(client); }
+  void consume(const Value& setCookie, const char* from = "https://www.example.com/a/b") {
+    storage()->consumeCookiesWithHTTPHeaders(Dictionary{{"Set-Cookie", setCookie}},
+                                             URL::parse(from));
+  }
+  Value cookiesFor(const char* url) {
+    return storage()->httpHeadersForURL(URL::parse(url))["Cookie"];
+  }
+  std::shared_ptr<Bag> bag() {
+    return BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
+  }
+
+  ServiceWorld world;
+  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
+};
+
+TEST_F(CookieStorageTest, ResponseCookiesAreKeptOnDiskAndInvalidateTheBag) {
+  world.serve({{"a", 1}});
+  bag()->valueForKey("a");
+  ASSERT_TRUE(bag()->isValid());
+  storage()->consumeCookiesWithHTTPHeaders(Dictionary{{"Content-Type", "x"}},
+                                           URL::parse("https://www.example.com/"));
+  storage()->consumeCookiesWithHTTPHeaders(std::nullopt, URL::parse("https://www.example.com/"));
+  consume("x=1; Domain=elsewhere.net");
+  EXPECT_TRUE(bag()->isValid()) << "nothing was stored";
+  consume(Array{"a=1; Path=/", "b=2; Path=/; Secure; Max-Age=60"});
+  EXPECT_FALSE(bag()->isValid());
+
+  ServiceWorld::forgetControllers();
+  EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1; b=2"));
+  world.clock.advance(61);
+  EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1"));
+}
+
+TEST_F(CookieStorageTest, SecureCookiesGoToExactlyHTTPS) {
+  consume(Array{"a=1; Path=/", "s=2; Path=/; Secure"});
+  EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1; s=2"));
+  EXPECT_EQ(cookiesFor("http://www.example.com/"), Value("a=1"));
+  EXPECT_EQ(cookiesFor("HTTPS://www.example.com/"), Value("a=1"));
+  EXPECT_TRUE(storage()->httpHeadersForURL(std::nullopt).empty());
+  EXPECT_TRUE(storage()->httpHeadersForURL(URL::parse("https://other.net/")).empty());
+}
+
+TEST_F(CookieStorageTest, OneCookieANameTheLaterOne) {
+  consume(Array{"n=deep; Path=/a", "n=root; Path=/", "m=1; Path=/a"});
+  EXPECT_EQ(cookiesFor("https://www.example.com/a"), Value("m=1; n=root"));
+}
+
+TEST_F(CookieStorageTest, DeletingLeavesTheBagAlone) {
+  consume("a=1; Path=/; Max-Age=60");
+  world.serve({{"a", 1}});
+  bag()->valueForKey("a");
+  storage()->deleteAllCookies();
+  EXPECT_TRUE(bag()->isValid());
+  ServiceWorld::forgetControllers();
+  EXPECT_TRUE(cookiesFor("https://www.example.com/").isNil());
+}
+
+TEST_F(CookieStorageTest, MediaClientsAlsoReadTheGroupsJar) {
+  const auto group = CookieJar::sharedForGroupContainer("com.vantor.Harlow");
+  ASSERT_NE(group, nullptr);
+  const URL url = *URL::parse("https://www.example.com/");
+  group->setCookies({*parseSetCookie("only=g; Path=/; Max-Age=10"),
+                     *parseSetCookie("later=g; Path=/; Max-Age=100"),
+                     *parseSetCookie("sooner=g; Path=/; Max-Age=10")},
+                    url);
+  const Array own{"later=o; Path=/; Max-Age=50", "sooner=o; Path=/; Max-Age=50"};
+  consume(own);
+  EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("later=o; sooner=o"));
+  client = ServiceWorld::client("com.example.media", kHSStoreClientTypeMediaStore);
+  consume(own);
+  EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("later=g; sooner=o; only=g"));
+}
+
+TEST_F(CookieStorageTest, FoldersAndFilesThatDoNotOpen) {
+  client->appPreferencesDomain = "../escape";
+  EXPECT_EQ(storage(), nullptr);
+  EXPECT_TRUE(world.log.contains(1, "CookieStorage: Failed to initialize cookie store"));
+  std::filesystem::create_directories(world.directories.dataHome);
+  std::filesystem::remove_all(world.directories.dataHome / "Cookies");
+  std::ofstream(world.directories.dataHome / "Cookies") << "in the way";
+  client = ServiceWorld::client("com.example.other");
+  ASSERT_NE(storage(), nullptr);
+  consume("a=1");
+  EXPECT_TRUE(cookiesFor("https://www.example.com/a/b").isNil());
+}
+
+TEST_F(CookieStorageTest, RegistryRule) {
+  EXPECT_EQ(CookieStorage::storageForClient(std::make_shared<HSStoreClient>()), nullptr);
+  EXPECT_TRUE(world.log.mentions(
+      1, "CookieStorage: storeForClient: called with nil storeClient.identifier"));
+  const auto first = storage();
+  auto changed = std::make_shared<HSStoreClient>(*client);
+  changed->requiredBagType = 2;
+  EXPECT_EQ(CookieStorage::storageForClient(changed), first);
+  const auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
+  const auto old = CookieStorage::storageForClient(outfitter);
+  auto changedOutfitter = std::make_shared<HSStoreClient>(*outfitter);
+  changedOutfitter->requiredBagType = 2;
+  EXPECT_NE(CookieStorage::storageForClient(changedOutfitter), old);
+  EXPECT_TRUE(world.log.contains(1, "CookieStorage: Outfitter is updated, storage is switching"));
+}
+
+TEST_F(CookieStorageTest, TheWhitelistIsAQueryOnly) {
+  EXPECT_TRUE(CookieStorage::_defaultCookieIsWhitelistedWithName("xp_ci"));
+  EXPECT_FALSE(CookieStorage::_defaultCookieIsWhitelistedWithName("XP_CI"));
+  EXPECT_FALSE(CookieStorage::_defaultCookieIsWhitelistedWithName(std::nullopt));
+}
+
+}  // namespace
+}  // namespace tallow

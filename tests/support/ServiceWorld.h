@@ -1,0 +1,98 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Base/Clock.h"
+#include "platform/Base/Directories.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Concurrency/WorkerPool.h"
+#include "platform/HTTP/ScriptedTransport.h"
+#include "platform/Preferences/MemoryPreferences.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/HSServiceProxy.h"
+#include "platform/VendBase/HSStoreClient.h"
+#include "src/AccountService/AccountServiceInterface.h"
+#include "src/BagController.h"
+#include "src/CookieStorage.h"
+#include "src/StoreFrontController.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tallow {
+
+// A whole service without its bus: the real controllers over a clock that tests set, preferences in
+// memory, files in a temporary folder, and a scripted network. Every registry starts empty.
+class ServiceWorld {
+ public:
+  ServiceWorld() {
+    forgetControllers();
+    _previousService = HSServiceProxy::setLocalAccountService(
+        [](std::shared_ptr<const HSStoreClient> storeClient) {
+          return std::make_shared<AccountServiceInterface>(std::move(storeClient));
+        });
+  }
+  ~ServiceWorld() {
+    WorkerPool::shared().waitUntilIdle();
+    HSServiceProxy::setLocalAccountService(_previousService);
+    forgetControllers();
+  }
+
+  // As after a restart: controllers read their state from disk again.
+  static void forgetControllers() {
+    BagController::registry().removeAll();
+    CookieStorage::registry().removeAll();
+    StoreFrontController::registry().removeAll();
+  }
+
+  static std::shared_ptr<HSStoreClient> client(const std::string& identifier = "com.example.store",
+                                               std::int64_t type = kHSStoreClientTypeStoreAgent) {
+    auto client = std::make_shared<HSStoreClient>();
+    client->identifier = identifier;
+    client->clientType = type;
+    client->appPreferencesDomain = identifier;
+    client->agentPreferencesDomain = identifier;
+    client->productionBagURLs = {*URL::parse("https://bag.example.com/bag")};
+    return client;
+  }
+
+  // Answers every request with `body`, an unsigned bag over https unless it says otherwise.
+  void serve(const Dictionary& body, HTTPHeaderList headers = {{"Cache-Control", "max-age=3600"}}) {
+    const Data bytes = PropertyList::encode(body, PropertyList::Format::XML);
+    transport.setHandler([bytes, headers](const HTTPRequest& request) {
+      return ScriptedTransport::response(request, 200, headers, bytes.view());
+    });
+  }
+
+  static void settle() { WorkerPool::shared().waitUntilIdle(); }
+
+  ManualClock clock{Date{1'800'000'000}};
+  MemoryPreferences preferences;
+  TemporaryDirectory directory;
+  Directories directories = directoriesIn(directory.path());
+  ScriptedTransport transport;
+  CapturedLog log;
+
+ private:
+  static Directories directoriesIn(const std::filesystem::path& root) {
+    Directories made;
+    made.configHome = root / "config";
+    made.dataHome = root / "data";
+    made.cacheHome = root / "cache";
+    made.stateHome = root / "state";
+    made.configDirs = {made.configHome};
+    made.dataDirs = {made.dataHome};
+    return made;
+  }
+
+  ScopedShared<Clock> _sharedClock{clock};
+  ScopedShared<Preferences> _sharedPreferences{preferences};
+  ScopedShared<Directories> _sharedDirectories{directories};
+  ScopedShared<HTTPTransport> _sharedTransport{transport};
+  HSServiceProxy::LocalAccountService _previousService;
+};
+
+}  // namespace tallow
