@@ -1,13 +1,62 @@
 #include "src/Bag.h"
 
+#include <exception>
+#include <string>
+
+#include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
+#include "platform/Base/Directories.h"
 #include "platform/Base/RegularExpression.h"
+#include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/HSError.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/BagLoadOperation.h"
 #include "src/BagPolicy.h"
 
 namespace tallow {
+
+namespace {
+
+// The persisted file: { "version": 1, "archive": { the response's entries, and these two } }.
+constexpr std::int64_t kPersistedFormatVersion = 1;
+constexpr const char* kVersionKey = "version";
+constexpr const char* kArchiveKey = "archive";
+constexpr const char* kValidUntilDateKey = "validUntilDate";
+constexpr const char* kBootstrapURLKey = "bootstrapURL";
+
+Error notSigned(const char* message) {
+  return HSError(kHSErrorBagNotSigned, std::nullopt, message);
+}
+
+const char* persistedFileName(std::uint64_t bagType) {
+  switch (bagType) {
+    case kBagTypeProduction:
+      return "ProductionBag";
+    case kBagTypeSandbox:
+      return "SandboxBag";
+    default:
+      return "UnknownBag";
+  }
+}
+
+// What an unsigned response over https is taken to hold: a "bag" that is a dictionary or the bytes
+// of one, else a "urlBag", else the response as a whole. Older servers still answer each of these
+// ways, and the last one means that any dictionary fetched over https is a bag: TLS alone vouches
+// for it.
+Dictionary unsignedBagDictionary(const Dictionary& response) {
+  Value candidate = response["bag"];
+  if (const Data* bytes = candidate.data()) {
+    const Result<Value> decoded = PropertyList::decode(*bytes);
+    candidate = decoded ? *decoded : Value();
+  }
+  if (candidate.dictionary() != nullptr) return *candidate.dictionary();
+  candidate = response["urlBag"];
+  return candidate.dictionary() != nullptr ? *candidate.dictionary() : response;
+}
+
+}  // namespace
 
 std::shared_ptr<Bag> Bag::initWithBagType(std::uint64_t bagType,
                                           std::shared_ptr<const HSStoreClient> storeClient,
@@ -152,6 +201,155 @@ bool Bag::urlRequiresMD(const std::optional<URL>& url) {
 
 bool Bag::sendGUIDWithURL(const std::optional<URL>& url) {
   return url && BagPolicy::sendGUIDWithURL(validDictionary(), *url);
+}
+
+// Accepting responses, and the copy on disk
+
+std::optional<Dictionary> Bag::bagDictionaryWithServerResponseDictionary(
+    const Dictionary& response, const std::optional<Date>& validUntilDate,
+    const std::optional<URL>& bootstrapURL, std::optional<Error>* error) {
+  const bool cameOverHTTPS = bootstrapURL && bootstrapURL->scheme() == "https";
+  std::optional<Error> signedFormError;
+  const Value signedForm =
+      _signedBagDictionaryFromServerResponseDictionary(response, &signedFormError);
+
+  std::optional<Dictionary> result;
+  if (const Dictionary* dictionary = signedForm.dictionary()) {
+    result = *dictionary;
+  } else if (cameOverHTTPS) {
+    result = unsignedBagDictionary(response);
+  }
+  if (!signedForm.isNil() && signedForm.dictionary() == nullptr) {
+    // Signed, but no dictionary: a bag of any other shape has nothing to look up.
+    signedFormError = HSError(kHSErrorInvalidPropertyList, std::nullopt,
+                              "The signed URL bag is not a dictionary");
+  }
+
+  if (result) {
+    VBLogManager::sharedManager().logPropertyList(3, *result, "Bag");
+    _validationQueue.sync([&] {
+      if (_validUntilDate && _validUntilDate == validUntilDate) return;
+      _validUntilDate = validUntilDate;
+      _writePersistedStoreToDiskWithDictionary(response, bootstrapURL);
+    });
+  } else {
+    logLevel(1, "%@: Failed to load bag update from dictionary %@", kClassName, response);
+  }
+  if (error != nullptr) *error = signedFormError;
+  return result;
+}
+
+Value Bag::_signedBagDictionaryFromServerResponseDictionary(
+    const Dictionary& response, std::optional<Error>* returningError) const {
+  const auto fail = [&](Error error) {
+    if (returningError != nullptr) *returningError = std::move(error);
+    return Value();
+  };
+  const Array* certs = response["certs"].array();
+  const Data* signature = response["signature"].data();
+  const Data* bag = response["bag"].data();
+  if (certs == nullptr || signature == nullptr || bag == nullptr) {
+    logLevel(1, "%@: Insufficient data to parse URL bag", kClassName);
+    return fail(notSigned("The response lacks certificates, signature or bag"));
+  }
+  HSCertificate certificate;
+  certificate.setCertificateData(*certs);
+  if (!certificate.isValid()) {
+    logLevel(1, "%@: URL bag data invalid (May be unsigned)", kClassName);
+    return fail(notSigned(certificate.reason().c_str()));
+  }
+  if (!certificate.checkData(*bag, *signature)) {
+    logLevel(1, "%@: URL bag data invalid (May be signed incorrectly)", kClassName);
+    return fail(notSigned(certificate.reason().c_str()));
+  }
+  const Result<Value> decoded = PropertyList::decode(*bag);
+  if (!decoded || decoded->isNil()) {
+    logLevel(1, "%@: Could not unserialize the URL bag", kClassName);
+    return fail(HSError(kHSErrorInvalidPropertyList, std::nullopt,
+                        "The signed URL bag is not a property list"));
+  }
+  return *decoded;
+}
+
+std::filesystem::path Bag::_persistedStoreURL() const {
+  const std::string& identifier = *_storeClient->identifier;
+  const std::filesystem::path directory = Directories::shared().cacheHome / identifier;
+  if (!isSafePathComponent(identifier) || !ensureDirectoryExists(directory))
+    logLevel(1, "%@: Failed to create cache directory: %@", kClassName, directory.native());
+  return directory / persistedFileName(_bagType);
+}
+
+// Runs on the validation queue: one writer a bag.
+void Bag::_writePersistedStoreToDiskWithDictionary(const Dictionary& response,
+                                                   const std::optional<URL>& bootstrapURL) {
+  if (!_validUntilDate || !_storeClient->identifier) return;
+  if (!isSafePathComponent(*_storeClient->identifier)) return;
+  const std::filesystem::path path = _persistedStoreURL();
+  try {
+    const Value address = bootstrapURL ? Value(bootstrapURL->absoluteString()) : Value();
+    const Dictionary archive =
+        response.setting(kValidUntilDateKey, *_validUntilDate).setting(kBootstrapURLKey, address);
+    const Data contents = PropertyList::encode(
+        Dictionary{{kVersionKey, kPersistedFormatVersion}, {kArchiveKey, archive}},
+        PropertyList::Format::Binary);
+    if (const auto error = writeFileAtomically(path, contents)) {
+      logLevel(1, "%@: Error writing persisted bag to %@ - %@", kClassName, path.native(),
+               error->localizedDescription());
+      return;
+    }
+  } catch (const std::exception& exception) {
+    logLevel(1, "%@: Exception writing persisted bag to %@ - %@", kClassName, path.native(),
+             exception.what());
+  }
+  // Said also after an exception: this line marks the end of the attempt, not its success, and log
+  // readers pair it with the start of the next load.
+  logLevel(3, "%@: Updated persisted bag at %@", kClassName, path.native());
+}
+
+void Bag::_loadFromPersistedStore() {
+  if (!_storeClient->identifier || !isSafePathComponent(*_storeClient->identifier)) return;
+  const std::filesystem::path path = _persistedStoreURL();
+  const Result<Data> contents = readFile(path);
+  if (!contents) return;
+
+  const Result<Value> decoded = PropertyList::decode(*contents);
+  const Dictionary* file = decoded ? decoded->dictionary() : nullptr;
+  if (file != nullptr && (*file)[kVersionKey].signedValue() > kPersistedFormatVersion) {
+    logLevel(1, "%@: %@ was written by a newer version and is left alone", kClassName,
+             path.native());
+    return;
+  }
+  const Dictionary* archive = file != nullptr ? (*file)[kArchiveKey].dictionary() : nullptr;
+  const Dictionary response = archive != nullptr ? *archive : Dictionary();
+  const Date* date = response[kValidUntilDateKey].date();
+  const std::optional<Date> validUntil = date != nullptr ? std::optional(*date) : std::nullopt;
+  const std::string* address = response[kBootstrapURLKey].string();
+  const std::optional<URL> bootstrapURL = address != nullptr ? URL::parse(*address) : std::nullopt;
+
+  const Date now = Clock::shared().now();
+  // Equal to now still counts here, though a bag is only valid before its date. A missing date
+  // passes too, and fails below.
+  if (validUntil && *validUntil < now) {
+    logLevel(1, "%@: Discarded invalid persisted store for bag type %li (was valid until %@)",
+             kClassName, _bagType, *validUntil);
+    return;
+  }
+  setValidUntilDate(validUntil);
+  std::optional<Error> error;
+  auto accepted =
+      bagDictionaryWithServerResponseDictionary(response, validUntil, bootstrapURL, &error);
+  if (accepted) {
+    logLevel(1, "%@: Loaded bag type %li from persisted store valid until %@ (%.2f seconds)",
+             kClassName, _bagType, validUntil, validUntil ? validUntil->secondsSince(now) : 0.0);
+    _dictionary = std::move(accepted);
+    return;
+  }
+  setValidUntilDate(std::nullopt);
+  logLevel(1, "%@: Error loading persisted bag type %li - %@", kClassName, _bagType, error);
+  if (archive != nullptr) return;
+  if (const auto aside = setAsideAsCorrupt(path))
+    logLevel(1, "%@: %@ is damaged and was set aside as %@", kClassName, path.native(),
+             aside->native());
 }
 
 std::string description(const Bag& bag) {

@@ -1,5 +1,6 @@
 #include "src/AccountService/AccountServiceDelegate.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include "platform/Sandbox/Sandbox.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/ProcessInspector.h"
 #include "src/AccountService/AccountServiceInterface.h"
 #include "src/AccountService/ServiceStatus.h"
 
@@ -20,6 +22,10 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
 }
 
 int runAccountService(int argc, const char* const* argv) {
+  // Callers are recognised by their executables, which a confined process may not look at.
+  if (!ProcessInspector::startHelper())
+    logLevel(1, "%@: Callers cannot be recognised by their executables: %s",
+             AccountServiceDelegate::kClassName, std::strerror(errno));
   char* sandboxError = nullptr;
   if (sandbox_init("com.vantor.tallowd", kSandboxNamed, &sandboxError) != 0) {
     std::fprintf(stderr, "sandbox_init: %s\n", sandboxError);
