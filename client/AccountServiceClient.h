@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Base/Result.h"
+
+namespace tallow {
+
+// A store process's way to the account service: the calls of com.vantor.HSAccountService as typed C++.
+// Each call waits for its answer, for at most the time that the interface documents for it; the bus
+// starts the service when it is not running, so a client never notices a restart.
+//
+// Any thread may call; several at once. Observers are called on the client's own thread, which must not
+// call back into the client.
+//
+// Errors: domain kErrorDomain, code one of ErrorCode; the localized description is the service's or the
+// bus's own text, user-info key kErrorNameKey holds the name of the error on the bus.
+class AccountServiceClient {
+ public:
+  enum class Instance { Agent, Daemon };  // session bus, system bus
+  enum ErrorCode {
+    kUnreachable = 1,  // no bus, no service, or no answer in time
+    kRefused = 2,      // the service does not serve this process
+    kInvalidArgument = 3,
+    kFailed = 4,  // any other answer that is an error
+  };
+  static constexpr const char* kErrorDomain = "com.vantor.tallowd.Client";
+  static constexpr const char* kErrorNameKey = "name";
+
+  struct BagLoad {
+    bool valid = false;
+    bool success = false;
+    std::optional<Error> error;
+  };
+  using BagObserver = std::function<void(bool success, const std::optional<Error>& error)>;
+
+  // Connects to the bus. The service itself is reached, and started, by the first call.
+  static Result<std::unique_ptr<AccountServiceClient>> connect(Instance instance);
+  ~AccountServiceClient();
+  AccountServiceClient(const AccountServiceClient&) = delete;
+  AccountServiceClient& operator=(const AccountServiceClient&) = delete;
+
+  // From now on this connection acts as the client with the identifier, where the caller may.
+  std::optional<Error> actAs(const std::string& identifier);
+
+  // Bag. A nil value is the nil Value.
+  Result<Value> valueForURLBagKey(const std::string& key);
+  Result<bool> urlIsTrustedByURLBag(const std::string& url);
+  Result<bool> needsSilentOrvActionForURL(const std::string& url);
+  Result<BagLoad> loadURLBagWithType(std::uint64_t bagType);
+  std::optional<Error> invalidateAllBags();
+  Result<bool> regexWithKey(const std::string& key, const std::string& matchesString);
+  Result<bool> isValid();
+  Result<std::optional<Dictionary>> dictionary();
+  Result<bool> shouldSendGUIDWithRequestForURL(const std::string& url);
+  // One observer a client; an empty one removes it.
+  std::optional<Error> observeURLBag(BagObserver observer);
+
+  // Cookies and request headers
+  std::optional<Error> consumeCookiesWithHTTPHeaders(const Dictionary& headers,
+                                                     const std::string& fromURL);
+  Result<Dictionary> httpHeadersForURL(const std::string& url,
+                                       std::optional<std::uint64_t> forDSID,
+                                       bool includeOrvHeaders);
+  std::optional<Error> deleteAllCookies();
+
+  // Storefront
+  Result<std::optional<std::string>> storeFront();
+  std::optional<Error> setStoreFrontID(const std::optional<std::string>& storeFrontID);
+
+  // What the service says of itself: one JSON text.
+  Result<std::string> describe();
+
+ private:
+  class Connection;
+  explicit AccountServiceClient(std::unique_ptr<Connection> connection);
+  std::unique_ptr<Connection> _connection;
+};
+
+}  // namespace tallow
