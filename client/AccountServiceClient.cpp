@@ -36,8 +36,8 @@ AccountServiceClient::ErrorCode codeForErrorName(const std::string& name) {
 
 Error clientError(const sdbus::Error& error) {
   const std::string name = bus::errorName(error);
-  Error made = makeError(AccountServiceClient::kErrorDomain, codeForErrorName(name),
-                         error.getMessage());
+  Error made =
+      makeError(AccountServiceClient::kErrorDomain, codeForErrorName(name), error.getMessage());
   made.userInfo = made.userInfo.setting(AccountServiceClient::kErrorNameKey, name);
   return made;
 }
@@ -65,10 +65,9 @@ std::optional<Error> firstError(std::vector<WireError>& errors) {
   return errors.empty() ? std::nullopt : std::optional(std::move(errors.front().value));
 }
 
-class ServiceProxy final
-    : public sdbus::ProxyInterfaces<com::vantor::HSAccountService_proxy,
-                                    com::vantor::HSServiceRemoteObject_proxy,
-                                    com::vantor::tallowd::Status_proxy> {
+class ServiceProxy final : public sdbus::ProxyInterfaces<com::vantor::HSAccountService_proxy,
+                                                         com::vantor::HSServiceRemoteObject_proxy,
+                                                         com::vantor::tallowd::Status_proxy> {
  public:
   ServiceProxy(sdbus::IConnection& connection, const std::string& service)
       : ProxyInterfaces(connection, service, kPath) {
@@ -230,8 +229,7 @@ Result<std::optional<std::string>> AccountServiceClient::storeFront() {
 
 std::optional<Error> AccountServiceClient::setStoreFrontID(
     const std::optional<std::string>& storeFrontID) {
-  return done(
-      [&] { _connection->service().setStoreFrontID(wire::optionalString(storeFrontID)); });
+  return done([&] { _connection->service().setStoreFrontID(wire::optionalString(storeFrontID)); });
 }
 
 Result<std::string> AccountServiceClient::describe() {

@@ -10,15 +10,15 @@
 
 namespace tallow {
 
-// A store process's way to the account service: the calls of com.vantor.HSAccountService as typed C++.
-// Each call waits for its answer, for at most the time that the interface documents for it; the bus
-// starts the service when it is not running, so a client never notices a restart.
+// A store process's way to the account service: the calls of com.vantor.HSAccountService as typed
+// C++. Each call waits for its answer, for at most the time that the interface documents for it;
+// the bus starts the service when it is not running, so a client never notices a restart.
 //
-// Any thread may call; several at once. Observers are called on the client's own thread, which must not
-// call back into the client.
+// Any thread may call; several at once. Observers are called on the client's own thread, which must
+// not call back into the client.
 //
-// Errors: domain kErrorDomain, code one of ErrorCode; the localized description is the service's or the
-// bus's own text, user-info key kErrorNameKey holds the name of the error on the bus.
+// Errors: domain kErrorDomain, code one of ErrorCode; the localized description is the service's or
+// the bus's own text, user-info key kErrorNameKey holds the name of the error on the bus.
 class AccountServiceClient {
  public:
   enum class Instance { Agent, Daemon };  // session bus, system bus
@@ -63,8 +63,7 @@ class AccountServiceClient {
   // Cookies and request headers
   std::optional<Error> consumeCookiesWithHTTPHeaders(const Dictionary& headers,
                                                      const std::string& fromURL);
-  Result<Dictionary> httpHeadersForURL(const std::string& url,
-                                       std::optional<std::uint64_t> forDSID,
+  Result<Dictionary> httpHeadersForURL(const std::string& url, std::optional<std::uint64_t> forDSID,
                                        bool includeOrvHeaders);
   std::optional<Error> deleteAllCookies();
 

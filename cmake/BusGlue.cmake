@@ -24,7 +24,7 @@ if(CMAKE_SCRIPT_MODE_FILE)
       text "${text}")
     string(REPLACE "sdbus::Variant" "tallow::WireValue" text "${text}")
     string(REPLACE "std::map<std::string, std::string>" "tallow::WireHeaders" text "${text}")
-    string(REPLACE "#include <sdbus-c++/sdbus-c++.h>\n" "#include \"platform/XPC/Internal/WireTypes.h\"\n"
+    string(REPLACE "#include <sdbus-c++/sdbus-c++.h>\n" "#include \"platform/XPC/WireTypes.h\"\n"
       text "${text}")
     # The generator spells the output path into the include guard.
     string(REGEX REPLACE "#(ifndef|define) __sdbuscpp_[^\n]*\n" "" text "${text}")

@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "platform/VendBase/VBLogManager.h"
-#include "platform/XPC/Internal/AccountServiceObject.h"
-#include "platform/XPC/Internal/BusConnection.h"
-#include "platform/XPC/Internal/CallerTable.h"
-#include "platform/XPC/Internal/LogControlObject.h"
+#include "platform/XPC/AccountServiceObject.h"
+#include "platform/XPC/BusConnection.h"
+#include "platform/XPC/CallerTable.h"
+#include "platform/XPC/LogControlObject.h"
 
 namespace tallow {
 

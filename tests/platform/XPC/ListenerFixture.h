@@ -14,7 +14,7 @@
 #include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/ClientDescriptors.h"
-#include "platform/XPC/Internal/WireTypes.h"
+#include "platform/XPC/WireTypes.h"
 #include "platform/XPC/XPCListener.h"
 #include "tests/platform/XPC/FakeAccountService.h"
 #include "tests/support/CapturedLog.h"

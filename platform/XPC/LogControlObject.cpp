@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/LogControlObject.h"
+#include "platform/XPC/LogControlObject.h"
 
 #include <cerrno>
 #include <utility>

@@ -7,7 +7,7 @@
 #include "bus/com.vantor.HSAccountService_adaptor.h"
 #include "bus/com.vantor.HSServiceRemoteObject_adaptor.h"
 #include "bus/com.vantor.tallowd.Status_adaptor.h"
-#include "platform/XPC/Internal/CallerTable.h"
+#include "platform/XPC/CallerTable.h"
 
 namespace tallow {
 

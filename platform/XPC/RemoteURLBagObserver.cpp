@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/RemoteURLBagObserver.h"
+#include "platform/XPC/RemoteURLBagObserver.h"
 
 #include <utility>
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "platform/XPC/Internal/BusConnection.h"
-#include "platform/XPC/Internal/SDBus.h"
+#include "platform/XPC/BusConnection.h"
+#include "platform/XPC/SDBus.h"
 
 namespace tallow {
 

@@ -8,7 +8,7 @@
 
 #include "platform/Base/Error.h"
 #include "platform/Base/Value.h"
-#include "platform/XPC/Internal/SDBus.h"
+#include "platform/XPC/SDBus.h"
 
 namespace tallow {
 

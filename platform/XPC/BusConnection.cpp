@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/BusConnection.h"
+#include "platform/XPC/BusConnection.h"
 
 #include <poll.h>
 #include <pthread.h>

@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/AccountServiceObject.h"
+#include "platform/XPC/AccountServiceObject.h"
 
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/PropertyList/JSON.h"

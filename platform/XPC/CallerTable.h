@@ -8,8 +8,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/XPC/Internal/Caller.h"
-#include "platform/XPC/Internal/CallerIdentification.h"
+#include "platform/XPC/Caller.h"
+#include "platform/XPC/CallerIdentification.h"
 #include "platform/XPC/XPCListener.h"
 
 namespace tallow {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/VendBase/HSURLBagObserver.h"
-#include "platform/XPC/Internal/BusConnection.h"
+#include "platform/XPC/BusConnection.h"
 
 namespace tallow {
 

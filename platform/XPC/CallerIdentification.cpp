@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/CallerIdentification.h"
+#include "platform/XPC/CallerIdentification.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/CallerTable.h"
+#include "platform/XPC/CallerTable.h"
 
 #include <vector>
 

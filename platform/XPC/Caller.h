@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/VendBase/HSAccountService.h"
-#include "platform/XPC/Internal/PendingReply.h"
-#include "platform/XPC/Internal/RemoteURLBagObserver.h"
+#include "platform/XPC/PendingReply.h"
+#include "platform/XPC/RemoteURLBagObserver.h"
 #include "platform/XPC/XPCConnection.h"
 
 namespace tallow {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/VendBase/ClientDescriptor.h"
-#include "platform/XPC/Internal/BusConnection.h"
+#include "platform/XPC/BusConnection.h"
 #include "platform/XPC/ProcessIdentity.h"
 
 namespace tallow {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/Base/Result.h"
-#include "platform/XPC/Internal/SDBus.h"
+#include "platform/XPC/SDBus.h"
 
 namespace tallow {
 

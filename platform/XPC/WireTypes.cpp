@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/WireTypes.h"
+#include "platform/XPC/WireTypes.h"
 
 #include <algorithm>
 #include <cstring>
@@ -25,21 +25,17 @@ void check(int result, const char* what) {
                        std::string(what) + ": " + std::strerror(-result));
 }
 
-bool isASCII(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
 class ValueWriter {
  public:
   explicit ValueWriter(sdbus::Message& message) : _message(bus::raw(message)) {}
 
-  void string(const std::string& text) {
+  void string(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
     spend(text.size());
-    if (isASCII(text)) {
-      append(SD_BUS_TYPE_STRING, text.c_str());
+    if (isValidUTF8(text)) {
+      bytes(text);
     } else {
-      append(SD_BUS_TYPE_STRING, replacingInvalidUTF8(text).c_str());
+      bytes(replacingInvalidUTF8(text));
     }
   }
 
@@ -120,6 +116,14 @@ class ValueWriter {
  private:
   void append(char type, const void* item) {
     check(sd_bus_message_append_basic(_message, type, item), "cannot write a value");
+  }
+
+  // Not as append() writes a string, which looks at every byte once more.
+  void bytes(std::string_view text) {
+    char* space = nullptr;
+    check(sd_bus_message_append_string_space(_message, text.size(), &space),
+          "cannot write a string");
+    std::memcpy(space, text.data(), text.size());
   }
 
   void numberVariant(const Value& value) {
@@ -341,7 +345,7 @@ std::vector<WireError> optionalError(const std::optional<Error>& error) {
 
 std::vector<std::string> optionalString(std::optional<std::string> text) {
   std::vector<std::string> list;
-  if (text) list.push_back(isASCII(*text) ? std::move(*text) : replacingInvalidUTF8(*text));
+  if (text) list.push_back(replacingInvalidUTF8(*text));
   return list;
 }
 

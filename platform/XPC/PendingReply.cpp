@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/PendingReply.h"
+#include "platform/XPC/PendingReply.h"
 
 #include "platform/VendBase/VBLogManager.h"
 

@@ -1,4 +1,4 @@
-#include "platform/XPC/Internal/Caller.h"
+#include "platform/XPC/Caller.h"
 
 #include <utility>
 
