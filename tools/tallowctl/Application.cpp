@@ -1,0 +1,73 @@
+#include "tools/tallowctl/Application.h"
+
+#include <utility>
+
+namespace tallow::ctl {
+
+Application::Application() : _root("Talks to tallowd, the store's account service.", "tallowctl") {
+  _root.set_version_flag("--version", std::string("tallowctl ") + TALLOW_VERSION);
+  _root.add_flag("--json", _json, "Print JSON, and nothing else, on standard output");
+  _root.add_flag("--system", _system, "Ask the system-wide instance instead of the user's");
+  _root.add_option("--client", _client, "Act as the store client with this identifier")
+      ->type_name("IDENTIFIER");
+  _root.require_subcommand(1);
+  _root.footer(
+      "Exit status: 0 done (or yes), 1 the service said no, 2 wrong usage, 3 service not "
+      "reachable.");
+  addBagCommands(*this);
+  addCookieCommands(*this);
+  addStoreFrontCommands(*this);
+  addStatusCommands(*this);
+  addDefaultsCommands(*this);
+  // Global options are understood wherever they stand on the line.
+  _root.fallthrough();
+}
+
+CLI::App* Application::add(CLI::App& parent, const std::string& name,
+                           const std::string& description, std::function<int()> body) {
+  CLI::App* command = parent.add_subcommand(name, description);
+  command->fallthrough();
+  if (body) {
+    command->callback([this, command, body = std::move(body)] {
+      // A command with commands of its own that was given one leaves the line to it.
+      if (command->get_subcommands().empty()) _chosen = body;
+    });
+  }
+  return command;
+}
+
+int Application::run(int argc, const char* const* argv) {
+  // Known before parsing has ended, so that even a wrong line is answered in JSON.
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--") break;
+    if (std::string_view(argv[i]) == "--json") _output.setJSON(true);
+  }
+  try {
+    _root.parse(argc, argv);
+  } catch (const CLI::Success& success) {  // --help, --version
+    return _root.exit(success);
+  } catch (const CLI::ParseError& error) {
+    return _output.wrongUsage(error.what());
+  }
+  return _chosen ? _chosen() : _output.wrongUsage("A command is required");
+}
+
+int Application::withClient(const std::function<int(AccountServiceClient&)>& body) {
+  auto client = AccountServiceClient::connect(_system ? AccountServiceClient::Instance::Daemon
+                                                      : AccountServiceClient::Instance::Agent);
+  if (!client) return _output.failure(client.error());
+  if (!_client.empty())
+    if (const auto error = (*client)->actAs(_client)) return _output.failure(*error);
+  return body(**client);
+}
+
+int Application::finish(const std::optional<Error>& error, const std::string& done) const {
+  if (error) return _output.failure(*error);
+  if (_output.isJSON())
+    _output.value(Dictionary{{"done", true}});
+  else
+    _output.line(done);
+  return kDone;
+}
+
+}  // namespace tallow::ctl

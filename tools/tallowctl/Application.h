@@ -1,0 +1,54 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "client/AccountServiceClient.h"
+#include "tools/tallowctl/Output.h"
+
+namespace tallow::ctl {
+
+// What every command works with: the options given before it, the output, and a connection that is
+// made when a command first asks for it.
+class Application {
+ public:
+  Application();
+
+  // Parses and runs one command line; the result is the exit status.
+  int run(int argc, const char* const* argv);
+
+  const Output& output() const { return _output; }
+
+  // Adds a command. Its body runs when the command line names it and says how it ended.
+  CLI::App* add(CLI::App& parent, const std::string& name, const std::string& description,
+                std::function<int()> body);
+  CLI::App& root() { return _root; }
+
+  // Runs `body` with a connection that acts as the client that --client names.
+  int withClient(const std::function<int(AccountServiceClient&)>& body);
+  // The usual ends of a command: the error, or what `show` makes of the answer.
+  template <class T, class Show>
+  int show(const Result<T>& result, Show show) const {
+    return result ? show(*result) : _output.failure(result.error());
+  }
+  int finish(const std::optional<Error>& error, const std::string& done) const;
+
+ private:
+  CLI::App _root;
+  Output _output;
+  bool _json = false;
+  bool _system = false;
+  std::string _client;
+  std::function<int()> _chosen;
+};
+
+// The command groups, one file each.
+void addBagCommands(Application& application);
+void addCookieCommands(Application& application);
+void addStoreFrontCommands(Application& application);
+void addStatusCommands(Application& application);
+void addDefaultsCommands(Application& application);
+
+}  // namespace tallow::ctl

@@ -1,0 +1,159 @@
+#include "tools/tallowctl/Output.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "client/AccountServiceClient.h"
+#include "platform/PropertyList/JSON.h"
+
+namespace tallow::ctl {
+
+namespace {
+
+// Terminals act on control characters; texts from a server or another process must not.
+std::string printable(std::string_view text) {
+  std::string safe;
+  safe.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      safe += c;
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
+      safe += escaped;
+    }
+  }
+  return safe;
+}
+
+std::string cell(const Value& value) {
+  if (value.isNil()) return "";
+  if (const bool* boolean = value.boolean()) return *boolean ? "yes" : "no";
+  if (const std::string* string = value.string()) return printable(*string);
+  if (value.isNumber()) return value.stringValue();
+  if (const Date* date = value.date()) return description(*date);
+  return printable(JSON::encode(value));
+}
+
+void print(const std::string& text) {
+  std::printf("%s\n", text.c_str());
+}
+
+void printRows(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<std::size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  for (const auto& row : rows) {
+    std::string text;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      text += row[i];
+      if (i + 1 < row.size()) text.append(widths[i] - row[i].size() + 2, ' ');
+    }
+    print(text);
+  }
+}
+
+const char* adviceFor(const Error& error) {
+  if (error.domain != AccountServiceClient::kErrorDomain) return "";
+  switch (error.code) {
+    case AccountServiceClient::kUnreachable:
+      return "Is a message bus running, and is tallowd installed for it? See tallowd(8).";
+    case AccountServiceClient::kRefused:
+      return "Name a client with --client IDENTIFIER, or describe this one in a client "
+             "descriptor: tallowd-clients.d(5).";
+    case AccountServiceClient::kInvalidArgument:
+      return "See tallowctl(1) for what it takes.";
+    default:
+      return "The service's log says more: journalctl --user -u tallowd.";
+  }
+}
+
+}  // namespace
+
+void Output::value(const Value& value) const {
+  if (_json) {
+    print(JSON::encode(value));
+  } else if (const Dictionary* dictionary = value.dictionary()) {
+    table(*dictionary);
+  } else if (const Array* array = value.array()) {
+    for (const Value& element : *array) print(cell(element));
+  } else if (!value.isNil()) {
+    print(cell(value));
+  }
+}
+
+void Output::table(const Dictionary& dictionary) const {
+  if (_json) {
+    print(JSON::encode(dictionary));
+    return;
+  }
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& entry : dictionary) rows.push_back({printable(entry.key), cell(entry.value)});
+  printRows(rows);
+}
+
+void Output::table(const Array& rows) const {
+  if (_json) {
+    print(JSON::encode(rows));
+    return;
+  }
+  std::vector<std::string> keys;
+  for (const Value& row : rows) {
+    if (row.dictionary() == nullptr) continue;
+    for (const auto& entry : *row.dictionary())
+      if (std::find(keys.begin(), keys.end(), entry.key) == keys.end()) keys.push_back(entry.key);
+  }
+  std::vector<std::vector<std::string>> lines;
+  lines.emplace_back();
+  for (const std::string& key : keys) lines.back().push_back(printable(key));
+  for (const Value& row : rows) {
+    if (row.dictionary() == nullptr) continue;
+    lines.emplace_back();
+    for (const std::string& key : keys) lines.back().push_back(cell((*row.dictionary())[key]));
+  }
+  printRows(lines);
+}
+
+int Output::answer(bool yes) const {
+  print(_json ? (yes ? "true" : "false") : (yes ? "yes" : "no"));
+  return yes ? kDone : kServiceSaidNo;
+}
+
+void Output::line(const std::string& text) const {
+  if (!_json) print(printable(text));
+}
+
+int Output::failure(const Error& error) const {
+  const bool unreachable = error.domain == AccountServiceClient::kErrorDomain &&
+                           error.code == AccountServiceClient::kUnreachable;
+  const char* advice = adviceFor(error);
+  if (_json) {
+    print(JSON::encode(
+        Dictionary{{"error", Dictionary{{"domain", error.domain},
+                                        {"code", error.code},
+                                        {"message", error.localizedDescription()},
+                                        {"advice", *advice != '\0' ? Value(advice) : Value()},
+                                        {"userInfo", error.userInfo}}}}));
+  } else {
+    std::fprintf(stderr, "tallowctl: %s\n", printable(error.localizedDescription()).c_str());
+    if (*advice != '\0') std::fprintf(stderr, "%s\n", advice);
+  }
+  return unreachable ? kNotReachable : kServiceSaidNo;
+}
+
+int Output::wrongUsage(const std::string& text) const {
+  if (_json) {
+    print(JSON::encode(
+        Dictionary{{"error", Dictionary{{"domain", "usage"}, {"code", 2}, {"message", text}}}}));
+  } else {
+    std::fprintf(stderr, "tallowctl: %s\n", printable(text).c_str());
+    std::fprintf(stderr, "Try tallowctl --help.\n");
+  }
+  return kWrongUsage;
+}
+
+}  // namespace tallow::ctl

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/Base/Error.h"
+#include "platform/Base/Value.h"
+
+namespace tallow::ctl {
+
+// What the shell learns from the exit status.
+enum ExitStatus {
+  kDone = 0,
+  kServiceSaidNo = 1,  // an error from the service, or a question answered with no
+  kWrongUsage = 2,
+  kNotReachable = 3,
+};
+
+// Everything that tallowctl says. For people: plain lines and tables, errors on standard error with
+// what to do next. With --json: exactly one JSON value on standard output for each result, errors
+// included, and nothing else. Control characters from outside are shown escaped.
+class Output {
+ public:
+  void setJSON(bool json) { _json = json; }
+  bool isJSON() const { return _json; }
+
+  // A property-list value: text as it is, dictionaries as tables, nil as nothing.
+  void value(const Value& value) const;
+  // A row per entry, one aligned table.
+  void table(const Dictionary& dictionary) const;
+  void table(const Array& rows) const;
+  // The answer to a yes-or-no question; the exit status says it too.
+  int answer(bool yes) const;
+  // For people only.
+  void line(const std::string& text) const;
+
+  // Reports a failure with what to do about it; the result is the exit status.
+  int failure(const Error& error) const;
+  int wrongUsage(const std::string& text) const;
+
+ private:
+  bool _json = false;
+};
+
+}  // namespace tallow::ctl

@@ -1,0 +1,31 @@
+#include "tools/tallowctl/Application.h"
+
+namespace tallow::ctl {
+
+void addStoreFrontCommands(Application& application) {
+  auto identifier = std::make_shared<std::string>();
+  auto clear = std::make_shared<bool>(false);
+  CLI::App* storefront =
+      application.add(application.root(), "storefront", "Show, set or clear the storefront",
+                      [&application, identifier, clear] {
+                        return application.withClient([&](AccountServiceClient& client) {
+                          if (*clear)
+                            return application.finish(client.setStoreFrontID(std::nullopt),
+                                                      "The storefront is cleared.");
+                          if (!identifier->empty())
+                            return application.finish(client.setStoreFrontID(*identifier),
+                                                      "The storefront is " + *identifier + ".");
+                          return application.show(client.storeFront(), [&](const auto& current) {
+                            if (!current && !application.output().isJSON())
+                              application.output().line("No storefront is set.");
+                            else
+                              application.output().value(current);
+                            return static_cast<int>(kDone);
+                          });
+                        });
+                      });
+  CLI::Option* id = storefront->add_option("ID", *identifier, "The storefront to set");
+  storefront->add_flag("--clear", *clear, "Clear the storefront")->excludes(id);
+}
+
+}  // namespace tallow::ctl

@@ -1,0 +1,5 @@
+#include "tools/tallowctl/Application.h"
+
+int main(int argc, char** argv) {
+  return tallow::ctl::Application().run(argc, argv);
+}
