@@ -127,6 +127,11 @@ Value Bag::valueForKey(std::string_view key) {
   return validDictionary()[key];
 }
 
+Value Bag::valueForKeyIfValid(std::string_view key) {
+  return _serialAccessQueue.sync(
+      [&] { return isValid() && _dictionary ? (*_dictionary)[key] : Value(); });
+}
+
 std::optional<URL> Bag::urlForKey(std::string_view key) {
   const Value value = valueForKey(key);
   const std::string* text = value.string();

@@ -67,6 +67,9 @@ class Bag : public std::enable_shared_from_this<Bag> {
                                       HSServiceClientInterface* clientInterface = nullptr);
 
   Value valueForKey(std::string_view key);
+  // The same without ever loading: nil while the bag is not valid. For what follows an update,
+  // which must not set off the next one.
+  Value valueForKeyIfValid(std::string_view key);
   // A string under the key that parses as a URL.
   std::optional<URL> urlForKey(std::string_view key);
   // The contents, valid or not: after a failed load the old ones.

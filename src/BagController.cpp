@@ -128,7 +128,10 @@ void BagController::_forceLoadBagForUpdate() {
 }
 
 void BagController::pingClientID(Bag& bag) {
-  const Value pingURLs = bag.valueForKey("pingUrls");
+  // An update counts as successful also when the download succeeded, the new bag was refused and an
+  // old one is held. A lookup that loads would then fetch the refused bag again, and so on without
+  // an end.
+  const Value pingURLs = bag.valueForKeyIfValid("pingUrls");
   if (pingURLs.isNil()) {
     logLevel(3, "%@: Not pinging clientID, no pingUrls", kClassName);
     return;

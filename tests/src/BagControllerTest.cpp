@@ -136,6 +136,17 @@ TEST_F(BagControllerTest, AFailedPingEndsThePassAndAStoredStringIsNoDate) {
       world.log.mentions(1, "BagController: Failed to ping https://ping.example.com/fails"));
 }
 
+TEST_F(BagControllerTest, ARefusedBagIsFetchedOnceALookupNotWithoutAnEnd) {
+  serveBagWithPings({"https://ping.example.com/ping"});
+  loadBag();
+  client->productionBagURLs = {*URL::parse("http://bag.example.com/unsigned")};
+  const std::size_t before = world.transport.requests().size();
+  loadBag();
+  EXPECT_FALSE(controller()->bagWithType(kBagTypeProduction)->isValid());
+  EXPECT_EQ(world.transport.requests().size(), before + 1);
+  EXPECT_TRUE(world.log.contains(3, "BagController: Not pinging clientID, no pingUrls"));
+}
+
 TEST_F(BagControllerTest, PingCookiesReachTheJarWithTheResponseNotThroughTheWrapper) {
   serveBagWithPings({"https://ping.example.com/ping"});
   pingHeaders = {{"Set-Cookie", "id=7"}, {"Cache-Control", "max-age=100"}};
