@@ -134,8 +134,8 @@ SystemRunLoop::State::State(Runner whoRuns) : runner(whoRuns) {
   require(wakeDescriptor < 0 ? -errno : 0, "cannot make an event descriptor");
   sd_event_source* madeSource = nullptr;
   const auto woken = [](sd_event_source*, int descriptor, std::uint32_t, void* state) {
-    std::uint64_t count;
-    static_cast<void>(read(descriptor, &count, sizeof count));
+    eventfd_t count = 0;
+    eventfd_read(descriptor, &count);
     static_cast<State*>(state)->runPosted();
     return 0;
   };
@@ -145,8 +145,7 @@ SystemRunLoop::State::State(Runner whoRuns) : runner(whoRuns) {
 }
 
 void SystemRunLoop::State::wake() const {
-  const std::uint64_t one = 1;
-  static_cast<void>(write(wakeDescriptor, &one, sizeof one));
+  eventfd_write(wakeDescriptor, 1);
 }
 
 void SystemRunLoop::State::post(std::function<void()> block) {
