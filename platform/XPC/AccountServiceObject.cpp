@@ -59,16 +59,12 @@ AccountServiceObject::~AccountServiceObject() {
   unregisterAdaptor();
 }
 
-std::string AccountServiceObject::_sender() {
-  return getObject().getCurrentlyProcessedMessage()->getSender();
-}
-
 // Who calls is judged first, what the arguments are after it.
 template <class... Results, class Invoke>
 void AccountServiceObject::_call(sdbus::Result<Results...>&& result, Arguments arguments,
                                  Invoke invoke) {
   const std::size_t bytes = arguments.bytes();
-  _callers.deliver(_sender(), std::move(result), bytes,
+  _callers.deliver(bus::currentMessage(getObject()), std::move(result), bytes,
                    [arguments = std::move(arguments), invoke = std::move(invoke)](
                        Caller& caller, std::shared_ptr<PendingReply<Results...>> reply) mutable {
                      if (arguments.isFine()) {

@@ -64,7 +64,6 @@ class AccountServiceObject final
   // Status
   void Describe(sdbus::Result<std::string>&& result) override;
 
-  std::string _sender();
   template <class... Results, class Invoke>
   void _call(sdbus::Result<Results...>&& result, Arguments arguments, Invoke invoke);
   template <class Operation>

@@ -55,6 +55,7 @@ void BusConnection::stop() {
 void BusConnection::post(std::function<void()> task) {
   {
     const std::lock_guard lock(_mutex);
+    if (_hasEnded) return;
     _posted.push_back(std::move(task));
     _hasPosted = true;
   }
@@ -62,7 +63,6 @@ void BusConnection::post(std::function<void()> task) {
 }
 
 void BusConnection::_read(const std::function<void()>& disconnected) {
-  _threadID = std::this_thread::get_id();
   try {
     while (!_stopping) {
       _readUntilIdle();
@@ -72,6 +72,14 @@ void BusConnection::_read(const std::function<void()>& disconnected) {
     logLevel(1, "%@: the bus has gone away: %@", kClassName, error.getMessage());
     if (disconnected) disconnected();
   }
+  std::vector<std::function<void()>> abandoned;
+  const std::lock_guard lock(_mutex);
+  _hasEnded = true;
+  abandoned.swap(_posted);
+}
+
+void BusConnection::readArrived() {
+  while (bus::processOne(*_connection)) continue;
 }
 
 void BusConnection::_readUntilIdle() {

@@ -34,9 +34,11 @@ class BusConnection {
   void start(std::function<void()> disconnected);
   // Ends the reading thread and waits for it. Not on that thread.
   void stop();
-  // Runs `task` on the reading thread. Any thread. Tasks that come after its end are dropped.
+  // Runs `task` on the reading thread, between two messages. Any thread. What has not run when that
+  // thread ends, and what comes later, is destroyed.
   void post(std::function<void()> task);
-  bool isReadingThread() const { return std::this_thread::get_id() == _threadID.load(); }
+  // Handles the messages that have arrived. On the reading thread, from a posted task.
+  void readArrived();
 
  private:
   explicit BusConnection(std::unique_ptr<sdbus::IConnection> connection);
@@ -52,7 +54,7 @@ class BusConnection {
   std::atomic<bool> _hasPosted{false};
   std::mutex _mutex;
   std::vector<std::function<void()>> _posted;
-  std::atomic<std::thread::id> _threadID;
+  bool _hasEnded = false;
   std::thread _thread;
 };
 

@@ -8,37 +8,39 @@ Caller::Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName
     : _bus(std::move(connection)), _uniqueName(std::move(uniqueName)) {}
 
 bool Caller::canWaitFor(std::size_t bytes) const {
-  return _waiting->count.load(std::memory_order_relaxed) < kMaxWaitingCalls &&
-         _waiting->bytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes;
+  return _counts->waiting.load(std::memory_order_relaxed) < kMaxWaitingCalls &&
+         _counts->waitingBytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes;
 }
 
 void Caller::accept(XPCConnection connection, std::shared_ptr<HSAccountService> service) {
   _connection = std::move(connection);
   _service = std::move(service);
-  _state = State::Accepted;
-  _runKept();
+  resume();
 }
 
-void Caller::refuse(const char* name, std::string text) {
-  _refusalName = name;
-  _refusalText = std::move(text);
-  _state = State::Refused;
-  _runKept();
+void Caller::refuse(Refusal refusal) {
+  _service.reset();
+  _refusal = std::move(refusal);
+  resume();
 }
 
 void Caller::resume() {
-  _state = State::Accepted;
-  _runKept();
+  _decide(refusal());
 }
 
-void Caller::_runKept() {
+void Caller::turnAway(const Refusal& refusal) {
+  _decide(&refusal);
+}
+
+void Caller::_decide(const Refusal* refusal) {
+  _isUndecided = false;
   std::vector<KeptCall> calls = std::exchange(_kept, {});
   for (auto& call : calls) {
     // One of them may have suspended the caller: the rest waits again.
-    if (_state == State::Unknown) {
+    if (_isUndecided) {
       _kept.push_back(std::move(call));
     } else {
-      call(*this);
+      call(*this, refusal);
     }
   }
 }

@@ -14,8 +14,8 @@
 namespace tallow {
 
 // One connection to the bus that has called the service: who it is, the object that serves it, and
-// what it makes the service hold. While it is being found out who it is, its calls are kept, in
-// order. Owned by the CallerTable. Reading thread only; the counts may be lowered by any thread.
+// what it makes the service hold. While something is being found out about it, its calls are kept,
+// in order. Owned by the CallerTable. Reading thread only; the counts may be lowered by any thread.
 class Caller {
  public:
   // More calls than this wait for an answer at a time, and the next is refused; the same for the
@@ -24,31 +24,37 @@ class Caller {
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{32} << 20;
   static constexpr std::size_t kMaxObservers = 64;
 
-  enum class State { Unknown, Accepted, Refused };
-  // Run when the caller's state has become known.
-  using KeptCall = std::function<void(Caller&)>;
+  // Why calls are answered with an error instead of being made.
+  struct Refusal {
+    const char* name;
+    std::string text;
+  };
+  // Run when it has been decided about the caller; null: the call is to be made.
+  using KeptCall = std::function<void(Caller&, const Refusal*)>;
 
   Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName);
 
   const std::string& uniqueName() const { return _uniqueName; }
-  State state() const { return _state; }
-  const std::shared_ptr<WaitingCalls>& waiting() const { return _waiting; }
+  const std::shared_ptr<CallCounts>& counts() const { return _counts; }
   bool canWaitFor(std::size_t bytes) const;
 
+  // Calls have to be kept: it is not known who this is, or something is being asked about it.
+  bool isUndecided() const { return _isUndecided; }
+  // When decided: null for an accepted caller.
+  const Refusal* refusal() const { return _service ? nullptr : &_refusal; }
   // Accepted only.
   const XPCConnection& connection() const { return _connection; }
   HSAccountService& service() const { return *_service; }
-  // Refused only: why.
-  const char* refusalName() const { return _refusalName; }
-  const std::string& refusalText() const { return _refusalText; }
 
   void keep(KeptCall call) { _kept.push_back(std::move(call)); }
-  // Both run the calls that were kept.
+  // Each decides about the caller, and about the calls that were kept.
   void accept(XPCConnection connection, std::shared_ptr<HSAccountService> service);
-  void refuse(const char* name, std::string text);
-  // An accepted caller goes back to having its calls kept, until accept(), refuse() or resume().
-  void suspend() { _state = State::Unknown; }
+  void refuse(Refusal refusal);
+  // Undecided again, until resume() puts it back to what it was, or another decision.
+  void suspend() { _isUndecided = true; }
   void resume();
+  // The kept calls are refused; else as resume().
+  void turnAway(const Refusal& refusal);
   // The caller is somebody else from now on, or has left.
   void forgetObservers();
 
@@ -59,17 +65,16 @@ class Caller {
   std::size_t observerCount() const { return _observers.size(); }
 
  private:
-  void _runKept();
+  void _decide(const Refusal* refusal);
 
   std::shared_ptr<BusConnection> _bus;
   std::string _uniqueName;
-  State _state = State::Unknown;
-  std::shared_ptr<WaitingCalls> _waiting = std::make_shared<WaitingCalls>();
+  bool _isUndecided = true;
+  std::shared_ptr<CallCounts> _counts = std::make_shared<CallCounts>();
   std::vector<KeptCall> _kept;
   XPCConnection _connection;
   std::shared_ptr<HSAccountService> _service;
-  const char* _refusalName = nullptr;
-  std::string _refusalText;
+  Refusal _refusal{};
   std::unordered_map<std::string, std::shared_ptr<RemoteURLBagObserver>> _observers;
 };
 

@@ -1,5 +1,6 @@
 #include "platform/XPC/CallerTable.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "platform/Concurrency/WorkerPool.h"
@@ -26,12 +27,20 @@ CallerTable::CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerD
     : _connection(std::move(connection)),
       _delegate(delegate),
       _identification(_connection, ownUserOnly),
+      _unreadAnswers(_connection->connection()),
       _nameOwnerChanged(_connection->connection().addMatch(
           kNameHasLeft, [this](sdbus::Message& signal) {  // NOLINT: the signature is the library's
             std::string name;
             signal >> name;
             _callerHasLeft(name);
           })) {}
+
+void CallerTable::writeOut(sd_bus_message* call) {
+  sd_bus* const connection = sd_bus_message_get_bus(call);
+  std::uint64_t queued = 0;
+  if (sd_bus_get_n_queued_write(connection, &queued) >= 0 && queued > 0)
+    sd_bus_flush(connection);  // a failure shows when the next message is read
+}
 
 Caller* CallerTable::_callerNamed(const std::string& sender) {
   const auto found = _callers.find(sender);
@@ -50,6 +59,34 @@ Caller* CallerTable::_addCaller(const std::string& sender) {
   return caller.get();
 }
 
+void CallerTable::_makeSureThatItReads(Caller& caller) {
+  if (caller.counts()->answeredBytes.load(std::memory_order_relaxed) < kAnsweredBytesBeforeAsking ||
+      !_unreadAnswers.canAsk())
+    return;
+  caller.suspend();
+  _unreadAnswers.ask(caller.uniqueName(),
+                     [this, uniqueName = caller.uniqueName()](std::optional<std::uint64_t> unread) {
+                       _gotUnreadBytes(uniqueName, unread);
+                     });
+}
+
+void CallerTable::_gotUnreadBytes(const std::string& uniqueName,
+                                  std::optional<std::uint64_t> unread) {
+  const auto found = _callers.find(uniqueName);
+  if (found == _callers.end()) return;
+  Caller& caller = *found->second.caller;
+  CallCounts& counts = *caller.counts();
+  if (unread.value_or(0) <= kMaxUnreadBytes) {
+    counts.answeredBytes = 0;
+    caller.resume();
+    return;
+  }
+  logLevel(2, "%@: %@ leaves %lu bytes of answers unread", kClassName, uniqueName, *unread);
+  // Asked again at its next call.
+  counts.answeredBytes = std::max<std::size_t>(*unread, kAnsweredBytesBeforeAsking);
+  caller.turnAway({kLimitsExceeded, "This connection does not read its answers."});
+}
+
 void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
                               CallerIdentification::Outcome outcome) {
   const auto caller = who.lock();
@@ -62,10 +99,10 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
   if (!_count(found->second, *outcome.uid)) {
     // Not kept: its next call is looked at afresh.
     _callers.erase(found);
-    caller->refuse(kLimitsExceeded, "This user has too many connections to the service.");
+    caller->refuse({kLimitsExceeded, "This user has too many connections to the service."});
   } else if (!outcome.descriptor) {
     logLevel(2, "%@: refusing %@: %@", kClassName, uniqueName, outcome.refusal);
-    caller->refuse(kAccessDenied, std::move(outcome.refusal));
+    caller->refuse({kAccessDenied, std::move(outcome.refusal)});
   } else {
     logLevel(3, "%@: %@ is %@, known by %@", kClassName, uniqueName, description(outcome.process),
              outcome.descriptor->fileName);
@@ -87,7 +124,7 @@ void CallerTable::_accept(Caller& caller, XPCConnection connection) {
   if (auto service = _delegate.listenerShouldAcceptNewConnection(connection)) {
     caller.accept(std::move(connection), std::move(service));
   } else {
-    caller.refuse(kAccessDenied, "The service does not accept this connection.");
+    caller.refuse({kAccessDenied, "The service does not accept this connection."});
   }
 }
 
@@ -137,7 +174,7 @@ void CallerTable::actAs(Caller& caller, std::string identifier,
 
 std::size_t CallerTable::waitingCalls() const {
   std::size_t count = 0;
-  for (const auto& [name, entry] : _callers) count += entry.caller->waiting()->count.load();
+  for (const auto& [name, entry] : _callers) count += entry.caller->counts()->waiting.load();
   return count;
 }
 
@@ -147,10 +184,10 @@ Array CallerTable::describe() const {
     const Caller& caller = *entry.caller;
     Dictionary line{{"name", name},
                     {"uid", entry.uid},
-                    {"waitingCalls", caller.waiting()->count.load()},
+                    {"waitingCalls", caller.counts()->waiting.load()},
                     {"observers", caller.observerCount()},
-                    {"refused", caller.state() == Caller::State::Refused}};
-    if (caller.state() == Caller::State::Accepted) {
+                    {"refused", !caller.isUndecided() && caller.refusal() != nullptr}};
+    if (caller.refusal() == nullptr) {
       line = line.setting("pid", caller.connection().pid);
       if (const auto& client = caller.connection().storeClient)
         line = line.setting("identifier", client->identifier);

@@ -10,6 +10,7 @@
 
 #include "platform/XPC/Caller.h"
 #include "platform/XPC/CallerIdentification.h"
+#include "platform/XPC/UnreadAnswers.h"
 #include "platform/XPC/XPCListener.h"
 
 namespace tallow {
@@ -22,6 +23,10 @@ class CallerTable {
   static constexpr std::size_t kMaxCallersPerUser = 256;
   // Callers of whom not even the user is known yet.
   static constexpr std::size_t kMaxUnknownCallers = 1024;
+  // After this much in answers the bus is asked whether the caller reads them; one that has left
+  // more unread has its calls refused until it has read.
+  static constexpr std::size_t kAnsweredBytesBeforeAsking = std::size_t{8} << 20;
+  static constexpr std::size_t kMaxUnreadBytes = std::size_t{16} << 20;
 
   static constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
   static constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
@@ -32,18 +37,22 @@ class CallerTable {
   CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerDelegate& delegate,
               bool ownUserOnly);
 
-  // Hands a call to its caller's object: `invoke(Caller&,
+  // Hands the call that is being handled to its caller's object: `invoke(Caller&,
   // std::shared_ptr<PendingReply<Results...>>)` runs at once where it is known who calls, else as
   // soon as it is. Calls that are refused (who calls, what it already holds) are answered here.
   // `bytes` is what the arguments hold.
   template <class... Results, class Invoke>
-  void deliver(const std::string& sender, sdbus::Result<Results...>&& result, std::size_t bytes,
+  void deliver(sd_bus_message* call, sdbus::Result<Results...>&& result, std::size_t bytes,
                Invoke&& invoke);
 
   // Makes the caller act as another client from its next call on. `done` is told the name and text
   // of an error, or nullptr.
   void actAs(Caller& caller, std::string identifier,
              std::function<void(const char* errorName, const std::string& errorText)> done);
+
+  // Waits until what has been sent so far is with the bus: calls are not taken faster than the bus
+  // takes their answers. In the handler of `call`.
+  static void writeOut(sd_bus_message* call);
 
   // What Describe() says of the callers.
   Array describe() const;
@@ -58,15 +67,22 @@ class CallerTable {
   // Null when there are too many.
   Caller* _callerNamed(const std::string& sender);
   Caller* _addCaller(const std::string& sender);
+  // May leave the caller undecided.
+  void _makeSureThatItReads(Caller& caller);
+  void _gotUnreadBytes(const std::string& uniqueName, std::optional<std::uint64_t> unread);
   void _identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
                    CallerIdentification::Outcome outcome);
   void _callerHasLeft(const std::string& uniqueName);
   bool _count(Entry& entry, std::uint32_t uid);
   void _accept(Caller& caller, XPCConnection connection);
+  template <class... Results>
+  static void _refuse(Caller& caller, const sdbus::Result<Results...>& result, const char* name,
+                      const std::string& text);
 
   std::shared_ptr<BusConnection> _connection;
   XPCListenerDelegate& _delegate;
   CallerIdentification _identification;
+  UnreadAnswers _unreadAnswers;
   std::unordered_map<std::string, Entry> _callers;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
   std::size_t _unknownCallers = 0;
@@ -74,30 +90,43 @@ class CallerTable {
 };
 
 template <class... Results, class Invoke>
-void CallerTable::deliver(const std::string& sender, sdbus::Result<Results...>&& result,
+void CallerTable::deliver(sd_bus_message* call, sdbus::Result<Results...>&& result,
                           std::size_t bytes, Invoke&& invoke) {
-  Caller* const caller = _callerNamed(sender);
+  writeOut(call);
+  Caller* const caller = _callerNamed(sd_bus_message_get_sender(call));
   if (caller == nullptr) {
     result.returnError(bus::makeError(kLimitsExceeded, "too many connections"));
-  } else if (caller->state() == Caller::State::Refused) {
-    result.returnError(bus::makeError(caller->refusalName(), caller->refusalText()));
+    return;
+  }
+  if (!caller->isUndecided()) _makeSureThatItReads(*caller);
+  if (!caller->isUndecided() && caller->refusal() != nullptr) {
+    _refuse(*caller, result, caller->refusal()->name, caller->refusal()->text);
   } else if (!caller->canWaitFor(bytes)) {
-    result.returnError(bus::makeError(kLimitsExceeded, "too many calls of this connection wait"));
+    _refuse(*caller, result, kLimitsExceeded, "too many calls of this connection wait");
   } else {
-    auto reply = std::make_shared<PendingReply<Results...>>(_connection, caller->waiting(), bytes,
+    auto reply = std::make_shared<PendingReply<Results...>>(_connection, caller->counts(), bytes,
                                                             std::move(result));
-    if (caller->state() == Caller::State::Accepted) {
+    if (!caller->isUndecided()) {
       invoke(*caller, std::move(reply));
       return;
     }
-    caller->keep([invoke = std::forward<Invoke>(invoke), reply](Caller& known) mutable {
-      if (known.state() == Caller::State::Accepted) {
-        invoke(known, std::move(reply));
+    caller->keep([invoke = std::forward<Invoke>(invoke), reply](
+                     Caller& decided, const Caller::Refusal* refusal) mutable {
+      if (refusal == nullptr) {
+        invoke(decided, std::move(reply));
       } else {
-        reply->fail(known.refusalName(), known.refusalText());
+        reply->fail(refusal->name, refusal->text);
       }
     });
   }
+}
+
+template <class... Results>
+void CallerTable::_refuse(Caller& caller, const sdbus::Result<Results...>& result, const char* name,
+                          const std::string& text) {
+  if (!caller.counts()->mayBeAnswered()) return;
+  caller.counts()->addAnswer(text.size());
+  result.returnError(bus::makeError(name, text));
 }
 
 }  // namespace tallow

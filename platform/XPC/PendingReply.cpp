@@ -5,16 +5,16 @@
 namespace tallow {
 
 PendingReplyBase::PendingReplyBase(std::shared_ptr<BusConnection> connection,
-                                   std::shared_ptr<WaitingCalls> waiting, std::size_t bytes)
-    : _connection(std::move(connection)), _waiting(std::move(waiting)), _bytes(bytes) {
-  _waiting->count.fetch_add(1, std::memory_order_relaxed);
-  _waiting->bytes.fetch_add(_bytes, std::memory_order_relaxed);
+                                   std::shared_ptr<CallCounts> counts, std::size_t bytes)
+    : _connection(std::move(connection)), _counts(std::move(counts)), _bytes(bytes) {
+  _counts->waiting.fetch_add(1, std::memory_order_relaxed);
+  _counts->waitingBytes.fetch_add(_bytes, std::memory_order_relaxed);
 }
 
 bool PendingReplyBase::claim() {
   if (_claimed.exchange(true, std::memory_order_relaxed)) return false;
-  _waiting->count.fetch_sub(1, std::memory_order_relaxed);
-  _waiting->bytes.fetch_sub(_bytes, std::memory_order_relaxed);
+  _counts->waiting.fetch_sub(1, std::memory_order_relaxed);
+  _counts->waitingBytes.fetch_sub(_bytes, std::memory_order_relaxed);
   return true;
 }
 

@@ -9,14 +9,30 @@
 
 #include "platform/XPC/BusConnection.h"
 #include "platform/XPC/SDBus.h"
+#include "platform/XPC/WireTypes.h"
 
 namespace tallow {
 
-// How many calls of one caller wait, and what they hold. Shared by the caller and its calls, which
-// may be answered when the caller has long left.
-struct WaitingCalls {
-  std::atomic<std::uint32_t> count{0};
-  std::atomic<std::size_t> bytes{0};
+// What the calls of one caller make the service and the bus hold. Shared by the caller and its
+// calls, which may be answered when the caller has long left. Any thread.
+struct CallCounts {
+  std::atomic<std::uint32_t> waiting{0};
+  std::atomic<std::size_t> waitingBytes{0};
+  // Of answers since it was last made sure that the caller reads them.
+  std::atomic<std::size_t> answeredBytes{0};
+
+  // What an answer costs beside its values.
+  static constexpr std::size_t kAnswerBytes = 256;
+  // A caller with more than this unread is not answered any more: when the bus holds twice as much
+  // for it, it stops to take anything from the service, for anybody.
+  static constexpr std::size_t kMaxUnreadBytes = std::size_t{64} << 20;
+
+  bool mayBeAnswered() const {
+    return answeredBytes.load(std::memory_order_relaxed) < kMaxUnreadBytes;
+  }
+  void addAnswer(std::size_t bytes) {
+    answeredBytes.fetch_add(kAnswerBytes + bytes, std::memory_order_relaxed);
+  }
 };
 
 // The part of a pending reply that does not depend on its type.
@@ -28,18 +44,19 @@ class PendingReplyBase {
   PendingReplyBase& operator=(const PendingReplyBase&) = delete;
 
  protected:
-  PendingReplyBase(std::shared_ptr<BusConnection> connection, std::shared_ptr<WaitingCalls> waiting,
+  PendingReplyBase(std::shared_ptr<BusConnection> connection, std::shared_ptr<CallCounts> counts,
                    std::size_t bytes);
   ~PendingReplyBase() = default;
 
   // True for the first who asks: a call is answered once. It no longer counts as waiting then: who
   // has read the answer may call again.
   bool claim();
+  CallCounts& counts() const { return *_counts; }
   static void logFailure(const sdbus::Error& error);
 
  private:
   std::shared_ptr<BusConnection> _connection;  // outlives the message in the derived class
-  std::shared_ptr<WaitingCalls> _waiting;
+  std::shared_ptr<CallCounts> _counts;
   std::size_t _bytes;
   std::atomic<bool> _claimed{false};
 };
@@ -49,18 +66,20 @@ class PendingReplyBase {
 template <class... Results>
 class PendingReply final : public PendingReplyBase {
  public:
-  PendingReply(std::shared_ptr<BusConnection> connection, std::shared_ptr<WaitingCalls> waiting,
+  PendingReply(std::shared_ptr<BusConnection> connection, std::shared_ptr<CallCounts> counts,
                std::size_t bytes, sdbus::Result<Results...> result)
-      : PendingReplyBase(std::move(connection), std::move(waiting), bytes),
+      : PendingReplyBase(std::move(connection), std::move(counts), bytes),
         _result(std::move(result)) {}
   ~PendingReply() {
     if (claim()) _return(bus::makeError(kNoReplyError, "The service dropped the call unanswered."));
   }
 
   void answer(const Results&... results) {
-    if (!claim()) return;
+    if (!claim() || !counts().mayBeAnswered()) return;
     try {
+      wire::takeWrittenBytes();
       _result.returnResults(results...);
+      counts().addAnswer(wire::takeWrittenBytes());
     } catch (const sdbus::Error& error) {
       // A value that the bus does not carry; or there is no bus any more.
       _return(error);
@@ -74,6 +93,8 @@ class PendingReply final : public PendingReplyBase {
 
  private:
   void _return(const sdbus::Error& error) {
+    if (!counts().mayBeAnswered()) return;
+    counts().addAnswer(0);
     try {
       _result.returnError(error);
     } catch (const sdbus::Error& failure) {

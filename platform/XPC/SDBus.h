@@ -86,4 +86,14 @@ inline sd_bus_message* raw(const sdbus::Message& message) {
   return MessageAccess::raw(message);
 }
 
+// The message that is being handled. Only in a handler: there the library holds its lock of the
+// connection, which calls of sd-bus on it need.
+inline sd_bus_message* currentMessage(const sdbus::IObject& object) {
+#if TALLOW_SDBUS_2
+  return raw(object.getCurrentlyProcessedMessage());
+#else
+  return raw(*object.getCurrentlyProcessedMessage());
+#endif
+}
+
 }  // namespace tallow::bus

@@ -19,6 +19,8 @@ constexpr int kDepthAroundAValue = 3;
 // What a value costs beside its text and data.
 constexpr std::size_t kNodeBytes = 32;
 
+thread_local std::size_t writtenBytes = 0;
+
 void check(int result, const char* what) {
   if (result >= 0) return;
   throw bus::makeError("org.freedesktop.DBus.Error.Failed",
@@ -143,6 +145,7 @@ class ValueWriter {
 
   void spend(std::size_t bytes) {
     _bytes += bytes;
+    writtenBytes += bytes;
     if (_bytes > wire::kMaxValueBytes)
       throw bus::makeError(wire::kNotTransferableError, "the value is larger than 16 MiB");
   }
@@ -324,6 +327,10 @@ class ValueReader {
 }  // namespace
 
 namespace wire {
+
+std::size_t takeWrittenBytes() {
+  return std::exchange(writtenBytes, 0);
+}
 
 std::vector<WireValue> optionalValue(Value value) {
   std::vector<WireValue> list;

@@ -55,6 +55,9 @@ inline constexpr int kMaxValueDepth = 64;
 inline constexpr std::size_t kMaxValueBytes = std::size_t{16} << 20;
 inline constexpr const char* kNotTransferableError = "com.vantor.Error.NotTransferable";
 
+// What this thread has written to messages through these types since it last asked.
+std::size_t takeWrittenBytes();
+
 // At most one element, as nil-able values travel.
 std::vector<WireValue> optionalValue(Value value);
 std::vector<WireDictionary> optionalDictionary(std::optional<Dictionary> dictionary);

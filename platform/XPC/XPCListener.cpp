@@ -1,7 +1,10 @@
 #include "platform/XPC/XPCListener.h"
 
+#include <systemd/sd-daemon.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <utility>
 
 #include "platform/VendBase/VBLogManager.h"
@@ -53,6 +56,8 @@ class BusListener final : public XPCListener {
 
   void stop() override {
     if (!_connection) return;
+    sd_notify(0, "STOPPING=1");
+    _serveTheRest();
     _connection->stop();
     _withdraw();
   }
@@ -64,6 +69,22 @@ class BusListener final : public XPCListener {
     _object = std::make_unique<AccountServiceObject>(connection, *_callers, _status);
     _logControl = std::make_unique<LogControlObject>(connection);
     bus::requestName(connection, _serviceName);
+  }
+
+  // Once the bus has taken the name back, nothing new comes in for it; what came before is served.
+  void _serveTheRest() {
+    auto served = std::make_shared<std::promise<void>>();
+    const std::future<void> end = served->get_future();
+    _connection->post([this, served = std::move(served)] {
+      try {
+        bus::releaseName(_connection->connection(), _serviceName);
+        _connection->readArrived();
+      } catch (const sdbus::Error& error) {
+        logLevel(2, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
+      }
+      served->set_value();
+    });
+    end.wait();  // also when the thread has ended already and the task is gone
   }
 
   void _withdraw() {

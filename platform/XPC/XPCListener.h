@@ -45,7 +45,9 @@ class XPCListener {
   virtual void setStatusProvider(std::function<std::string()> provider) = 0;
   // Called once, on the listener's thread, when the bus has gone away. Before resume.
   virtual void setInvalidationHandler(std::function<void()> handler) = 0;
-  // Gives up the name, serves what had come in for it, and ends. Not on the listener's thread.
+  // Says that the service is stopping, gives up the name, serves the calls that had come in for it
+  // and ends. Calls that still wait are answered as long as the process lives. Not on the
+  // listener's thread.
   virtual void stop() = 0;
 };
 

@@ -70,6 +70,7 @@ class PrivateBus {
     file << "  <policy context='default'>\n"
             "    <allow send_destination='*' eavesdrop='true'/>\n"
             "    <allow eavesdrop='true'/>\n    <allow own='*'/>\n  </policy>\n"
+            "  <limit name='max_connections_per_user'>2000</limit>\n"
             "  <limit name='max_replies_per_connection'>50000</limit>\n"
             "  <limit name='reply_timeout'>600000</limit>\n</busconfig>\n";
   }

@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <deque>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -79,6 +82,90 @@ class TestCaller {
   std::unique_ptr<sdbus::IProxy> _proxy;
 };
 
+// A caller that sends without reading, until receive().
+class FloodingCaller {
+ public:
+  FloodingCaller() {
+    sd_bus* opened = nullptr;
+    if (sd_bus_open_user(&opened) < 0) throw std::runtime_error("no bus");
+    _bus.reset(opened);
+  }
+
+  template <class... Arguments>
+  void send(const char* member, const char* signature = "", Arguments... arguments) {
+    sd_bus_message* made = nullptr;
+    sd_bus_message_new_method_call(_bus.get(), &made, kServiceName, kServicePath, kServiceInterface,
+                                   member);
+    const Message message(made);
+    if (*signature != '\0') sd_bus_message_append(made, signature, arguments...);
+    std::uint64_t serial = 0;  // without which the call would ask for no reply
+    if (sd_bus_send(_bus.get(), made, &serial) < 0 || sd_bus_flush(_bus.get()) < 0)
+      throw std::runtime_error("cannot send");
+  }
+
+  // Waits for `count` answers; how many there were of each kind, by error name ("" for none).
+  std::map<std::string, int> receive(int count) {
+    std::map<std::string, int> kinds;
+    while (count > 0) {
+      sd_bus_message* received = nullptr;
+      if (sd_bus_process(_bus.get(), &received) < 0) throw std::runtime_error("cannot read");
+      const Message message(received);
+      if (received == nullptr) {
+        sd_bus_wait(_bus.get(), UINT64_MAX);
+        continue;
+      }
+      const sd_bus_error* const error = sd_bus_message_get_error(received);
+      if (error == nullptr && sd_bus_message_is_signal(received, nullptr, nullptr) > 0) continue;
+      ++kinds[error == nullptr ? "" : error->name];
+      --count;
+    }
+    return kinds;
+  }
+
+ private:
+  struct Release {
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+  };
+  using Message = std::unique_ptr<sd_bus_message, Release>;
+  std::unique_ptr<sd_bus, Release> _bus;
+};
+
+// A caller that exports a com.vantor.HSURLBagObserver at /observer.
+class ObservingCaller : public TestCaller {
+ public:
+  using Update = std::pair<bool, std::optional<Error>>;
+
+  ObservingCaller() : _object(sdbus::createObject(connection(), "/observer")) {
+    _object->registerMethod("urlBagDidUpdateWithSuccess")
+        .onInterface("com.vantor.HSURLBagObserver")
+        .implementedAs([this](bool success, const std::vector<WireError>& error) {
+          const std::lock_guard lock(_mutex);
+          _updates.emplace_back(success,
+                                error.empty() ? std::nullopt : std::optional(error.front().value));
+          _updated.notify_all();
+        })
+        .withNoReply();
+    _object->finishRegistration();
+    connection().enterEventLoopAsync();
+  }
+  ~ObservingCaller() { connection().leaveEventLoop(); }
+
+  Update next() {
+    std::unique_lock lock(_mutex);
+    _updated.wait(lock, [&] { return !_updates.empty(); });
+    Update update = std::move(_updates.front());
+    _updates.pop_front();
+    return update;
+  }
+
+ private:
+  std::unique_ptr<sdbus::IObject> _object;
+  std::mutex _mutex;
+  std::condition_variable _updated;
+  std::deque<Update> _updates;
+};
+
 // The listener on a private bus, serving fakes; the test itself is known by a descriptor.
 class ListenerTest : public testing::Test, protected XPCListenerDelegate {
  protected:
@@ -106,10 +193,11 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
            std::filesystem::read_symlink("/proc/self/exe").string() + "\"\n";
   }
 
-  // The object that serves the nth connection.
+  // The object that serves the nth connection; waits for it.
   std::shared_ptr<FakeAccountService> service(std::size_t index) {
-    const std::lock_guard lock(_mutex);
-    return _services.at(index).second;
+    std::unique_lock lock(_mutex);
+    _accepted.wait(lock, [&] { return _services.size() > index; });
+    return _services[index].second;
   }
   XPCConnection accepted(std::size_t index) {
     const std::lock_guard lock(_mutex);
@@ -133,6 +221,7 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
     if (prepare) prepare(*made);
     const std::lock_guard lock(_mutex);
     _services.emplace_back(connection, made);
+    _accepted.notify_all();
     return made;
   }
 
@@ -152,6 +241,7 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
   std::unique_ptr<ClientDescriptors> _descriptors;
   ScopedShared<ClientDescriptors> _scopedDescriptors;
   std::mutex _mutex;
+  std::condition_variable _accepted;
   std::vector<std::pair<XPCConnection, std::shared_ptr<FakeAccountService>>> _services;
 };
 

@@ -1,7 +1,11 @@
 #include "platform/XPC/XPCListener.h"
 
+#include <malloc.h>
+
+#include <future>
 #include <thread>
 
+#include "platform/PropertyList/JSON.h"
 #include "tests/platform/XPC/ListenerFixture.h"
 
 namespace tallow {
@@ -121,13 +125,200 @@ TEST_F(ListenerTest, TakesUpAChangedDescriptorAtTheNextConnection) {
 TEST_F(ListenerTest, TellsACallerWhoseReplyIsDropped) {
   prepare = [](FakeAccountService& service) { service.keepAnswers(true); };
   std::thread dropper([this] {
-    while (acceptedCount() == 0) std::this_thread::yield();
     service(0)->waitForCalls(1);
     service(0)->dropKept();
   });
   TestCaller caller;
   EXPECT_EQ(caller.errorOf("isValid"), kNoReply);
   dropper.join();
+}
+
+TEST_F(ListenerTest, BoundsTheCallsThatWaitForOneCaller) {
+  prepare = [](FakeAccountService& service) { service.keepAnswers(true); };
+  FloodingCaller flooder;
+  constexpr int kCalls = 10000;
+  for (int i = 0; i < kCalls; ++i) flooder.send("isValid");
+  // Nobody else is held up, and those that do not fit are refused while the others still wait.
+  TestCaller other;
+  std::thread answerer([this] {
+    service(1)->waitForCalls(1);
+    service(1)->answerKept();
+  });
+  other.call<bool>("isValid");
+  answerer.join();
+  EXPECT_EQ(flooder.receive(kCalls - 256).at(kLimitsExceeded), kCalls - 256);
+  EXPECT_EQ(service(0)->calls().size(), 256u);
+  service(0)->keepAnswers(false);
+  service(0)->answerKept();
+  EXPECT_EQ(flooder.receive(256).at(""), 256);
+  flooder.send("isValid");
+  EXPECT_EQ(flooder.receive(1).at(""), 1);
+}
+
+TEST_F(ListenerTest, ServesOthersWhileACallerDoesNotReadItsAnswers) {
+  prepare = [](FakeAccountService& service) {
+    service.headers = Dictionary{{"Cookie", std::string(100000, 'c')}};
+  };
+  FloodingCaller flooder;
+  flooder.send("isValid");
+  flooder.receive(1);
+  const std::size_t before = mallinfo2().uordblks;
+  // More than the bus would hold for one client.
+  constexpr int kCalls = 10000;
+  for (int i = 0; i < kCalls; ++i) flooder.send("httpHeadersForURL", "satb", kURL, 0, 0);
+  TestCaller other;
+  other.call<bool>("isValid");
+  EXPECT_LT(mallinfo2().uordblks, before + (std::size_t{16} << 20));
+  const auto answers = flooder.receive(kCalls);
+  EXPECT_GT(answers.at(""), 100);
+  EXPECT_LT(answers.at(""), 600);
+  EXPECT_EQ(answers.at("") + answers.at(kLimitsExceeded), kCalls);
+  // It has read: it is served again.
+  flooder.send("isValid");
+  EXPECT_EQ(flooder.receive(1).at(""), 1);
+}
+
+TEST_F(ListenerTest, BoundsTheMemoryOfCallsThatWait) {
+  prepare = [](FakeAccountService& service) { service.keepAnswers(true); };
+  FloodingCaller flooder;
+  const std::string text(900 << 10, 'x');
+  for (int i = 0; i < 50; ++i) flooder.send("regexWithKey", "ss", "key", text.c_str());
+  const auto refused = flooder.receive(14);
+  EXPECT_EQ(refused.at(kLimitsExceeded), 14);
+  EXPECT_EQ(service(0)->calls().size(), 36u);  // 32 MiB of them
+}
+
+TEST_F(ListenerTest, BoundsConnectionsOfOneUserAndObserversOfOneConnection) {
+  std::vector<std::unique_ptr<TestCaller>> callers;
+  for (int i = 0; i < 256; ++i) {
+    callers.push_back(std::make_unique<TestCaller>());
+    ASSERT_EQ(callers.back()->errorOf("isValid"), "") << i;
+  }
+  EXPECT_EQ(TestCaller().errorOf("isValid"), kLimitsExceeded);
+  callers.pop_back();
+  // Its place is free when the bus has told of its end, which no one here can see.
+  while (TestCaller().errorOf("isValid") == kLimitsExceeded) std::this_thread::yield();
+
+  TestCaller& caller = *callers.front();
+  const auto path = [](int index) { return sdbus::ObjectPath("/o" + std::to_string(index)); };
+  for (int i = 0; i < 64; ++i) ASSERT_EQ(caller.errorOf("addURLBagObserver", path(i)), "");
+  EXPECT_EQ(caller.errorOf("addURLBagObserver", path(64)), kLimitsExceeded);
+  EXPECT_EQ(caller.errorOf("addURLBagObserver", path(0)), "");  // which it has already
+  EXPECT_EQ(caller.errorOf("removeURLBagObserver", path(1)), "");
+  EXPECT_EQ(caller.errorOf("addURLBagObserver", path(64)), "");
+}
+
+TEST_F(ListenerTest, CallsTheObserversThatACallerExports) {
+  ObservingCaller caller;
+  caller.call<>("addURLBagObserver", sdbus::ObjectPath("/observer"));
+  caller.call<>("addURLBagObserver", sdbus::ObjectPath("/observer"));
+  const auto service = this->service(0);
+  ASSERT_EQ(service->observers.size(), 2u);
+  EXPECT_EQ(service->observers[0], service->observers[1]);  // compared by identity
+  service->observers[0]->urlBagDidUpdateWithSuccess(false, makeError("Bag", 14, "not signed"));
+  service->observers[0]->urlBagDidUpdateWithSuccess(true, std::nullopt);
+  EXPECT_EQ(caller.next(), std::pair(false, std::optional(makeError("Bag", 14, "not signed"))));
+  EXPECT_EQ(caller.next(), std::pair(true, std::optional<Error>()));
+
+  caller.call<>("removeURLBagObserver", sdbus::ObjectPath("/observer"));
+  EXPECT_THAT(service->observers, testing::IsEmpty());
+  caller.call<>("removeURLBagObserver", sdbus::ObjectPath("/never/added"));
+}
+
+TEST_F(ListenerTest, ForgetsACallerWhenItLeavesTheBus) {
+  auto caller = std::make_unique<ObservingCaller>();
+  caller->call<>("addURLBagObserver", sdbus::ObjectPath("/observer"));
+  const auto service = this->service(0);
+  const auto observer = service->observers.at(0);
+  caller.reset();
+  service->waitForCalls(2);
+  EXPECT_THAT(service->calls(), ElementsAre("addURLBagObserver", "removeURLBagObserver"));
+  EXPECT_THAT(service->observers, testing::IsEmpty());
+  observer->urlBagDidUpdateWithSuccess(true, std::nullopt);  // goes nowhere
+  TestCaller other;
+  const auto [status] = other.callOn<std::string>("com.vantor.tallowd.Status", "Describe");
+  const auto connections = *(*JSON::decode(status)->dictionary())["connections"].array();
+  ASSERT_EQ(connections.count(), 1u);
+  EXPECT_EQ((*connections[0].dictionary())["identifier"], "com.example.self");
+  EXPECT_EQ((*connections[0].dictionary())["pid"], getpid());
+}
+
+TEST_F(ListenerTest, LetsOnlyTheAllowedActAsOthers) {
+  constexpr const char* kRemoteObject = "com.vantor.HSServiceRemoteObject";
+  writeDescriptor("other.toml", "identifier = \"com.example.other\"\nclient-type = \"outfitter\"");
+  TestCaller plain;
+  EXPECT_EQ(plain.errorOn(kRemoteObject, "actAs", "com.example.other").first, kAccessDenied);
+  plain.call<bool>("isValid");
+
+  writeDescriptor("self.toml", "identifier = \"com.example.self\"\nmay-act-as-others = true\n" +
+                                   recognisingThisProcess());
+  TestCaller actor;
+  actor.call<>("addURLBagObserver", sdbus::ObjectPath("/observer"));
+  EXPECT_EQ(actor.errorOn(kRemoteObject, "actAs", "com.example.nobody").first,
+            "com.vantor.Error.NoSuchClient");
+  actor.call<bool>("isValid");
+  ASSERT_EQ(acceptedCount(), 2u);
+  actor.callOn<>(kRemoteObject, "actAs", "com.example.other");
+  EXPECT_THAT(service(1)->observers, testing::IsEmpty());
+  actor.call<bool>("isValid");
+  ASSERT_EQ(acceptedCount(), 3u);
+  EXPECT_EQ(accepted(2).storeClient->identifier, "com.example.other");
+  EXPECT_EQ(accepted(2).storeClient->clientType, kHSStoreClientTypeOutfitter);
+  EXPECT_THAT(service(2)->calls(), ElementsAre("isValid"));
+}
+
+TEST_F(ListenerTest, ServesAProcessWithoutAStoreClient) {
+  writeDescriptor("self.toml", "store-client = false\n" + recognisingThisProcess());
+  TestCaller caller;
+  caller.call<bool>("isValid");
+  EXPECT_EQ(accepted(0).storeClient, nullptr);
+}
+
+TEST_F(ListenerTest, AnswersAfterItHasStopped) {
+  prepare = [](FakeAccountService& service) { service.keepAnswers(true); };
+  FloodingCaller caller;
+  caller.send("isValid");
+  service(0)->waitForCalls(1);
+  listener->stop();
+  std::thread([this] { service(0)->answerKept(); }).join();
+  EXPECT_EQ(caller.receive(1).at(""), 1);
+  EXPECT_EQ(TestCaller().errorOf("isValid"), "org.freedesktop.DBus.Error.ServiceUnknown");
+}
+
+TEST_F(ListenerTest, SaysWhenTheNameIsTaken) {
+  const auto second = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
+  second->setDelegate(this);
+  const auto error = second->resume();
+  ASSERT_TRUE(error);
+  EXPECT_THAT(error->localizedDescription(), HasSubstr(kServiceName));
+}
+
+TEST_F(ListenerTest, TellsWhenTheBusHasGoneAway) {
+  const auto other =
+      XPCListener::initWithMachServiceName("com.example.other", XPCListener::Bus::Session);
+  std::promise<void> gone;
+  other->setDelegate(this);
+  other->setInvalidationHandler([&] { gone.set_value(); });
+  ASSERT_FALSE(other->resume());
+  bus.stop();
+  gone.get_future().wait();
+  other->stop();
+}
+
+TEST_F(ListenerTest, SetsTheLogLevelAsSystemctlDoes) {
+  constexpr const char* kInterface = "org.freedesktop.LogControl1";
+  const auto connection = sdbus::createSessionBusConnection();
+  const auto proxy = bus::makeProxy(*connection, kServiceName, "/org/freedesktop/LogControl1");
+  const auto level = [&] {
+    return proxy->getProperty("LogLevel").onInterface(kInterface).get<std::string>();
+  };
+  EXPECT_EQ(level(), "debug");
+  proxy->setProperty("LogLevel").onInterface(kInterface).toValue("notice");
+  EXPECT_EQ(level(), "warning");
+  EXPECT_EQ(VBLogManager::sharedManager().threshold(), 2);
+  EXPECT_THROW(proxy->setProperty("LogLevel").onInterface(kInterface).toValue("loud"),
+               sdbus::Error);
+  EXPECT_EQ(level(), "warning");
 }
 
 }  // namespace
