@@ -50,6 +50,25 @@ class PrivateBus {
   const std::filesystem::path& folder() const { return _folder; }
   pid_t pid() const { return _pid; }
 
+  // The process behind a name, 0 when nobody has it.
+  pid_t ownerOf(const std::string& name) const {
+    const std::string command = "dbus-send --bus=" + _address +
+                                " --print-reply=literal --dest=org.freedesktop.DBus / "
+                                "org.freedesktop.DBus.GetConnectionUnixProcessID string:" +
+                                name + " 2>/dev/null";
+    FILE* const answer = popen(command.c_str(), "r");
+    if (answer == nullptr) throw std::runtime_error("no dbus-send");
+    long pid = 0;
+    if (std::fscanf(answer, " uint32 %ld", &pid) != 1) pid = 0;
+    pclose(answer);
+    return static_cast<pid_t>(pid);
+  }
+  // Returns once nobody has the name.
+  void waitUntilUnowned(const std::string& name) const {
+    while (ownerOf(name) != 0) {
+    }
+  }
+
   // Ends the bus early: every connection is cut.
   void stop() {
     if (_pid <= 0) return;

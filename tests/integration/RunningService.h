@@ -1,0 +1,109 @@
+#pragma once
+
+#include <signal.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "client/AccountServiceClient.h"
+#include "devstore/DevStore.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tallow {
+
+// The real service on a bus of its own that starts it on demand, its folders, and a store in this
+// process. The test program is the store client "com.example.test"; its bags come over `scheme`.
+//
+// Everything the service inherits goes through the environment, so this is made before other
+// threads start, once a test.
+class RunningService {
+ public:
+  static constexpr const char* kClient = "com.example.test";
+
+  explicit RunningService(const std::string& scheme = "https")
+      : _store(startStore()), _bus(prepare(scheme)) {
+    reconnect();
+  }
+  ~RunningService() {
+    _client.reset();
+    kill();
+  }
+
+  AccountServiceClient& client() { return *_client; }
+  // A connection of its own, as another process would have.
+  static std::unique_ptr<AccountServiceClient> connect() {
+    return std::move(*AccountServiceClient::connect(AccountServiceClient::Instance::Agent));
+  }
+  void reconnect() { _client = connect(); }
+  devstore::DevStore& store() { return *_store; }
+  std::string storeURL(const std::string& scheme, const std::string& path) const {
+    return (scheme == "https" ? _store->urls().https : _store->urls().http) + path;
+  }
+  std::filesystem::path configHome() const { return _root.path() / "config" / "tallowd"; }
+  std::filesystem::path persistedBag() const {
+    return _root.path() / "cache" / "tallowd" / kClient / "ProductionBag";
+  }
+  std::filesystem::path cookieFile() const {
+    return _root.path() / "data" / "tallowd" / "Cookies" / (std::string(kClient) + ".cookies");
+  }
+
+  // The service's process, 0 when it does not run.
+  pid_t pid() const { return _bus->ownerOf("com.vantor.tallowd"); }
+  // Ends the service as a crash would; returns when it is gone from the bus.
+  void kill() {
+    const pid_t running = pid();
+    if (running == 0) return;
+    ::kill(running, SIGKILL);
+    _bus->waitUntilUnowned("com.vantor.tallowd");
+  }
+  // Describes this very program as the client; `extra` are more lines of the descriptor.
+  void describeClient(const std::string& scheme, const std::string& extra = {}) {
+    std::filesystem::create_directories(configHome() / "clients.d");
+    std::ofstream(configHome() / "clients.d" / "test.toml")
+        << "identifier = \"" << kClient << "\"\nproduction-bag-urls = [\""
+        << storeURL(scheme, "/bag") << "\"]\n"
+        << extra << "[[process]]\nexecutable = \""
+        << std::filesystem::canonical("/proc/self/exe").native() << "\"\n";
+  }
+
+ private:
+  std::unique_ptr<devstore::DevStore> startStore() {
+    devstore::DevStore::Options options;
+    options.stateDirectory = _root.path() / "store";
+    auto store = devstore::DevStore::start(std::move(options));
+    if (!store) throw std::runtime_error(store.error().localizedDescription());
+    return std::move(*store);
+  }
+  std::unique_ptr<PrivateBus> prepare(const std::string& scheme) {
+    for (const char* kind : {"config", "data", "cache", "state"}) {
+      std::string variable = std::string("XDG_") + kind + "_HOME";
+      for (char& c : variable) c = static_cast<char>(std::toupper(c));
+      ::setenv(variable.c_str(), (_root.path() / kind).c_str(), 1);
+    }
+    ::setenv("XDG_CONFIG_DIRS", "/nonexistent", 1);
+    ::setenv("XDG_DATA_DIRS", "/nonexistent", 1);
+    ::setenv("TALLOW_CA_FILE", _store->tlsAuthorityFile().c_str(), 1);
+    ::setenv("TALLOW_LOG", "stderr", 1);
+    std::filesystem::create_directories(configHome() / "anchors");
+    std::filesystem::copy_file(_store->anchorFile(), configHome() / "anchors" / "root.pem");
+    describeClient(scheme);
+    const std::filesystem::path services = _root.path() / "services";
+    std::filesystem::create_directories(services);
+    std::ofstream(services / "com.vantor.tallowd.service")
+        << "[D-BUS Service]\nName=com.vantor.tallowd\nExec=" << TALLOWD_PROGRAM << "\n";
+    return std::make_unique<PrivateBus>(std::vector{services});
+  }
+
+  TemporaryDirectory _root;
+  std::unique_ptr<devstore::DevStore> _store;
+  std::unique_ptr<PrivateBus> _bus;
+  std::unique_ptr<AccountServiceClient> _client;
+};
+
+}  // namespace tallow
