@@ -81,8 +81,8 @@ void bindIdentity(sqlite3_stmt* statement, const Cookie& cookie) {
   sqlite3_bind_int(statement, 4, cookie.hostOnly ? 1 : 0);
 }
 
-void bindRow(sqlite3_stmt* statement, const StoredCookie& stored) {
-  const Cookie& cookie = *stored.cookie;
+void bindRow(sqlite3_stmt* statement, const CookieRow& row) {
+  const Cookie& cookie = *row.cookie;
   bindIdentity(statement, cookie);
   bindText(statement, 5, cookie.value);
   sqlite3_bind_int(statement, 6, cookie.secure ? 1 : 0);
@@ -90,8 +90,8 @@ void bindRow(sqlite3_stmt* statement, const StoredCookie& stored) {
   sqlite3_bind_int(statement, 8, static_cast<int>(cookie.sameSite));
   if (cookie.expiresDate) sqlite3_bind_double(statement, 9, cookie.expiresDate->secondsSince1970);
   sqlite3_bind_double(statement, 10, cookie.creationDate.secondsSince1970);
-  sqlite3_bind_int64(statement, 11, stored.lastUsed);
-  sqlite3_bind_int64(statement, 12, stored.sequence);
+  sqlite3_bind_int64(statement, 11, row.record.lastUsed);
+  sqlite3_bind_int64(statement, 12, row.record.sequence);
 }
 
 std::string columnText(sqlite3_stmt* statement, int column) {
@@ -120,15 +120,14 @@ std::optional<StoredCookie> readRow(sqlite3_stmt* statement) {
   cookie.creationDate = Date{sqlite3_column_double(statement, 9)};
   if (!CookiePolicy::isWellFormed(cookie)) return std::nullopt;
 
-  StoredCookie stored;
-  stored.lastUsed = sqlite3_column_int64(statement, 10);
-  stored.sequence = sqlite3_column_int64(statement, 11);
-  if (std::min(stored.lastUsed, stored.sequence) < 0 ||
-      std::max(stored.lastUsed, stored.sequence) > kLargestCount) {
+  CookieRecord record;
+  record.lastUsed = sqlite3_column_int64(statement, 10);
+  record.sequence = sqlite3_column_int64(statement, 11);
+  if (std::min(record.lastUsed, record.sequence) < 0 ||
+      std::max(record.lastUsed, record.sequence) > kLargestCount) {
     return std::nullopt;
   }
-  stored.cookie = std::make_shared<const Cookie>(std::move(cookie));
-  return stored;
+  return StoredCookie{std::move(cookie), record};
 }
 
 // A file name as the path of a file: URL.
@@ -194,7 +193,7 @@ struct CookieDatabase::Connection {
   sqlite3_stmt* prepared(Statement& statement, const char* sql);
   // Runs a statement whose values are bound, to its end.
   std::optional<Error> run(sqlite3_stmt* statement);
-  std::optional<Error> runAll(const Changes& changes);
+  std::optional<Error> runAll(const CookieChanges& changes);
 
   Glance glance() const;
   std::optional<Error> readRows(std::vector<StoredCookie>& rows);
@@ -230,7 +229,8 @@ std::optional<Error> CookieDatabase::Connection::connect(const std::string& name
   sqlite3_busy_timeout(opened, kBusyMilliseconds);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  if (auto problem = execute("PRAGMA cache_size = -64")) return problem;
+  if (auto problem = execute("PRAGMA cache_size = -64; PRAGMA cell_size_check = ON"))
+    return problem;
   return readFormat();
 }
 
@@ -326,25 +326,25 @@ std::optional<Error> CookieDatabase::Connection::run(sqlite3_stmt* statement) {
   return error(code);
 }
 
-std::optional<Error> CookieDatabase::Connection::runAll(const Changes& changes) {
+std::optional<Error> CookieDatabase::Connection::runAll(const CookieChanges& changes) {
   if (changes.removeAll) {
     if (auto problem = execute("DELETE FROM cookies")) return problem;
   }
-  for (const CookiePointer& cookie : changes.removals) {
+  for (const Cookie* const cookie : changes.removals) {
     sqlite3_stmt* const statement = prepared(remove, kRemove);
     if (statement != nullptr) bindIdentity(statement, *cookie);
     if (auto problem = run(statement)) return problem;
   }
-  for (const StoredCookie* const stored : changes.puts) {
+  for (const CookieRow& row : changes.puts) {
     sqlite3_stmt* const statement = prepared(put, kPut);
-    if (statement != nullptr) bindRow(statement, *stored);
+    if (statement != nullptr) bindRow(statement, row);
     if (auto problem = run(statement)) return problem;
   }
-  for (const StoredCookie* const stored : changes.uses) {
+  for (const CookieRow& row : changes.uses) {
     sqlite3_stmt* const statement = prepared(use, kUse);
     if (statement != nullptr) {
-      bindIdentity(statement, *stored->cookie);
-      sqlite3_bind_int64(statement, 5, stored->lastUsed);
+      bindIdentity(statement, *row.cookie);
+      sqlite3_bind_int64(statement, 5, row.record.lastUsed);
     }
     if (auto problem = run(statement)) return problem;
   }
@@ -488,7 +488,7 @@ std::optional<Error> CookieDatabase::begin() {
   return _connection->run(_connection->prepared(_connection->begin, "BEGIN IMMEDIATE"));
 }
 
-std::optional<Error> CookieDatabase::commit(const Changes& changes) {
+std::optional<Error> CookieDatabase::commit(const CookieChanges& changes) {
   Connection& connection = *_connection;
   auto problem = connection.runAll(changes);
   if (!problem) problem = connection.run(connection.prepared(connection.commit, "COMMIT"));

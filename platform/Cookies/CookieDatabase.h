@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/Base/Result.h"
-#include "platform/Cookies/StoredCookie.h"
+#include "platform/Cookies/CookieChanges.h"
 
 namespace tallow {
 
@@ -26,14 +26,6 @@ class CookieDatabase {
     ReadOnly,  // can be loaded, not changed
     Writable,
     Newer,  // written by a version that knows more: never touched
-  };
-
-  // What one transaction does, in this order.
-  struct Changes {
-    bool removeAll = false;
-    std::vector<CookiePointer> removals;    // by identity
-    std::vector<const StoredCookie*> puts;  // whole rows
-    std::vector<const StoredCookie*> uses;  // lastUsed alone
   };
 
   explicit CookieDatabase(std::filesystem::path path);
@@ -67,7 +59,7 @@ class CookieDatabase {
   // Takes the right to write from all other processes until commit() or rollback().
   std::optional<Error> begin();
   // On an error nothing has been changed.
-  std::optional<Error> commit(const Changes& changes);
+  std::optional<Error> commit(const CookieChanges& changes);
   void rollback();
   // Makes what has been committed survive a power cut.
   std::optional<Error> sync();

@@ -1,6 +1,7 @@
 #include "platform/Cookies/CookieTable.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <tuple>
 #include <utility>
@@ -12,10 +13,8 @@ namespace {
 
 using Entry = CookieTable::Entry;
 
-// Longer paths first, then the cookies created earlier (RFC 6265 section 5.4).
-bool isSentBefore(const Entry& a, const Entry& b) {
-  if (a.pathLength != b.pathLength) return a.pathLength > b.pathLength;
-  return a.sequence < b.sequence;
+bool isSentBefore(const CookieTable::Match& a, const CookieTable::Match& b) {
+  return CookieDomain::isSentBefore(a.entry(), b.entry());
 }
 
 // Which of two entries goes first: the smaller one.
@@ -42,226 +41,294 @@ std::string_view parentDomain(std::string_view domain) {
   return parent.find('.') == std::string_view::npos ? std::string_view() : parent;
 }
 
-// make_shared keeps the reference count directly in front of the cookie.
-void prefetchForCopy(const CookiePointer& cookie) {
-  constexpr std::size_t kCounts = 16;
-  __builtin_prefetch(reinterpret_cast<const char*>(cookie.get()) - kCounts, 1);
-}
-
 }  // namespace
 
 bool CookieTable::BackwardsLess::operator()(std::string_view a, std::string_view b) const {
   return std::lexicographical_compare(a.rbegin(), a.rend(), b.rbegin(), b.rend());
 }
 
-std::span<Entry* const> CookieTable::match(const URL& url, bool secureAllowed, Date now) {
+std::span<const CookieTable::Match> CookieTable::match(const URL& url, bool secureAllowed,
+                                                       Date now) {
   _matches.clear();
   const std::string_view host = url.canonicalHost();
   if (host.empty() || host.size() > CookiePolicy::kLongestDomain) return {};
   const std::string_view path = url.path().starts_with('/') ? url.path() : std::string_view("/");
-
-  std::size_t domainsThatMatch = 0;
-  for (std::string_view domain = host; !domain.empty(); domain = parentDomain(domain)) {
-    const bool exact = domain.size() == host.size();
-    const auto found = _domains.find(domain);
-    if (found != _domains.end()) {
-      const std::size_t before = _matches.size();
-      for (Entry& entry : found->second) {
-        if ((entry.hostOnly && !exact) || (entry.secure && !secureAllowed) ||
-            entry.expires <= now.secondsSince1970) {
-          continue;
-        }
-        if (entry.pathLength > 1 && !CookiePolicy::pathMatches(path, entry.cookie->path)) continue;
-        prefetchForCopy(entry.cookie);
-        _matches.push_back(&entry);
+  const auto collect = [&](CookieDomain& domain, bool exact) {
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      const Entry& entry = domain.entry(i);
+      if ((entry.hostOnly && !exact) || (entry.secure && !secureAllowed) ||
+          entry.expires <= now.secondsSince1970) {
+        continue;
       }
-      if (_matches.size() != before) ++domainsThatMatch;
+      if (entry.pathLength > 1 && !CookiePolicy::pathMatches(path, domain.cookie(i).path)) continue;
+      _matches.push_back({&domain, i});
     }
-    if (url.hostIsIPAddress()) break;
+  };
+  // The cookies of each domain are in order; those of several are merged.
+  const auto mergeFrom = [&](std::size_t first) {
+    if (first == 0 || first == _matches.size()) return;
+    const auto middle = _matches.begin() + static_cast<std::ptrdiff_t>(first);
+    _merged.resize(_matches.size());
+    std::merge(_matches.begin(), middle, middle, _matches.end(), _merged.begin(), isSentBefore);
+    _matches.swap(_merged);
+  };
+
+  constexpr std::size_t kAtOnce = 8;
+  std::array<CookieIndex::Query, kAtOnce> queries;
+  for (std::string_view domain = host; !domain.empty();) {
+    std::size_t count = 0;
+    for (; count < kAtOnce && !domain.empty(); ++count) {
+      queries[count] = {domain};
+      domain = url.hostIsIPAddress() ? std::string_view() : parentDomain(domain);
+    }
+    _domains.find({queries.data(), count});
+    for (std::size_t i = 0; i < count; ++i) {
+      if (queries[i].domain == nullptr) continue;
+      const std::size_t first = _matches.size();
+      collect(*queries[i].domain, queries[i].name.size() == host.size());
+      mergeFrom(first);
+    }
   }
+
   if (_matches.empty()) return {};
-  if (domainsThatMatch > 1) {
-    std::sort(_matches.begin(), _matches.end(),
-              [](const Entry* a, const Entry* b) { return isSentBefore(*a, *b); });
-  }
   const std::int64_t tick = _nextTick(now);
-  for (Entry* const entry : _matches) {
-    entry->lastUsed = tick;
-    entry->usedSince = true;
+  for (const Match& match : _matches) {
+    Entry& entry = match.domain->entry(match.index);
+    entry.lastUsed = tick;
+    entry.usedSince = true;
   }
   return _matches;
 }
 
 bool CookieTable::overlaysSecureCookie(const Cookie& cookie) const {
-  const auto isOverlaid = [&](const Entries& entries) {
-    return std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) {
-      return entry.secure && entry.cookie->name == cookie.name &&
-             CookiePolicy::pathMatches(cookie.path, entry.cookie->path);
-    });
+  const auto isOverlaidIn = [&](const CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      if (domain.entry(i).secure && domain.cookie(i).name == cookie.name &&
+          CookiePolicy::pathMatches(cookie.path, domain.cookie(i).path)) {
+        return true;
+      }
+    }
+    return false;
   };
-  for (std::string_view domain = cookie.domain; !domain.empty(); domain = parentDomain(domain)) {
-    const auto found = _domains.find(domain);
-    if (found != _domains.end() && isOverlaid(found->second)) return true;
+  for (std::string_view name = cookie.domain; !name.empty(); name = parentDomain(name)) {
+    const CookieDomain* const domain = _domains.find(name);
+    if (domain != nullptr && isOverlaidIn(*domain)) return true;
   }
   const std::string subdomains = '.' + cookie.domain;
   for (auto name = _names.lower_bound(subdomains);
        name != _names.end() && name->ends_with(subdomains); ++name) {
-    if (isOverlaid(_domains.find(*name)->second)) return true;
+    if (isOverlaidIn(*_domains.find(*name))) return true;
   }
   return false;
 }
 
-Entry* CookieTable::find(const Cookie& identity) {
-  const auto domain = _domains.find(identity.domain);
-  if (domain == _domains.end()) return nullptr;
-  const auto entry =
-      std::find_if(domain->second.begin(), domain->second.end(), [&](const Entry& candidate) {
-        return candidate.pathLength == identity.path.size() &&
-               candidate.cookie->hasSameIdentity(identity);
-      });
-  return entry == domain->second.end() ? nullptr : &*entry;
+std::size_t CookieTable::countUnexpired(Date now) const {
+  if (now.secondsSince1970 < _earliestExpiry) return _count;
+  std::size_t count = 0;
+  _domains.forEach([&](const CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      if (domain.entry(i).expires > now.secondsSince1970) ++count;
+    }
+  });
+  return count;
 }
 
-Entry& CookieTable::put(Cookie cookie, Date now) {
-  Entry* const old = find(cookie);
-  if (old != nullptr) cookie.creationDate = old->cookie->creationDate;
-
-  StoredCookie stored;
-  stored.sequence = old != nullptr ? old->sequence : _lastSequence + 1;
-  stored.lastUsed = _nextTick(now);
-  stored.cookie = std::make_shared<const Cookie>(std::move(cookie));
-  return restore(std::move(stored));
+std::size_t CookieTable::countInDomain(std::string_view name) const {
+  const CookieDomain* const domain = _domains.find(name);
+  return domain == nullptr ? 0 : domain->count();
 }
 
-Entry& CookieTable::restore(StoredCookie stored) {
-  const Cookie& cookie = *stored.cookie;
-  _lastSequence = std::max(_lastSequence, stored.sequence);
-  _lastTick = std::max(_lastTick, stored.lastUsed);
-
-  Entry entry;
-  if (cookie.expiresDate) entry.expires = cookie.expiresDate->secondsSince1970;
-  entry.pathLength = static_cast<std::uint16_t>(cookie.path.size());
-  entry.hostOnly = cookie.hostOnly;
-  entry.secure = cookie.secure;
-  _earliestExpiry = std::min(_earliestExpiry, entry.expires);
-  Entry* const old = find(cookie);
-  static_cast<StoredCookie&>(entry) = std::move(stored);
-  if (old == nullptr) return _insert(std::move(entry));
-  entry.sequence = old->sequence;  // its turn: the order of its neighbours rests on it
-  entry.onDisk = old->onDisk;
-  return *old = std::move(entry);
+void CookieTable::put(Cookie cookie, Date now) {
+  if (const CookieDomain* const domain = _domains.find(cookie.domain)) {
+    if (const auto old = domain->find(cookie)) {
+      cookie.creationDate = domain->cookie(*old).creationDate;
+    }
+  }
+  _unsavedDomains.insert(cookie.domain);
+  _insert(std::move(cookie), {_lastSequence + 1, _nextTick(now)}).unsaved = true;
 }
 
-Entry& CookieTable::_insert(Entry entry) {
-  const auto [domain, isNew] = _domains.try_emplace(entry.cookie->domain);
-  if (isNew) _names.insert(domain->first);
-  Entries& entries = domain->second;
-  const auto position = std::upper_bound(entries.begin(), entries.end(), entry, isSentBefore);
-  ++_count;
-  return *entries.insert(position, std::move(entry));
+Entry& CookieTable::_insert(Cookie cookie, const CookieRecord& record) {
+  _lastSequence = std::max(_lastSequence, record.sequence);
+  _lastTick = std::max(_lastTick, record.lastUsed);
+  if (cookie.expiresDate) {
+    _earliestExpiry = std::min(_earliestExpiry, cookie.expiresDate->secondsSince1970);
+  }
+  CookieDomain& domain = _domains.findOrInsert(cookie.domain);
+  if (domain.count() == 0) _names.insert(domain.name());
+  _count -= domain.count();
+  Entry& entry = domain.put(std::move(cookie), record);
+  _count += domain.count();
+  return entry;
 }
 
 template <class Condition>
-CookieTable::Domains::iterator CookieTable::_removeIf(Domains::iterator domain, Condition condition,
-                                                      Removed& removed) {
-  Entries& entries = domain->second;
-  auto kept = entries.begin();
-  for (Entry& entry : entries) {
-    if (condition(entry)) {
-      removed.push_back(std::move(entry));
-      --_count;
-    } else {
-      if (&*kept != &entry) *kept = std::move(entry);
-      ++kept;
-    }
-  }
-  entries.erase(kept, entries.end());
-  if (!entries.empty()) return ++domain;
-  _names.erase(domain->first);
-  return _domains.erase(domain);
+void CookieTable::_removeIf(CookieDomain& domain, Condition condition) {
+  domain.removeIf(condition, [&](Cookie cookie, const Entry& entry) {
+    --_count;
+    if (entry.onDisk) _removals.push_back(std::move(cookie));
+  });
+  if (domain.count() > 0) return;
+  _names.erase(domain.name());
+  const std::string name(domain.name());
+  _unsavedDomains.erase(name);
+  _domains.erase(name);
 }
 
-void CookieTable::remove(const Cookie& identity, Removed& removed) {
-  const Entry* const entry = find(identity);
-  if (entry == nullptr) return;
-  _removeIf(
-      _domains.find(identity.domain), [&](const Entry& candidate) { return &candidate == entry; },
-      removed);
+template <class Condition>
+void CookieTable::_removeIf(Condition condition) {
+  std::vector<CookieDomain*> domains;
+  domains.reserve(_names.size());
+  _domains.forEach([&](CookieDomain& domain) { domains.push_back(&domain); });
+  for (CookieDomain* const domain : domains) _removeIf(*domain, condition);
 }
 
-void CookieTable::clear() {
+void CookieTable::remove(const Cookie& identity) {
+  CookieDomain* const domain = _domains.find(identity.domain);
+  if (domain == nullptr) return;
+  const auto index = domain->find(identity);
+  if (!index) return;
+  const std::int64_t sequence = domain->entry(*index).sequence;
+  _removeIf(*domain, [&](const Entry& entry) { return entry.sequence == sequence; });
+}
+
+void CookieTable::_clear() {
   _names.clear();
   _domains.clear();
   _count = 0;
   _earliestExpiry = std::numeric_limits<double>::infinity();
 }
 
-void CookieTable::removeExpired(Date now, Removed& removed) {
+void CookieTable::removeAll() {
+  _clear();
+  _allRemoved = true;
+  _removals.clear();
+  _unsavedDomains.clear();
+}
+
+void CookieTable::removeExpired(Date now) {
   if (now.secondsSince1970 < _earliestExpiry) return;
   _earliestExpiry = std::numeric_limits<double>::infinity();
-  for (auto domain = _domains.begin(); domain != _domains.end();) {
-    domain = _removeIf(
-        domain,
-        [&](const Entry& entry) {
-          if (entry.expires <= now.secondsSince1970) return true;
-          _earliestExpiry = std::min(_earliestExpiry, entry.expires);
-          return false;
-        },
-        removed);
-  }
+  _removeIf([&](const Entry& entry) {
+    if (entry.expires <= now.secondsSince1970) return true;
+    _earliestExpiry = std::min(_earliestExpiry, entry.expires);
+    return false;
+  });
 }
 
-void CookieTable::trimDomain(std::string_view name, std::size_t limit, Removed& removed) {
-  const auto domain = _domains.find(name);
-  if (domain == _domains.end() || domain->second.size() <= limit) return;
-  std::size_t excess = domain->second.size() - limit;
+void CookieTable::trimDomain(std::string_view name, std::size_t limit) {
+  CookieDomain* const domain = _domains.find(name);
+  if (domain == nullptr || domain->count() <= limit) return;
   std::vector<Age> ages;
-  ages.reserve(domain->second.size());
-  for (const Entry& entry : domain->second) ages.push_back(ageInDomain(entry));
-  const Age threshold = oldest(ages, excess);
-  _removeIf(
-      domain,
-      [&](const Entry& entry) {
-        if (excess == 0 || ageInDomain(entry) > threshold) return false;
-        --excess;
-        return true;
-      },
-      removed);
+  ages.reserve(domain->count());
+  for (std::size_t i = 0; i < domain->count(); ++i) ages.push_back(ageInDomain(domain->entry(i)));
+  const Age threshold = oldest(ages, domain->count() - limit);
+  _removeIf(*domain, [&](const Entry& entry) { return ageInDomain(entry) <= threshold; });
 }
 
-void CookieTable::trim(std::size_t limit, Removed& removed) {
+void CookieTable::trim(std::size_t limit) {
   if (_count <= limit) return;
-  std::size_t excess = _count - limit;
   std::vector<Age> ages;
   ages.reserve(_count);
-  forEach([&](const Entry& entry) { ages.push_back(ageInJar(entry)); });
-  const Age threshold = oldest(ages, excess);
-  for (auto domain = _domains.begin(); domain != _domains.end() && excess > 0;) {
-    domain = _removeIf(
-        domain,
-        [&](const Entry& entry) {
-          if (excess == 0 || ageInJar(entry) > threshold) return false;
-          --excess;
-          return true;
-        },
-        removed);
+  _domains.forEach([&](const CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) ages.push_back(ageInJar(domain.entry(i)));
+  });
+  const Age threshold = oldest(ages, _count - limit);
+  _removeIf([&](const Entry& entry) { return ageInJar(entry) <= threshold; });
+}
+
+void CookieTable::reload(std::vector<StoredCookie> rows) {
+  std::vector<StoredCookie> kept;
+  std::vector<StoredCookie> used;
+  _domains.forEach([&](const CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      const Entry& entry = domain.entry(i);
+      if (entry.unsaved)
+        kept.push_back({domain.cookie(i), entry});
+      else if (entry.usedSince)
+        used.push_back({domain.cookie(i), entry});
+    }
+  });
+  std::sort(kept.begin(), kept.end(), [](const StoredCookie& a, const StoredCookie& b) {
+    return a.record.sequence < b.record.sequence;
+  });
+
+  _clear();
+  const std::vector<Cookie> removals = std::exchange(_removals, {});
+  _unsavedDomains.clear();
+  if (_allRemoved) rows.clear();
+  for (StoredCookie& row : rows) _insert(std::move(row.cookie), row.record).onDisk = true;
+  for (const Cookie& cookie : removals) remove(cookie);  // again, if it is still there
+  for (const StoredCookie& one : used) {
+    CookieDomain* const domain = _domains.find(one.cookie.domain);
+    const auto index = domain == nullptr ? std::nullopt : domain->find(one.cookie);
+    if (!index || domain->entry(*index).lastUsed >= one.record.lastUsed) continue;
+    domain->entry(*index).lastUsed = one.record.lastUsed;
+    domain->entry(*index).usedSince = true;
+  }
+  for (StoredCookie& one : kept) {
+    one.record.sequence = _lastSequence + 1;
+    _unsavedDomains.insert(one.cookie.domain);
+    _insert(std::move(one.cookie), one.record).unsaved = true;
   }
 }
 
-std::size_t CookieTable::countUnexpired(Date now) const {
-  if (now.secondsSince1970 < _earliestExpiry) return _count;
-  std::size_t count = 0;
-  for (const auto& [name, entries] : _domains) {
-    count += static_cast<std::size_t>(
-        std::count_if(entries.begin(), entries.end(),
-                      [&](const Entry& entry) { return entry.expires > now.secondsSince1970; }));
-  }
-  return count;
+void CookieTable::forgetFile() {
+  _allRemoved = false;
+  _removals.clear();
+  _domains.forEach([&](CookieDomain& domain) {
+    _unsavedDomains.emplace(domain.name());
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      domain.entry(i).onDisk = false;
+      domain.entry(i).unsaved = true;
+    }
+  });
 }
 
-std::size_t CookieTable::countInDomain(std::string_view name) const {
-  const auto domain = _domains.find(name);
-  return domain == _domains.end() ? 0 : domain->second.size();
+CookieChanges CookieTable::unsaved() const {
+  CookieChanges changes;
+  changes.removeAll = _allRemoved;
+  for (const Cookie& cookie : _removals) changes.removals.push_back(&cookie);
+  for (const std::string& name : _unsavedDomains) {
+    const CookieDomain& domain = *_domains.find(name);
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      if (domain.entry(i).unsaved) changes.puts.push_back({&domain.cookie(i), domain.entry(i)});
+    }
+  }
+  return changes;
+}
+
+void CookieTable::markAsSaved() {
+  for (const std::string& name : _unsavedDomains) {
+    CookieDomain& domain = *_domains.find(name);
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      Entry& entry = domain.entry(i);
+      if (!entry.unsaved) continue;
+      entry.unsaved = false;
+      entry.usedSince = false;
+      entry.onDisk = true;
+    }
+  }
+  _allRemoved = false;
+  _removals.clear();
+  _unsavedDomains.clear();
+}
+
+CookieChanges CookieTable::unsavedUses() const {
+  CookieChanges changes;
+  _domains.forEach([&](const CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) {
+      const Entry& entry = domain.entry(i);
+      if (entry.usedSince && entry.onDisk) changes.uses.push_back({&domain.cookie(i), entry});
+    }
+  });
+  return changes;
+}
+
+void CookieTable::markUsesAsSaved() {
+  _domains.forEach([](CookieDomain& domain) {
+    for (std::size_t i = 0; i < domain.count(); ++i) domain.entry(i).usedSince = false;
+  });
 }
 
 std::int64_t CookieTable::_nextTick(Date now) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <utility>
 
 #include "platform/Base/Clock.h"
@@ -32,7 +33,7 @@ SQLiteCookieJar::SQLiteCookieJar(const std::filesystem::path& path, Limits limit
     : _limits(limits), _database(path), _usesSavedAt(Clock::shared().monotonicSeconds()) {}
 
 SQLiteCookieJar::~SQLiteCookieJar() {
-  if (!_unsaved.empty()) _endChange(_beginChange());
+  if (!_table.isSaved()) _endChange(_beginChange());
   _saveUses();
 }
 
@@ -43,7 +44,7 @@ std::vector<CookiePointer> SQLiteCookieJar::cookiesForURL(const URL& url, bool s
   const auto matches = _table.match(url, secureAllowed, now);
   std::vector<CookiePointer> cookies;
   cookies.reserve(matches.size());
-  for (const CookieTable::Entry* const entry : matches) cookies.push_back(entry->cookie);
+  for (const CookieTable::Match& match : matches) cookies.push_back(match.share());
   return cookies;
 }
 
@@ -54,14 +55,12 @@ std::string SQLiteCookieJar::headerValueForURL(const URL& url, bool secureAllowe
   const auto matches = _table.match(url, secureAllowed, now);
   constexpr std::size_t kPunctuation = 3;  // "=" and "; "
   std::size_t length = 0;
-  for (const CookieTable::Entry* const entry : matches) {
-    length += entry->cookie->name.size() + entry->cookie->value.size() + kPunctuation;
+  for (const CookieTable::Match& match : matches) {
+    length += match.cookie().name.size() + match.cookie().value.size() + kPunctuation;
   }
   std::string header;
   header.reserve(length);
-  for (const CookieTable::Entry* const entry : matches) {
-    appendToCookieHeader(header, *entry->cookie);
-  }
+  for (const CookieTable::Match& match : matches) appendToCookieHeader(header, match.cookie());
   return header;
 }
 
@@ -83,16 +82,15 @@ std::vector<CookieDecision> SQLiteCookieJar::setCookies(const std::vector<Parsed
 
   const std::lock_guard lock(_mutex);
   const std::optional<Error> begun = _beginChange();
-  CookieTable::Removed expired;
-  _table.removeExpired(now, expired);
-  _noteRemoved(expired);
-  const std::size_t alreadyUnsaved = _unsaved.puts.size();
+  _table.removeExpired(now);
+  std::set<std::string> domains;
   for (std::size_t i = 0; i < judgements.size(); ++i) {
     if (!isWanted(decisions[i])) continue;
+    domains.insert(judgements[i].cookie.domain);
     decisions[i] = _store(std::move(judgements[i]), CookiePolicy::isSecure(url), now);
   }
-  const auto firstNew = _unsaved.puts.begin() + static_cast<std::ptrdiff_t>(alreadyUnsaved);
-  _makeRoom({firstNew, _unsaved.puts.end()});
+  for (const std::string& domain : domains) _table.trimDomain(domain, _limits.cookiesPerDomain);
+  _table.trim(_limits.cookiesPerJar);
   _endChange(begun);
   return decisions;
 }
@@ -101,49 +99,29 @@ CookieDecision SQLiteCookieJar::_store(CookiePolicy::Judgement judgement, bool s
                                        Date now) {
   Cookie& cookie = judgement.cookie;
   if (!secureOrigin && _table.overlaysSecureCookie(cookie)) return CookieDecision::InsecureOrigin;
-
-  CookieTable::Removed removed;
   if (judgement.decision == CookieDecision::Removed) {
-    _table.remove(cookie, removed);
-  } else {
-    const CookiePointer stored = _table.put(std::move(cookie), now).cookie;
-    _unsaved.puts.push_back(stored);
-    // The limit proper holds when the whole response is stored; this one bounds its work.
-    if (_table.countInDomain(stored->domain) / 2 >= _limits.cookiesPerDomain) {
-      _table.trimDomain(stored->domain, _limits.cookiesPerDomain, removed);
-    }
+    _table.remove(cookie);
+    return judgement.decision;
   }
-  _noteRemoved(removed);
+  const std::string domain = cookie.domain;
+  _table.put(std::move(cookie), now);
+  // The limit proper holds when the whole response is stored; this one bounds its work.
+  if (_table.countInDomain(domain) / 2 >= _limits.cookiesPerDomain) {
+    _table.trimDomain(domain, _limits.cookiesPerDomain);
+  }
   return judgement.decision;
-}
-
-void SQLiteCookieJar::_makeRoom(const std::vector<CookiePointer>& stored) {
-  CookieTable::Removed removed;
-  for (const CookiePointer& cookie : stored) {
-    _table.trimDomain(cookie->domain, _limits.cookiesPerDomain, removed);
-  }
-  _table.trim(_limits.cookiesPerJar, removed);
-  _noteRemoved(removed);
-}
-
-void SQLiteCookieJar::_noteRemoved(const CookieTable::Removed& removed) {
-  for (const CookieTable::Entry& entry : removed) {
-    if (entry.onDisk) _unsaved.removals.push_back(entry.cookie);
-  }
 }
 
 void SQLiteCookieJar::deleteAllCookies() {
   const std::lock_guard lock(_mutex);
   const std::optional<Error> begun = _beginChange();
-  _table.clear();
-  _unsaved = Unsaved();
-  _unsaved.removeAll = true;
+  _table.removeAll();
   if (!_endChange(begun)) _database.scrub();
 }
 
 std::optional<Error> SQLiteCookieJar::synchronize() {
   const std::lock_guard lock(_mutex);
-  if (!_unsaved.empty()) {
+  if (!_table.isSaved()) {
     if (auto problem = _endChange(_beginChange())) return problem;
   }
   if (Clock::shared().monotonicSeconds() - _usesSavedAt >= kUsesSavedEverySeconds) _saveUses();
@@ -175,21 +153,23 @@ std::optional<Error> SQLiteCookieJar::_attach() {
 // What the file held and the table holds too is not lost with it: it goes to the next file.
 void SQLiteCookieJar::_setAside() {
   _database.setAside();
-  _unsaved = Unsaved();
-  std::vector<CookieTable::Entry*> entries;
-  _table.forEach([&](CookieTable::Entry& entry) { entries.push_back(&entry); });
-  std::sort(entries.begin(), entries.end(),
-            [](const auto* a, const auto* b) { return a->sequence < b->sequence; });
-  for (CookieTable::Entry* const entry : entries) {
-    entry->onDisk = false;
-    _unsaved.puts.push_back(entry->cookie);
-  }
+  _table.forgetFile();
 }
 
 std::optional<Error> SQLiteCookieJar::_reload() {
   Result<std::vector<StoredCookie>> rows = _database.load();
   if (!rows) return rows.error();
-  _takeIn(std::move(*rows));
+  std::string judgedDomain;
+  bool isSuffix = false;  // of judgedDomain; the list may have grown since the cookie was stored
+  std::erase_if(*rows, [&](const StoredCookie& row) {
+    if (row.cookie.hostOnly) return false;
+    if (row.cookie.domain != judgedDomain) {
+      judgedDomain = row.cookie.domain;
+      isSuffix = CookiePolicy::isPublicSuffix(judgedDomain);
+    }
+    return isSuffix;
+  });
+  _table.reload(std::move(*rows));
   return std::nullopt;
 }
 
@@ -199,43 +179,6 @@ void SQLiteCookieJar::_reloadIfChanged() {
   if (!problem) return;
   // The table keeps what it has; the next change opens the file again.
   logLevel(1, "%@: Cannot read %@: %@", kClassName, _database.path().native(), *problem);
-}
-
-void SQLiteCookieJar::_takeIn(std::vector<StoredCookie> rows) {
-  std::vector<StoredCookie> unsaved;
-  for (const StoredCookie* const entry : _unsavedEntries()) unsaved.push_back(*entry);
-  std::vector<StoredCookie> used;
-  _table.forEach([&](const CookieTable::Entry& entry) {
-    if (entry.usedSince) used.push_back(entry);
-  });
-
-  _table.clear();
-  if (_unsaved.removeAll) rows.clear();
-  std::string judgedDomain;
-  bool isSuffix = false;  // of judgedDomain; the list may have grown since the cookie was stored
-  for (StoredCookie& row : rows) {
-    const Cookie& cookie = *row.cookie;
-    if (!cookie.hostOnly && cookie.domain != judgedDomain) {
-      judgedDomain = cookie.domain;
-      isSuffix = CookiePolicy::isPublicSuffix(judgedDomain);
-    }
-    if (!cookie.hostOnly && isSuffix) continue;
-    _table.restore(std::move(row)).onDisk = true;
-  }
-  for (const StoredCookie& stored : used) {
-    CookieTable::Entry* const entry = _table.find(*stored.cookie);
-    if (entry == nullptr || entry->lastUsed >= stored.lastUsed) continue;
-    entry->lastUsed = stored.lastUsed;
-    entry->usedSince = true;
-  }
-  CookieTable::Removed removed;
-  for (const CookiePointer& cookie : _unsaved.removals) _table.remove(*cookie, removed);
-  _unsaved.puts.clear();
-  for (const StoredCookie& stored : unsaved) {
-    CookieTable::Entry& entry = _table.put(Cookie(*stored.cookie), stored.cookie->creationDate);
-    entry.lastUsed = stored.lastUsed;
-    _unsaved.puts.push_back(entry.cookie);
-  }
 }
 
 std::optional<Error> SQLiteCookieJar::_beginChange() {
@@ -266,11 +209,8 @@ std::optional<Error> SQLiteCookieJar::_tryToBeginChange() {
 }
 
 std::optional<Error> SQLiteCookieJar::_endChange(const std::optional<Error>& begun) {
-  if (begun) {
-    _compactUnsaved();
-    return begun;
-  }
-  if (_unsaved.empty()) {
+  if (begun) return begun;
+  if (_table.isSaved()) {
     _database.rollback();
     return std::nullopt;
   }
@@ -283,24 +223,13 @@ std::optional<Error> SQLiteCookieJar::_endChange(const std::optional<Error>& beg
   if (problem) {
     logLevel(1, "%@: Cannot write %@ (%@); the change is kept in memory until the next one",
              kClassName, _database.path().native(), *problem);
-    _compactUnsaved();
   }
   return problem;
 }
 
 std::optional<Error> SQLiteCookieJar::_commit() {
-  CookieDatabase::Changes changes;
-  changes.removeAll = _unsaved.removeAll;
-  changes.removals = _unsaved.removals;
-  changes.puts = _unsavedEntries();
-  if (auto problem = _database.commit(changes)) return problem;
-  for (const CookiePointer& cookie : _unsaved.puts) {
-    CookieTable::Entry* const entry = _table.find(*cookie);
-    if (entry == nullptr) continue;
-    entry->onDisk = true;
-    entry->usedSince = false;
-  }
-  _unsaved = Unsaved();
+  if (auto problem = _database.commit(_table.unsaved())) return problem;
+  _table.markAsSaved();
   _isSynchronized = false;
   return std::nullopt;
 }
@@ -308,10 +237,7 @@ std::optional<Error> SQLiteCookieJar::_commit() {
 void SQLiteCookieJar::_saveUses() {
   _usesSavedAt = Clock::shared().monotonicSeconds();
   if (_database.state() != CookieDatabase::State::Writable || _database.isReplaced()) return;
-  CookieDatabase::Changes changes;
-  _table.forEach([&](const CookieTable::Entry& entry) {
-    if (entry.usedSince && entry.onDisk) changes.uses.push_back(&entry);
-  });
+  const CookieChanges changes = _table.unsavedUses();
   if (changes.uses.empty()) return;
   auto problem = _database.begin();
   if (!problem) problem = _database.commit(changes);
@@ -320,24 +246,7 @@ void SQLiteCookieJar::_saveUses() {
              _database.path().native(), *problem);
     return;
   }
-  _table.forEach([](CookieTable::Entry& entry) { entry.usedSince = false; });
-}
-
-std::vector<const StoredCookie*> SQLiteCookieJar::_unsavedEntries() {
-  std::vector<const StoredCookie*> entries;
-  for (const CookiePointer& cookie : _unsaved.puts) {
-    const CookieTable::Entry* const entry = _table.find(*cookie);
-    if (entry != nullptr && entry->cookie == cookie) entries.push_back(entry);
-  }
-  return entries;
-}
-
-void SQLiteCookieJar::_compactUnsaved() {
-  constexpr std::size_t kWorthwhile = 64;
-  if (_unsaved.puts.size() < 2 * _table.count() + kWorthwhile) return;
-  std::vector<CookiePointer> puts;
-  for (const StoredCookie* const entry : _unsavedEntries()) puts.push_back(entry->cookie);
-  _unsaved.puts = std::move(puts);
+  _table.markUsesAsSaved();
 }
 
 }  // namespace tallow

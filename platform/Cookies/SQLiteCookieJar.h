@@ -13,7 +13,7 @@
 
 namespace tallow {
 
-// The jar: a CookieTable in memory, a CookieDatabase on disk, and the differences between the two.
+// The jar: a CookieTable in memory and a CookieDatabase on disk.
 //
 // A change takes the database's write lock, reads what other processes have written in the
 // meantime, changes the table, and writes the difference. When that fails, the difference is kept
@@ -37,15 +37,6 @@ class SQLiteCookieJar final : public CookieJar {
   std::size_t count() override;
 
  private:
-  // What the table has and the file has not.
-  struct Unsaved {
-    bool removeAll = false;
-    std::vector<CookiePointer> removals;
-    std::vector<CookiePointer> puts;  // may have been replaced or removed again since
-
-    bool empty() const { return !removeAll && removals.empty() && puts.empty(); }
-  };
-
   SQLiteCookieJar(const std::filesystem::path& path, Limits limits);
 
   // Opens the file and takes in its cookies; a damaged one is set aside.
@@ -53,8 +44,6 @@ class SQLiteCookieJar final : public CookieJar {
   void _setAside();
   std::optional<Error> _reload();
   void _reloadIfChanged();
-  // Replaces the table by the file's cookies, keeping what is unsaved.
-  void _takeIn(std::vector<StoredCookie> rows);
 
   // Takes the write lock, with the table up to date. An error, logged, when the change has to stay
   // in memory for now.
@@ -66,17 +55,11 @@ class SQLiteCookieJar final : public CookieJar {
   void _saveUses();
 
   CookieDecision _store(CookiePolicy::Judgement judgement, bool secureOrigin, Date now);
-  void _makeRoom(const std::vector<CookiePointer>& stored);
-  void _noteRemoved(const CookieTable::Removed& removed);
-  std::vector<const StoredCookie*> _unsavedEntries();
-  // The unsaved puts that still count; what has been replaced since is let go.
-  void _compactUnsaved();
 
   std::mutex _mutex;
   const Limits _limits;
   CookieDatabase _database;
   CookieTable _table;
-  Unsaved _unsaved;
   bool _isSynchronized = true;
   double _usesSavedAt;  // monotonic seconds
 };
