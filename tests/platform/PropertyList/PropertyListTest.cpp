@@ -119,10 +119,10 @@ TEST(PropertyListTest, XMLIsReadAsItIsMeant) {
       decodedXML("<dict><key>a</key><integer>1</integer><key>a</key><integer>2</integer></dict>"),
       Value(Dictionary{{"a", 2}}));
   // With a byte order mark, with a document type, and without <plist>.
-  EXPECT_EQ(*PropertyList::decode(
-                Data("\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC "
-                     "\"-//X//DTD PLIST 1.0//EN\" \"http://x/\">\n<dict/> <!-- -->\n")),
-            Value(Dictionary()));
+  EXPECT_EQ(
+      *PropertyList::decode(Data("\xEF\xBB\xBF<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC "
+                                 "\"-//X//DTD PLIST 1.0//EN\" \"http://x/\">\n<dict/> <!-- -->\n")),
+      Value(Dictionary()));
 }
 
 TEST(PropertyListTest, BytesBeyondTheLimitAreNotLookedAt) {
