@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/Base/URL.h"
+
 namespace tallow::ctl {
 
 Application::Application() : _root("Talks to tallowd, the store's account service.", "tallowctl") {
@@ -68,6 +70,14 @@ int Application::finish(const std::optional<Error>& error, const std::string& do
   else
     _output.line(done);
   return kDone;
+}
+
+CLI::Validator isURL() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        return URL::parse(text) ? std::string() : "Not an absolute URL: " + text;
+      },
+      "");
 }
 
 }  // namespace tallow::ctl

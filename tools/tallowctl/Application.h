@@ -44,6 +44,9 @@ class Application {
   std::function<int()> _chosen;
 };
 
+// Accepts what the service will read as a URL, so that a slip of the fingers is told at once.
+CLI::Validator isURL();
+
 // The command groups, one file each.
 void addBagCommands(Application& application);
 void addCookieCommands(Application& application);

@@ -29,7 +29,8 @@ void addURLQuestion(Application& application, const char* name, const char* desc
              });
            })
       ->add_option("URL", *url)
-      ->required();
+      ->required()
+      ->check(isURL());
 }
 
 void addLoadAndValid(Application& application, CLI::App& bag) {

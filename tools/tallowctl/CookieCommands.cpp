@@ -52,7 +52,7 @@ void addHeaders(Application& application) {
               });
         });
       });
-  headers->add_option("URL", options->url)->required();
+  headers->add_option("URL", options->url)->required()->check(isURL());
   headers->add_option("--dsid", options->dsID, "The account whose identity headers are wanted");
   headers->add_flag("--identity", options->identity, "Include machine-identity headers");
 }
@@ -71,7 +71,7 @@ void addConsume(Application& application) {
                               client.consumeCookiesWithHTTPHeaders(*headers, *url), "Taken in.");
                         });
                       });
-  consume->add_option("URL", *url, "The URL that answered")->required();
+  consume->add_option("URL", *url, "The URL that answered")->required()->check(isURL());
   consume->add_option("HEADER", *lines, "'Name: value'")->required();
 }
 
