@@ -49,6 +49,7 @@ class BusConnection {
   void _wake() const;
 
   std::unique_ptr<sdbus::IConnection> _connection;
+  std::vector<std::shared_ptr<void>> _kept;  // goes before the connection it is exported on
   int _wakeUp = -1;  // eventfd
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _hasPosted{false};

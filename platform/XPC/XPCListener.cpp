@@ -66,7 +66,7 @@ class BusListener final : public XPCListener {
   void _publish(bool isSession) {
     sdbus::IConnection& connection = _connection->connection();
     _callers = std::make_unique<CallerTable>(_connection, *_delegate, isSession);
-    _object = std::make_unique<AccountServiceObject>(connection, *_callers, _status);
+    _object = std::make_shared<AccountServiceObject>(connection, *_callers, _status);
     _logControl = std::make_unique<LogControlObject>(connection);
     bus::requestName(connection, _serviceName);
   }
@@ -89,7 +89,7 @@ class BusListener final : public XPCListener {
 
   void _withdraw() {
     _logControl.reset();
-    _object.reset();
+    _connection->keepUntilClosed(std::move(_object));
     _callers.reset();
     _connection.reset();
   }
@@ -102,7 +102,7 @@ class BusListener final : public XPCListener {
   std::function<void()> _invalidated;
   std::shared_ptr<BusConnection> _connection;
   std::unique_ptr<CallerTable> _callers;
-  std::unique_ptr<AccountServiceObject> _object;
+  std::shared_ptr<AccountServiceObject> _object;
   std::unique_ptr<LogControlObject> _logControl;
 };
 

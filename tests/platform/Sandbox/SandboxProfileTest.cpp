@@ -33,7 +33,7 @@ listen = true
 socket-families = ["inet"]
 [system-calls]
 allow = ["exit_group", "write", "read", "open", "openat", "close", "newfstatat", "no_such_call",
-         "rt_sigprocmask", "munmap", "madvise", "futex", "sched_yield"]
+         "rt_sigprocmask", "sigaltstack", "munmap", "madvise", "futex", "sched_yield"]
 refuse = ["mkdir"]
 )";
 
