@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/Base/Result.h"
@@ -39,6 +40,9 @@ class BusConnection {
   void post(std::function<void()> task);
   // Handles the messages that have arrived. On the reading thread, from a posted task.
   void readArrived();
+  // Keeps an exported object until this connection goes, and so until its last message has gone: the
+  // bus library looks at the object's method table even while it seals a late answer. After stop().
+  void keepUntilClosed(std::shared_ptr<void> object) { _kept.push_back(std::move(object)); }
 
  private:
   explicit BusConnection(std::unique_ptr<sdbus::IConnection> connection);
