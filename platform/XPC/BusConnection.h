@@ -40,8 +40,9 @@ class BusConnection {
   void post(std::function<void()> task);
   // Handles the messages that have arrived. On the reading thread, from a posted task.
   void readArrived();
-  // Keeps an exported object until this connection goes, and so until its last message has gone: the
-  // bus library looks at the object's method table even while it seals a late answer. After stop().
+  // Keeps an exported object until this connection goes, and so until its last message has gone:
+  // the bus library looks at the object's method table even while it seals a late answer. After
+  // stop().
   void keepUntilClosed(std::shared_ptr<void> object) { _kept.push_back(std::move(object)); }
 
  private:
@@ -54,7 +55,7 @@ class BusConnection {
 
   std::unique_ptr<sdbus::IConnection> _connection;
   std::vector<std::shared_ptr<void>> _kept;  // goes before the connection it is exported on
-  int _wakeUp = -1;  // eventfd
+  int _wakeUp = -1;                          // eventfd
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _hasPosted{false};
   std::mutex _mutex;
