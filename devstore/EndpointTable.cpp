@@ -5,7 +5,7 @@
 
 namespace tallow::devstore {
 
-void EndpointTable::add(std::string name, std::vector<std::string> paths,
+void EndpointTable::add(const std::string& name, std::vector<std::string> paths,
                         std::unique_ptr<Endpoint> endpoint) {
   const auto [entry, isNew] = _entries.try_emplace(name, Entry{name, std::move(endpoint)});
   bool allNew = isNew;

@@ -23,7 +23,8 @@ class EndpointTable {
 
   // `path` is taken as it stands; one that ends in "/" takes everything below it, too. Adding a
   // name or path twice is a programmer error and aborts.
-  void add(std::string name, std::vector<std::string> paths, std::unique_ptr<Endpoint> endpoint);
+  void add(const std::string& name, std::vector<std::string> paths,
+           std::unique_ptr<Endpoint> endpoint);
 
   // The longest path wins; nullptr when none fits.
   const Entry* forPath(std::string_view path) const;

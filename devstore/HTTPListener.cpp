@@ -37,7 +37,7 @@ constexpr auto kKeepAlive = std::chrono::seconds(30);
 constexpr std::array<std::string_view, 4> kOwnHeaders = {"REMOTE_ADDR", "REMOTE_PORT", "LOCAL_ADDR",
                                                          "LOCAL_PORT"};
 
-ReceivedRequest receivedRequest(const httplib::Request& request, std::string body) {
+ReceivedRequest receivedRequest(const httplib::Request& request, const std::string& body) {
   ReceivedRequest received;
   received.method = request.method;
   received.path = request.path;
@@ -50,7 +50,7 @@ ReceivedRequest receivedRequest(const httplib::Request& request, std::string bod
       received.headers.emplace_back(header);
     }
   }
-  received.body = Data(body);
+  received.body = Data(std::string_view(body));
   received.secure = request.ssl != nullptr;
   received.time = Clock::shared().now();
   return received;
@@ -152,7 +152,7 @@ void HTTPListener::State::addRoutes(const Handler& handler) {
   server->Post(kEveryPath, withBody);
   server->Put(kEveryPath, withBody);
   server->set_exception_handler(
-      [](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+      [](const httplib::Request&, httplib::Response& response, const std::exception_ptr&) {
         response.status = 500;
         response.set_content("this request could not be handled\n", "text/plain");
       });
@@ -210,14 +210,15 @@ std::uint16_t HTTPListener::port() const {
   return _state->port;
 }
 
-void HTTPListener::start(Handler handler) {
+void HTTPListener::start(const Handler& handler) {
   _state->addRoutes(handler);
   // The library asks for its queue once it counts as running; before that it could not be stopped.
   std::promise<void> running;
   const std::uint16_t port = _state->port;
   _state->server->new_task_queue = [&running, port] {
     running.set_value();
-    return new ConnectionQueue(kMostConnections, port);
+    return std::make_unique<ConnectionQueue>(kMostConnections, port)
+        .release();  // the library's now
   };
   _state->thread = std::thread([this] { _state->server->listen_after_bind(); });
   running.get_future().wait();

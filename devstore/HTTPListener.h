@@ -38,7 +38,7 @@ class HTTPListener {
 
   std::uint16_t port() const;
   // Begins to accept; once.
-  void start(Handler handler);
+  void start(const Handler& handler);
 
  private:
   struct State;

@@ -167,7 +167,7 @@ Data Identity::certificateDER() const {
   std::uint8_t* bytes = nullptr;
   const int length = i2d_X509(_certificate.get(), &bytes);
   require(length > 0, "encoding a certificate");
-  const Data der(std::span<const std::uint8_t>(bytes, static_cast<std::size_t>(length)));
+  Data der(std::span<const std::uint8_t>(bytes, static_cast<std::size_t>(length)));
   OPENSSL_free(bytes);
   return der;
 }

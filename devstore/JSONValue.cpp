@@ -46,7 +46,7 @@ std::optional<Value> dictionaryFromJSON(const json& source, std::size_t depth) {
   for (const auto& [key, element] : source.items()) {
     std::optional<Value> value = valueAtDepth(element, depth + 1);
     if (!value) return std::nullopt;
-    entries.emplace_back(key, std::move(*value));
+    entries.push_back({key, std::move(*value)});
   }
   return Value(Dictionary(std::move(entries)));
 }

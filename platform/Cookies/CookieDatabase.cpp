@@ -190,7 +190,7 @@ struct CookieDatabase::Connection {
   // The integer that a query answers with.
   Result<std::int64_t> query(const char* sql);
   // The statement, prepared at its first use; null on an error.
-  sqlite3_stmt* prepared(Statement& statement, const char* sql);
+  sqlite3_stmt* prepared(Statement& statement, const char* sql) const;
   // Runs a statement whose values are bound, to its end.
   std::optional<Error> run(sqlite3_stmt* statement);
   std::optional<Error> runAll(const CookieChanges& changes);
@@ -309,7 +309,7 @@ Result<std::int64_t> CookieDatabase::Connection::query(const char* sql) {
   return static_cast<std::int64_t>(sqlite3_column_int64(statement.get(), 0));
 }
 
-sqlite3_stmt* CookieDatabase::Connection::prepared(Statement& statement, const char* sql) {
+sqlite3_stmt* CookieDatabase::Connection::prepared(Statement& statement, const char* sql) const {
   if (statement == nullptr) {
     sqlite3_stmt* made = nullptr;
     sqlite3_prepare_v3(database.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &made, nullptr);

@@ -93,12 +93,12 @@ std::optional<Date> parseCookieDate(std::string_view text) {
   const auto [hour, minute, second] = *parts.time;
   if (year < 1601 || hour > 23 || minute > 59 || second > 59) return std::nullopt;
 
-  using namespace std::chrono;
-  const year_month_day date{std::chrono::year(year),
-                            std::chrono::month(static_cast<unsigned>(*parts.month)),
-                            std::chrono::day(static_cast<unsigned>(*parts.day))};
+  const std::chrono::year_month_day date{std::chrono::year(year),
+                                         std::chrono::month(static_cast<unsigned>(*parts.month)),
+                                         std::chrono::day(static_cast<unsigned>(*parts.day))};
   if (!date.ok()) return std::nullopt;
-  const auto moment = sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
+  const auto moment = std::chrono::sys_days(date) + std::chrono::hours(hour) +
+                      std::chrono::minutes(minute) + std::chrono::seconds(second);
   return Date{static_cast<double>(moment.time_since_epoch().count())};
 }
 

@@ -17,7 +17,7 @@ constexpr std::size_t kMaxBytes = 16u << 20;
 
 // ISO 8601, in UTC, to the second. A date beyond the calendar's years is given in seconds.
 std::string iso8601(const Date& date) {
-  const std::string text = description(date);  // "2026-03-01 12:30:00 +0000"
+  std::string text = description(date);  // "2026-03-01 12:30:00 +0000"
   if (text.size() != 25) return text;
   return text.substr(0, 10) + "T" + text.substr(11, 8) + "Z";
 }

@@ -105,7 +105,7 @@ class TableReader {
 
  private:
   std::optional<std::string> textOf(const toml::node& found, std::string_view key) {
-    const auto text = found.value_exact<std::string>();
+    auto text = found.value_exact<std::string>();
     const bool isPlain = text && !text->empty() && text->size() <= kMaxText &&
                          std::none_of(text->begin(), text->end(), [](char c) {
                            return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
