@@ -46,10 +46,12 @@ std::optional<CommandLine> CommandLine::read(int argumentCount, const char* cons
       ->required()
       ->type_name("DIR");
   app.add_option("--port", options.httpPort, "The port for http; 0, the default, takes a free one")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(CLI::Range(0, 65535));
   app.add_option("--https-port", options.httpsPort,
                  "The port for https; 0, the default, takes a free one")
-      ->type_name("N");
+      ->type_name("N")
+      ->check(CLI::Range(0, 65535));
   app.add_option("--listen", options.listenAddress,
                  "The address to listen on, 127.0.0.1 (the default) or ::1")
       ->type_name("ADDRESS");

@@ -12,6 +12,7 @@
 #include "devstore/JSONValue.h"
 #include "devstore/RequestLog.h"
 #include "devstore/Staging.h"
+#include "platform/Base/UTF8.h"
 #include "platform/PropertyList/PropertyList.h"
 
 namespace tallow::devstore {
@@ -37,13 +38,8 @@ json jsonFromBody(const Data& body) {
   if (body.empty()) return nullptr;
   if (const Result<Value> list = PropertyList::decode(body))
     return {{"plist", jsonFromValue(*list)}};
-  json text = body.view();
-  try {
-    (void)text.dump();  // the check that this is UTF-8
-  } catch (const json::exception&) {
-    return {{"base64", base64Text(body)}};
-  }
-  return {{"text", std::move(text)}};
+  if (isValidUTF8(body.view())) return {{"text", body.view()}};
+  return {{"base64", base64Text(body)}};
 }
 
 json jsonFromRequest(const ReceivedRequest& request) {

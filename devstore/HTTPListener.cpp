@@ -66,7 +66,7 @@ bool sendBody(const Answer& answer, std::size_t offset, std::size_t length, http
   const std::string_view part = answer.body.view().substr(offset, std::min(sendable, kChunkBytes));
   if (!part.empty() && !sink.write(part.data(), part.size())) return false;
   if (part.size() < sendable || (sendable == length && !answer.closeAfter)) return true;
-  if (answer.stallAt && sendable < length) holdup.wait(answer.ticket, std::nullopt);
+  if (answer.stallAt == last) holdup.wait(answer.ticket, std::nullopt);
   return false;
 }
 
@@ -77,6 +77,7 @@ void deliver(Answer answer, httplib::Response& response, Holdup& holdup) {
   }
   response.status = answer.status;
   for (const auto& [name, value] : answer.headers) response.set_header(name, value);
+  if (answer.closeAfter) response.set_header("Connection", "close");
   if (answer.body.empty()) {
     response.set_content("", answer.contentType);
     return;
@@ -131,8 +132,8 @@ void HTTPListener::State::addRoutes(const Handler& handler) {
   const auto withBody = [this, handler](const httplib::Request& request,
                                         httplib::Response& response,
                                         const httplib::ContentReader& reader) {
-    std::optional<std::string> body = readBody(request, reader);
-    if (body) return deliver(handler(receivedRequest(request, std::move(*body))), response, holdup);
+    const std::optional<std::string> body = readBody(request, reader);
+    if (body) return deliver(handler(receivedRequest(request, *body)), response, holdup);
     Answer refusal = Answer::text(413, "the body is too long, broken, or a multipart form\n");
     refusal.closeAfter = true;
     deliver(std::move(refusal), response, holdup);
@@ -217,8 +218,8 @@ void HTTPListener::start(const Handler& handler) {
   const std::uint16_t port = _state->port;
   _state->server->new_task_queue = [&running, port] {
     running.set_value();
-    return std::make_unique<ConnectionQueue>(kMostConnections, port)
-        .release();  // the library's now
+    // The library deletes it.
+    return std::make_unique<ConnectionQueue>(kMostConnections, port).release();
   };
   _state->thread = std::thread([this] { _state->server->listen_after_bind(); });
   running.get_future().wait();

@@ -1,8 +1,11 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <string>
 
 #include "devstore/CommandLine.h"
 #include "devstore/DevStore.h"
@@ -14,8 +17,11 @@ using tallow::devstore::ReceivedRequest;
 namespace {
 
 void printAnswered(const ReceivedRequest& request, int status) {
+  std::string path = request.path;  // whoever sends it must not steer this terminal
+  std::replace_if(
+      path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
   std::fprintf(stderr, "%s %s %s %d\n", request.secure ? "https" : "http", request.method.c_str(),
-               request.path.c_str(), status);
+               path.c_str(), status);
 }
 
 }  // namespace
