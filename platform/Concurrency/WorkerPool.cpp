@@ -1,5 +1,6 @@
 #include "platform/Concurrency/WorkerPool.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -156,11 +157,13 @@ void WorkerPool::State::work() {
     --running;
     if (running == 0 && waiting.empty()) becameIdle.notify_all();
   }
-  --threads;
+  const bool isLast = --threads == 0;
   const std::optional<pthread_t> previous = std::exchange(leaver, pthread_self());
   threadLeft.notify_all();
   lock.unlock();
   if (previous) pthread_join(*previous, nullptr);
+  // The work is over for now: what it had allocated goes back to the system, not only its stacks.
+  if (isLast) malloc_trim(0);
 }
 
 // The next block to run, already counted as running; false when the thread is to leave.
