@@ -26,6 +26,13 @@ constexpr mode_t kPrivateMode = S_IRUSR | S_IWUSR;
 // Small allocations a connection keeps at hand: the library's default would hold six times as much.
 constexpr int kLookasideBytes = 128, kLookasideCount = 64;
 
+// Every database of the process, this file and others, allocates pages as it needs them and not 80
+// KiB in advance. The library takes its configuration only before its first use and from one thread
+// alone: before main().
+[[maybe_unused]] const bool kIsConfigured =
+    sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0) == SQLITE_OK &&
+    sqlite3_config(SQLITE_CONFIG_LOOKASIDE, kLookasideBytes, kLookasideCount) == SQLITE_OK;
+
 // The page cache is small on purpose: the values in use are cached above, decoded.
 constexpr const char* kSettings =
     "PRAGMA cache_size=-64; PRAGMA temp_store=MEMORY; PRAGMA trusted_schema=OFF;"
@@ -189,7 +196,6 @@ std::optional<Error> PreferencesFile::Database::connect(const std::filesystem::p
   connection.reset(opened);
   if (opened == nullptr) return fileError(Failure::Refused, "out of memory");
   if (result != SQLITE_OK) return lastError();
-  sqlite3_db_config(opened, SQLITE_DBCONFIG_LOOKASIDE, nullptr, kLookasideBytes, kLookasideCount);
   sqlite3_busy_timeout(opened, kBusyTimeoutMilliseconds);
   isWritable = sqlite3_db_readonly(opened, "main") == 0;
   struct stat status {};

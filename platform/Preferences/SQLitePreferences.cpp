@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <system_error>
 #include <utility>
 
 #include "platform/Base/Directories.h"
@@ -169,8 +170,11 @@ bool SQLitePreferences::ensureOpen(bool isForWriting) {
     logLevel(2, "%@: %@ has been replaced", kClassName, _configuration.file.native());
     close();
   }
-  if (!_file && (isForWriting || !_hasTriedToOpen)) return open() && ensureOpen(isForWriting);
-  if (!_file) return false;
+  if (!_file) {
+    // Reading makes no file.
+    const bool isWorthTrying = isForWriting || (!_hasTriedToOpen && fileExists());
+    return isWorthTrying && open() && ensureOpen(isForWriting);
+  }
   if (!isForWriting || _file->isWritable()) return true;
   // It could only be opened for reading; perhaps that has changed.
   close();
@@ -180,6 +184,12 @@ bool SQLitePreferences::ensureOpen(bool isForWriting) {
              _configuration.file.native());
   }
   return _file->isWritable();
+}
+
+// Also when it cannot be told: opening will say why.
+bool SQLitePreferences::fileExists() const {
+  std::error_code error;
+  return std::filesystem::exists(_configuration.file, error) || error;
 }
 
 bool SQLitePreferences::open() {

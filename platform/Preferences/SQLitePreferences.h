@@ -35,7 +35,7 @@ class SQLitePreferences final : public Preferences {
   };
   static Configuration configurationFor(const Directories& directories);
 
-  // Touches no file; the first use does.
+  // Touches no file; the first use does, and the first write makes it.
   explicit SQLitePreferences(Configuration configuration);
   ~SQLitePreferences() override;
 
@@ -64,6 +64,7 @@ class SQLitePreferences final : public Preferences {
 
   // The functions below run with the mutex held.
   bool ensureOpen(bool isForWriting);
+  bool fileExists() const;
   bool open();
   void close();
   Value read(const Place& place);

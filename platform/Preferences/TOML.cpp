@@ -1,8 +1,6 @@
 #include "platform/Preferences/TOML.h"
 
-#define TOML_HEADER_ONLY 1
 #define TOML_EXCEPTIONS 0
-#define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
 #include <chrono>

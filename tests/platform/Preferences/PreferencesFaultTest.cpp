@@ -104,7 +104,8 @@ class PreferencesFaultTest : public ::testing::Test {
 TEST_F(PreferencesFaultTest, FilesAreTheOwnersOnly) {
   const mode_t oldMask = umask(0);
   const auto preferences = open();
-  EXPECT_FALSE(fs::exists(_state));  // nothing before the first use
+  EXPECT_TRUE(read(*preferences, "key").isNil());
+  EXPECT_FALSE(fs::exists(_state));  // nothing before the first write
   write(*preferences, "key", 1);
   umask(oldMask);
   EXPECT_EQ(modeOf(_state), 0700u);
