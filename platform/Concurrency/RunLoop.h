@@ -28,7 +28,8 @@ class RunLoop {
   virtual void stop(int status) = 0;  // any thread
 
   virtual void post(std::function<void()> block) = 0;  // any thread
-  // Calls `block` once, on the loop's thread, `seconds` from now. Any thread.
+  // Calls `block` once, on the loop's thread, `seconds` from now. Timers fire in the order of their
+  // time, also when they are late together. Any thread.
   virtual std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) = 0;
   // Calls `block` on the loop's thread whenever the signal arrives. Before other threads start.
   virtual void onSignal(int signalNumber, std::function<void()> block) = 0;

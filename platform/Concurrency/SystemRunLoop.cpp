@@ -65,10 +65,6 @@ std::uint64_t bootTime() {
 
 struct SystemRunLoop::State : std::enable_shared_from_this<SystemRunLoop::State> {
   class SystemTimer;
-  struct Armed {
-    std::shared_ptr<SystemTimer> timer;
-    SourcePointer source;
-  };
   struct Signal {
     std::function<void()> block;
     SourcePointer source;
@@ -82,19 +78,22 @@ struct SystemRunLoop::State : std::enable_shared_from_this<SystemRunLoop::State>
   void post(std::function<void()> block);
   void runPosted();
   void wake() const;
-  void arm(const std::shared_ptr<SystemTimer>& timer, std::uint64_t deadline,
-           std::uint64_t accuracy);
+  void add(const std::shared_ptr<SystemTimer>& timer);
+  void remove(const SystemTimer& timer);
+  void fireDueTimers();
+  void setAlarm();
 
   const Runner runner;
   EventPointer event;
   int wakeDescriptor = -1;
   SourcePointer wakeSource;
+  SourcePointer alarm;
 
   std::mutex mutex;  // guards posted
   std::deque<std::function<void()>> posted;
 
   // The loop's thread only.
-  std::map<SystemTimer*, Armed> armed;
+  std::multimap<std::uint64_t, std::shared_ptr<SystemTimer>> timers;  // by deadline
   std::map<int, Signal> signals;
   bool isStopping = false;
   int exitStatus = 0;
@@ -104,20 +103,20 @@ class SystemRunLoop::State::SystemTimer final
     : public OneShotTimer,
       public std::enable_shared_from_this<SystemRunLoop::State::SystemTimer> {
  public:
-  SystemTimer(State& loop, std::function<void()> block)
-      : OneShotTimer(std::move(block)), _loop(loop.weak_from_this()) {}
+  SystemTimer(State& loop, double delay, std::function<void()> block)
+      : OneShotTimer(std::move(block)),
+        deadline(bootTime() + microseconds(delay)),
+        accuracy(microseconds(std::clamp(delay / 100, kLeastAccuracy, kMostAccuracy))),
+        _loop(loop.weak_from_this()) {}
 
-  void fireOnLoop() {
-    const std::shared_ptr<SystemTimer> self = shared_from_this();
-    if (const std::shared_ptr<State> loop = _loop.lock()) loop->armed.erase(this);
-    fire();
-  }
+  const std::uint64_t deadline;
+  const std::uint64_t accuracy;  // how much later will do
 
  private:
   void didInvalidate() override {
     const std::shared_ptr<State> loop = _loop.lock();
     if (!loop) return;
-    loop->post([loop = loop.get(), self = shared_from_this()] { loop->armed.erase(self.get()); });
+    loop->post([loop = loop.get(), self = shared_from_this()] { loop->remove(*self); });
   }
 
   const std::weak_ptr<State> _loop;
@@ -142,6 +141,15 @@ SystemRunLoop::State::State(Runner whoRuns) : runner(whoRuns) {
   require(sd_event_add_io(event.get(), &madeSource, wakeDescriptor, EPOLLIN, woken, this),
           "cannot watch the event descriptor");
   wakeSource.reset(madeSource);
+
+  const auto due = [](sd_event_source*, std::uint64_t, void* state) {
+    static_cast<State*>(state)->fireDueTimers();
+    return 0;
+  };
+  require(sd_event_add_time(event.get(), &madeSource, CLOCK_BOOTTIME, 0, 0, due, this),
+          "cannot make the alarm");
+  alarm.reset(madeSource);
+  setAlarm();
 }
 
 void SystemRunLoop::State::wake() const {
@@ -173,18 +181,41 @@ void SystemRunLoop::State::runPosted() {
   if (!posted.empty()) wake();
 }
 
-void SystemRunLoop::State::arm(const std::shared_ptr<SystemTimer>& timer, std::uint64_t deadline,
-                               std::uint64_t accuracy) {
+void SystemRunLoop::State::add(const std::shared_ptr<SystemTimer>& timer) {
   if (!timer->isValid()) return;
-  sd_event_source* source = nullptr;
-  const auto due = [](sd_event_source*, std::uint64_t, void* dueTimer) {
-    static_cast<SystemTimer*>(dueTimer)->fireOnLoop();
-    return 0;
-  };
-  require(
-      sd_event_add_time(event.get(), &source, CLOCK_BOOTTIME, deadline, accuracy, due, timer.get()),
-      "cannot add a timer");
-  armed[timer.get()] = {timer, SourcePointer(source)};
+  timers.emplace(timer->deadline, timer);
+  setAlarm();
+}
+
+void SystemRunLoop::State::remove(const SystemTimer& timer) {
+  const auto [first, last] = timers.equal_range(timer.deadline);
+  const auto found =
+      std::find_if(first, last, [&](const auto& entry) { return entry.second.get() == &timer; });
+  if (found == last) return;
+  timers.erase(found);
+  setAlarm();
+}
+
+// One alarm for all timers, so that those that are late together still fire in order.
+void SystemRunLoop::State::fireDueTimers() {
+  const std::uint64_t now = bootTime();
+  while (!timers.empty() && timers.begin()->first <= now) {
+    const std::shared_ptr<SystemTimer> timer = timers.begin()->second;
+    timers.erase(timers.begin());
+    timer->fire();
+  }
+  setAlarm();
+}
+
+void SystemRunLoop::State::setAlarm() {
+  if (timers.empty()) {
+    require(sd_event_source_set_enabled(alarm.get(), SD_EVENT_OFF), "cannot stop the alarm");
+    return;
+  }
+  const SystemTimer& next = *timers.begin()->second;
+  require(sd_event_source_set_time(alarm.get(), next.deadline), "cannot set the alarm");
+  require(sd_event_source_set_time_accuracy(alarm.get(), next.accuracy), "cannot set the alarm");
+  require(sd_event_source_set_enabled(alarm.get(), SD_EVENT_ONESHOT), "cannot start the alarm");
 }
 
 SystemRunLoop::SystemRunLoop(Runner runner) : _state(std::make_shared<State>(runner)) {}
@@ -222,12 +253,8 @@ void SystemRunLoop::post(std::function<void()> block) {
 std::shared_ptr<RunLoop::Timer> SystemRunLoop::addTimer(double seconds,
                                                         std::function<void()> block) {
   const double delay = std::clamp(seconds, 0.0, kLongestDelay);
-  const std::uint64_t deadline = bootTime() + microseconds(delay);
-  const std::uint64_t accuracy =
-      microseconds(std::clamp(delay / 100, kLeastAccuracy, kMostAccuracy));
-  auto timer = std::make_shared<State::SystemTimer>(*_state, std::move(block));
-  _state->post(
-      [state = _state.get(), timer, deadline, accuracy] { state->arm(timer, deadline, accuracy); });
+  auto timer = std::make_shared<State::SystemTimer>(*_state, delay, std::move(block));
+  _state->post([state = _state.get(), timer] { state->add(timer); });
   return timer;
 }
 
