@@ -92,7 +92,7 @@ bool HSRequestHop::hasHeader(std::string_view name) const {
 
 bool HSRequestHop::addHeader(std::string_view name, std::string_view value) {
   const bool canTravel = !value.empty() && std::none_of(value.begin(), value.end(), [](char c) {
-    return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f;
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
   });
   if (canTravel && !hasHeader(name)) headers.emplace_back(name, value);
   return canTravel;

@@ -23,6 +23,9 @@ constexpr int kMaxRedirects = 5;
 constexpr double kTotalTimeoutSeconds = 60;
 constexpr double kBaglessTotalTimeoutSeconds = 15;
 
+// Taking a response in is this machine's own work: it gets this long however late the response was.
+constexpr double kLeastIntakeSeconds = 5;
+
 constexpr int kMaxAttempts = 3;
 constexpr double kFirstRetryPauseSeconds = 0.5;  // doubled each time, and up to as much again
 
@@ -124,6 +127,7 @@ std::optional<Error> HSStoreURLOperation::_fetch() {
     if (!response) return response.error();
     _response = std::make_unique<HTTPResponse>(std::move(*response));
     _takeIn(*_response);
+    if (isCancelled()) return cancellationError();  // perhaps before it was taken in
     if (!HSRequestHop::isRedirect(*_response)) return std::nullopt;
     if (redirects == kMaxRedirects)
       return HSError(kHSErrorTooManyRedirects, std::nullopt, "The store redirects without end");
@@ -236,7 +240,7 @@ void HSStoreURLOperation::_addStandardHeaders(HSRequestHop& hop) {
     if (!hop.addHeader(name, value) && !value.empty())
       logLevel(1, "%@: Leaving out header %@ with an unfit value", kClassName, name);
   };
-  add("User-Agent", storeClient()->userAgent);
+  if (storeClient()) add("User-Agent", storeClient()->userAgent);
   if (const auto id = waitForReply(storeFront, _remainingSeconds()); id && *id)
     add(kStoreFrontHeader, **id);
   if (const auto given = waitForReply(headers, _remainingSeconds()))
@@ -265,8 +269,9 @@ void HSStoreURLOperation::_takeIn(const HTTPResponse& response) {
   if (setsStoreFront) service->setStoreFrontID(*id, doneCallback(storeFront));
 
   if (!_waitsForResponseIntake) return;
-  const bool isTaken = waitForReply(cookies, _remainingSeconds()) &&
-                       (!setsStoreFront || waitForReply(storeFront, _remainingSeconds()));
+  const double seconds = std::max(kLeastIntakeSeconds, _remainingSeconds());
+  const bool isTaken =
+      waitForReply(cookies, seconds) && (!setsStoreFront || waitForReply(storeFront, seconds));
   if (!isTaken && !isCancelled())
     logLevel(1, "%@: The account service has not taken in the response of %@", kClassName,
              response.url);

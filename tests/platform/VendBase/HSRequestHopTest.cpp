@@ -91,11 +91,12 @@ TEST(HSRequestHop, AddsNoHeaderTwiceAndNoneThatCannotTravel) {
   HSRequestHop hop = hopTo("https://store.example/");
   hop.headers = {{"user-agent", "own"}};
   EXPECT_TRUE(hop.addHeader("User-Agent", "standard"));
-  EXPECT_TRUE(hop.addHeader("Cookie", "a=\tb"));
+  EXPECT_TRUE(hop.addHeader("Cookie", "a=b"));
   EXPECT_FALSE(hop.addHeader("X-A", "1\r\nX-B: 2"));
   EXPECT_FALSE(hop.addHeader("X-A", std::string_view("1\0", 2)));
+  EXPECT_FALSE(hop.addHeader("X-A", "1\t2"));
   EXPECT_FALSE(hop.addHeader("X-A", ""));
-  EXPECT_EQ(hop.headers, (HTTPHeaderList{{"user-agent", "own"}, {"Cookie", "a=\tb"}}));
+  EXPECT_EQ(hop.headers, (HTTPHeaderList{{"user-agent", "own"}, {"Cookie", "a=b"}}));
 }
 
 }  // namespace

@@ -161,6 +161,28 @@ TEST_F(HSStoreURLOperationTimeTest, CancelEndsAPause) {
   EXPECT_EQ(_transport.requests().size(), 1u);
 }
 
+TEST_F(HSStoreURLOperationTimeTest, CancelledDuringTheIntakeHasNoOutput) {
+  respond(200, {}, "body");
+  const auto operation = operationFor("https://store.example/");
+  _service->onCall = [&](const std::string& call) {
+    if (call == "consumeCookiesWithHTTPHeaders") operation->cancel();
+  };
+  operation->setOutputHandler([](auto&, const auto&) { FAIL() << "was not taken in first"; });
+  EXPECT_EQ(run(*operation), kHSErrorCancelled);
+  WorkerPool::shared().waitUntilIdle();
+}
+
+TEST_F(HSStoreURLOperationTimeTest, TakesALateResponseInAllTheSame) {
+  _transport.enqueue([this](const HTTPRequest& request) {
+    _clock.advance(60);
+    return ScriptedTransport::response(request, 200, {{"X-Set-Vantor-Store-Front", "7"}}, "body");
+  });
+  const auto operation = operationFor("https://store.example/");
+  operation->setOutputHandler(
+      [&](auto&, const auto&) { EXPECT_EQ(_service->storeFrontID(), "7"); });
+  EXPECT_EQ(run(*operation), 0);
+}
+
 TEST_F(HSStoreURLOperationTimeTest, CancelEndsAWaitForTheService) {
   std::promise<void> asked, release;
   _service->onCall = [&](const std::string&) {
