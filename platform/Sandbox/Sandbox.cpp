@@ -1,5 +1,9 @@
 #include "platform/Sandbox/Sandbox.h"
 
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -44,12 +48,23 @@ std::optional<Error> confineFiles(const SandboxProfile& profile) {
       {profile.readPaths, profile.writePaths, profile.mayListen, needsAbstractSockets()}, *version);
 }
 
+// Whatever the service manager or root gave it for what it has done by now. The system call is used
+// itself, for want of a wrapper in the C library.
+std::optional<Error> dropCapabilities() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+  if (syscall(SYS_capset, &header, &none[0]) == 0) return std::nullopt;
+  const int code = errno;
+  return makeError("Sandbox", code, format("cannot give up capabilities: %s", std::strerror(code)));
+}
+
 std::optional<Error> confine(const char* profileName, std::uint64_t flags) {
   if (profileName == nullptr || flags != kSandboxNamed)
     return makeError("Sandbox", EINVAL, "only named sandbox profiles are known");
   const Result<SandboxProfile> profile = SandboxProfile::named(profileName);
   if (!profile) return profile.error();
   if (std::optional<Error> error = confineFiles(*profile)) return error;
+  if (std::optional<Error> error = dropCapabilities()) return error;
   return SystemCallFilter::apply(
       {profile->allowedCalls, profile->refusedCalls, profile->socketFamilies, profile->mayListen});
 }

@@ -7,9 +7,10 @@ namespace tallow {
 inline constexpr std::uint64_t kSandboxNamed = 1;
 
 // Confines this process, for good, to a named profile: files through Landlock, system calls through
-// seccomp. Call before any other thread exists. Returns 0, or -1 with *errorText set to a text to
-// be given back to sandbox_free_error. A kernel without Landlock is logged and not an error; an
-// unknown profile, a malformed profile file, or a kernel that refuses a rule is.
+// seccomp, and no capabilities. Call before any other thread exists. Returns 0, or -1 with
+// *errorText set to a text to be given back to sandbox_free_error. A kernel without Landlock is
+// logged and not an error; an unknown profile, a malformed profile file, or a kernel that refuses a
+// rule is.
 //
 // Profiles are files NAME.toml in the sandbox/ folder of the system's data directories (not of the
 // user's own, where a confined service could write its next profile), with a built-in one for

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <linux/netlink.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -181,11 +182,15 @@ TEST_F(SandboxTest, KnowsFewKindsOfSockets) {
 TEST_F(SandboxTest, RefusesWhatReachesTheKernelAndTheMachine) {
   confined([] {
     EXPECT_EQ(prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0), 1);
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3] = {};
+    EXPECT_EQ(errorOf(syscall(SYS_capget, &header, &held[0])), 0);
+    for (const auto& half : held) EXPECT_EQ(half.permitted | half.effective | half.inheritable, 0U);
     EXPECT_THAT(errorOf(mount("none", "/mnt", "tmpfs", 0, nullptr)), kRefused);
     EXPECT_THAT(errorOf(chroot("/")), kRefused);
     EXPECT_THAT(errorOf(unshare(CLONE_NEWUSER)), kRefused);
     EXPECT_THAT(errorOf(setns(0, 0)), kRefused);
-    EXPECT_THAT(errorOf(setuid(getuid())), kRefused);
+    EXPECT_THAT(errorOf(syscall(SYS_setuid, getuid())), kRefused);
     EXPECT_THAT(errorOf(syscall(SYS_setgroups, 0, nullptr)), kRefused);
     for (const long call :
          {SYS_bpf, SYS_perf_event_open, SYS_keyctl, SYS_add_key, SYS_init_module, SYS_finit_module,
