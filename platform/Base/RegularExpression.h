@@ -8,9 +8,10 @@
 namespace tallow {
 
 // A compiled pattern in the dialect that the bag's patterns are written in (ICU regular
-// expressions). Matching is bounded: a match that needs more than its budget of steps or stack
-// counts as no match, so that no pattern can hang the service. Immutable; any thread may match with
-// it at once.
+// expressions). Matching is bounded: a match that needs more than its budget of steps, stack or
+// time (a quarter of a second) counts as no match, so that no pattern can hang the service; so does
+// any text above 1 MiB, and a pattern above 64 KiB does not compile. Immutable; any thread may
+// match with it at once. The engine is loaded when the first pattern is compiled.
 class RegularExpression {
  public:
   struct Options {
@@ -32,8 +33,8 @@ class RegularExpression {
 };
 
 // Whether the whole of `text` matches `pattern`, in which '*' stands for any run of characters and
-// '?' for exactly one; letters compare without regard to case (Unicode simple folding). Linear in
-// text times stars; never backtracks exponentially.
+// '?' for exactly one; letters compare without regard to case (Unicode simple folding). Never
+// takes more steps than the text is long times the pattern.
 bool isLikeIgnoringCase(std::string_view text, std::string_view pattern);
 
 }  // namespace tallow

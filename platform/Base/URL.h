@@ -7,13 +7,23 @@
 namespace tallow {
 
 // An absolute URL that the HTTP library itself has parsed. The trust decision, the cookie rules and
-// the fetch all read the host from this one parse, so they can never disagree on it: userinfo,
-// backslashes, percent-escapes, control characters, IDNA, IPv6 and trailing dots are read once, by
-// the parser that will also connect. What that parser refuses, and what it would have to guess at,
-// is no URL (parse() answers nullopt).
+// the fetch all read the host from this one parse, so they can never disagree on it. What that
+// parser refuses, and what it would have to guess at, is no URL (parse() answers nullopt):
 //
-// "data:" and other non-network URLs parse too; they have a scheme and no host.
-// Immutable; safe to read from any thread at once.
+// - Userinfo is allowed and never part of the host; a second '@' is refused.
+// - A backslash is refused between "//" and the path, where others read it as a slash.
+// - White space, control characters and NUL are refused anywhere.
+// - Percent-escapes in the host are decoded; the result is letters, digits, '-', '_' and '.', or
+//   UTF-8 that IDNA takes, which gives its ASCII form.
+// - "http:" and "https:" are followed by exactly two slashes.
+// - One dot at the end stays part of host(); empty labels are refused.
+// - Any spelling of an IPv4 address gives its dotted form; a name that ends in a number without
+//   being an address is refused. IPv6 has no zone.
+// - "data:" and other URLs without "//" have a scheme and no host; refused where the library would
+//   take them for an address without a scheme ("localhost:80", "user:pass@host").
+// - At most 64 KiB; 8 MB of "data:".
+//
+// Immutable; safe to read from any thread at once, and so is parsing.
 class URL {
  public:
   static std::optional<URL> parse(std::string_view text);
@@ -34,10 +44,11 @@ class URL {
   const std::string& path() const { return _path; }
   // Without the "?"; nullopt when the text has no query.
   const std::optional<std::string>& query() const { return _query; }
-  // The last segment of the path ("" for "/").
+  // The last segment of the path that is not empty ("" for "/", "b" for "/a/b/").
   std::string lastPathComponent() const;
 
-  // `addition` ("name=value") appended to the query with "?" or "&", before any fragment.
+  // `addition` ("name=value") appended to the query with "?" or "&", before any fragment; what
+  // cannot stand in a query is escaped. The URL itself where the result would be too long for one.
   URL urlByAddingStringToQueryString(std::string_view addition) const;
   // A reference ("Location" of a redirect) resolved against this URL; nullopt if refused.
   std::optional<URL> resolving(std::string_view reference) const;

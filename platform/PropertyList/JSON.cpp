@@ -11,7 +11,9 @@ namespace tallow::JSON {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+// Not the ordered kind, which looks for every key from the front; values keep their keys sorted
+// too.
+using Json = nlohmann::json;
 
 constexpr std::size_t kMaxBytes = 16u << 20;
 
@@ -83,8 +85,11 @@ Value fromJson(const Json& json) {
 Result<Value> decode(std::string_view text) {
   if (text.size() > kMaxBytes) return makeError("JSON", 1, "The text is too long");
   bool tooDeep = false;
-  const auto depthGuard = [&tooDeep](int depth, Json::parse_event_t, Json&) {
-    if (depth > static_cast<int>(PropertyList::kMaxDepth)) tooDeep = true;
+  const auto depthGuard = [&tooDeep](int depth, Json::parse_event_t event, Json&) {
+    // At the start of an array or object: how many are open already.
+    const bool isStart =
+        event == Json::parse_event_t::array_start || event == Json::parse_event_t::object_start;
+    if (isStart && depth >= static_cast<int>(PropertyList::kMaxDepth)) tooDeep = true;
     return !tooDeep;
   };
   const Json json = Json::parse(text, depthGuard, /*allow_exceptions=*/false);

@@ -12,13 +12,17 @@ namespace PropertyList {
 enum class Format { XML, Binary };
 
 // Decodes either format (recognised by its first bytes). Refused, with an error and bounded work:
-// more than `maxBytes`, nesting deeper than kMaxDepth, cycles and shared-object bombs of binary
-// lists, trailing garbage, non-string keys, UIDs.
+// more than `maxBytes`, more than two million values or 64 MiB of unfolded text and data, nesting
+// deeper than kMaxDepth, cycles and shared-object bombs of binary lists, anything before or after
+// the list, keys that are no strings, null, UIDs and sets, strings with NUL or malformed UTF-8,
+// numbers and dates that are none, entity declarations. Of equal keys the last counts.
 inline constexpr std::size_t kMaxDepth = 512;
 Result<Value> decode(const Data& bytes, std::size_t maxBytes = 16u << 20);
 
-// Never fails for a value: nil entries cannot occur, dates and large unsigned integers round-trip.
-// A nil `value` encodes as an empty dictionary's absence: it is a programmer error and aborts.
+// Never fails: what a format cannot carry is written as the nearest that it can. In both, malformed
+// UTF-8 and NUL become U+FFFD; in XML, so do other control characters, and dates lose the fraction
+// of their second and stay within the years 1000 to 9999. Everything else round-trips.
+// To encode nil is a programmer error and aborts.
 Data encode(const Value& value, Format format);
 
 }  // namespace PropertyList

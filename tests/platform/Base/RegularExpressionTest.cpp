@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace tallow {
@@ -60,22 +59,6 @@ TEST(RegularExpressionTest, NoPatternHangsTheService) {
   EXPECT_EQ(match("[^b]*+b", std::string(1'000'000, 'a')), Match::GaveUp);
   EXPECT_EQ(match("a", std::string(2'000'000, 'b')), Match::GaveUp);
   EXPECT_EQ(match("a$", std::string(1'000'000, 'b') + "a"), Match::Found);
-}
-
-TEST(RegularExpressionTest, OneExpressionServesManyThreads) {
-  const auto expression = RegularExpression::compile("(\\d+)-\\1$", {});
-  ASSERT_TRUE(expression);
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&, thread] {
-      const std::string number = std::to_string(thread * 1111 + 7);
-      for (int round = 0; round < 200; ++round) {
-        EXPECT_EQ(expression->firstMatchIn(number + "-" + number), Match::Found);
-        EXPECT_EQ(expression->firstMatchIn(number + "-x" + number), Match::NotFound);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(WildcardTest, StarsAndQuestionMarksCoverTheWholeText) {

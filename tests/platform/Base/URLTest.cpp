@@ -4,7 +4,6 @@
 
 #include <clocale>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/CurlAuthority.h"
