@@ -161,11 +161,11 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
       return decision == CookieDecision::Stored || decision == CookieDecision::Removed;
     });
     if (!anyTaken) return false;
-    _cookieStorage->synchronize();
     logLevel(3, "%@: cookies changed for %@, invalidating bags", kClassName, *fromURL);
     return true;
   });
   if (!changed) return;
+  synchronizeSoon();
   // Only now, outside the queue: the bag controller may be busy with a load that itself asks this
   // jar for cookies.
   if (const auto controller = BagController::bagControllerForClient(storeClient()))
@@ -176,7 +176,15 @@ void CookieStorage::deleteAllCookies() {
   _requestQueue.sync([&] {
     if (!_cookieStorage) return;
     _cookieStorage->deleteAllCookies();
-    _cookieStorage->synchronize();
+  });
+  synchronizeSoon();
+}
+
+void CookieStorage::synchronizeSoon() {
+  if (_willSynchronize.exchange(true)) return;
+  _requestQueue.async([self = shared_from_this()] {
+    self->_willSynchronize = false;
+    if (self->_cookieStorage) self->_cookieStorage->synchronize();
   });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,7 +20,8 @@ namespace tallow {
 // client's current bag, because the bag that the server hands out may depend on them.
 // Found through storageForClient, which owns it. Any thread may call; the jar itself is only
 // touched on the request queue.
-class CookieStorage final : public ClientController {
+class CookieStorage final : public ClientController,
+                            public std::enable_shared_from_this<CookieStorage> {
  public:
   static constexpr const char* kClassName = "CookieStorage";
 
@@ -40,8 +42,9 @@ class CookieStorage final : public ClientController {
   // The same if the queue is idle; nullopt when answering would mean waiting.
   std::optional<Dictionary> httpHeadersForURLIfIdle(const std::optional<URL>& url);
 
-  // Takes in the Set-Cookie headers of a response. Anything stored is on disk, and the client's bag
-  // invalid, when this returns.
+  // Takes in the Set-Cookie headers of a response. When this returns, what is stored survives the end
+  // of the process, however it ends, and the client's bag is invalid. That it survives a power cut, too,
+  // is seen to right afterwards: a disk may take milliseconds for that, and nobody has to wait for it.
   void consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
                                      const std::optional<URL>& fromURL);
 
@@ -60,9 +63,12 @@ class CookieStorage final : public ClientController {
   explicit CookieStorage(std::shared_ptr<const HSStoreClient> client);
   bool open();
   std::vector<CookiePointer> cookiesForURLOnQueue(const URL& url);
+  // Makes what has been written durable, once for all that is written until then.
+  void synchronizeSoon();
   void addGroupCookies(const URL& url, std::vector<CookiePointer>& cookies) const;
 
   SerialQueue _requestQueue;
+  std::atomic<bool> _willSynchronize{false};
   std::shared_ptr<CookieJar> _cookieStorage;  // guarded by _requestQueue
 };
 
