@@ -42,9 +42,10 @@ class CookieStorage final : public ClientController,
   // The same if the queue is idle; nullopt when answering would mean waiting.
   std::optional<Dictionary> httpHeadersForURLIfIdle(const std::optional<URL>& url);
 
-  // Takes in the Set-Cookie headers of a response. When this returns, what is stored survives the end
-  // of the process, however it ends, and the client's bag is invalid. That it survives a power cut, too,
-  // is seen to right afterwards: a disk may take milliseconds for that, and nobody has to wait for it.
+  // Takes in the Set-Cookie headers of a response. When this returns, what is stored survives the
+  // end of the process, however it ends, and the client's bag is invalid. That it survives a power
+  // cut, too, is seen to right afterwards: a disk may take milliseconds for that, and nobody has to
+  // wait for it.
   void consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
                                      const std::optional<URL>& fromURL);
 

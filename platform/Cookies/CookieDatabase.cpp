@@ -9,8 +9,9 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Base/FolderLock.h"
 #include "platform/Cookies/CookieFile.h"
-#include "platform/Cookies/CookiePolicy.h"
+#include "platform/Cookies/CookieRows.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -19,32 +20,7 @@ namespace {
 constexpr const char* kClassName = "CookieJar";
 constexpr int kBusyMilliseconds = 500;
 
-constexpr const char* kSchema =
-    "CREATE TABLE cookies ("
-    "  domain TEXT NOT NULL, path TEXT NOT NULL, name TEXT NOT NULL, host_only INTEGER NOT NULL,"
-    "  value TEXT NOT NULL, secure INTEGER NOT NULL, http_only INTEGER NOT NULL,"
-    "  same_site INTEGER NOT NULL,"
-    "  expires REAL,"                // seconds since 1970; NULL: a session cookie
-    "  created REAL NOT NULL,"       // seconds since 1970
-    "  last_used INTEGER NOT NULL,"  // microseconds since 1970
-    "  sequence INTEGER NOT NULL,"   // the order of creation
-    "  PRIMARY KEY (domain, path, name, host_only)) WITHOUT ROWID;"
-    "PRAGMA user_version = 1";
-static_assert(CookieDatabase::kVersion == 1);
-
-constexpr const char* kSelect =
-    "SELECT domain, path, name, host_only, value, secure, http_only, same_site, expires, created,"
-    " last_used, sequence FROM cookies";
-constexpr const char* kPut =
-    "INSERT OR REPLACE INTO cookies (domain, path, name, host_only, value, secure, http_only,"
-    " same_site, expires, created, last_used, sequence) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-    "?)";
-constexpr const char* kRemove =
-    "DELETE FROM cookies WHERE domain = ? AND path = ? AND name = ? AND host_only = ?";
-constexpr const char* kUse =
-    "UPDATE cookies SET last_used = max(last_used, ?5) WHERE domain = ?1 AND path = ?2 AND name = "
-    "?3"
-    " AND host_only = ?4";
+static_assert(CookieDatabase::kVersion == CookieRows::kVersion);
 
 struct Finalize {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
@@ -69,66 +45,6 @@ class Use {
  private:
   sqlite3_stmt* _statement;
 };
-
-void bindText(sqlite3_stmt* statement, int index, const std::string& text) {
-  sqlite3_bind_text64(statement, index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
-}
-
-void bindIdentity(sqlite3_stmt* statement, const Cookie& cookie) {
-  bindText(statement, 1, cookie.domain);
-  bindText(statement, 2, cookie.path);
-  bindText(statement, 3, cookie.name);
-  sqlite3_bind_int(statement, 4, cookie.hostOnly ? 1 : 0);
-}
-
-void bindRow(sqlite3_stmt* statement, const CookieRow& row) {
-  const Cookie& cookie = *row.cookie;
-  bindIdentity(statement, cookie);
-  bindText(statement, 5, cookie.value);
-  sqlite3_bind_int(statement, 6, cookie.secure ? 1 : 0);
-  sqlite3_bind_int(statement, 7, cookie.httpOnly ? 1 : 0);
-  sqlite3_bind_int(statement, 8, static_cast<int>(cookie.sameSite));
-  if (cookie.expiresDate) sqlite3_bind_double(statement, 9, cookie.expiresDate->secondsSince1970);
-  sqlite3_bind_double(statement, 10, cookie.creationDate.secondsSince1970);
-  sqlite3_bind_int64(statement, 11, row.record.lastUsed);
-  sqlite3_bind_int64(statement, 12, row.record.sequence);
-}
-
-std::string columnText(sqlite3_stmt* statement, int column) {
-  const auto* const text = static_cast<const char*>(sqlite3_column_blob(statement, column));
-  const auto length = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-  return text == nullptr ? std::string() : std::string(text, length);
-}
-
-// The row a statement stands on; nullopt when no jar could have written it.
-std::optional<StoredCookie> readRow(sqlite3_stmt* statement) {
-  constexpr std::int64_t kLargestCount = std::int64_t{1} << 60;
-  Cookie cookie;
-  cookie.domain = columnText(statement, 0);
-  cookie.path = columnText(statement, 1);
-  cookie.name = columnText(statement, 2);
-  cookie.hostOnly = sqlite3_column_int(statement, 3) != 0;
-  cookie.value = columnText(statement, 4);
-  cookie.secure = sqlite3_column_int(statement, 5) != 0;
-  cookie.httpOnly = sqlite3_column_int(statement, 6) != 0;
-  const int sameSite = sqlite3_column_int(statement, 7);
-  if (sameSite < 0 || sameSite > static_cast<int>(Cookie::SameSite::Strict)) return std::nullopt;
-  cookie.sameSite = static_cast<Cookie::SameSite>(sameSite);
-  if (sqlite3_column_type(statement, 8) != SQLITE_NULL) {
-    cookie.expiresDate = Date{sqlite3_column_double(statement, 8)};
-  }
-  cookie.creationDate = Date{sqlite3_column_double(statement, 9)};
-  if (!CookiePolicy::isWellFormed(cookie)) return std::nullopt;
-
-  CookieRecord record;
-  record.lastUsed = sqlite3_column_int64(statement, 10);
-  record.sequence = sqlite3_column_int64(statement, 11);
-  if (std::min(record.lastUsed, record.sequence) < 0 ||
-      std::max(record.lastUsed, record.sequence) > kLargestCount) {
-    return std::nullopt;
-  }
-  return StoredCookie{std::move(cookie), record};
-}
 
 // A file name as the path of a file: URL.
 std::string immutableURL(const std::filesystem::path& path) {
@@ -274,7 +190,7 @@ std::optional<Error> CookieDatabase::Connection::checkVersion() {
 
 std::optional<Error> CookieDatabase::Connection::makeFormat() {
   if (auto problem = execute("BEGIN IMMEDIATE")) return problem;
-  if (auto problem = execute(kSchema)) {
+  if (auto problem = execute(CookieRows::kSchema)) {
     execute("ROLLBACK");
     return problem;
   }
@@ -331,20 +247,19 @@ std::optional<Error> CookieDatabase::Connection::runAll(const CookieChanges& cha
     if (auto problem = execute("DELETE FROM cookies")) return problem;
   }
   for (const Cookie* const cookie : changes.removals) {
-    sqlite3_stmt* const statement = prepared(remove, kRemove);
-    if (statement != nullptr) bindIdentity(statement, *cookie);
+    sqlite3_stmt* const statement = prepared(remove, CookieRows::kRemove);
+    if (statement != nullptr) CookieRows::bindIdentity(statement, *cookie);
     if (auto problem = run(statement)) return problem;
   }
   for (const CookieRow& row : changes.puts) {
-    sqlite3_stmt* const statement = prepared(put, kPut);
-    if (statement != nullptr) bindRow(statement, row);
+    sqlite3_stmt* const statement = prepared(put, CookieRows::kPut);
+    if (statement != nullptr) CookieRows::bind(statement, row);
     if (auto problem = run(statement)) return problem;
   }
   for (const CookieRow& row : changes.uses) {
-    sqlite3_stmt* const statement = prepared(use, kUse);
+    sqlite3_stmt* const statement = prepared(use, CookieRows::kUse);
     if (statement != nullptr) {
-      bindIdentity(statement, *row.cookie);
-      sqlite3_bind_int64(statement, 5, row.record.lastUsed);
+      CookieRows::bindUse(statement, row);
     }
     if (auto problem = run(statement)) return problem;
   }
@@ -359,7 +274,7 @@ CookieDatabase::Connection::Glance CookieDatabase::Connection::glance() const {
 
 std::optional<Error> CookieDatabase::Connection::readRows(std::vector<StoredCookie>& rows) {
   Statement select;
-  if (prepared(select, kSelect) == nullptr) {
+  if (prepared(select, CookieRows::kSelect) == nullptr) {
     // The version says that the table is there.
     const Error problem = lastError();
     return problem.code == SQLITE_ERROR ? error(SQLITE_NOTADB) : problem;
@@ -367,7 +282,7 @@ std::optional<Error> CookieDatabase::Connection::readRows(std::vector<StoredCook
   std::size_t refused = 0;
   int code = SQLITE_ROW;
   while ((code = sqlite3_step(select.get())) == SQLITE_ROW) {
-    if (auto row = readRow(select.get()))
+    if (auto row = CookieRows::read(select.get()))
       rows.push_back(std::move(*row));
     else
       ++refused;
@@ -411,7 +326,7 @@ std::optional<Error> CookieDatabase::open() {
   Connection& connection = *_connection;
   connection.close();
   connection.damaged = false;
-  const CookieFile::FolderLock lock(connection.file.path());
+  const FolderLock lock(connection.file.path().parent_path());
   if (auto problem = connection.file.prepare()) return problem;
 
   auto problem = connection.connect(connection.file.path().native(), SQLITE_OPEN_READWRITE);

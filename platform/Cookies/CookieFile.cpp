@@ -1,7 +1,6 @@
 #include "platform/Cookies/CookieFile.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,8 @@
 #include <cstring>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Base/FileDescriptor.h"
+#include "platform/Base/FolderLock.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -23,29 +24,16 @@ Error fileError(int code) {
 
 }  // namespace
 
-CookieFile::FolderLock::FolderLock(const std::filesystem::path& file)
-    : _descriptor(::open(file.has_parent_path() ? file.parent_path().c_str() : ".",
-                         O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (_descriptor < 0) return;
-  while (::flock(_descriptor, LOCK_EX) != 0 && errno == EINTR) {
-  }
-}
-
-CookieFile::FolderLock::~FolderLock() {
-  if (_descriptor >= 0) ::close(_descriptor);
-}
-
 std::optional<Error> CookieFile::prepare() {
   _isUnreadable = false;
   // Only ever opened here when it is new: closing a descriptor would release the locks that this
   // process holds on the file through another one.
-  const int made =
-      ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
+  const FileDescriptor made(
+      ::open(_path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly));
   const int whyNot = errno;
-  if (made >= 0) ::close(made);
 
   struct stat status {};
-  if (::lstat(_path.c_str(), &status) != 0) return fileError(made >= 0 ? errno : whyNot);
+  if (::lstat(_path.c_str(), &status) != 0) return fileError(made ? errno : whyNot);
   _device = status.st_dev;
   _node = status.st_ino;
   if (!S_ISREG(status.st_mode)) {
@@ -76,7 +64,7 @@ bool CookieFile::hasLog() const {
 }
 
 void CookieFile::setAside() {
-  const FolderLock lock(_path);
+  const FolderLock lock(_path.parent_path());
   if (isReplaced()) return;
   // The log first: left beside a fresh file it would be read into it.
   for (const std::filesystem::path& path : {_beside("-wal"), _path}) {

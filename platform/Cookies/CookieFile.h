@@ -1,9 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <optional>
-
-#include <sys/types.h>
+#include <utility>
 
 #include "platform/Base/Result.h"
 
@@ -20,19 +21,6 @@ class CookieFile {
   explicit CookieFile(std::filesystem::path path) : _path(std::move(path)) {}
 
   const std::filesystem::path& path() const { return _path; }
-
-  // Excludes the other processes that make, open or move aside a jar in the same folder, for as
-  // long as it lives. Where the folder cannot be locked it excludes nobody.
-  class FolderLock {
-   public:
-    explicit FolderLock(const std::filesystem::path& file);
-    ~FolderLock();
-    FolderLock(const FolderLock&) = delete;
-    FolderLock& operator=(const FolderLock&) = delete;
-
-   private:
-    int _descriptor;
-  };
 
   // Makes the file if there is none (mode 0600), takes everybody else's rights away if there is
   // one, and remembers it. An error if it cannot be made or cannot be read.

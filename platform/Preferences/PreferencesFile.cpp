@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Directories.h"
 #include "platform/Base/FileDescriptor.h"
+#include "platform/Base/FolderLock.h"
 #include "platform/Base/Format.h"
 
 namespace tallow {
@@ -62,20 +62,6 @@ Error fileError(Failure failure, std::string text) {
 bool isFailure(const Error& error, Failure failure) {
   return error.code == static_cast<std::int64_t>(failure);
 }
-
-// Excludes other processes while a file is made or set aside. On the folder, so that the lock is
-// not lost with the file. Without a lock where the folder cannot be opened.
-class FolderLock {
- public:
-  explicit FolderLock(const std::filesystem::path& folder)
-      : _folder(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    if (!_folder) return;
-    while (flock(_folder.get(), LOCK_EX) != 0 && errno == EINTR) continue;
-  }
-
- private:
-  const FileDescriptor _folder;
-};
 
 // Makes the file with the right mode from the start. An existing one is never opened here: closing
 // it would drop the locks that this process's other connections hold on it.

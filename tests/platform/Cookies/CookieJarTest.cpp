@@ -172,6 +172,19 @@ TEST_F(CookieJarTest, KeepsTheRecentlyUsedOfTheJar) {
   EXPECT_EQ(header(*jar, "http://h3.example/"), "a=3");
 }
 
+TEST_F(CookieJarTest, LeavesAReadersCookiesAsTheyAre) {
+  for (int i = 0; i < 5; ++i)
+    setCookie(*jar, "c" + std::to_string(i) + "=old", "http://store.example/");
+  const auto held = jar->cookiesForURL(url("http://store.example/"), false);
+  setCookie(*jar, "c1=new", "http://store.example/");
+  setCookie(*jar, "c0=; Max-Age=0", "http://store.example/");
+  setCookie(*jar, "first=1; Path=/longer", "http://store.example/");
+  EXPECT_EQ(cookieHeaderValue(held), "c0=old; c1=old; c2=old; c3=old; c4=old");
+  EXPECT_EQ(header(*jar, "http://store.example/longer"), "first=1; c1=new; c2=old; c3=old; c4=old");
+  jar.reset();
+  EXPECT_EQ(held[4]->value, "old");
+}
+
 TEST_F(CookieJarTest, EmptiesItself) {
   setCookie(*jar, "a=1", "http://store.example/");
   jar->deleteAllCookies();
