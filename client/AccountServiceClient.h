@@ -10,11 +10,16 @@
 
 namespace tallow {
 
+class ServiceConnection;
+
 // A store process's way to the account service: the calls of com.vantor.HSAccountService as typed
-// C++. Each call waits for its answer, for at most the time that the interface documents for it;
-// the bus starts the service when it is not running, so a client never notices a restart.
+// C++. Each call waits for its answer, for at most the time that the interface documents for it.
 //
-// Any thread may call; several at once. Observers are called on the client's own thread, which must
+// The first call connects to the bus, which starts the service. A bus or a service that goes away
+// fails the calls that wait just then; the next call finds the one that runs by then, and whom the
+// client acts for and its observer are carried over to it.
+//
+// Any thread may call; several at once. The observer is called on the client's own thread, and must
 // not call back into the client.
 //
 // Errors: domain kErrorDomain, code one of ErrorCode; the localized description is the service's or
@@ -38,13 +43,13 @@ class AccountServiceClient {
   };
   using BagObserver = std::function<void(bool success, const std::optional<Error>& error)>;
 
-  // Connects to the bus. The service itself is reached, and started, by the first call.
-  static Result<std::unique_ptr<AccountServiceClient>> connect(Instance instance);
+  explicit AccountServiceClient(Instance instance);
   ~AccountServiceClient();
   AccountServiceClient(const AccountServiceClient&) = delete;
   AccountServiceClient& operator=(const AccountServiceClient&) = delete;
 
-  // From now on this connection acts as the client with the identifier, where the caller may.
+  // From now on this client acts as the store client with the identifier, where its descriptor lets
+  // it. On an error it stays who it was.
   std::optional<Error> actAs(const std::string& identifier);
 
   // Bag. A nil value is the nil Value.
@@ -57,7 +62,7 @@ class AccountServiceClient {
   Result<bool> isValid();
   Result<std::optional<Dictionary>> dictionary();
   Result<bool> shouldSendGUIDWithRequestForURL(const std::string& url);
-  // One observer a client; an empty one removes it.
+  // Hears of every update of the bag from now on. One observer a client; an empty one removes it.
   std::optional<Error> observeURLBag(BagObserver observer);
 
   // Cookies and request headers
@@ -71,13 +76,11 @@ class AccountServiceClient {
   Result<std::optional<std::string>> storeFront();
   std::optional<Error> setStoreFrontID(const std::optional<std::string>& storeFrontID);
 
-  // What the service says of itself: one JSON text.
+  // What the service says of itself: one JSON object, for people.
   Result<std::string> describe();
 
  private:
-  class Connection;
-  explicit AccountServiceClient(std::unique_ptr<Connection> connection);
-  std::unique_ptr<Connection> _connection;
+  std::unique_ptr<ServiceConnection> _connection;
 };
 
 }  // namespace tallow

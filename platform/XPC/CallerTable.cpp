@@ -28,8 +28,8 @@ CallerTable::CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerD
       _delegate(delegate),
       _identification(_connection, ownUserOnly),
       _unreadAnswers(_connection->connection()),
-      _nameOwnerChanged(_connection->connection().addMatch(
-          kNameHasLeft, [this](sdbus::Message& signal) {  // NOLINT: the signature is the library's
+      _nameOwnerChanged(
+          bus::addMatch(_connection->connection(), kNameHasLeft, [this](auto&& signal) {
             std::string name;
             signal >> name;
             _callerHasLeft(name);

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-// The bus library, versions 1.2 to 2.x. What differs between them is here and nowhere else. Only
+// The bus library, versions 1.2 and 2. What differs between them is here and nowhere else. Only
 // for the .cpp files of platform/XPC and of the client library, and the headers of this folder.
 
 #if __has_include(<sdbus-c++/VTableItems.h>)
@@ -20,6 +20,7 @@
 namespace tallow::bus {
 
 #if TALLOW_SDBUS_2
+using ServiceName = sdbus::ServiceName;
 using CallError = std::optional<sdbus::Error>;
 inline sdbus::Error makeError(std::string name, std::string text) {
   return sdbus::Error(sdbus::Error::Name{std::move(name)}, std::move(text));
@@ -41,11 +42,16 @@ inline void releaseName(sdbus::IConnection& connection, const std::string& name)
 inline bool processOne(sdbus::IConnection& connection) {
   return connection.processPendingEvent();
 }
+template <class Handler>
+sdbus::Slot addMatch(sdbus::IConnection& connection, const std::string& rule, Handler handler) {
+  return connection.addMatch(rule, std::move(handler), sdbus::return_slot);
+}
 // Another file to poll beside the bus's own; negative where there is none.
 inline int eventFile(const sdbus::IConnection::PollData& data) {
   return data.eventFd;
 }
 #else
+using ServiceName = std::string;
 using CallError = const sdbus::Error*;
 inline sdbus::Error makeError(const std::string& name, const std::string& text) {
   return {name, text};
@@ -65,6 +71,10 @@ inline void releaseName(sdbus::IConnection& connection, const std::string& name)
 }
 inline bool processOne(sdbus::IConnection& connection) {
   return connection.processPendingRequest();
+}
+template <class Handler>
+sdbus::Slot addMatch(sdbus::IConnection& connection, const std::string& rule, Handler handler) {
+  return connection.addMatch(rule, std::move(handler));
 }
 inline int eventFile(const sdbus::IConnection::PollData&) {
   return -1;

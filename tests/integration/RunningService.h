@@ -38,7 +38,7 @@ class RunningService {
   AccountServiceClient& client() { return *_client; }
   // A connection of its own, as another process would have.
   static std::unique_ptr<AccountServiceClient> connect() {
-    return std::move(*AccountServiceClient::connect(AccountServiceClient::Instance::Agent));
+    return std::make_unique<AccountServiceClient>(AccountServiceClient::Instance::Agent);
   }
   void reconnect() { _client = connect(); }
   devstore::DevStore& store() { return *_store; }

@@ -55,12 +55,12 @@ int Application::run(int argc, const char* const* argv) {
 }
 
 int Application::withClient(const std::function<int(AccountServiceClient&)>& body) {
-  auto client = AccountServiceClient::connect(_system ? AccountServiceClient::Instance::Daemon
-                                                      : AccountServiceClient::Instance::Agent);
-  if (!client) return _output.failure(client.error());
-  if (!_client.empty())
-    if (const auto error = (*client)->actAs(_client)) return _output.failure(*error);
-  return body(**client);
+  AccountServiceClient client(_system ? AccountServiceClient::Instance::Daemon
+                                      : AccountServiceClient::Instance::Agent);
+  if (!_client.empty()) {
+    if (const auto error = client.actAs(_client)) return _output.failure(*error);
+  }
+  return body(client);
 }
 
 int Application::finish(const std::optional<Error>& error, const std::string& done) const {

@@ -1,0 +1,109 @@
+#include "client/ServiceConnection.h"
+
+namespace tallow {
+
+ServiceConnection::ServiceConnection(AccountServiceClient::Instance instance)
+    : _instance(instance),
+      _serviceName(instance == AccountServiceClient::Instance::Daemon ? "com.vantor.tallowd.daemon"
+                                                                      : "com.vantor.tallowd") {}
+
+ServiceConnection::~ServiceConnection() {
+  {
+    const std::lock_guard lock(_ownerMutex);
+    _isEnding = true;
+    _ownerChanged.notify_all();
+  }
+  if (_keeper.joinable()) _keeper.join();
+}
+
+void ServiceConnection::actAs(const std::string& identifier) {
+  const std::lock_guard lock(_mutex);
+  auto before = std::exchange(_identifier, identifier);
+  try {
+    _session = _newSession();
+  } catch (...) {
+    _identifier = std::move(before);
+    _session.reset();
+    throw;
+  }
+}
+
+void ServiceConnection::observe(AccountServiceClient::BagObserver observer) {
+  const std::lock_guard lock(_mutex);
+  auto before = std::exchange(_observer, std::move(observer));
+  try {
+    if (before && _session && !_isStale(*_session))
+      _session->removeURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
+    if (_bus) _bus->exportObserver(_observer);
+    if (_observer) _session = _newSession();  // which adds it
+  } catch (...) {
+    _observer = std::move(before);
+    _session.reset();
+    throw;
+  }
+  if (_observer && !_keeper.joinable()) _keeper = std::thread([this] { _keepObserving(); });
+}
+
+std::shared_ptr<ServiceSession> ServiceConnection::session() {
+  const std::lock_guard lock(_mutex);
+  if (!_session || _isStale(*_session)) _session = _newSession();
+  return _session;
+}
+
+std::shared_ptr<ServiceSession> ServiceConnection::_newSession() {
+  if (!_bus || _bus->hasGone()) {
+    _session.reset();
+    _bus.reset();
+    {
+      const std::lock_guard lock(_ownerMutex);
+      _owner.reset();
+    }
+    _bus = std::make_shared<ServiceBus>(
+        _instance, _serviceName, [this](const std::string& owner) { _ownerHasChanged(owner); });
+    _bus->exportObserver(_observer);
+  }
+  auto session = std::make_shared<ServiceSession>(_bus, _bus->findService(_serviceName));
+  if (_identifier) session->actAs(*_identifier);
+  if (_observer) session->addURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
+  return session;
+}
+
+bool ServiceConnection::_isStale(const ServiceSession& session) {
+  if (session.bus().hasGone()) return true;
+  const std::lock_guard lock(_ownerMutex);
+  return _owner && *_owner != session.uniqueName();
+}
+
+void ServiceConnection::_ownerHasChanged(const std::string& owner) {
+  const std::lock_guard lock(_ownerMutex);
+  _owner = owner;
+  _ownerChanged.notify_all();
+}
+
+void ServiceConnection::_keepObserving() {
+  std::unique_lock lock(_ownerMutex);
+  std::optional<std::string> seen = _owner;
+  while (!_isEnding) {
+    if (_owner == seen) {
+      _ownerChanged.wait(lock);
+      continue;
+    }
+    seen = _owner;
+    if (!_owner || _owner->empty()) continue;
+    lock.unlock();
+    try {
+      session();
+    } catch (const sdbus::Error&) {
+      // Whoever calls next is told.
+    }
+    lock.lock();
+  }
+}
+
+bool ServiceConnection::wasNotDelivered(const sdbus::Error& error) {
+  const std::string name = bus::errorName(error);
+  return name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+         name == "org.freedesktop.DBus.Error.NameHasNoOwner";
+}
+
+}  // namespace tallow

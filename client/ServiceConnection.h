@@ -1,0 +1,75 @@
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "client/AccountServiceClient.h"
+#include "client/ServiceSession.h"
+
+namespace tallow {
+
+// The client's standing connection to the service. The bus may go away and come back, and the
+// service may end and be started again at any time: then whom the client acts for and its observer
+// are told to the new one before it is asked anything. Owned by the client; any thread.
+class ServiceConnection {
+ public:
+  explicit ServiceConnection(AccountServiceClient::Instance instance);
+  ~ServiceConnection();
+  ServiceConnection(const ServiceConnection&) = delete;
+  ServiceConnection& operator=(const ServiceConnection&) = delete;
+
+  // Runs `call(ServiceSession&)`, which may throw sdbus::Error. Once more with a new service where
+  // the one that was called had left before the call reached it; a call that may have been carried
+  // out is never repeated.
+  template <class Call>
+  auto call(Call call) -> decltype(call(std::declval<ServiceSession&>())) {
+    try {
+      return call(*session());
+    } catch (const sdbus::Error& error) {
+      if (!wasNotDelivered(error)) throw;
+      const std::lock_guard lock(_mutex);
+      _session.reset();
+    }
+    return call(*session());
+  }
+
+  // Each throws sdbus::Error when it fails, and then nothing has changed.
+  void actAs(const std::string& identifier);
+  void observe(AccountServiceClient::BagObserver observer);
+
+  // The running service: found, started and told what it must know first, if need be. Throws
+  // sdbus::Error.
+  std::shared_ptr<ServiceSession> session();
+
+ private:
+  static bool wasNotDelivered(const sdbus::Error& error);
+  bool _isStale(const ServiceSession& session);
+  std::shared_ptr<ServiceSession> _newSession();
+  void _ownerHasChanged(const std::string& owner);
+  void _keepObserving();
+
+  const AccountServiceClient::Instance _instance;
+  const std::string _serviceName;
+
+  // Held while the service is being found; never taken by the thread that reads the bus.
+  std::mutex _mutex;
+  std::shared_ptr<ServiceBus> _bus;
+  std::shared_ptr<ServiceSession> _session;
+  std::optional<std::string> _identifier;
+  AccountServiceClient::BagObserver _observer;
+
+  // Never held while something is waited for.
+  std::mutex _ownerMutex;
+  std::condition_variable _ownerChanged;
+  std::optional<std::string> _owner;  // what the bus has last said; nothing before it says anything
+  bool _isEnding = false;
+  // Finds the service that has come back while an observer waits and nobody calls.
+  std::thread _keeper;
+};
+
+}  // namespace tallow

@@ -1,0 +1,108 @@
+#include "client/ServiceSession.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <utility>
+
+namespace tallow {
+
+namespace {
+constexpr const char* kBusName = "org.freedesktop.DBus";
+constexpr const char* kServicePath = "/com/vantor/tallowd";
+// What the bus daemon itself allows a service to start, and a little.
+constexpr std::chrono::seconds kStartPatience{125};
+}  // namespace
+
+class ServiceBus::Observer final
+    : public sdbus::AdaptorInterfaces<com::vantor::HSURLBagObserver_adaptor> {
+ public:
+  Observer(sdbus::IConnection& connection, AccountServiceClient::BagObserver observer)
+      : AdaptorInterfaces(connection, sdbus::ObjectPath{kObserverPath}),
+        _observer(std::move(observer)) {
+    registerAdaptor();
+  }
+  ~Observer() { unregisterAdaptor(); }
+  Observer(const Observer&) = delete;
+  Observer& operator=(const Observer&) = delete;
+
+ private:
+  void urlBagDidUpdateWithSuccess(const bool& success,
+                                  const std::vector<WireError>& error) override {
+    _observer(success, error.empty() ? std::nullopt : std::optional(error.front().value));
+  }
+
+  const AccountServiceClient::BagObserver _observer;
+};
+
+ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::string& serviceName,
+                       const std::function<void(const std::string&)>& ownerChanged)
+    : _connection(instance == AccountServiceClient::Instance::Daemon
+                      ? sdbus::createSystemBusConnection()
+                      : sdbus::createSessionBusConnection()),
+      _busDaemon(bus::makeProxy(*_connection, kBusName, "/org/freedesktop/DBus")) {
+  const std::string rule =
+      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+      "member='NameOwnerChanged',arg0='" +
+      serviceName + "'";
+  _ownerMatch = bus::addMatch(*_connection, rule, [ownerChanged](auto&& signal) {
+    std::string name;
+    std::string before;
+    std::string now;
+    signal >> name >> before >> now;
+    ownerChanged(now);
+  });
+  // Signals of the program are not for this thread.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  _reader = std::thread([this, ownerChanged] {
+    try {
+      _connection->enterEventLoop();
+    } catch (const sdbus::Error&) {
+      _hasGone = true;
+      ownerChanged("");
+    }
+  });
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+ServiceBus::~ServiceBus() {
+  _connection->leaveEventLoop();
+  _reader.join();
+}
+
+std::string ServiceBus::findService(const std::string& serviceName) {
+  std::uint32_t started = 0;
+  _busDaemon->callMethod("StartServiceByName")
+      .onInterface(kBusName)
+      .withTimeout(kStartPatience)
+      .withArguments(serviceName, std::uint32_t{0})
+      .storeResultsTo(started);
+  std::string owner;
+  _busDaemon->callMethod("GetNameOwner")
+      .onInterface(kBusName)
+      .withArguments(serviceName)
+      .storeResultsTo(owner);
+  return owner;
+}
+
+void ServiceBus::exportObserver(const AccountServiceClient::BagObserver& observer) {
+  _observer.reset();
+  if (observer) _observer = std::make_unique<Observer>(*_connection, observer);
+}
+
+ServiceSession::ServiceSession(std::shared_ptr<ServiceBus> bus, std::string uniqueName)
+    : ProxyInterfaces(bus->connection(), bus::ServiceName{uniqueName},
+                      sdbus::ObjectPath{kServicePath}),
+      _bus(std::move(bus)),
+      _uniqueName(std::move(uniqueName)) {
+  registerProxy();
+}
+
+ServiceSession::~ServiceSession() {
+  unregisterProxy();
+}
+
+}  // namespace tallow

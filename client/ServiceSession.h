@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "bus/com.vantor.HSAccountService_proxy.h"
+#include "bus/com.vantor.HSServiceRemoteObject_proxy.h"
+#include "bus/com.vantor.HSURLBagObserver_adaptor.h"
+#include "bus/com.vantor.tallowd.Status_proxy.h"
+#include "client/AccountServiceClient.h"
+#include "platform/XPC/SDBus.h"
+
+namespace tallow {
+
+// A connection to the bus, read by a thread of its own, with the observer object that the client
+// exports there.
+class ServiceBus {
+ public:
+  // Throws sdbus::Error. `ownerChanged` is called on the reading thread with the new owner of
+  // `serviceName`, "" when nobody owns it any more.
+  ServiceBus(AccountServiceClient::Instance instance, const std::string& serviceName,
+             const std::function<void(const std::string&)>& ownerChanged);
+  ~ServiceBus();
+  ServiceBus(const ServiceBus&) = delete;
+  ServiceBus& operator=(const ServiceBus&) = delete;
+
+  bool hasGone() const { return _hasGone; }
+  sdbus::IConnection& connection() { return *_connection; }
+  // The unique name of who owns the service's name, started if need be. Throws sdbus::Error.
+  std::string findService(const std::string& serviceName);
+  // Exports the observer at kObserverPath; an empty one takes it back.
+  void exportObserver(const AccountServiceClient::BagObserver& observer);
+
+  static constexpr const char* kObserverPath = "/com/vantor/tallowd/client/bag";
+
+ private:
+  class Observer;
+
+  std::unique_ptr<sdbus::IConnection> _connection;
+  std::unique_ptr<sdbus::IProxy> _busDaemon;
+  sdbus::Slot _ownerMatch;
+  std::unique_ptr<Observer> _observer;
+  std::atomic<bool> _hasGone{false};
+  std::thread _reader;
+};
+
+// One running service, addressed by its unique name: a call never reaches another one that was
+// started later and does not know whom this client acts for.
+class ServiceSession final : public sdbus::ProxyInterfaces<com::vantor::HSAccountService_proxy,
+                                                           com::vantor::HSServiceRemoteObject_proxy,
+                                                           com::vantor::tallowd::Status_proxy> {
+ public:
+  ServiceSession(std::shared_ptr<ServiceBus> bus, std::string uniqueName);
+  ~ServiceSession();
+  ServiceSession(const ServiceSession&) = delete;
+  ServiceSession& operator=(const ServiceSession&) = delete;
+
+  const std::string& uniqueName() const { return _uniqueName; }
+  const ServiceBus& bus() const { return *_bus; }
+
+ private:
+  std::shared_ptr<ServiceBus> _bus;
+  std::string _uniqueName;
+};
+
+}  // namespace tallow
