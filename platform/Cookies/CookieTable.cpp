@@ -292,7 +292,9 @@ CookieChanges CookieTable::unsaved() const {
   for (const std::string& name : _unsavedDomains) {
     const CookieDomain& domain = *_domains.find(name);
     for (std::size_t i = 0; i < domain.count(); ++i) {
-      if (domain.entry(i).unsaved) changes.puts.push_back({&domain.cookie(i), domain.entry(i)});
+      const Entry& entry = domain.entry(i);
+      const CookieRecord& record = entry;  // what is stored of it
+      if (entry.unsaved) changes.puts.push_back({&domain.cookie(i), record});
     }
   }
   return changes;
