@@ -1,6 +1,7 @@
 #include "src/BagLoadOperation.h"
 
 #include <algorithm>
+#include <chrono>
 #include <future>
 
 #include "platform/Base/Clock.h"
@@ -15,6 +16,7 @@ namespace tallow {
 namespace {
 
 constexpr double kBootstrapTimeoutSeconds = 15;
+constexpr std::chrono::seconds kStoreFrontPatience{5};
 
 }  // namespace
 
@@ -136,10 +138,13 @@ bool BagLoadOperation::operationShouldSetStoreFrontID(HSStoreURLOperation&,
                                                       const std::string& storeFrontID) {
   // Through the proxy, which hops to a queue: the change invalidates the bags, and this thread
   // holds the very queues that doing so needs.
+  const std::shared_ptr<HSAccountService> service = serviceProxy().accountService();
+  if (!service) return false;
   auto done = std::make_shared<std::promise<void>>();
-  serviceProxy().accountService()->setStoreFrontID(storeFrontID, [done] { done->set_value(); });
+  service->setStoreFrontID(storeFrontID, [done] { done->set_value(); });
   // Waiting makes the storefront's change invalidate the old bag, not the one about to be accepted.
-  if (_waitsForResponseIntake) done->get_future().wait();
+  // Not for ever: another client's forced reload may hold the controller registry for long.
+  if (_waitsForResponseIntake) done->get_future().wait_for(kStoreFrontPatience);
   return false;
 }
 

@@ -35,7 +35,7 @@ bool urlIsTrusted(const Dictionary& bag, const URL& url) {
   if (host.empty() || domains == nullptr) return false;
   return std::any_of(domains->begin(), domains->end(), [host](const Value& domain) {
     const std::string* suffix = domain.string();
-    return suffix != nullptr && host.ends_with(*suffix);
+    return suffix != nullptr && !suffix->empty() && host.ends_with(*suffix);
   });
 }
 

@@ -67,7 +67,7 @@ class ClientRegistry {
 
   // The entry, if it exists, needs no replacing and can be had without waiting for the lock.
   Entry entryForClientIfAtHand(const Client& client) {
-    if (!client || !client->identifier) return nullptr;
+    if (!client || !client->identifier || isHeldByCurrentThread()) return nullptr;
     const std::unique_lock lock(_lock, std::try_to_lock);
     if (!lock) return nullptr;
     const auto found = _entries.find(*client->identifier);

@@ -23,18 +23,17 @@ bool sharesGroupCookies(const HSStoreClient& client) {
 // One cookie a name: a later cookie of the same name takes the place of an earlier one. The jar's
 // order puts longer paths first, so of two cookies the one with the shorter path is sent. That is
 // what the store's servers have always been sent, so it stays.
-std::vector<CookiePointer> lastOfEachName(std::vector<CookiePointer> cookies) {
+std::vector<CookiePointer> lastOfEachName(const std::vector<CookiePointer>& cookies) {
   std::unordered_map<std::string_view, std::size_t> lastIndex;
   lastIndex.reserve(cookies.size());
   for (std::size_t i = 0; i < cookies.size(); ++i) lastIndex[cookies[i]->name] = i;
-  std::size_t kept = 0;
+  // A second list: the map looks at names that belong to the cookies of the first one.
+  std::vector<CookiePointer> last;
+  last.reserve(cookies.size());
   for (std::size_t i = 0; i < cookies.size(); ++i) {
-    const bool wanted = !cookies[i]->name.empty() && lastIndex[cookies[i]->name] == i;
-    if (wanted && kept != i) cookies[kept] = std::move(cookies[i]);
-    if (wanted) ++kept;
+    if (!cookies[i]->name.empty() && lastIndex[cookies[i]->name] == i) last.push_back(cookies[i]);
   }
-  cookies.resize(kept);
-  return cookies;
+  return last;
 }
 
 Dictionary requestHeaderFieldsWithCookies(const std::vector<CookiePointer>& cookies) {

@@ -103,16 +103,18 @@ void AccountServiceInterface::loadURLBagWithType(std::uint64_t bagType,
       return;
     }
     bool isValid = false;
-    bool success = false;
+    // What is replied as success is the load step's third value: whether no load was needed.
+    // Callers have always been given that one, and look at the validity.
+    bool alreadyValid = false;
     std::optional<Error> failure;
     bag->loadBagIfNeededAndPerformBlock(
-        [&](Bag&, bool valid, bool loaded, const auto&, const std::optional<Error>& error) {
+        [&](Bag&, bool valid, bool already, const auto&, const std::optional<Error>& error) {
           isValid = valid;
-          success = loaded;
+          alreadyValid = already;
           failure = error;
         },
         this);
-    send(reply, isValid, success, failure);
+    send(reply, isValid, alreadyValid, failure);
   });
 }
 

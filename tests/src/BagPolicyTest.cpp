@@ -39,6 +39,9 @@ TEST(BagPolicy, DataURLsAreTrustedAndWrongTypesTrustNothing) {
   EXPECT_TRUE(BagPolicy::urlIsTrusted({}, url("data:text/plain,x")));
   EXPECT_FALSE(BagPolicy::urlIsTrusted({}, url("https://example.com/")));
   EXPECT_FALSE(
+      BagPolicy::urlIsTrusted({{"trustedDomains", Array{""}}}, url("https://example.com/")))
+      << "nothing is no suffix";
+  EXPECT_FALSE(
       BagPolicy::urlIsTrusted({{"trustedDomains", "example.com"}}, url("https://example.com/")));
 }
 
