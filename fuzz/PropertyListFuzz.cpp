@@ -1,5 +1,5 @@
-// Whatever a list decodes to can be written in both formats, reads back, and is then written in the
-// same bytes again.
+// Whatever a list decodes to can be written in both formats, reads back, and is written in the same
+// bytes again. (Compared as bytes: a NaN does not equal itself.)
 
 #include <string_view>
 
@@ -10,16 +10,25 @@
 using tallow::Data;
 using tallow::PropertyList::Format;
 
+namespace {
+
+Data rewritten(const Data& list, Format format) {
+  const auto decoded = tallow::PropertyList::decode(list);
+  REQUIRE(decoded);
+  return tallow::PropertyList::encode(*decoded, format);
+}
+
+}  // namespace
+
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto decoded = tallow::PropertyList::decode(Data(std::span(data, size)));
   if (!decoded) return 0;
   REQUIRE(!decoded->isNil());
-  for (const Format format : {Format::Binary, Format::XML}) {
-    const Data written = tallow::PropertyList::encode(*decoded, format);
-    const auto again = tallow::PropertyList::decode(written);
-    REQUIRE(again);
-    REQUIRE(tallow::PropertyList::encode(*again, format) == written);
-  }
+  const Data stored = tallow::PropertyList::encode(*decoded, Format::Binary);
+  REQUIRE(rewritten(stored, Format::Binary) == stored);
+  // XML replaces what it cannot spell, also in keys; what it has written once it keeps.
+  const Data readable = rewritten(tallow::PropertyList::encode(*decoded, Format::XML), Format::XML);
+  REQUIRE(rewritten(readable, Format::XML) == readable);
   REQUIRE(description(*decoded).size() < 20'000);
   return 0;
 }
