@@ -1,15 +1,9 @@
 # Where everything goes: cmake --install. The places are those that the bus, systemd and man look in
 # below the prefix; packagers stage with DESTDIR.
 
-foreach(program tallowctl tallow-devstore)
-  if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  endif()
-endforeach()
+install(TARGETS tallowctl tallow-devstore RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Started by the bus, never by hand.
-if(TARGET tallowd)
-  install(TARGETS tallowd RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR})
-endif()
+install(TARGETS tallowd RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR})
 
 set(_packaging ${CMAKE_SOURCE_DIR}/packaging)
 set(_dbus ${CMAKE_INSTALL_DATADIR}/dbus-1)
