@@ -74,12 +74,21 @@ ServiceBus::~ServiceBus() {
 }
 
 std::string ServiceBus::findService(const std::string& serviceName) {
-  std::uint32_t started = 0;
+  try {
+    return _ownerOf(serviceName);
+  } catch (const sdbus::Error& error) {
+    if (bus::errorName(error) != "org.freedesktop.DBus.Error.NameHasNoOwner") throw;
+  }
+  std::uint32_t outcome = 0;
   _busDaemon->callMethod("StartServiceByName")
       .onInterface(kBusName)
       .withTimeout(kStartPatience)
       .withArguments(serviceName, std::uint32_t{0})
-      .storeResultsTo(started);
+      .storeResultsTo(outcome);
+  return _ownerOf(serviceName);
+}
+
+std::string ServiceBus::_ownerOf(const std::string& serviceName) {
   std::string owner;
   _busDaemon->callMethod("GetNameOwner")
       .onInterface(kBusName)

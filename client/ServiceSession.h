@@ -38,6 +38,7 @@ class ServiceBus {
 
  private:
   class Observer;
+  std::string _ownerOf(const std::string& serviceName);
 
   std::unique_ptr<sdbus::IConnection> _connection;
   std::unique_ptr<sdbus::IProxy> _busDaemon;

@@ -30,6 +30,19 @@ Value AdministratorPreferences::value(std::string_view key, std::string_view dom
   return {};
 }
 
+std::set<std::string> AdministratorPreferences::keys(std::string_view domain) {
+  std::set<std::string> keys;
+  const std::string name = std::string(domain) + ".toml";
+  if (!isSafePathComponent(domain) || !isSafePathComponent(name)) return keys;
+  const std::lock_guard lock(_mutex);
+  for (const std::filesystem::path& folder : _folders) {
+    const Dictionary* const values = valuesOf(folder / name);
+    if (values == nullptr) continue;
+    for (const auto& entry : *values) keys.insert(entry.key);
+  }
+  return keys;
+}
+
 const Dictionary* AdministratorPreferences::valuesOf(const std::filesystem::path& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +23,7 @@ class AdministratorPreferences {
   explicit AdministratorPreferences(std::vector<std::filesystem::path> folders);
 
   Value value(std::string_view key, std::string_view domain);
+  std::set<std::string> keys(std::string_view domain);
 
  private:
   // What tells that a file has been changed.

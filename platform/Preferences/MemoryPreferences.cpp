@@ -1,5 +1,7 @@
 #include "platform/Preferences/MemoryPreferences.h"
 
+#include <set>
+
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -35,6 +37,15 @@ Value MemoryPreferences::copyAppValue(std::string_view key, std::string_view dom
     if (!value.isNil()) return value;
   }
   return copyValue(key, domain, User::Any, Host::Current);
+}
+
+std::vector<std::string> MemoryPreferences::copyAppKeyList(std::string_view domain) {
+  const std::lock_guard lock(_mutex);
+  std::set<std::string> keys;
+  for (const auto& [place, value] : _values) {
+    if (std::get<2>(place) == domain) keys.insert(std::get<3>(place));
+  }
+  return {keys.begin(), keys.end()};
 }
 
 void MemoryPreferences::setValue(std::string_view key, const Value& value, std::string_view domain,

@@ -2,7 +2,9 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/Base/Value.h"
 
@@ -31,6 +33,8 @@ class Preferences {
   // The application's search list: current user and current host, current user and any host, then
   // any user.
   virtual Value copyAppValue(std::string_view key, std::string_view domain) = 0;
+  // The keys that have a value somewhere in the application's search list, in order.
+  virtual std::vector<std::string> copyAppKeyList(std::string_view domain) = 0;
   // The search list's value if it answers to boolValue (and then *exists is true), else false.
   bool getAppBooleanValue(std::string_view key, std::string_view domain, bool* exists = nullptr);
 

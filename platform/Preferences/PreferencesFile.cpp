@@ -338,6 +338,22 @@ Result<std::optional<Data>> PreferencesFile::read(const Place& place) {
   return std::optional<Data>(query.data());
 }
 
+Result<std::set<std::string>> PreferencesFile::keys(std::string_view domain,
+                                                    std::string_view host) {
+  StatementPointer statement;  // asked for by people only: not worth keeping
+  if (auto error =
+          _database->prepare("SELECT key FROM preferences WHERE domain=?1 AND host=?2", statement))
+    return *error;
+  Running query(statement);
+  query.bind(1, domain);
+  query.bind(2, host);
+  std::set<std::string> keys;
+  int result = query.step();
+  for (; result == SQLITE_ROW; result = query.step()) keys.emplace(query.text());
+  if (result != SQLITE_DONE) return _database->lastError();
+  return keys;
+}
+
 std::optional<Error> PreferencesFile::beginWriting() {
   if (!_database->isWritable) return fileError(Failure::Refused, "open for reading only");
   return _database->run(_database->begin);

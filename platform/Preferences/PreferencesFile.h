@@ -5,7 +5,9 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "platform/Base/Data.h"
 #include "platform/Base/Result.h"
@@ -48,6 +50,9 @@ class PreferencesFile {
   Result<std::int64_t> dataVersion();
   // The value's bytes, nullopt when there is no such row.
   Result<std::optional<Data>> read(const Place& place);
+
+  // The keys of the rows of a domain and host.
+  Result<std::set<std::string>> keys(std::string_view domain, std::string_view host);
 
   // A transaction that excludes every other writer; inside it reads see the newest state. Ends with
   // commit() or rollback(); a failed commit is rolled back.

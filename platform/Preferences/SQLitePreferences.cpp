@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -98,6 +99,32 @@ Value SQLitePreferences::copyAppValue(std::string_view key, std::string_view dom
     if (!value.isNil()) return value;
   }
   return _administrators.value(key, domain);
+}
+
+std::vector<std::string> SQLitePreferences::copyAppKeyList(std::string_view domain) {
+  std::set<std::string> keys = _administrators.keys(domain);
+  const std::lock_guard lock(_mutex);
+  for (const Host host : {Host::Any, Host::Current}) {
+    const std::string hostName = placeFor("", domain, host).host;
+    std::set<std::string> stored;
+    if (ensureOpen(false)) {
+      if (auto found = _file->keys(domain, hostName)) {
+        stored = *std::move(found);
+      } else {
+        static_cast<void>(recoverFrom(found.error(), "read"));
+      }
+    }
+    for (const auto& [place, change] : _pending) {
+      if (place.domain != domain || place.host != hostName) continue;
+      if (change.value.isNil()) {
+        stored.erase(place.key);
+      } else {
+        stored.insert(place.key);
+      }
+    }
+    keys.merge(stored);
+  }
+  return {keys.begin(), keys.end()};
 }
 
 void SQLitePreferences::setValue(std::string_view key, const Value& value, std::string_view domain,

@@ -45,6 +45,8 @@ int runAccountService(int argc, const char* const* argv) {
                                                                         XPCListener::Bus::Session);
   listener->setDelegate(&delegate);
   listener->setStatusProvider([isDaemon] { return serviceStatusText(isDaemon); });
+  // Nobody can reach a service whose bus has gone; a new bus starts a new one.
+  listener->setInvalidationHandler([] { RunLoop::main().stop(0); });
   if (const auto error = listener->resume()) {
     logLevel(1, "%@: Failed to publish the service: %@", AccountServiceDelegate::kClassName,
              *error);

@@ -27,13 +27,7 @@ class PrivateBus {
     if (mkdtemp(folder) == nullptr) throw std::runtime_error("no folder for the bus");
     _folder = folder;
     _writeConfiguration(serviceFolders);
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe to the bus");
-    _start(ends[1]);
-    close(ends[1]);
-    _address = _readLine(ends[0]);
-    close(ends[0]);
-    if (_address.empty()) throw std::runtime_error("dbus-daemon did not start");
+    start();
     setenv("DBUS_SESSION_BUS_ADDRESS", _address.c_str(), 1);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
   }
@@ -69,6 +63,18 @@ class PrivateBus {
     }
   }
 
+  // Starts it again after stop(), where it was.
+  void start() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe to the bus");
+    _start(ends[1]);
+    close(ends[1]);
+    const std::string address = _readLine(ends[0]);
+    close(ends[0]);
+    if (address.empty()) throw std::runtime_error("dbus-daemon did not start");
+    // Without the mark of this one daemon, so that it holds for the next as well.
+    _address = address.substr(0, address.find(','));
+  }
   // Ends the bus early: every connection is cut.
   void stop() {
     if (_pid <= 0) return;

@@ -7,7 +7,7 @@
 namespace tallow::ctl {
 
 Application::Application() : _root("Talks to tallowd, the store's account service.", "tallowctl") {
-  _root.set_version_flag("--version", std::string("tallowctl ") + TALLOW_VERSION);
+  _root.set_version_flag("--version", std::string(TALLOW_VERSION));
   _root.add_flag("--json", _json, "Print JSON, and nothing else, on standard output");
   _root.add_flag("--system", _system, "Ask the system-wide instance instead of the user's");
   _root.add_option("--client", _client, "Act as the store client with this identifier")
@@ -46,12 +46,22 @@ int Application::run(int argc, const char* const* argv) {
   }
   try {
     _root.parse(argc, argv);
-  } catch (const CLI::Success& success) {  // --help, --version
-    return _root.exit(success);
+  } catch (const CLI::CallForVersion&) {
+    return _output.about("version", TALLOW_VERSION, std::string("tallowctl ") + TALLOW_VERSION);
+  } catch (const CLI::Success&) {  // --help, of the command that it was asked of
+    const std::string help = _helped().help();
+    return _output.about("help", help, help);
   } catch (const CLI::ParseError& error) {
     return _output.wrongUsage(error.what());
   }
-  return _chosen ? _chosen() : _output.wrongUsage("A command is required");
+  const int status = _chosen ? _chosen() : _output.wrongUsage("A command is required");
+  return _output.flush() ? status : int{kServiceSaidNo};
+}
+
+const CLI::App& Application::_helped() const {
+  const CLI::App* app = &_root;
+  while (!app->get_subcommands().empty()) app = app->get_subcommands().back();
+  return *app;
 }
 
 int Application::withClient(const std::function<int(AccountServiceClient&)>& body) {
@@ -65,10 +75,11 @@ int Application::withClient(const std::function<int(AccountServiceClient&)>& bod
 
 int Application::finish(const std::optional<Error>& error, const std::string& done) const {
   if (error) return _output.failure(*error);
-  if (_output.isJSON())
+  if (_output.isJSON()) {
     _output.value(Dictionary{{"done", true}});
-  else
+  } else {
     _output.line(done);
+  }
   return kDone;
 }
 

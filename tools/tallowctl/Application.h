@@ -36,6 +36,8 @@ class Application {
   int finish(const std::optional<Error>& error, const std::string& done) const;
 
  private:
+  const CLI::App& _helped() const;
+
   CLI::App _root;
   Output _output;
   bool _json = false;

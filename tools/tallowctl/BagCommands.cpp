@@ -64,14 +64,18 @@ void addBagCommands(Application& application) {
         return application.withClient([&](AccountServiceClient& client) {
           if (key->empty()) {
             return application.show(client.dictionary(), [&](const auto& contents) {
-              if (!contents) return application.output().answer(false);
-              application.output().table(*contents);
-              return static_cast<int>(kDone);
+              if (contents) {
+                application.output().table(*contents);
+                return int{kDone};
+              }
+              if (application.output().isJSON()) application.output().value(nullptr);
+              application.output().line("There is no bag: none has been loaded yet.");
+              return int{kServiceSaidNo};
             });
           }
           return application.show(client.valueForURLBagKey(*key), [&](const Value& value) {
             application.output().value(value);
-            return static_cast<int>(value.isNil() ? kServiceSaidNo : kDone);
+            return int{value.isNil() ? kServiceSaidNo : kDone};
           });
         });
       });

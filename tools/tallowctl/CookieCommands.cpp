@@ -1,4 +1,4 @@
-#include <limits>
+#include <charconv>
 
 #include "tools/tallowctl/Application.h"
 
@@ -27,6 +27,21 @@ std::optional<Dictionary> headersFromLines(const std::vector<std::string>& lines
   return headers;
 }
 
+std::optional<std::uint64_t> numberFrom(const std::string& text) {
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() ? std::optional(number)
+                                                                  : std::nullopt;
+}
+
+// The argument parser itself takes a number that is too large or negative for another one.
+CLI::Validator isDSID() {
+  return {[](const std::string& text) {
+            return numberFrom(text) ? std::string() : "Not an account's number: " + text;
+          },
+          ""};
+}
+
 struct HeadersOptions {
   std::string url;
   std::optional<std::uint64_t> dsID;
@@ -53,7 +68,12 @@ void addHeaders(Application& application) {
         });
       });
   headers->add_option("URL", options->url)->required()->check(isURL());
-  headers->add_option("--dsid", options->dsID, "The account whose identity headers are wanted");
+  headers
+      ->add_option_function<std::string>(
+          "--dsid", [options](const std::string& text) { options->dsID = numberFrom(text); },
+          "The account whose identity headers are wanted")
+      ->type_name("NUMBER")
+      ->check(isDSID());
   headers->add_flag("--identity", options->identity, "Include machine-identity headers");
 }
 

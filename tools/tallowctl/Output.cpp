@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "client/AccountServiceClient.h"
+#include "platform/Base/UTF8.h"
 #include "platform/PropertyList/JSON.h"
 
 namespace tallow::ctl {
@@ -13,19 +14,30 @@ namespace {
 
 // Terminals act on control characters; texts from a server or another process must not.
 std::string printable(std::string_view text) {
+  const std::string valid = replacingInvalidUTF8(text);
   std::string safe;
-  safe.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      safe += c;
-    } else {
-      char escaped[8];
-      std::snprintf(escaped, sizeof(escaped), "\\x%02x", byte);
-      safe += escaped;
+  safe.reserve(valid.size());
+  for (std::size_t i = 0; i < valid.size(); ++i) {
+    auto code = static_cast<unsigned char>(valid[i]);
+    // U+0080 to U+009F, which some terminals obey too.
+    const bool isHighControl = code == 0xC2 && static_cast<unsigned char>(valid[i + 1]) < 0xA0;
+    if (code >= 0x20 && code != 0x7F && !isHighControl) {
+      safe += valid[i];
+      continue;
     }
+    if (isHighControl) code = static_cast<unsigned char>(valid[++i]);
+    char escaped[8];
+    std::snprintf(escaped, sizeof(escaped), "\\x%02x", code);
+    safe += escaped;
   }
   return safe;
+}
+
+// How many columns the text takes, near enough for a table.
+std::size_t width(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
 }
 
 std::string cell(const Value& value) {
@@ -45,13 +57,13 @@ void printRows(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths;
   for (const auto& row : rows) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], width(row[i]));
   }
   for (const auto& row : rows) {
     std::string text;
     for (std::size_t i = 0; i < row.size(); ++i) {
       text += row[i];
-      if (i + 1 < row.size()) text.append(widths[i] - row[i].size() + 2, ' ');
+      if (i + 1 < row.size()) text.append(widths[i] - width(row[i]) + 2, ' ');
     }
     print(text);
   }
@@ -68,7 +80,8 @@ const char* adviceFor(const Error& error) {
     case AccountServiceClient::kInvalidArgument:
       return "See tallowctl(1) for what it takes.";
     default:
-      return "The service's log says more: journalctl --user -u tallowd.";
+      return "The log says more: journalctl --user -u tallowd (with --system: journalctl -u "
+             "tallowd-daemon).";
   }
 }
 
@@ -125,6 +138,17 @@ int Output::answer(bool yes) const {
 
 void Output::line(const std::string& text) const {
   if (!_json) print(printable(text));
+}
+
+int Output::about(const char* what, const std::string& text, const std::string& shown) const {
+  print(_json ? JSON::encode(Dictionary{{what, text}}) : shown);
+  return kDone;
+}
+
+bool Output::flush() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return true;
+  std::fprintf(stderr, "tallowctl: cannot write to standard output\n");
+  return false;
 }
 
 int Output::failure(const Error& error) const {

@@ -31,12 +31,16 @@ class Output {
   void table(const Array& rows) const;
   // The answer to a yes-or-no question; the exit status says it too.
   int answer(bool yes) const;
+  // What tallowctl says of itself.
+  int about(const char* what, const std::string& text, const std::string& shown) const;
   // For people only.
   void line(const std::string& text) const;
 
   // Reports a failure with what to do about it; the result is the exit status.
   int failure(const Error& error) const;
   int wrongUsage(const std::string& text) const;
+  // False, said on standard error, when not all of it could be written.
+  static bool flush();
 
  private:
   bool _json = false;

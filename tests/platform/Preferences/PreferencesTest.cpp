@@ -59,6 +59,19 @@ class PreferencesTest : public ::testing::Test {
 using Stores = ::testing::Types<OnDisk, InMemory>;
 TYPED_TEST_SUITE(PreferencesTest, Stores);
 
+TYPED_TEST(PreferencesTest, ListsTheKeysOfTheWholeSearchList) {
+  EXPECT_THAT(this->preferences().copyAppKeyList(kDomain), ::testing::IsEmpty());
+  this->fixture.administratorSets("ofAnyUser", 1);
+  this->write("b", 1);
+  this->write("a", 2, Host::Current);
+  this->write("b", 3, Host::Current);
+  this->write("gone", 4);
+  this->write("gone", nullptr);
+  this->preferences().setValue("elsewhere", 5, "com.vantor.other", User::Current, Host::Any);
+  EXPECT_THAT(this->preferences().copyAppKeyList(kDomain),
+              ::testing::ElementsAre("a", "b", "ofAnyUser"));
+}
+
 TYPED_TEST(PreferencesTest, GivesBackEveryKindOfValue) {
   const std::vector<Value> values = {
       true,
