@@ -28,6 +28,10 @@ class HSPropertyListProvider final : public HSDataProvider {
   // not: what they fetch says who is to be trusted.
   void setShouldProcessProtocol(bool should) { _shouldProcessProtocol = should; }
   bool shouldProcessProtocol() const { return _shouldProcessProtocol; }
+  // Of the store protocol: whether its dialogs are shown (unless set: no), and whether the download
+  // service is told that something waits for it (unless set: yes).
+  void setShouldProcessDialogs(bool should) { _shouldProcessDialogs = should; }
+  void setShouldTriggerDownloads(bool should) { _shouldTriggerDownloads = should; }
 
   Result<Value> outputForResponse(const HTTPResponse& response) override;
   // What the last response decoded to.
@@ -36,6 +40,8 @@ class HSPropertyListProvider final : public HSDataProvider {
  private:
   std::shared_ptr<const HSStoreClient> _storeClient;
   bool _shouldProcessProtocol = true;
+  bool _shouldProcessDialogs = false;
+  bool _shouldTriggerDownloads = true;
   Value _output;
 };
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/VendBase/HSAccountServiceForwarder.h"
+#include "platform/XPC/RemoteDownloadService.h"
 
 namespace tallow {
 
@@ -11,6 +12,7 @@ namespace {
 struct LocalServices {
   std::mutex lock;
   HSServiceProxy::LocalAccountService accountService;
+  HSServiceProxy::Peers peers;
 };
 
 LocalServices& localServices() {
@@ -22,6 +24,12 @@ HSServiceProxy::LocalAccountService localAccountService() {
   LocalServices& services = localServices();
   const std::lock_guard guard(services.lock);
   return services.accountService;
+}
+
+HSServiceProxy::Peers peersInPlace() {
+  LocalServices& services = localServices();
+  const std::lock_guard guard(services.lock);
+  return services.peers;
 }
 
 }  // namespace
@@ -38,6 +46,17 @@ std::shared_ptr<HSAccountService> HSServiceProxy::accountService() {
       _accountService = std::make_shared<HSAccountServiceForwarder>(std::move(local));
   }
   return _accountService;
+}
+
+std::shared_ptr<HSDownloadService> HSServiceProxy::downloadService() {
+  if (const auto replacement = peersInPlace().downloadService) return replacement(_storeClient);
+  return std::make_shared<RemoteDownloadService>(_storeClient);
+}
+
+HSServiceProxy::Peers HSServiceProxy::setPeers(Peers peers) {
+  LocalServices& services = localServices();
+  const std::lock_guard guard(services.lock);
+  return std::exchange(services.peers, std::move(peers));
 }
 
 HSServiceProxy::LocalAccountService HSServiceProxy::setLocalAccountService(

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "platform/VendBase/HSAccountService.h"
+#include "platform/VendBase/HSDownloadService.h"
 #include "platform/VendBase/HSStoreClient.h"
 
 namespace tallow {
@@ -20,12 +21,21 @@ class HSServiceProxy {
 
   // Never null in the daemon; null in a process that has set no local account service.
   std::shared_ptr<HSAccountService> accountService();
+  // The peer on the bus; never null. It may not be there when asked: then its reply says so.
+  std::shared_ptr<HSDownloadService> downloadService();
 
   // Names the in-process account service: makes an interface object for a client. Set once, by the
   // service's host, before the first request (tests set a fake).
   using LocalAccountService =
       std::function<std::shared_ptr<HSAccountService>(std::shared_ptr<const HSStoreClient>)>;
   static LocalAccountService setLocalAccountService(LocalAccountService factory);  // the previous
+
+  // What takes the place of the peers on the bus (tests); empty: the peers themselves.
+  using Client = std::shared_ptr<const HSStoreClient>;
+  struct Peers {
+    std::function<std::shared_ptr<HSDownloadService>(Client)> downloadService;
+  };
+  static Peers setPeers(Peers peers);  // the previous
 
  private:
   const std::shared_ptr<const HSStoreClient> _storeClient;

@@ -81,6 +81,15 @@ std::shared_ptr<HSStoreURLOperation> HSStoreURLOperation::pingOperationWithUrl(
   return operation;
 }
 
+std::shared_ptr<HSStoreURLOperation> HSStoreURLOperation::propertyListOperationWithURLBagKey(
+    std::string key, std::shared_ptr<const HSStoreClient> storeClient) {
+  auto operation = std::make_shared<HSStoreURLOperation>(storeClient);
+  operation->setURLBagKey(std::move(key));
+  operation->setDataProvider(
+      HSPropertyListProvider::providerWithStoreClient(std::move(storeClient)));
+  return operation;
+}
+
 void HSStoreURLOperation::getVantorMaxAge(double* maxAge) const {
   if (!_response) return;
   if (const std::optional<double> stated = _response->cacheControlMaxAgeSeconds())

@@ -61,6 +61,10 @@ class HSStoreURLOperation : public HSOperation {
   static std::shared_ptr<HSStoreURLOperation> pingOperationWithUrl(
       URL url, std::shared_ptr<const HSStoreClient> storeClient);
 
+  // A request to the URL that the bag has under the key, whose answer is a property list.
+  static std::shared_ptr<HSStoreURLOperation> propertyListOperationWithURLBagKey(
+      std::string key, std::shared_ptr<const HSStoreClient> storeClient);
+
   void setRequest(HSURLRequest request) { _request = std::move(request); }
   const HSURLRequest& request() const { return _request; }
   void setURLBagKey(std::string key) { _urlBagKey = std::move(key); }
@@ -75,6 +79,14 @@ class HSStoreURLOperation : public HSOperation {
   // Three tries in all, with growing, jittered pauses, within the time of the run. A request that
   // may have reached the server is only repeated when repeating it changes nothing.
   void setShouldRetryOnNetworkError(bool retry) { _shouldRetryOnNetworkError = retry; }
+  // Whether the account has to be signed in. Yes: if it is not, somebody is asked to sign in before
+  // the request goes out. Unless set: when the store answers that it has to be. No: never.
+  void setNeedsAuthentication(bool needs) { _needsAuthentication = needs; }
+  // Sends the primary account's DSID and token with the request, where there are such.
+  void setSendToken(bool send) { _sendToken = send; }
+  // An answer that orders a machine-identity action is not taken; the request is sent once more
+  // when the action has been carried out.
+  void setShouldRetryOnSilentOrvAction(bool retry) { _shouldRetryOnSilentOrvAction = retry; }
   // Whether the run waits until the account service has taken in a response's cookies and
   // storefront before it goes on (the default). A run under a lock that taking them in needs must
   // not wait.
@@ -112,6 +124,9 @@ class HSStoreURLOperation : public HSOperation {
   std::shared_ptr<HSDataProvider> _dataProvider;
   bool _urlKnownToBeTrusted = false;
   bool _shouldRetryOnNetworkError = false;
+  bool _shouldRetryOnSilentOrvAction = false;
+  std::optional<bool> _needsAuthentication;
+  bool _sendToken = false;
   bool _waitsForResponseIntake = true;
   std::optional<double> _totalTimeoutSeconds;
   double _deadline = 0;  // on the monotonic clock

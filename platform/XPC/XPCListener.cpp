@@ -12,6 +12,7 @@
 #include "platform/XPC/BusConnection.h"
 #include "platform/XPC/CallerTable.h"
 #include "platform/XPC/LogControlObject.h"
+#include "platform/XPC/PeerConnection.h"
 
 namespace tallow {
 
@@ -49,6 +50,7 @@ class BusListener final : public XPCListener {
       return makeError(kClassName, -1,
                        "cannot publish " + _serviceName + ": " + error.getMessage());
     }
+    PeerConnection::setBus(_connection);
     _connection->start(_invalidated);
     logLevel(3, "%@: serving %@", kClassName, _serviceName);
     return std::nullopt;
@@ -58,6 +60,7 @@ class BusListener final : public XPCListener {
     if (!_connection) return;
     sd_notify(0, "STOPPING=1");
     _serveTheRest();
+    PeerConnection::setBus(nullptr);
     _connection->stop();
     _withdraw();
   }

@@ -1,0 +1,62 @@
+#include "platform/XPC/PeerConnection.h"
+
+#include <mutex>
+
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "PeerConnection";
+
+struct SharedBus {
+  std::mutex lock;
+  std::shared_ptr<BusConnection> connection;
+};
+
+SharedBus& sharedBus() {
+  static SharedBus& shared = *new SharedBus;
+  return shared;
+}
+
+}  // namespace
+
+void PeerConnection::setBus(std::shared_ptr<BusConnection> bus) {
+  SharedBus& shared = sharedBus();
+  const std::lock_guard guard(shared.lock);
+  shared.connection.swap(bus);  // the previous one goes outside the lock
+}
+
+std::shared_ptr<BusConnection> PeerConnection::bus() {
+  SharedBus& shared = sharedBus();
+  const std::lock_guard guard(shared.lock);
+  return shared.connection;
+}
+
+Error PeerConnection::_absent(const Address& peer, const std::string& why) {
+  logLevel(2, "%@: The %s is not available: %@", kClassName, peer.what, why);
+  return HSError(kHSErrorServiceUnavailable, std::nullopt,
+                 format("The %s is not available", peer.what));
+}
+
+Error PeerConnection::_errorFrom(const Address& peer, const sdbus::Error& error) {
+  const std::string name = bus::errorName(error);
+  // Of the bus, of sd-bus, and of this service's own kind: nobody has answered.
+  for (const char* unanswered :
+       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+        "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout",
+        "org.freedesktop.DBus.Error.TimedOut", "org.freedesktop.DBus.Error.Disconnected",
+        "System.Error.ETIMEDOUT", "System.Error.ENOTCONN", "System.Error.ECONNRESET",
+        "com.vantor.Error.NoReply"}) {
+    if (name == unanswered) return _absent(peer, error.getMessage());
+  }
+  if (name.starts_with("org.freedesktop.DBus.Error.Spawn"))
+    return _absent(peer, error.getMessage());
+  logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer.what, name,
+           error.getMessage());
+  return makeError(name, -1, error.getMessage());
+}
+
+}  // namespace tallow

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/Base/Error.h"
+#include "platform/XPC/BusConnection.h"
+#include "platform/XPC/WireTypes.h"
+
+namespace tallow {
+
+// The way to one peer of the service: an object on the bus, found under a well-known name and
+// started by the bus if need be. Calls go out on the connection that the service serves on, so that
+// a peer can tell who asks, and never wait. Any thread.
+class PeerConnection {
+ public:
+  // Where a peer is found.
+  struct Address {
+    const char* what;  // for people: "download service"
+    const char* name;
+    const char* path;
+    const char* interface;
+  };
+  // What the bus itself waits for an answer.
+  static constexpr std::chrono::seconds kUsualPatience{25};
+
+  // The connection that peers are called on; nullptr takes it back. By the listener.
+  static void setBus(std::shared_ptr<BusConnection> bus);
+  static std::shared_ptr<BusConnection> bus();
+
+  // Calls the peer's method. `reply` runs exactly once, on the bus's reading thread or, where there
+  // is no bus, on the calling one; it must not block. Its error is kHSErrorServiceUnavailable when
+  // the peer is not there and cannot be started, goes away before it has answered, or does not
+  // answer within `patience`; any other error of the bus is passed on with its text.
+  template <class... Results, class... Arguments>
+  static void call(const Address& to, const char* method, std::chrono::seconds patience,
+                   std::function<void(std::optional<Error>, Results...)> reply,
+                   Arguments... arguments) {
+    const auto pending = std::make_shared<Pending<Results...>>(to, std::move(reply));
+    const std::shared_ptr<BusConnection> connection = bus();
+    if (!connection) return;  // which answers
+    connection->post([weak = std::weak_ptr(connection), to, method, patience, pending,
+                      ... arguments = std::move(arguments)] {
+      const auto open = weak.lock();
+      if (!open) return;
+      try {
+        const std::shared_ptr<sdbus::IProxy> peer =
+            bus::makeProxy(open->connection(), to.name, to.path);
+        peer->callMethodAsync(method)
+            .onInterface(to.interface)
+            .withTimeout(patience)
+            .withArguments(arguments...)
+            .uponReplyInvoke(
+                [weak, peer, pending](bus::CallError error, const Results&... results) {
+                  if (error) {
+                    pending->fail(*error);
+                  } else {
+                    pending->answer(results...);
+                  }
+                  // The proxy is in use until this handler has returned.
+                  if (const auto still = weak.lock()) still->post([peer] {});
+                });
+      } catch (const sdbus::Error& error) {
+        pending->fail(error);
+      }
+    });
+  }
+
+ private:
+  // Answers in the end, if only because nobody is left who could.
+  template <class... Results>
+  class Pending {
+   public:
+    Pending(const Address& to, std::function<void(std::optional<Error>, Results...)> reply)
+        : _to(to), _reply(std::move(reply)) {}
+    ~Pending() { _finish(_absent(_to, "there is no bus"), Results()...); }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+
+    void answer(const Results&... results) { _finish(std::nullopt, results...); }
+    void fail(const sdbus::Error& error) { _finish(_errorFrom(_to, error), Results()...); }
+
+   private:
+    void _finish(std::optional<Error> error, Results... results) {
+      if (const auto reply = std::exchange(_reply, nullptr))
+        reply(std::move(error), std::move(results)...);
+    }
+    const Address _to;
+    std::function<void(std::optional<Error>, Results...)> _reply;
+  };
+
+  static Error _absent(const Address& peer, const std::string& why);
+  static Error _errorFrom(const Address& peer, const sdbus::Error& error);
+};
+
+}  // namespace tallow
