@@ -1,0 +1,41 @@
+#include "platform/VendBase/HSAuthenticationResponse.h"
+
+#include "platform/VendBase/HSStoreAccount.h"
+
+namespace tallow {
+
+std::optional<std::string> HSAuthenticationResponse::string(std::string_view key) const {
+  const Value& value = _responseDictionary[key];
+  return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
+}
+
+std::optional<std::uint64_t> HSAuthenticationResponse::dsID() const {
+  if (auto dsID = HSStoreAccount::dsidFromPlistValue(_responseDictionary["dsPersonId"]))
+    return dsID;
+  return HSStoreAccount::dsidFromPlistValue(_responseDictionary["dsid"]);
+}
+
+std::optional<std::string> HSAuthenticationResponse::identifier() const {
+  return string("identifier");
+}
+
+std::optional<std::string> HSAuthenticationResponse::token() const {
+  auto token = string("token");
+  return token && !token->empty() ? token : std::nullopt;
+}
+
+std::optional<std::string> HSAuthenticationResponse::storeFront() const {
+  return string("storefront");
+}
+
+std::optional<std::string> HSAuthenticationResponse::creditString() const {
+  return string("creditDisplay");
+}
+
+std::optional<std::int64_t> HSAuthenticationResponse::kind() const {
+  const Value& kind = _responseDictionary["kind"];
+  if (!kind.isNumber() || kind.boolean() != nullptr || kind.isReal()) return std::nullopt;
+  return kind.signedValue();
+}
+
+}  // namespace tallow

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/Base/Value.h"
+
+namespace tallow {
+
+// What a store answered to somebody who proved who they are: whose account it is and the token that
+// stands for the password from now on. Made from the store's own property list, which is what
+// travels; this class only reads it. Keys, each of which may be absent or of the wrong type and is
+// then nil:
+//
+//   "dsPersonId", else "dsid"   the account's DSID, a number or its decimal text
+//   "identifier"                the account name
+//   "token"                     the token, a string that is not empty
+//   "storefront"                the account's storefront identifier
+//   "creditDisplay"             the account's credit, for people
+//   "kind"                      the account's kind, an integer
+//
+// A plain value; the token is in it, so it is never logged or sent to other callers.
+class HSAuthenticationResponse {
+ public:
+  HSAuthenticationResponse() = default;
+  explicit HSAuthenticationResponse(Dictionary responseDictionary)
+      : _responseDictionary(std::move(responseDictionary)) {}
+
+  const Dictionary& responseDictionary() const { return _responseDictionary; }
+
+  std::optional<std::uint64_t> dsID() const;
+  std::optional<std::string> identifier() const;
+  std::optional<std::string> token() const;
+  std::optional<std::string> storeFront() const;
+  std::optional<std::string> creditString() const;
+  std::optional<std::int64_t> kind() const;
+
+ private:
+  std::optional<std::string> string(std::string_view key) const;
+
+  Dictionary _responseDictionary;
+};
+
+}  // namespace tallow
