@@ -4,6 +4,7 @@
 
 #include "platform/VendBase/HSAccountServiceForwarder.h"
 #include "platform/XPC/RemoteDownloadService.h"
+#include "platform/XPC/RemoteTransactionService.h"
 
 namespace tallow {
 
@@ -51,6 +52,11 @@ std::shared_ptr<HSAccountService> HSServiceProxy::accountService() {
 std::shared_ptr<HSDownloadService> HSServiceProxy::downloadService() {
   if (const auto replacement = peersInPlace().downloadService) return replacement(_storeClient);
   return std::make_shared<RemoteDownloadService>(_storeClient);
+}
+
+std::shared_ptr<HSTransactionService> HSServiceProxy::transactionService() {
+  if (const auto replacement = peersInPlace().transactionService) return replacement(_storeClient);
+  return std::make_shared<RemoteTransactionService>(_storeClient);
 }
 
 HSServiceProxy::Peers HSServiceProxy::setPeers(Peers peers) {

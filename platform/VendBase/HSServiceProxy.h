@@ -7,6 +7,7 @@
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/VendBase/HSDownloadService.h"
 #include "platform/VendBase/HSStoreClient.h"
+#include "platform/VendBase/HSTransactionService.h"
 
 namespace tallow {
 
@@ -21,8 +22,9 @@ class HSServiceProxy {
 
   // Never null in the daemon; null in a process that has set no local account service.
   std::shared_ptr<HSAccountService> accountService();
-  // The peer on the bus; never null. It may not be there when asked: then its reply says so.
+  // The peers on the bus; never null. One may not be there when asked: then its reply says so.
   std::shared_ptr<HSDownloadService> downloadService();
+  std::shared_ptr<HSTransactionService> transactionService();
 
   // Names the in-process account service: makes an interface object for a client. Set once, by the
   // service's host, before the first request (tests set a fake).
@@ -34,6 +36,7 @@ class HSServiceProxy {
   using Client = std::shared_ptr<const HSStoreClient>;
   struct Peers {
     std::function<std::shared_ptr<HSDownloadService>(Client)> downloadService;
+    std::function<std::shared_ptr<HSTransactionService>(Client)> transactionService;
   };
   static Peers setPeers(Peers peers);  // the previous
 

@@ -12,6 +12,7 @@
 #include "platform/XPC/BusConnection.h"
 #include "platform/XPC/CallerTable.h"
 #include "platform/XPC/LogControlObject.h"
+#include "platform/XPC/NotificationCenterObject.h"
 #include "platform/XPC/PeerConnection.h"
 
 namespace tallow {
@@ -71,6 +72,8 @@ class BusListener final : public XPCListener {
     _callers = std::make_unique<CallerTable>(_connection, *_delegate, isSession);
     _object = std::make_shared<AccountServiceObject>(connection, *_callers, _status);
     _logControl = std::make_unique<LogControlObject>(connection);
+    _notificationCenter =
+        std::make_unique<NotificationCenterObject>(connection, AccountServiceObject::kPath);
     bus::requestName(connection, _serviceName);
   }
 
@@ -91,6 +94,7 @@ class BusListener final : public XPCListener {
   }
 
   void _withdraw() {
+    _notificationCenter.reset();
     _logControl.reset();
     _connection->keepUntilClosed(std::move(_object));
     _callers.reset();
@@ -107,6 +111,7 @@ class BusListener final : public XPCListener {
   std::unique_ptr<CallerTable> _callers;
   std::shared_ptr<AccountServiceObject> _object;
   std::unique_ptr<LogControlObject> _logControl;
+  std::unique_ptr<NotificationCenterObject> _notificationCenter;
 };
 
 }  // namespace

@@ -1,0 +1,27 @@
+#include "platform/XPC/XPCTransaction.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+
+namespace tallow {
+
+namespace {
+std::atomic<std::int64_t> openTransactions{0};
+}  // namespace
+
+void XPCTransaction::begin() {
+  ++openTransactions;
+}
+
+void XPCTransaction::end() {
+  if (openTransactions-- > 0) return;
+  std::fputs("XPCTransaction: ended more transactions than have begun\n", stderr);
+  std::abort();
+}
+
+std::int64_t XPCTransaction::count() {
+  return openTransactions;
+}
+
+}  // namespace tallow

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+namespace tallow {
+
+// The process's open transactions: while there is one, the process is not to be ended for being
+// idle. A plain count, begun and ended by whoever holds something that would be lost. Any thread.
+class XPCTransaction {
+ public:
+  static void begin();
+  // To end more than have begun is a programmer error and aborts.
+  static void end();
+  static std::int64_t count();
+};
+
+}  // namespace tallow
