@@ -16,16 +16,18 @@
 
 namespace tallow {
 
-// The one rule by which a store client finds its controller: one entry per client identifier, made
-// on first use, kept for the life of the process. An Outfitter client (type 2) whose descriptor has
-// changed gets a new entry in place of the old one; every other client keeps the entry it has, even
-// when its descriptor differs.
+// The one rule by which a store client finds its controller: one entry per client identifier (or
+// whatever else the controller class says that its clients share it by), made on first use, kept
+// for the life of the process. An Outfitter client (type 2) whose descriptor has changed gets a new
+// entry in place of the old one; every other client keeps the entry it has, even when its
+// descriptor differs.
 //
 // One registry per controller class, owned by that class. One lock guards it; making an entry
 // happens under that lock. Any thread may ask.
 //
 // Controller provides: kClassName; storeClient(); static initWithStoreClient(client) -> shared_ptr,
-// null when it cannot be made (then nothing is registered).
+// null when it cannot be made (then nothing is registered); and where clients with different
+// identifiers share one, static registryKey(client).
 template <class Controller>
 class ClientRegistry {
  public:
@@ -56,7 +58,7 @@ class ClientRegistry {
       return nullptr;
     }
     const Holding holding(*this);
-    if (const auto found = _entries.find(*client->identifier); found != _entries.end()) {
+    if (const auto found = _entries.find(keyFor(*client)); found != _entries.end()) {
       if (!mustReplace(*found->second, *client)) return found->second;
       logLevel(1, "%@: Outfitter is updated, %s is switching", Controller::kClassName,
                _texts.switchingSubject);
@@ -70,7 +72,7 @@ class ClientRegistry {
     if (!client || !client->identifier || isHeldByCurrentThread()) return nullptr;
     const std::unique_lock lock(_lock, std::try_to_lock);
     if (!lock) return nullptr;
-    const auto found = _entries.find(*client->identifier);
+    const auto found = _entries.find(keyFor(*client));
     if (found == _entries.end() || mustReplace(*found->second, *client)) return nullptr;
     return found->second;
   }
@@ -104,6 +106,13 @@ class ClientRegistry {
     std::lock_guard<std::mutex> _guard;
   };
 
+  static decltype(auto) keyFor(const HSStoreClient& client) {
+    if constexpr (requires { Controller::registryKey(client); })
+      return Controller::registryKey(client);
+    else
+      return (*client.identifier);
+  }
+
   bool mustReplace(const Controller& entry, const HSStoreClient& client) const {
     return !_texts.switchingSubject.empty() && client.clientType == kHSStoreClientTypeOutfitter &&
            entry._storeClientUpdated(client);
@@ -112,7 +121,7 @@ class ClientRegistry {
   Entry makeEntry(const Client& client, bool replacing) {
     Entry entry = Controller::initWithStoreClient(client);
     if (!entry) return nullptr;
-    _entries.insert_or_assign(*client->identifier, entry);
+    _entries.insert_or_assign(keyFor(*client), entry);
     if (replacing && _replaced) _replaced(*entry);
     return entry;
   }

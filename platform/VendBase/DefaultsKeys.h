@@ -12,4 +12,15 @@ inline constexpr const char* kDefaultsNextClientIDPingDateKey = "NextClientIDPin
 inline constexpr const char* kDefaultsUseSystemCookieStoreKey = "UseSystemCookieStore";
 inline constexpr const char* kDefaultsStorefrontKey = "Storefront";
 
+// Accounts. The first is also the name of the flat record of older versions.
+inline constexpr const char* kDefaultsPrimaryAccountKey = "PrimaryAccount";
+inline constexpr const char* kDefaultsKnownAccountsKey = "KnownAccounts";
+inline constexpr const char* kDefaultsPrimaryAccountMigratedKey = "PrimaryAccountMigrated";
+
+// Retail demo mode.
+inline constexpr const char* kDefaultsHarlowDemoModeKey = "HarlowDemoMode";
+inline constexpr const char* kDefaultsHarlowDemoAccountName = "HarlowDemoAccountName";
+inline constexpr const char* kDefaultsHarlowDemoAccountPassword = "HarlowDemoAccountPassword";
+inline constexpr const char* kDefaultsHarlowDemoAutoLogin = "HarlowDemoAutoLogin";
+
 }  // namespace tallow

@@ -104,6 +104,10 @@ void HSStoreAccount::setDsID(std::optional<std::uint64_t> dsID) {
 std::optional<std::string> HSStoreAccount::identifier() const {
   return copyOf(&Fields::identifier);
 }
+bool HSStoreAccount::hasIdentifier(std::string_view identifier) const {
+  const std::lock_guard lock(_lock);
+  return _fields.identifier == identifier;
+}
 void HSStoreAccount::setIdentifier(std::optional<std::string> identifier) {
   set(&Fields::identifier, std::move(identifier));
 }

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Base/Date.h"
 #include "platform/Base/Value.h"
@@ -56,6 +57,7 @@ class HSStoreAccount {
   void setDsID(std::optional<std::uint64_t> dsID);
   // The account name.
   std::optional<std::string> identifier() const;
+  bool hasIdentifier(std::string_view identifier) const;
   void setIdentifier(std::optional<std::string> identifier);
   bool isSignedIn() const;
   void setIsSignedIn(bool isSignedIn);

@@ -1,0 +1,201 @@
+#include "src/AccountService/AccountStore.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/Concurrency/WorkerPool.h"
+#include "src/AccountService/HSStoreAccount+AccountService.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr double kTokenSeconds = 900;
+
+}  // namespace
+
+ClientRegistry<AccountStore>& AccountStore::registry() {
+  static auto& registry = *new ClientRegistry<AccountStore>({"storeForClient:", "store"});
+  return registry;
+}
+
+std::string AccountStore::registryKey(const HSStoreClient& client) {
+  return std::to_string(client.clientType) + '/' + std::to_string(client.requiredBagType);
+}
+
+std::shared_ptr<AccountStore> AccountStore::accountStoreForClient(
+    const std::shared_ptr<const HSStoreClient>& client) {
+  return registry().entryForClient(client);
+}
+
+std::shared_ptr<AccountStore> AccountStore::accountStoreForClientIfAtHand(
+    const std::shared_ptr<const HSStoreClient>& client) {
+  return registry().entryForClientIfAtHand(client);
+}
+
+std::shared_ptr<AccountStore> AccountStore::initWithStoreClient(
+    std::shared_ptr<const HSStoreClient> client) {
+  std::shared_ptr<AccountStore> store(new AccountStore(std::move(client)));
+  store->loadAccountsFromPersistedStore();
+  return store;
+}
+
+AccountStore::AccountStore(std::shared_ptr<const HSStoreClient> client)
+    : ClientController(client),
+      _requestQueue(format("AccountStore Request Queue (%@)", client->identifier)),
+      _serviceProxy(client) {}
+
+// Queries
+
+std::vector<AccountStore::Account> AccountStore::accounts() const {
+  return _requestQueue.sync([&] { return _accounts; });
+}
+
+AccountStore::Account AccountStore::primaryAccount() const {
+  return _requestQueue.sync([&] { return _primaryAccount; });
+}
+
+std::optional<AccountStore::Account> AccountStore::primaryAccountIfIdle() const {
+  std::optional<Account> primary;
+  _requestQueue.trySync([&] { primary = _primaryAccount; });
+  return primary;
+}
+
+bool AccountStore::isPrimaryAccount(const HSStoreAccount& account) const {
+  const auto dsID = account.dsID();
+  return _requestQueue.sync(
+      [&] { return _primaryAccount && dsID && _primaryAccount->dsID() == dsID; });
+}
+
+AccountStore::Account AccountStore::_nonThreadSafeAccountForDSID(
+    std::optional<std::uint64_t> dsID) const {
+  if (!dsID) return nullptr;
+  const auto found = _accountsByDSID.find(*dsID);
+  return found != _accountsByDSID.end() ? found->second : nullptr;
+}
+
+AccountStore::Account AccountStore::accountWithDSID(std::optional<std::uint64_t> dsID) const {
+  return _requestQueue.sync([&] { return _nonThreadSafeAccountForDSID(dsID); });
+}
+
+AccountStore::Account AccountStore::accountWithVantorID(
+    const std::optional<std::string>& vantorID) const {
+  if (!vantorID) return nullptr;
+  return _requestQueue.sync([&]() -> Account {
+    const auto found =
+        std::find_if(_accounts.begin(), _accounts.end(),
+                     [&](const Account& account) { return account->hasIdentifier(*vantorID); });
+    return found != _accounts.end() ? *found : nullptr;
+  });
+}
+
+// Changes
+
+void AccountStore::setAccountsOnQueue(std::vector<Account> accounts) {
+  _accounts = std::move(accounts);
+  _accountsByDSID.clear();
+  for (const Account& account : _accounts)
+    if (const auto dsID = account->dsID()) _accountsByDSID.emplace(*dsID, account);
+}
+
+void AccountStore::addAccount(const Account& account) {
+  _requestQueue.sync([&] {
+    if (const auto dsID = account->dsID()) {
+      if (_accountsByDSID.contains(*dsID))
+        std::erase_if(_accounts, [&](const Account& known) { return known->dsID() == dsID; });
+      _accountsByDSID.insert_or_assign(*dsID, account);
+    }
+    _accounts.push_back(account);
+  });
+  writeAccountsToPersistedStore();
+}
+
+AccountStore::Account AccountStore::makeAccountPrimary(const Account& account) {
+  const bool changed =
+      _requestQueue.sync([&] { return std::exchange(_primaryAccount, account) != account; });
+  if (changed) writeAccountsToPersistedStore();
+  return primaryAccount();
+}
+
+// Observers
+
+void AccountStore::addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer) {
+  const std::lock_guard lock(_observersLock);
+  if (observer) _observers.push_back(std::move(observer));
+}
+
+void AccountStore::removeAccountStoreObserver(
+    const std::shared_ptr<HSAccountStoreObserver>& observer) {
+  const std::lock_guard lock(_observersLock);
+  if (observer) std::erase(_observers, observer);
+}
+
+void AccountStore::_primaryAccountDidChange() {
+  const Account primary = primaryAccount();
+  std::vector<std::shared_ptr<HSAccountStoreObserver>> observers;
+  {
+    const std::lock_guard lock(_observersLock);
+    observers = _observers;
+  }
+  for (const auto& observer : observers) observer->primaryAccountDidChange(primary);
+}
+
+// Signing in
+
+AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
+    const HSAuthenticationResponse& response, bool makePrimary) {
+  Account account = accountWithDSID(response.dsID());
+  if (!account) {
+    account = std::make_shared<HSStoreAccount>();
+    account->setBagType(storeClient()->requiredBagType);
+  }
+  _requestQueue.sync([&] {
+    // First: a timer of an earlier sign-in that is just firing must not take the new token along.
+    account->retireTokenExpirationTimer();
+    account->mergeValuesFromAuthenticationResponse(response);
+    resetTokenExpirationTimerWithInterval(account, kTokenSeconds);
+    if (makePrimary) _primaryAccount = account;
+  });
+  if (account->isAuthenticated())
+    // The token is in this line; that is how it has always been told what was issued to whom.
+    logLevel(2, "%@: Signed in for account (%@, %@, %@)", kClassName, account->dsID(),
+             account->identifier(), account->token());
+  addAccount(account);
+  if (makePrimary) _primaryAccountDidChange();
+  return account;
+}
+
+void AccountStore::signInWithContext(const HSAuthenticationContext& context,
+                                     SignInHandler completionHandler) {
+  _serviceProxy.transactionService()->dsidByAuthenticatingWithContext(
+      context, [self = shared_from_this(), handler = std::move(completionHandler)](
+                   bool success, std::optional<std::uint64_t> dsID, std::optional<Error> error) {
+        if (!handler) return;
+        // The answer comes on the thread that reads the bus, and the queue may be busy writing.
+        WorkerPool::shared().async([self, handler, success, dsID, error = std::move(error)] {
+          handler(success, dsID ? self->accountWithDSID(dsID) : nullptr, error);
+        });
+      });
+}
+
+bool AccountStore::authIsExpired() const {
+  const Account primary = primaryAccount();
+  return !primary || !primary->isAuthenticated() || !primary->hasValidStrongToken();
+}
+
+void AccountStore::parseCreditStringForProtocol(const Dictionary& protocol) {
+  Account account;
+  if (const auto person = HSStoreAccount::dsidFromPlistValue(protocol["dsPersonId"]))
+    account = accountWithDSID(person);
+  else if (const auto dsID = HSStoreAccount::dsidFromPlistValue(protocol["dsid"]))
+    account = accountWithDSID(dsID);
+  else
+    account = primaryAccount();
+  const std::string* credit = protocol["creditDisplay"].string();
+  if (!account || credit == nullptr) return;
+  logLevel(2, "%@: Found credit string %@ for account %@", kClassName, *credit, account->dsID());
+  account->setCreditString(*credit);
+  writeAccountsToPersistedStore();
+}
+
+}  // namespace tallow

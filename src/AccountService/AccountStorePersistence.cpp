@@ -1,0 +1,187 @@
+// How an account store is kept in the preferences. In the agent domain of its client, for the
+// current user and any host:
+//
+//   "PrimaryAccount"          a dictionary by client type of dictionaries by bag type of account
+//                             records ("0", "1", ...): each store has an entry of its own
+//   "KnownAccounts"           an array of account records; one for all stores of the domain, and
+//                             whoever writes last writes all of it
+//   "PrimaryAccountMigrated"  true once it has been looked whether an older version left anything
+//
+// Older versions kept one record, flat, under "PrimaryAccount" in the domain of the client's
+// identifier or of its agent; the media store keeps its account in settings of its own.
+
+#include <utility>
+
+#include "platform/VendBase/DefaultsKeys.h"
+#include "src/AccountService/AccountStore.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kMediaStoreDomain = "com.vantor.Harlow";
+
+Value currentUserValue(const char* key, const std::string& domain) {
+  return Preferences::shared().copyValue(key, domain, Preferences::User::Current,
+                                         Preferences::Host::Any);
+}
+
+// The entry, or nil where the value is no dictionary.
+Value entry(const Value& value, const std::string& key) {
+  return value.dictionary() != nullptr ? (*value.dictionary())[key] : Value();
+}
+
+Dictionary dictionaryOrEmpty(const Value& value) {
+  return value.dictionary() != nullptr ? *value.dictionary() : Dictionary();
+}
+
+// Null for what is no record, and for a record without a DSID.
+AccountStore::Account accountFromRecord(const Value& record) {
+  if (record.dictionary() == nullptr) return nullptr;
+  auto account = HSStoreAccount::initWithPersistedStoreDictionary(*record.dictionary());
+  return account->dsID() ? account : nullptr;
+}
+
+std::string typeKey(const HSStoreClient& client) {
+  return std::to_string(client.clientType);
+}
+
+std::string bagKey(const HSStoreClient& client) {
+  return std::to_string(client.requiredBagType);
+}
+
+// Where the agents of old kept the flat record.
+std::optional<std::string> oldAgentDomain(std::int64_t clientType) {
+  switch (clientType) {
+    case kHSStoreClientTypeStoreAgent:
+      return "com.vantor.pellagent";
+    case kHSStoreClientTypeBookStoreAgent:
+      return "com.vantor.folioagent";
+    default:
+      return std::nullopt;
+  }
+}
+
+}  // namespace
+
+void AccountStore::loadAccountsFromPersistedStore() {
+  const bool needsWrite = _requestQueue.sync([&] {
+    Account primary = persistedPrimaryAccount();
+    bool hasMigrated = false;
+    if (!primary) {
+      if (const auto record = _migratePersistedStore()) {
+        primary = accountFromRecord(*record);
+        hasMigrated = true;
+      }
+    }
+    const std::int64_t type = storeClient()->clientType;
+    if (!primary &&
+        (type == kHSStoreClientTypeMediaStore || type == kHSStoreClientTypeMediaStoreAgent))
+      primary = accountFromMediaStore();
+    _primaryAccount = primary;
+    setAccountsOnQueue(persistedKnownAccounts(primary, hasMigrated));
+    return hasMigrated;
+  });
+  if (needsWrite) writeAccountsToPersistedStore();
+}
+
+AccountStore::Account AccountStore::persistedPrimaryAccount() const {
+  const Value table =
+      currentUserValue(kDefaultsPrimaryAccountKey, storeClient()->agentPreferencesDomain);
+  return accountFromRecord(entry(entry(table, typeKey(*storeClient())), bagKey(*storeClient())));
+}
+
+std::optional<Dictionary> AccountStore::_migratePersistedStore() const {
+  const std::string& domain = storeClient()->agentPreferencesDomain;
+  Preferences& preferences = Preferences::shared();
+  if (preferences.getAppBooleanValue(kDefaultsPrimaryAccountMigratedKey, domain))
+    return std::nullopt;
+  // Before anything is read: a record that brings the service down is not read a second time.
+  preferences.setValue(kDefaultsPrimaryAccountMigratedKey, true, domain, Preferences::User::Current,
+                       Preferences::Host::Any);
+  preferences.synchronize(domain, Preferences::User::Current, Preferences::Host::Any);
+
+  Value flat = currentUserValue(kDefaultsPrimaryAccountKey, *storeClient()->identifier);
+  if (flat.isNil())
+    if (const auto agentDomain = oldAgentDomain(storeClient()->clientType))
+      flat = currentUserValue(kDefaultsPrimaryAccountKey, *agentDomain);
+  const Dictionary* record = flat.dictionary();
+  if (record == nullptr) return std::nullopt;
+  return accountFromRecord(flat) ? *record
+                                 : HSStoreAccount::migratePersistedStoreDictionary(*record);
+}
+
+AccountStore::Account AccountStore::accountFromMediaStore() const {
+  const Value vantorID = currentUserValue("Store Vantor ID", kMediaStoreDomain);
+  const Value dsID = currentUserValue("Store DSID", kMediaStoreDomain);
+  const Value storefront = currentUserValue("storefront", kMediaStoreDomain);
+  Account account;
+  if (vantorID.string() != nullptr && dsID.isNumber() && storefront.string() != nullptr)
+    account = accountFromRecord(Dictionary{{"bagtype", 1},
+                                           {"dsid", dsID},
+                                           {"identifier", vantorID},
+                                           {"kind", 0},
+                                           {"signedin", true},
+                                           {"storefront", storefront}});
+  if (!account)
+    logLevel(1,
+             "%@: failed to create primaryAccount vantorIDString:%@ dsidValue:%@ "
+             "storefrontString:%@",
+             kClassName, vantorID, dsID, storefront);
+  return account;
+}
+
+std::vector<AccountStore::Account> AccountStore::persistedKnownAccounts(const Account& primary,
+                                                                        bool hasMigrated) const {
+  std::vector<Account> accounts;
+  if (primary) accounts.push_back(primary);
+  const Value known =
+      currentUserValue(kDefaultsKnownAccountsKey, storeClient()->agentPreferencesDomain);
+  if (known.array() == nullptr) return accounts;
+  for (const Value& record : *known.array()) {
+    if (record.dictionary() == nullptr) continue;
+    Account account = accountFromRecord(record);
+    if (!account && hasMigrated)
+      if (const auto migrated =
+              HSStoreAccount::migratePersistedStoreDictionary(*record.dictionary()))
+        account = accountFromRecord(*migrated);
+    if (account && (!primary || account->dsID() != primary->dsID())) accounts.push_back(account);
+  }
+  return accounts;
+}
+
+void AccountStore::writeAccountsToPersistedStore() {
+  _requestQueue.sync([&] {
+    Preferences& preferences = Preferences::shared();
+    // One transaction: other stores, in other processes, too, write into the same table.
+    const bool isWritten =
+        preferences.update(storeClient()->agentPreferencesDomain,
+                           [&](Preferences::Editor& editor) { writeTo(editor); });
+    // The flush names the identifier's domain, not the one that was written; that is the one that
+    // the client's own processes watch.
+    const bool isFlushed = preferences.synchronize(
+        *storeClient()->identifier, Preferences::User::Current, Preferences::Host::Any);
+    if (!isWritten || !isFlushed)
+      logLevel(1, "%@: failed to writeAccountsToPersistedStore", kClassName);
+  });
+}
+
+void AccountStore::writeTo(Preferences::Editor& preferences) const {
+  Dictionary table;
+  for (const auto& byClientType : dictionaryOrEmpty(preferences.value(kDefaultsPrimaryAccountKey)))
+    // What is no dictionary is left over from the flat record of older versions.
+    if (byClientType.value.dictionary() != nullptr)
+      table = table.setting(byClientType.key, byClientType.value);
+  const std::string type = typeKey(*storeClient());
+  const auto primary = _primaryAccount ? _primaryAccount->persistedStoreDictionary() : std::nullopt;
+  const Dictionary mine = dictionaryOrEmpty(table[type]).setting(bagKey(*storeClient()), primary);
+  preferences.setValue(kDefaultsPrimaryAccountKey, table.setting(type, mine));
+
+  std::vector<Value> records;
+  records.reserve(_accounts.size());
+  for (const Account& account : _accounts)
+    if (auto record = account->persistedStoreDictionary()) records.emplace_back(*std::move(record));
+  preferences.setValue(kDefaultsKnownAccountsKey, Array(std::move(records)));
+}
+
+}  // namespace tallow
