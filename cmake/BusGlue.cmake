@@ -22,6 +22,7 @@ if(CMAKE_SCRIPT_MODE_FILE)
     string(REPLACE "std::map<std::string, sdbus::Variant>" "tallow::WireDictionary" text "${text}")
     string(REPLACE "sdbus::Struct<std::string, int64_t, tallow::WireDictionary>" "tallow::WireError"
       text "${text}")
+    string(REPLACE "sdbus::Struct<std::vector<uint8_t>>" "tallow::WireSecret" text "${text}")
     string(REPLACE "sdbus::Variant" "tallow::WireValue" text "${text}")
     string(REPLACE "std::map<std::string, std::string>" "tallow::WireHeaders" text "${text}")
     string(REPLACE "#include <sdbus-c++/sdbus-c++.h>\n" "#include \"platform/XPC/WireTypes.h\"\n"

@@ -223,6 +223,7 @@ Result<ClientDescriptor> ClientDescriptor::parse(std::string_view text, std::str
   TableReader table(parsed.table());
   const bool hasClient = table.boolean("store-client").value_or(true);
   descriptor.mayActAsOthers = table.boolean("may-act-as-others").value_or(false);
+  descriptor.mayShowDialogs = table.boolean("may-show-dialogs").value_or(false);
   readPatterns(table, descriptor.processes);
   if (hasClient) descriptor.client = readClient(table);
   if (const auto& problem = table.problem()) return refused(*problem);

@@ -29,6 +29,7 @@ struct ClientDescriptor {
   // Null for processes that have none ("store-client = false").
   std::shared_ptr<const HSStoreClient> client;
   bool mayActAsOthers = false;
+  bool mayShowDialogs = false;
   std::vector<Pattern> processes;  // any of these; none for a client that is only acted for
 
   bool matches(const ProcessIdentity& process) const;

@@ -46,6 +46,7 @@ void Caller::_decide(const Refusal* refusal) {
 }
 
 void Caller::forgetObservers() {
+  removeDialogAgent();
   for (auto& [path, observer] : std::exchange(_observers, {})) {
     observer->forget();
     if (_service) _service->removeURLBagObserver(observer, {});
@@ -58,6 +59,21 @@ std::shared_ptr<HSURLBagObserver> Caller::observerAt(const std::string& path) {
   auto observer = std::make_shared<RemoteURLBagObserver>(_bus, _uniqueName, path);
   _observers.emplace(path, observer);
   return observer;
+}
+
+bool Caller::setDialogAgentAt(const std::string& path) {
+  removeDialogAgent();
+  const auto& client = _connection.storeClient;
+  auto agent = std::make_shared<RemoteDialogAgent>(_uniqueName, path,
+                                                   client ? client->identifier.value_or("") : "");
+  if (!HSDialogCenter::shared().addAgent(agent)) return false;
+  _dialogAgent = std::move(agent);
+  return true;
+}
+
+void Caller::removeDialogAgent() {
+  if (const auto agent = std::exchange(_dialogAgent, nullptr))
+    HSDialogCenter::shared().removeAgent(agent);
 }
 
 std::shared_ptr<HSURLBagObserver> Caller::takeObserverAt(const std::string& path) {

@@ -8,6 +8,7 @@
 
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/XPC/PendingReply.h"
+#include "platform/XPC/RemoteDialogAgent.h"
 #include "platform/XPC/RemoteURLBagObserver.h"
 #include "platform/XPC/XPCConnection.h"
 
@@ -55,7 +56,7 @@ class Caller {
   void resume();
   // The kept calls are refused; else as resume().
   void turnAway(const Refusal& refusal);
-  // The caller is somebody else from now on, or has left.
+  // The caller is somebody else from now on, or has left; its dialog agent goes with them.
   void forgetObservers();
 
   // The one proxy of this caller's observer at `path`; null when it has too many.
@@ -63,6 +64,13 @@ class Caller {
   // The same, which is then no longer held; null when there is none.
   std::shared_ptr<HSURLBagObserver> takeObserverAt(const std::string& path);
   std::size_t observerCount() const { return _observers.size(); }
+
+  // The dialog agent that the caller exports at `path`, in place of the one it had; false when
+  // there are too many in all.
+  bool setDialogAgentAt(const std::string& path);
+  void removeDialogAgent();
+  // Null when it has none.
+  const RemoteDialogAgent* dialogAgent() const { return _dialogAgent.get(); }
 
  private:
   void _decide(const Refusal* refusal);
@@ -76,6 +84,7 @@ class Caller {
   std::shared_ptr<HSAccountService> _service;
   Refusal _refusal{};
   std::unordered_map<std::string, std::shared_ptr<RemoteURLBagObserver>> _observers;
+  std::shared_ptr<RemoteDialogAgent> _dialogAgent;
 };
 
 }  // namespace tallow

@@ -107,7 +107,7 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
     logLevel(3, "%@: %@ is %@, known by %@", kClassName, uniqueName, description(outcome.process),
              outcome.descriptor->fileName);
     _accept(*caller, {uniqueName, *outcome.uid, outcome.process.pid, outcome.descriptor->client,
-                      outcome.descriptor->mayActAsOthers});
+                      outcome.descriptor->mayActAsOthers, outcome.descriptor->mayShowDialogs});
   }
 }
 
@@ -186,6 +186,7 @@ Array CallerTable::describe() const {
                     {"uid", entry.uid},
                     {"waitingCalls", caller.counts()->waiting.load()},
                     {"observers", caller.observerCount()},
+                    {"showsDialogs", caller.dialogAgent() != nullptr},
                     {"refused", !caller.isUndecided() && caller.refusal() != nullptr}};
     if (caller.refusal() == nullptr) {
       line = line.setting("pid", caller.connection().pid);

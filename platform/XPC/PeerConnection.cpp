@@ -35,13 +35,12 @@ std::shared_ptr<BusConnection> PeerConnection::bus() {
   return shared.connection;
 }
 
-Error PeerConnection::_absent(const Address& peer, const std::string& why) {
-  logLevel(2, "%@: The %s is not available: %@", kClassName, peer.what, why);
-  return HSError(kHSErrorServiceUnavailable, std::nullopt,
-                 format("The %s is not available", peer.what));
+Error PeerConnection::_absent(const char* peer, const std::string& why) {
+  logLevel(2, "%@: The %s is not available: %@", kClassName, peer, why);
+  return HSError(kHSErrorServiceUnavailable, std::nullopt, format("The %s is not available", peer));
 }
 
-Error PeerConnection::_errorFrom(const Address& peer, const sdbus::Error& error) {
+Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error) {
   const std::string name = bus::errorName(error);
   // Of the bus, of sd-bus, and of this service's own kind: nobody has answered.
   for (const char* unanswered :
@@ -54,7 +53,7 @@ Error PeerConnection::_errorFrom(const Address& peer, const sdbus::Error& error)
   }
   if (name.starts_with("org.freedesktop.DBus.Error.Spawn"))
     return _absent(peer, error.getMessage());
-  logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer.what, name,
+  logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer, name,
            error.getMessage());
   return makeError(name, -1, error.getMessage());
 }

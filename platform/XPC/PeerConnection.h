@@ -18,7 +18,7 @@ namespace tallow {
 // a peer can tell who asks, and never wait. Any thread.
 class PeerConnection {
  public:
-  // Where a peer is found.
+  // Where a peer is found. Copied by a call.
   struct Address {
     const char* what;  // for people: "download service"
     const char* name;
@@ -40,18 +40,18 @@ class PeerConnection {
   static void call(const Address& to, const char* method, std::chrono::seconds patience,
                    std::function<void(std::optional<Error>, Results...)> reply,
                    Arguments... arguments) {
-    const auto pending = std::make_shared<Pending<Results...>>(to, std::move(reply));
+    const auto pending = std::make_shared<Pending<Results...>>(to.what, std::move(reply));
     const std::shared_ptr<BusConnection> connection = bus();
     if (!connection) return;  // which answers
-    connection->post([weak = std::weak_ptr(connection), to, method, patience, pending,
-                      ... arguments = std::move(arguments)] {
+    connection->post([weak = std::weak_ptr(connection), name = std::string(to.name),
+                      path = std::string(to.path), interface = to.interface, method, patience,
+                      pending, ... arguments = std::move(arguments)] {
       const auto open = weak.lock();
       if (!open) return;
       try {
-        const std::shared_ptr<sdbus::IProxy> peer =
-            bus::makeProxy(open->connection(), to.name, to.path);
+        const std::shared_ptr<sdbus::IProxy> peer = bus::makeProxy(open->connection(), name, path);
         peer->callMethodAsync(method)
-            .onInterface(to.interface)
+            .onInterface(interface)
             .withTimeout(patience)
             .withArguments(arguments...)
             .uponReplyInvoke(
@@ -75,26 +75,28 @@ class PeerConnection {
   template <class... Results>
   class Pending {
    public:
-    Pending(const Address& to, std::function<void(std::optional<Error>, Results...)> reply)
-        : _to(to), _reply(std::move(reply)) {}
-    ~Pending() { _finish(_absent(_to, "there is no bus"), Results()...); }
+    Pending(const char* what, std::function<void(std::optional<Error>, Results...)> reply)
+        : _what(what), _reply(std::move(reply)) {}
+    ~Pending() {
+      if (_reply) _finish(_absent(_what, "there is no bus"), Results()...);
+    }
     Pending(const Pending&) = delete;
     Pending& operator=(const Pending&) = delete;
 
     void answer(const Results&... results) { _finish(std::nullopt, results...); }
-    void fail(const sdbus::Error& error) { _finish(_errorFrom(_to, error), Results()...); }
+    void fail(const sdbus::Error& error) { _finish(_errorFrom(_what, error), Results()...); }
 
    private:
     void _finish(std::optional<Error> error, Results... results) {
       if (const auto reply = std::exchange(_reply, nullptr))
         reply(std::move(error), std::move(results)...);
     }
-    const Address _to;
+    const char* const _what;
     std::function<void(std::optional<Error>, Results...)> _reply;
   };
 
-  static Error _absent(const Address& peer, const std::string& why);
-  static Error _errorFrom(const Address& peer, const sdbus::Error& error);
+  static Error _absent(const char* peer, const std::string& why);
+  static Error _errorFrom(const char* peer, const sdbus::Error& error);
 };
 
 }  // namespace tallow

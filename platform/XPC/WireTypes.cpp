@@ -430,4 +430,32 @@ sdbus::Message& operator>>(sdbus::Message& message, WireError& item) {
   return message;
 }
 
+sdbus::Message& operator<<(sdbus::Message& message, const WireSecret& item) {
+  sd_bus_message* const raw = bus::raw(message);
+  check(sd_bus_message_sensitive(raw), "cannot protect a message");
+  check(sd_bus_message_open_container(raw, SD_BUS_TYPE_STRUCT, "ay"), "cannot write a password");
+  const std::string_view text = item.value.view();
+  check(sd_bus_message_append_array(raw, SD_BUS_TYPE_BYTE, text.data(), text.size()),
+        "cannot write a password");
+  check(sd_bus_message_close_container(raw), "cannot write a password");
+  return message;
+}
+
+sdbus::Message& operator>>(sdbus::Message& message, WireSecret& item) {
+  sd_bus_message* const raw = bus::raw(message);
+  check(sd_bus_message_sensitive(raw), "cannot protect a message");
+  check(sd_bus_message_enter_container(raw, SD_BUS_TYPE_STRUCT, "ay"), "cannot read a password");
+  const void* bytes = nullptr;
+  std::size_t length = 0;
+  check(sd_bus_message_read_array(raw, SD_BUS_TYPE_BYTE, &bytes, &length),
+        "cannot read a password");
+  if (length <= wire::kMaxSecretBytes) {
+    item.value = Secret({static_cast<const char*>(bytes), length});
+  } else {
+    item.refusal = "is longer than a password";
+  }
+  check(sd_bus_message_exit_container(raw), "cannot read a password");
+  return message;
+}
+
 }  // namespace tallow

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/Base/Error.h"
+#include "platform/Base/Secret.h"
 #include "platform/Base/Value.h"
 #include "platform/XPC/SDBus.h"
 
@@ -18,6 +19,7 @@ namespace tallow {
 //   WireDictionary  a{sv}
 //   WireHeaders     a{ss}
 //   WireError       (sxa{sv})
+//   WireSecret      (ay)      a password; its message is wiped when it goes
 //
 // Reading takes what is equivalent too: every integer type, object paths and signatures as strings,
 // arrays of anything, dictionaries from strings to anything. A value that is nested too deeply, too
@@ -46,6 +48,11 @@ struct WireError {
   Error value;
 };
 
+struct WireSecret {
+  Secret value;
+  std::string refusal;
+};
+
 namespace wire {
 
 // Containers in containers of a value, the value itself included.
@@ -54,6 +61,9 @@ inline constexpr int kMaxValueDepth = 64;
 // written.
 inline constexpr std::size_t kMaxValueBytes = std::size_t{16} << 20;
 inline constexpr const char* kNotTransferableError = "com.vantor.Error.NotTransferable";
+
+// Of a password.
+inline constexpr std::size_t kMaxSecretBytes = 4096;
 
 // What this thread has written to messages through these types since it last asked.
 std::size_t takeWrittenBytes();
@@ -70,10 +80,12 @@ sdbus::Message& operator<<(sdbus::Message& message, const WireValue& item);
 sdbus::Message& operator<<(sdbus::Message& message, const WireDictionary& item);
 sdbus::Message& operator<<(sdbus::Message& message, const WireHeaders& item);
 sdbus::Message& operator<<(sdbus::Message& message, const WireError& item);
+sdbus::Message& operator<<(sdbus::Message& message, const WireSecret& item);
 sdbus::Message& operator>>(sdbus::Message& message, WireValue& item);
 sdbus::Message& operator>>(sdbus::Message& message, WireDictionary& item);
 sdbus::Message& operator>>(sdbus::Message& message, WireHeaders& item);
 sdbus::Message& operator>>(sdbus::Message& message, WireError& item);
+sdbus::Message& operator>>(sdbus::Message& message, WireSecret& item);
 
 }  // namespace tallow
 
@@ -91,5 +103,7 @@ TALLOW_WIRE_SIGNATURE(WireValue, "v", 'v');
 TALLOW_WIRE_SIGNATURE(WireDictionary, "a{sv}", 'a', '{', 's', 'v', '}');
 TALLOW_WIRE_SIGNATURE(WireHeaders, "a{ss}", 'a', '{', 's', 's', '}');
 TALLOW_WIRE_SIGNATURE(WireError, "(sxa{sv})", '(', 's', 'x', 'a', '{', 's', 'v', '}', ')');
+
+TALLOW_WIRE_SIGNATURE(WireSecret, "(ay)", '(', 'a', 'y', ')');
 
 #undef TALLOW_WIRE_SIGNATURE

@@ -19,6 +19,8 @@ struct XPCConnection {
   std::shared_ptr<const HSStoreClient> storeClient;
   // The descriptor allows it to act as other clients (com.vantor.HSServiceRemoteObject).
   bool mayActAsOthers = false;
+  // It may show the store's dialogs to a person (com.vantor.HSDialogService).
+  bool mayShowDialogs = false;
 };
 
 }  // namespace tallow

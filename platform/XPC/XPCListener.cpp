@@ -11,6 +11,7 @@
 #include "platform/XPC/AccountServiceObject.h"
 #include "platform/XPC/BusConnection.h"
 #include "platform/XPC/CallerTable.h"
+#include "platform/XPC/DialogServiceObject.h"
 #include "platform/XPC/LogControlObject.h"
 #include "platform/XPC/NotificationCenterObject.h"
 #include "platform/XPC/PeerConnection.h"
@@ -71,6 +72,7 @@ class BusListener final : public XPCListener {
     sdbus::IConnection& connection = _connection->connection();
     _callers = std::make_unique<CallerTable>(_connection, *_delegate, isSession);
     _object = std::make_shared<AccountServiceObject>(connection, *_callers, _status);
+    _dialogService = std::make_shared<DialogServiceObject>(connection, *_callers, isSession);
     _logControl = std::make_unique<LogControlObject>(connection);
     _notificationCenter =
         std::make_unique<NotificationCenterObject>(connection, AccountServiceObject::kPath);
@@ -96,6 +98,7 @@ class BusListener final : public XPCListener {
   void _withdraw() {
     _notificationCenter.reset();
     _logControl.reset();
+    _connection->keepUntilClosed(std::move(_dialogService));
     _connection->keepUntilClosed(std::move(_object));
     _callers.reset();
     _connection.reset();
@@ -110,6 +113,7 @@ class BusListener final : public XPCListener {
   std::shared_ptr<BusConnection> _connection;
   std::unique_ptr<CallerTable> _callers;
   std::shared_ptr<AccountServiceObject> _object;
+  std::shared_ptr<DialogServiceObject> _dialogService;
   std::unique_ptr<LogControlObject> _logControl;
   std::unique_ptr<NotificationCenterObject> _notificationCenter;
 };

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/Base/Secret.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Sandbox/Sandbox.h"
 #include "platform/VendBase/HSServiceProxy.h"
@@ -22,6 +23,7 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
 }
 
 int runAccountService(int argc, const char* const* argv) {
+  forbidCoreDumps();  // passwords and tokens pass through here
   // Callers are recognised by their executables, which a confined process may not look at.
   if (!ProcessInspector::startHelper())
     logLevel(1, "%@: Callers cannot be recognised by their executables: %s",
