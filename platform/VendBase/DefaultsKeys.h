@@ -23,4 +23,8 @@ inline constexpr const char* kDefaultsHarlowDemoAccountName = "HarlowDemoAccount
 inline constexpr const char* kDefaultsHarlowDemoAccountPassword = "HarlowDemoAccountPassword";
 inline constexpr const char* kDefaultsHarlowDemoAutoLogin = "HarlowDemoAutoLogin";
 
+// Push.
+inline constexpr const char* kDefaultsAutoPushRegisteredDeviceTokensKey =
+    "AutoPushRegisteredDeviceTokens";
+
 }  // namespace tallow

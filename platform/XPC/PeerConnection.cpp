@@ -10,6 +10,8 @@ namespace tallow {
 namespace {
 
 constexpr const char* kClassName = "PeerConnection";
+// User-info key of the bus's own name for the error.
+constexpr const char* kBusErrorKey = "busError";
 
 struct SharedBus {
   std::mutex lock;
@@ -19,6 +21,11 @@ struct SharedBus {
 SharedBus& sharedBus() {
   static SharedBus& shared = *new SharedBus;
   return shared;
+}
+
+Error withBusError(Error error, const std::string& name) {
+  error.userInfo = error.userInfo.setting(kBusErrorKey, name);
+  return error;
 }
 
 }  // namespace
@@ -35,6 +42,19 @@ std::shared_ptr<BusConnection> PeerConnection::bus() {
   return shared.connection;
 }
 
+bool PeerConnection::cannotBeReached(const Error& error) {
+  if (error.domain != kHSErrorDomain || error.code != kHSErrorServiceUnavailable) return false;
+  const std::string* const name = error.userInfo[kBusErrorKey].string();
+  if (name == nullptr || name->starts_with("org.freedesktop.DBus.Error.Spawn")) return true;
+  for (const char* unreachable :
+       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+        "org.freedesktop.DBus.Error.Disconnected", "System.Error.ENOTCONN",
+        "System.Error.ECONNRESET"}) {
+    if (*name == unreachable) return true;
+  }
+  return false;
+}
+
 Error PeerConnection::_absent(const char* peer, const std::string& why) {
   logLevel(2, "%@: The %s is not available: %@", kClassName, peer, why);
   return HSError(kHSErrorServiceUnavailable, std::nullopt, format("The %s is not available", peer));
@@ -49,10 +69,10 @@ Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error) {
         "org.freedesktop.DBus.Error.TimedOut", "org.freedesktop.DBus.Error.Disconnected",
         "System.Error.ETIMEDOUT", "System.Error.ENOTCONN", "System.Error.ECONNRESET",
         "com.vantor.Error.NoReply"}) {
-    if (name == unanswered) return _absent(peer, error.getMessage());
+    if (name == unanswered) return withBusError(_absent(peer, error.getMessage()), name);
   }
   if (name.starts_with("org.freedesktop.DBus.Error.Spawn"))
-    return _absent(peer, error.getMessage());
+    return withBusError(_absent(peer, error.getMessage()), name);
   logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer, name,
            error.getMessage());
   return makeError(name, -1, error.getMessage());

@@ -32,6 +32,10 @@ class PeerConnection {
   static void setBus(std::shared_ptr<BusConnection> bus);
   static std::shared_ptr<BusConnection> bus();
 
+  // Whether an error of a call says that nothing can be asked under the peer's name: nobody has it
+  // and nobody can be started, or there is no bus. Else the peer was there, or was only slow.
+  static bool cannotBeReached(const Error& error);
+
   // Calls the peer's method. `reply` runs exactly once, on the bus's reading thread or, where there
   // is no bus, on the calling one; it must not block. Its error is kHSErrorServiceUnavailable when
   // the peer is not there and cannot be started, goes away before it has answered, or does not

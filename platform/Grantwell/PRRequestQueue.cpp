@@ -1,0 +1,64 @@
+#include "platform/Grantwell/PRRequestQueue.h"
+
+#include <mutex>
+#include <utility>
+
+#include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PeerConnection.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "PRRequestQueue";
+constexpr PeerConnection::Address kPeer = {"purchase-permission service", "com.vantor.grantwell",
+                                           "/com/vantor/grantwell", "com.vantor.PRRequestQueue"};
+
+class BusRequestQueue final : public PRRequestQueue {
+ public:
+  explicit BusRequestQueue(std::string identifier) : _identifier(std::move(identifier)) {}
+
+  void _didReceiveStorePushNotificationWithPayload(const Dictionary& payload) override {
+    WireDictionary wirePayload;
+    wirePayload.value = payload;
+    PeerConnection::call<>(
+        kPeer, "_didReceiveStorePushNotificationWithPayload", PeerConnection::kUsualPatience,
+        std::function<void(std::optional<Error>)>([identifier = _identifier](
+                                                      const std::optional<Error>& error) {
+          if (error)
+            logLevel(1, "%@: %@ has not taken a store push: %@", kClassName, identifier, *error);
+        }),
+        _identifier, std::move(wirePayload));
+  }
+
+ private:
+  const std::string _identifier;
+};
+
+struct SharedFactory {
+  std::mutex lock;
+  PRRequestQueue::Factory factory;
+};
+
+SharedFactory& sharedFactory() {
+  static SharedFactory& shared = *new SharedFactory;
+  return shared;
+}
+
+}  // namespace
+
+std::shared_ptr<PRRequestQueue> PRRequestQueue::_requestQueueForIdentifier(
+    const std::string& identifier) {
+  SharedFactory& shared = sharedFactory();
+  const std::lock_guard lock(shared.lock);
+  if (shared.factory) return shared.factory(identifier);
+  return std::make_shared<BusRequestQueue>(identifier);
+}
+
+PRRequestQueue::Factory PRRequestQueue::setFactory(Factory factory) {
+  SharedFactory& shared = sharedFactory();
+  const std::lock_guard lock(shared.lock);
+  return std::exchange(shared.factory, std::move(factory));
+}
+
+}  // namespace tallow

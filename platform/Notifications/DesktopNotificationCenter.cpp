@@ -1,0 +1,212 @@
+#include "platform/Notifications/DesktopNotificationCenter.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/PropertyList/JSON.h"
+#include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PeerConnection.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "UserNotificationCenter";
+constexpr const char* kService = "org.freedesktop.Notifications";
+constexpr PeerConnection::Address kPeer = {"desktop's notification service", kService,
+                                           "/org/freedesktop/Notifications", kService};
+constexpr const char* kDefaultAction = "default";  // a click on the notification itself
+constexpr std::string_view kActionKey = "action:";
+constexpr std::string_view kCloseKey = "close:";
+
+enum Urgency : std::uint8_t { kNormal = 1, kCritical = 2 };
+enum CloseReason : std::uint32_t { kDismissedByThePerson = 2 };
+
+std::string sourceOf(const UserNotification& notification) {
+  const std::string* const source = notification.userInfo["Source"].string();
+  return source == nullptr ? "" : *source;
+}
+
+// For services that take the body as markup.
+std::string escapedForMarkup(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    switch (c) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      default:
+        escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::vector<std::string> actionsOf(const UserNotification& notification) {
+  std::vector<std::string> actions = {kDefaultAction, ""};
+  const std::string source = sourceOf(notification);
+  const auto add = [&](std::string_view key, const std::string& title) {
+    if (title.empty()) return;
+    actions.push_back(std::string(key) + source);
+    actions.push_back(title);
+  };
+  add(kActionKey, notification.actionButtonTitle);
+  add(kCloseKey, notification.otherButtonTitle);
+  return actions;
+}
+
+}  // namespace
+
+DesktopNotificationCenter::DesktopNotificationCenter(std::string identifier)
+    : _identifier(std::move(identifier)),
+      _queue("UserNotificationCenter Queue (" + _identifier + ")") {}
+
+DesktopNotificationCenter::~DesktopNotificationCenter() = default;
+
+template <class Work>
+auto DesktopNotificationCenter::onQueue(Work work) {
+  return [weak = weak_from_this(), work](auto... heard) {
+    const auto self = weak.lock();
+    if (!self) return;
+    self->_queue.async([self, work, heard...] { work(*self, heard...); });
+  };
+}
+
+void DesktopNotificationCenter::deliverNotification(UserNotification notification) {
+  _queue.async([self = shared_from_this(), notification = std::move(notification)] {
+    self->_deliver(notification);
+  });
+}
+
+void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
+  _listen();
+  const std::function<void(std::optional<Error>, std::vector<std::string>)> asked =
+      onQueue([notification](DesktopNotificationCenter& self, const std::optional<Error>& error,
+                             const std::vector<std::string>& capabilities) {
+        if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
+        self._notify(notification, std::find(capabilities.begin(), capabilities.end(),
+                                             "body-markup") != capabilities.end());
+      });
+  PeerConnection::call<std::vector<std::string>>(kPeer, "GetCapabilities",
+                                                 PeerConnection::kUsualPatience, asked);
+}
+
+void DesktopNotificationCenter::_notify(const UserNotification& notification, bool bodyIsMarkup) {
+  const auto delegate = delegateFor(_identifier);
+  const bool present =
+      delegate && delegate->userNotificationCenterShouldPresentNotification(*this, notification);
+  const std::map<std::string, sdbus::Variant> hints = {
+      {"urgency", sdbus::Variant(static_cast<std::uint8_t>(present ? kCritical : kNormal))},
+      {"desktop-entry", sdbus::Variant(_identifier)},
+      {"x-vantor-user-info", sdbus::Variant(JSON::encode(notification.userInfo))},
+  };
+  const std::function<void(std::optional<Error>, std::uint32_t)> shown =
+      onQueue([notification](DesktopNotificationCenter& self, const std::optional<Error>& error,
+                             std::uint32_t number) {
+        if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
+        self._hasBeenShown(number, notification);
+      });
+  constexpr std::uint32_t kReplacesNone = 0;
+  constexpr std::int32_t kServiceDecidesHowLong = -1;
+  PeerConnection::call<std::uint32_t>(
+      kPeer, "Notify", PeerConnection::kUsualPatience, shown, _identifier, kReplacesNone,
+      std::string(), notification.title,
+      bodyIsMarkup ? escapedForMarkup(notification.informativeText) : notification.informativeText,
+      actionsOf(notification), hints, kServiceDecidesHowLong);
+}
+
+void DesktopNotificationCenter::_hasBeenShown(std::uint32_t number,
+                                              const UserNotification& notification) {
+  _shown.insert_or_assign(number, notification);
+  if (_shown.size() > kMaxShown) _shown.erase(_shown.begin());
+  _tellDelegate(&UserNotificationCenterDelegate::userNotificationCenterDidDeliverNotification,
+                notification);
+}
+
+void DesktopNotificationCenter::_listen() {
+  const auto bus = PeerConnection::bus();
+  if (!bus || _heard.lock() == bus) return;
+  _heard = bus;
+  bus->post([weak = weak_from_this(), weakBus = _heard] {
+    const auto self = weak.lock();
+    const auto open = weakBus.lock();
+    if (self && open) self->_addMatches(*open);
+  });
+}
+
+void DesktopNotificationCenter::_addMatches(BusConnection& bus) {
+  const std::string ofService =
+      "type='signal',path='/org/freedesktop/Notifications',"
+      "interface='org.freedesktop.Notifications',sender='" +
+      std::string(kService) + "',member=";
+  const std::string ofOwner =
+      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+      "member='NameOwnerChanged',arg0='" +
+      std::string(kService) + "'";
+  const auto invoked = onQueue([](DesktopNotificationCenter& self, std::uint32_t number,
+                                  const std::string& key) { self._actionInvoked(number, key); });
+  const auto closed = onQueue([](DesktopNotificationCenter& self, std::uint32_t number,
+                                 std::uint32_t reason) { self._closed(number, reason); });
+  const auto gone = onQueue([](DesktopNotificationCenter& self) { self._shown.clear(); });
+  _matches.clear();
+  try {
+    _matches.push_back(
+        bus::addMatch(bus.connection(), ofService + "'ActionInvoked'", [invoked](auto&& signal) {
+          std::uint32_t number = 0;
+          std::string key;
+          signal >> number >> key;
+          invoked(number, key);
+        }));
+    _matches.push_back(bus::addMatch(bus.connection(), ofService + "'NotificationClosed'",
+                                     [closed](auto&& signal) {
+                                       std::uint32_t number = 0;
+                                       std::uint32_t reason = 0;
+                                       signal >> number >> reason;
+                                       closed(number, reason);
+                                     }));
+    _matches.push_back(bus::addMatch(bus.connection(), ofOwner, [gone](auto&&) { gone(); }));
+  } catch (const sdbus::Error& error) {
+    logLevel(1, "%@: cannot listen to the notification service: %@", kClassName,
+             error.getMessage());
+  }
+}
+
+std::optional<UserNotification> DesktopNotificationCenter::_take(std::uint32_t number) {
+  auto found = _shown.extract(number);
+  return found ? std::optional(std::move(found.mapped())) : std::nullopt;
+}
+
+void DesktopNotificationCenter::_actionInvoked(std::uint32_t number, const std::string& key) {
+  const auto found = _shown.find(number);
+  if (found == _shown.end()) return;  // somebody else's
+  const std::string source = sourceOf(found->second);
+  const bool isClose = key == std::string(kCloseKey) + source;
+  if (!isClose && key != kDefaultAction && key != std::string(kActionKey) + source)
+    return logLevel(1, "%@: Ignoring action %@ of %@", kClassName, key, found->second);
+  const auto notification = _take(number);
+  _tellDelegate(
+      isClose ? &UserNotificationCenterDelegate::userNotificationCenterDidDismissAlert
+              : &UserNotificationCenterDelegate::userNotificationCenterDidActivateNotification,
+      *notification);
+}
+
+// One that has only expired may still lie in the desktop's list, where its buttons work.
+void DesktopNotificationCenter::_closed(std::uint32_t number, std::uint32_t reason) {
+  if (reason != kDismissedByThePerson) return;
+  if (const auto notification = _take(number))
+    _tellDelegate(&UserNotificationCenterDelegate::userNotificationCenterDidDismissAlert,
+                  *notification);
+}
+
+void DesktopNotificationCenter::_tellDelegate(DelegateCall what,
+                                              const UserNotification& notification) {
+  if (const auto delegate = delegateFor(_identifier)) ((*delegate).*what)(*this, notification);
+}
+
+}  // namespace tallow

@@ -1,0 +1,130 @@
+#include "platform/XPC/PushServiceConnection.h"
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PeerConnection.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "PushServiceConnection";
+constexpr const char* kPath = "/com/vantor/quillonpushagent";
+constexpr const char* kInterface = "com.vantor.PushServiceProtocol";
+
+using Tokens = std::vector<std::vector<std::uint8_t>>;  // at most one
+
+class BusPushServiceConnection final
+    : public PushServiceConnection,
+      public std::enable_shared_from_this<BusPushServiceConnection> {
+ public:
+  explicit BusPushServiceConnection(std::string serviceName)
+      : _serviceName(std::move(serviceName)) {}
+  ~BusPushServiceConnection() override {
+    // Perhaps in the match's own handler, which must not lose what it runs on.
+    if (!_ownerChanged) return;
+    _bus->post([match = std::make_shared<sdbus::Slot>(std::move(_ownerChanged))] {});
+  }
+
+  void setInterruptionHandler(Handler handler) override { _interrupted = std::move(handler); }
+  void setInvalidationHandler(Handler handler) override { _invalidated = std::move(handler); }
+
+  void resume() override {
+    _bus = PeerConnection::bus();
+    if (!_bus) return _hasBeenLost(_invalidated);
+    _bus->post([weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->_watchOwner();
+    });
+  }
+
+  void getDeviceTokenForEnvironmentNamed(std::optional<std::string> environmentName,
+                                         TokenReply reply) override {
+    std::vector<std::string> environment;
+    if (environmentName) environment.push_back(*std::move(environmentName));
+    const PeerConnection::Address agent{"push agent", _serviceName.c_str(), kPath, kInterface};
+    // Keeps the connection until the agent has answered.
+    std::function<void(std::optional<Error>, bool, Tokens)> answered =
+        [self = shared_from_this(), reply = std::move(reply)](const std::optional<Error>& error,
+                                                              bool success, Tokens tokens) {
+          if (error && PeerConnection::cannotBeReached(*error))
+            self->_hasBeenLost(self->_invalidated);
+          std::optional<Data> token;
+          if (!error && !tokens.empty()) token = Data(std::move(tokens.front()));
+          reply(!error && success, std::move(token));
+        };
+    PeerConnection::call<bool, Tokens>(agent, "getDeviceTokenForEnvironmentNamed",
+                                       PeerConnection::kUsualPatience, std::move(answered),
+                                       std::move(environment));
+  }
+
+ private:
+  void _watchOwner() {
+    const std::string rule =
+        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+        "member='NameOwnerChanged',arg0='" +
+        _serviceName + "'";
+    try {
+      _ownerChanged =
+          bus::addMatch(_bus->connection(), rule, [weak = weak_from_this()](auto&& signal) {
+            std::string name;
+            std::string before;
+            std::string now;
+            signal >> name >> before >> now;
+            // An agent that has just been started is no loss.
+            const auto self = weak.lock();
+            if (self && !before.empty()) self->_hasBeenLost(self->_interrupted);
+          });
+    } catch (const sdbus::Error& error) {
+      logLevel(1, "%@: cannot watch %@: %@", kClassName, _serviceName, error.getMessage());
+      _hasBeenLost(_invalidated);
+    }
+  }
+
+  // The handler's own turn, once.
+  void _hasBeenLost(Handler& handler) {
+    Handler once;
+    {
+      const std::lock_guard lock(_mutex);
+      once = std::exchange(handler, nullptr);
+    }
+    if (once) once();
+  }
+
+  const std::string _serviceName;
+  std::shared_ptr<BusConnection> _bus;  // set by resume()
+  std::mutex _mutex;
+  Handler _interrupted, _invalidated;  // guarded by _mutex once resumed
+  sdbus::Slot _ownerChanged;           // reading thread
+};
+
+struct SharedFactory {
+  std::mutex lock;
+  PushServiceConnection::Factory factory;
+};
+
+SharedFactory& sharedFactory() {
+  static SharedFactory& shared = *new SharedFactory;
+  return shared;
+}
+
+}  // namespace
+
+std::shared_ptr<PushServiceConnection> PushServiceConnection::initWithMachServiceName(
+    std::string serviceName) {
+  SharedFactory& shared = sharedFactory();
+  const std::unique_lock lock(shared.lock);
+  if (shared.factory) return shared.factory(std::move(serviceName));
+  return std::make_shared<BusPushServiceConnection>(std::move(serviceName));
+}
+
+PushServiceConnection::Factory PushServiceConnection::setFactory(Factory factory) {
+  SharedFactory& shared = sharedFactory();
+  const std::lock_guard lock(shared.lock);
+  return std::exchange(shared.factory, std::move(factory));
+}
+
+}  // namespace tallow

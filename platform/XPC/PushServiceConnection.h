@@ -1,0 +1,43 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Base/Data.h"
+
+namespace tallow {
+
+// A connection to the push agent, another process of the system, which holds the device's push
+// token. The bus starts the agent at the first question, and again when it has ended.
+//
+// Made by whoever asks, who keeps it until one of its handlers has run. Any thread.
+class PushServiceConnection {
+ public:
+  using Handler = std::function<void()>;
+  // Called exactly once for each question, on any thread; it must not block. Not successful and
+  // without a token when the agent is not there, goes away, or does not answer in time.
+  using TokenReply = std::function<void(bool success, std::optional<Data> token)>;
+
+  // The agent under that name, on the bus that this process serves. Nothing is sent before
+  // resume().
+  static std::shared_ptr<PushServiceConnection> initWithMachServiceName(std::string serviceName);
+  virtual ~PushServiceConnection() = default;
+
+  // Before resume(). The agent has left the bus; or it cannot be reached at all. Each is called at
+  // most once, on any thread, and neither once the connection has been dropped.
+  virtual void setInterruptionHandler(Handler handler) = 0;
+  virtual void setInvalidationHandler(Handler handler) = 0;
+  virtual void resume() = 0;
+
+  // A nil name is passed on as it is: the agent has to refuse it.
+  virtual void getDeviceTokenForEnvironmentNamed(std::optional<std::string> environmentName,
+                                                 TokenReply reply) = 0;
+
+  // What makes the connections (tests); empty: the bus. The previous one.
+  using Factory = std::function<std::shared_ptr<PushServiceConnection>(std::string serviceName)>;
+  static Factory setFactory(Factory factory);
+};
+
+}  // namespace tallow
