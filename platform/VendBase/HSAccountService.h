@@ -5,10 +5,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Base/Error.h"
 #include "platform/Base/URL.h"
 #include "platform/Base/Value.h"
+#include "platform/VendBase/HSAccountStoreObserver.h"
+#include "platform/VendBase/HSAuthenticationContext.h"
+#include "platform/VendBase/HSAuthenticationResponse.h"
+#include "platform/VendBase/HSStoreAccount.h"
 #include "platform/VendBase/HSURLBagObserver.h"
 
 namespace tallow {
@@ -54,6 +59,35 @@ class HSAccountService {
   // Storefront
   virtual void storeFront(Reply<std::optional<std::string>> reply) = 0;
   virtual void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) = 0;
+
+  // Accounts. Inside the process the account itself is handed over, on the bus a copy.
+  using Account = std::shared_ptr<HSStoreAccount>;
+  virtual void accounts(Reply<std::vector<Account>> reply) = 0;
+  virtual void strongTokenForAccount(Account account, Reply<std::optional<std::string>> reply) = 0;
+  virtual void authIsExpired(Reply<bool> reply) = 0;
+  virtual void primaryAccount(Reply<Account> reply) = 0;
+  virtual void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) = 0;
+  virtual void accountWithVantorID(std::optional<std::string> vantorID, Reply<Account> reply) = 0;
+  virtual void addAccountWithAuthenticationResponse(HSAuthenticationResponse response,
+                                                    bool makePrimary, Reply<Account> reply) = 0;
+  virtual void addAccount(Account account, Done reply) = 0;
+  virtual void signInWithContext(HSAuthenticationContext context,
+                                 Reply<bool /*success*/, Account, std::optional<Error>> reply) = 0;
+  virtual void signOut(Done reply) = 0;
+  virtual void parseCreditStringForProtocol(Dictionary protocol, Done reply) = 0;
+  virtual void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                                       Done reply) = 0;
+  virtual void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                                          Done reply) = 0;
+  virtual void eligibilityForService(std::uint64_t service, Reply<std::optional<bool>> reply) = 0;
+  virtual void getEligibilityForService(std::uint64_t service,
+                                        Reply<bool, std::optional<Error>> reply) = 0;
+  virtual void retailStoreDemoMode(
+      Reply<bool /*demoMode*/, std::optional<std::string> /*name*/,
+            std::optional<std::string> /*password*/, bool /*autoLogin*/>
+          reply) = 0;
+  virtual void nimboDSID(Reply<std::optional<std::string>> reply) = 0;
+  virtual void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) = 0;
 };
 
 }  // namespace tallow

@@ -96,4 +96,88 @@ void HSAccountServiceForwarder::setStoreFrontID(std::optional<std::string> store
   forward(&HSAccountService::setStoreFrontID, std::move(storeFrontID), std::move(reply));
 }
 
+void HSAccountServiceForwarder::accounts(Reply<std::vector<Account>> reply) {
+  forward(&HSAccountService::accounts, std::move(reply));
+}
+
+void HSAccountServiceForwarder::strongTokenForAccount(Account account,
+                                                      Reply<std::optional<std::string>> reply) {
+  forward(&HSAccountService::strongTokenForAccount, std::move(account), std::move(reply));
+}
+
+void HSAccountServiceForwarder::authIsExpired(Reply<bool> reply) {
+  forward(&HSAccountService::authIsExpired, std::move(reply));
+}
+
+void HSAccountServiceForwarder::primaryAccount(Reply<Account> reply) {
+  forward(&HSAccountService::primaryAccount, std::move(reply));
+}
+
+void HSAccountServiceForwarder::accountWithDSID(std::optional<std::uint64_t> dsID,
+                                                Reply<Account> reply) {
+  forward(&HSAccountService::accountWithDSID, dsID, std::move(reply));
+}
+
+void HSAccountServiceForwarder::accountWithVantorID(std::optional<std::string> vantorID,
+                                                    Reply<Account> reply) {
+  forward(&HSAccountService::accountWithVantorID, std::move(vantorID), std::move(reply));
+}
+
+void HSAccountServiceForwarder::addAccountWithAuthenticationResponse(
+    HSAuthenticationResponse response, bool makePrimary, Reply<Account> reply) {
+  forward(&HSAccountService::addAccountWithAuthenticationResponse, std::move(response), makePrimary,
+          std::move(reply));
+}
+
+void HSAccountServiceForwarder::addAccount(Account account, Done reply) {
+  forward(&HSAccountService::addAccount, std::move(account), std::move(reply));
+}
+
+void HSAccountServiceForwarder::signInWithContext(
+    HSAuthenticationContext context, Reply<bool, Account, std::optional<Error>> reply) {
+  forward(&HSAccountService::signInWithContext, std::move(context), std::move(reply));
+}
+
+void HSAccountServiceForwarder::signOut(Done reply) {
+  forward(&HSAccountService::signOut, std::move(reply));
+}
+
+void HSAccountServiceForwarder::parseCreditStringForProtocol(Dictionary protocol, Done reply) {
+  forward(&HSAccountService::parseCreditStringForProtocol, std::move(protocol), std::move(reply));
+}
+
+void HSAccountServiceForwarder::addAccountStoreObserver(
+    std::shared_ptr<HSAccountStoreObserver> observer, Done reply) {
+  forward(&HSAccountService::addAccountStoreObserver, std::move(observer), std::move(reply));
+}
+
+void HSAccountServiceForwarder::removeAccountStoreObserver(
+    std::shared_ptr<HSAccountStoreObserver> observer, Done reply) {
+  forward(&HSAccountService::removeAccountStoreObserver, std::move(observer), std::move(reply));
+}
+
+void HSAccountServiceForwarder::eligibilityForService(std::uint64_t service,
+                                                      Reply<std::optional<bool>> reply) {
+  forward(&HSAccountService::eligibilityForService, service, std::move(reply));
+}
+
+void HSAccountServiceForwarder::getEligibilityForService(std::uint64_t service,
+                                                         Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::getEligibilityForService, service, std::move(reply));
+}
+
+void HSAccountServiceForwarder::retailStoreDemoMode(
+    Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) {
+  forward(&HSAccountService::retailStoreDemoMode, std::move(reply));
+}
+
+void HSAccountServiceForwarder::nimboDSID(Reply<std::optional<std::string>> reply) {
+  forward(&HSAccountService::nimboDSID, std::move(reply));
+}
+
+void HSAccountServiceForwarder::recommendedVantorIDForAccountSignIn(
+    Reply<std::optional<std::string>> reply) {
+  forward(&HSAccountService::recommendedVantorIDForAccountSignIn, std::move(reply));
+}
+
 }  // namespace tallow

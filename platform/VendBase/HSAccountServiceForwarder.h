@@ -34,6 +34,31 @@ class HSAccountServiceForwarder final : public HSAccountService {
   void storeFront(Reply<std::optional<std::string>> reply) override;
   void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) override;
 
+  void accounts(Reply<std::vector<Account>> reply) override;
+  void strongTokenForAccount(Account account, Reply<std::optional<std::string>> reply) override;
+  void authIsExpired(Reply<bool> reply) override;
+  void primaryAccount(Reply<Account> reply) override;
+  void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) override;
+  void accountWithVantorID(std::optional<std::string> vantorID, Reply<Account> reply) override;
+  void addAccountWithAuthenticationResponse(HSAuthenticationResponse response, bool makePrimary,
+                                            Reply<Account> reply) override;
+  void addAccount(Account account, Done reply) override;
+  void signInWithContext(HSAuthenticationContext context,
+                         Reply<bool, Account, std::optional<Error>> reply) override;
+  void signOut(Done reply) override;
+  void parseCreditStringForProtocol(Dictionary protocol, Done reply) override;
+  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                               Done reply) override;
+  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                                  Done reply) override;
+  void eligibilityForService(std::uint64_t service, Reply<std::optional<bool>> reply) override;
+  void getEligibilityForService(std::uint64_t service,
+                                Reply<bool, std::optional<Error>> reply) override;
+  void retailStoreDemoMode(
+      Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) override;
+  void nimboDSID(Reply<std::optional<std::string>> reply) override;
+  void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override;
+
  private:
   template <class... Parameters>
   void forward(void (HSAccountService::*operation)(Parameters...), Parameters... arguments);

@@ -1,51 +1,8 @@
-#include "platform/XPC/AccountServiceObject.h"
-
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/PropertyList/JSON.h"
+#include "platform/XPC/AccountServiceCalls.h"
 
 namespace tallow {
-
-// The arguments of one call while they are turned into the system's types: remembers the first that
-// is outside its domain, and counts what they hold.
-class AccountServiceObject::Arguments {
- public:
-  const std::string& text(const char* name, const std::string& value) {
-    _bytes += value.size();
-    if (value.size() > kMaxTextBytes) _refuse(name, "is longer than 1 MiB");
-    return value;
-  }
-
-  // Text that does not parse is nil: the operations answer for a nil URL.
-  std::optional<URL> url(const char* name, const std::string& value) {
-    text(name, value);
-    return value.empty() || !isFine() ? std::nullopt : URL::parse(value);
-  }
-
-  template <class T>
-  std::optional<T> atMostOne(const char* name, std::vector<T>&& list) {
-    if (list.size() > 1) _refuse(name, "has more than one element");
-    if (list.empty()) return std::nullopt;
-    return std::move(list.front());
-  }
-
-  Dictionary dictionary(const char* name, WireDictionary&& value) {
-    _bytes += value.heldBytes;
-    if (!value.refusal.empty()) _refuse(name, value.refusal);
-    return std::move(value.value);
-  }
-
-  std::size_t bytes() const { return _bytes; }
-  bool isFine() const { return _refusal.empty(); }
-  const std::string& refusal() const { return _refusal; }
-
- private:
-  void _refuse(const char* name, const std::string& why) {
-    if (isFine()) _refusal = std::string(name) + ": " + why;
-  }
-
-  std::size_t _bytes = 0;
-  std::string _refusal;
-};
 
 AccountServiceObject::AccountServiceObject(sdbus::IConnection& connection, CallerTable& callers,
                                            std::shared_ptr<const StatusProvider> status)
@@ -57,22 +14,6 @@ AccountServiceObject::AccountServiceObject(sdbus::IConnection& connection, Calle
 
 AccountServiceObject::~AccountServiceObject() {
   unregisterAdaptor();
-}
-
-// Who calls is judged first, what the arguments are after it.
-template <class... Results, class Invoke>
-void AccountServiceObject::_call(sdbus::Result<Results...>&& result, Arguments arguments,
-                                 Invoke invoke) {
-  const std::size_t bytes = arguments.bytes();
-  _callers.deliver(bus::currentMessage(getObject()), std::move(result), bytes,
-                   [arguments = std::move(arguments), invoke = std::move(invoke)](
-                       Caller& caller, std::shared_ptr<PendingReply<Results...>> reply) mutable {
-                     if (arguments.isFine()) {
-                       invoke(caller, std::move(reply));
-                     } else {
-                       reply->fail(CallerTable::kInvalidArgs, arguments.refusal());
-                     }
-                   });
 }
 
 template <class Operation>

@@ -35,6 +35,7 @@ class AccountServiceObject final
 
  private:
   class Arguments;
+  using AccountReply = HSAccountService::Reply<HSAccountService::Account>;
 
   // HSAccountService
   void valueForURLBagKey(sdbus::Result<std::vector<WireValue>>&& result, std::string key) override;
@@ -58,12 +59,43 @@ class AccountServiceObject final
   void storeFront(sdbus::Result<std::vector<std::string>>&& result) override;
   void setStoreFrontID(sdbus::Result<>&& result, std::vector<std::string> storeFrontID) override;
 
+  void accounts(sdbus::Result<std::vector<WireDictionary>>&& result) override;
+  void strongTokenForAccount(sdbus::Result<std::vector<std::string>>&& result,
+                             WireDictionary account) override;
+  void authIsExpired(sdbus::Result<bool>&& result) override;
+  void primaryAccount(sdbus::Result<std::vector<WireDictionary>>&& result) override;
+  void accountWithDSID(sdbus::Result<std::vector<WireDictionary>>&& result,
+                       std::uint64_t dsID) override;
+  void accountWithVantorID(sdbus::Result<std::vector<WireDictionary>>&& result,
+                           std::string vantorID) override;
+  void addAccountWithAuthenticationResponse(sdbus::Result<std::vector<WireDictionary>>&& result,
+                                            WireDictionary response, bool makePrimary) override;
+  void addAccount(sdbus::Result<>&& result, WireDictionary account) override;
+  void signInWithContext(
+      sdbus::Result<bool, std::vector<WireDictionary>, std::vector<WireError>>&& result,
+      WireDictionary context) override;
+  void signOut(sdbus::Result<>&& result) override;
+  void parseCreditStringForProtocol(sdbus::Result<>&& result, WireDictionary protocol) override;
+  void addAccountStoreObserver(sdbus::Result<>&& result, sdbus::ObjectPath observer) override;
+  void removeAccountStoreObserver(sdbus::Result<>&& result, sdbus::ObjectPath observer) override;
+  void eligibilityForService(sdbus::Result<std::vector<WireValue>>&& result,
+                             std::uint64_t service) override;
+  void getEligibilityForService(sdbus::Result<bool, std::vector<WireError>>&& result,
+                                std::uint64_t service) override;
+  void retailStoreDemoMode(sdbus::Result<bool, std::vector<std::string>, std::vector<std::string>,
+                                         bool>&& result) override;
+  void nimboDSID(sdbus::Result<std::vector<std::string>>&& result) override;
+  void recommendedVantorIDForAccountSignIn(
+      sdbus::Result<std::vector<std::string>>&& result) override;
+
   // HSServiceRemoteObject
   void actAs(sdbus::Result<>&& result, std::string identifier) override;
 
   // Status
   void Describe(sdbus::Result<std::string>&& result) override;
 
+  void _askForAccount(sdbus::Result<std::vector<WireDictionary>>&& result, Arguments arguments,
+                      std::function<void(HSAccountService&, AccountReply)> ask);
   template <class... Results, class Invoke>
   void _call(sdbus::Result<Results...>&& result, Arguments arguments, Invoke invoke);
   template <class Operation>

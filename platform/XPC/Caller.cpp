@@ -51,14 +51,40 @@ void Caller::forgetObservers() {
     observer->forget();
     if (_service) _service->removeURLBagObserver(observer, {});
   }
+  for (auto& [path, observer] : std::exchange(_accountObservers, {})) {
+    observer->forget();
+    if (_service) _service->removeAccountStoreObserver(observer, {});
+  }
+}
+
+template <class Remote>
+std::shared_ptr<Remote> Caller::_observerAt(const std::string& path,
+                                            ObserversByPath<Remote>& observers) {
+  if (const auto found = observers.find(path); found != observers.end()) return found->second;
+  if (observerCount() >= kMaxObservers) return nullptr;
+  return observers.emplace(path, std::make_shared<Remote>(_bus, _uniqueName, path)).first->second;
+}
+
+template <class Remote>
+std::shared_ptr<Remote> Caller::_take(const std::string& path, ObserversByPath<Remote>& observers) {
+  auto taken = observers.extract(path);
+  return taken ? std::move(taken.mapped()) : nullptr;
 }
 
 std::shared_ptr<HSURLBagObserver> Caller::observerAt(const std::string& path) {
-  if (const auto found = _observers.find(path); found != _observers.end()) return found->second;
-  if (_observers.size() >= kMaxObservers) return nullptr;
-  auto observer = std::make_shared<RemoteURLBagObserver>(_bus, _uniqueName, path);
-  _observers.emplace(path, observer);
-  return observer;
+  return _observerAt(path, _observers);
+}
+
+std::shared_ptr<HSURLBagObserver> Caller::takeObserverAt(const std::string& path) {
+  return _take(path, _observers);
+}
+
+std::shared_ptr<HSAccountStoreObserver> Caller::accountObserverAt(const std::string& path) {
+  return _observerAt(path, _accountObservers);
+}
+
+std::shared_ptr<HSAccountStoreObserver> Caller::takeAccountObserverAt(const std::string& path) {
+  return _take(path, _accountObservers);
 }
 
 bool Caller::setDialogAgentAt(const std::string& path) {
@@ -74,14 +100,6 @@ bool Caller::setDialogAgentAt(const std::string& path) {
 void Caller::removeDialogAgent() {
   if (const auto agent = std::exchange(_dialogAgent, nullptr))
     HSDialogCenter::shared().removeAgent(agent);
-}
-
-std::shared_ptr<HSURLBagObserver> Caller::takeObserverAt(const std::string& path) {
-  const auto found = _observers.find(path);
-  if (found == _observers.end()) return nullptr;
-  auto observer = std::move(found->second);
-  _observers.erase(found);
-  return observer;
 }
 
 }  // namespace tallow

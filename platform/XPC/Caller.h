@@ -8,6 +8,7 @@
 
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/XPC/PendingReply.h"
+#include "platform/XPC/RemoteAccountStoreObserver.h"
 #include "platform/XPC/RemoteDialogAgent.h"
 #include "platform/XPC/RemoteURLBagObserver.h"
 #include "platform/XPC/XPCConnection.h"
@@ -63,7 +64,10 @@ class Caller {
   std::shared_ptr<HSURLBagObserver> observerAt(const std::string& path);
   // The same, which is then no longer held; null when there is none.
   std::shared_ptr<HSURLBagObserver> takeObserverAt(const std::string& path);
-  std::size_t observerCount() const { return _observers.size(); }
+  // The same for its observers of accounts. Both kinds together are bounded.
+  std::shared_ptr<HSAccountStoreObserver> accountObserverAt(const std::string& path);
+  std::shared_ptr<HSAccountStoreObserver> takeAccountObserverAt(const std::string& path);
+  std::size_t observerCount() const { return _observers.size() + _accountObservers.size(); }
 
   // The dialog agent that the caller exports at `path`, in place of the one it had; false when
   // there are too many in all.
@@ -73,7 +77,14 @@ class Caller {
   const RemoteDialogAgent* dialogAgent() const { return _dialogAgent.get(); }
 
  private:
+  template <class Remote>
+  using ObserversByPath = std::unordered_map<std::string, std::shared_ptr<Remote>>;
+
   void _decide(const Refusal* refusal);
+  template <class Remote>
+  std::shared_ptr<Remote> _observerAt(const std::string& path, ObserversByPath<Remote>& observers);
+  template <class Remote>
+  static std::shared_ptr<Remote> _take(const std::string& path, ObserversByPath<Remote>& observers);
 
   std::shared_ptr<BusConnection> _bus;
   std::string _uniqueName;
@@ -83,7 +94,8 @@ class Caller {
   XPCConnection _connection;
   std::shared_ptr<HSAccountService> _service;
   Refusal _refusal{};
-  std::unordered_map<std::string, std::shared_ptr<RemoteURLBagObserver>> _observers;
+  ObserversByPath<RemoteURLBagObserver> _observers;
+  ObserversByPath<RemoteAccountStoreObserver> _accountObservers;
   std::shared_ptr<RemoteDialogAgent> _dialogAgent;
 };
 

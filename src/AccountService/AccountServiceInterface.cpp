@@ -28,18 +28,6 @@ bool requiresSilentOrvAction(const Dictionary& bag, const URL& url) {
 AccountServiceInterface::AccountServiceInterface(std::shared_ptr<const HSStoreClient> storeClient)
     : HSServiceClientInterface(std::move(storeClient)) {}
 
-template <class Work>
-void AccountServiceInterface::onRequestQueue(Work work) {
-  requestQueue().async([self = shared_from_this(), work = std::move(work)] { work(); });
-}
-
-template <class TryNow, class Work>
-void AccountServiceInterface::nowOrOnRequestQueue(TryNow tryNow, Work work) {
-  bool answered = false;
-  requestQueue().trySync([&] { answered = tryNow(); });
-  if (!answered) onRequestQueue(std::move(work));
-}
-
 std::shared_ptr<Bag> AccountServiceInterface::_bag() const {
   const auto controller = BagController::bagControllerForClient(storeClient());
   return controller ? controller->bagWithType(storeClient()->requiredBagType) : nullptr;

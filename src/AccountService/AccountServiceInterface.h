@@ -4,11 +4,15 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/VendBase/HSServiceClientInterface.h"
 #include "src/Bag.h"
 
 namespace tallow {
+
+class AccountStore;
 
 // What one caller can ask of the service. Almost every operation is thin: it hops onto the
 // connection's serial request queue, finds the per-client object that holds the state, performs one
@@ -46,6 +50,31 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   void storeFront(Reply<std::optional<std::string>> reply) override;
   void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) override;
 
+  void accounts(Reply<std::vector<Account>> reply) override;
+  void strongTokenForAccount(Account account, Reply<std::optional<std::string>> reply) override;
+  void authIsExpired(Reply<bool> reply) override;
+  void primaryAccount(Reply<Account> reply) override;
+  void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) override;
+  void accountWithVantorID(std::optional<std::string> vantorID, Reply<Account> reply) override;
+  void addAccountWithAuthenticationResponse(HSAuthenticationResponse response, bool makePrimary,
+                                            Reply<Account> reply) override;
+  void addAccount(Account account, Done reply) override;
+  void signInWithContext(HSAuthenticationContext context,
+                         Reply<bool, Account, std::optional<Error>> reply) override;
+  void signOut(Done reply) override;
+  void parseCreditStringForProtocol(Dictionary protocol, Done reply) override;
+  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                               Done reply) override;
+  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                                  Done reply) override;
+  void eligibilityForService(std::uint64_t service, Reply<std::optional<bool>> reply) override;
+  void getEligibilityForService(std::uint64_t service,
+                                Reply<bool, std::optional<Error>> reply) override;
+  void retailStoreDemoMode(
+      Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) override;
+  void nimboDSID(Reply<std::optional<std::string>> reply) override;
+  void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override;
+
   // For callers inside the process: the same question, answered on the calling thread.
   bool shouldSendGUIDWithRequestForURL(const std::optional<URL>& url) const;
 
@@ -55,13 +84,22 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   // The contents of that bag if it is valid and at hand without waiting.
   std::optional<Dictionary> bagDictionaryIfAtHand() const;
 
+  // The store of the client's accounts; null when there is none.
+  std::shared_ptr<AccountStore> accountStore() const;
+
   // Submits `work` to the request queue; it keeps this object alive until it has run.
   template <class Work>
-  void onRequestQueue(Work work);
+  void onRequestQueue(Work work) {
+    requestQueue().async([self = shared_from_this(), work = std::move(work)] { work(); });
+  }
   // Runs `tryNow` at once if the request queue is idle; when it says that it could not answer
   // without waiting (false), or the queue is busy, submits `work`.
   template <class TryNow, class Work>
-  void nowOrOnRequestQueue(TryNow tryNow, Work work);
+  void nowOrOnRequestQueue(TryNow tryNow, Work work) {
+    bool answered = false;
+    requestQueue().trySync([&] { answered = tryNow(); });
+    if (!answered) onRequestQueue(std::move(work));
+  }
 
   Dictionary composedHeadersForURL(const std::optional<URL>& url, std::optional<std::uint64_t> dsID,
                                    bool includeOrvHeaders) const;

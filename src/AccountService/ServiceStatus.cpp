@@ -3,6 +3,8 @@
 #include <vector>
 
 #include "platform/PropertyList/JSON.h"
+#include "platform/XPC/XPCTransaction.h"
+#include "src/AccountService/AccountStore.h"
 #include "src/BagController.h"
 #include "src/CookieStorage.h"
 #include "src/StoreFrontController.h"
@@ -43,11 +45,29 @@ Array storefrontsStatus() {
   return Array(std::move(storefronts));
 }
 
+// Whose accounts they are, not what they are called.
+Array accountStoresStatus() {
+  std::vector<Value> stores;
+  for (const auto& [key, store] : AccountStore::registry().entries()) {
+    const auto primary = store->primaryAccount();
+    stores.emplace_back(
+        Dictionary{{"client", store->storeClient()->identifier},
+                   {"clientType", store->storeClient()->clientType},
+                   {"bagType", store->storeClient()->requiredBagType},
+                   {"accounts", store->accounts().size()},
+                   {"primary", primary ? Value(primary->dsID()) : Value()},
+                   {"token", primary != nullptr && primary->hasValidStrongToken()}});
+  }
+  return Array(std::move(stores));
+}
+
 }  // namespace
 
 std::string serviceStatusText(bool isDaemon) {
   return JSON::encode(Dictionary{{"version", TALLOW_VERSION},
                                  {"instance", isDaemon ? "daemon" : "agent"},
+                                 {"transactions", XPCTransaction::count()},
+                                 {"accounts", accountStoresStatus()},
                                  {"bags", bagsStatus()},
                                  {"jars", jarsStatus()},
                                  {"storefronts", storefrontsStatus()}});

@@ -113,6 +113,89 @@ class FakeAccountService final : public HSAccountService {
     leave("setStoreFrontID", reply);
   }
 
+  // Accounts: what has been set before is what is answered.
+  std::vector<Account> knownAccounts;
+  Account signedInAccount;
+  std::optional<Error> signInError;
+
+  void accounts(Reply<std::vector<Account>> reply) override {
+    answer("accounts", reply, knownAccounts);
+  }
+  void strongTokenForAccount(Account /*account*/,
+                             Reply<std::optional<std::string>> reply) override {
+    answer("strongTokenForAccount", reply,
+           signedInAccount ? signedInAccount->token() : std::nullopt);
+  }
+  void authIsExpired(Reply<bool> reply) override {
+    answer("authIsExpired", reply, !signedInAccount || !signedInAccount->hasValidStrongToken());
+  }
+  void primaryAccount(Reply<Account> reply) override {
+    answer("primaryAccount", reply, signedInAccount);
+  }
+  void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) override {
+    Account found;
+    for (const Account& account : knownAccounts)
+      if (!found && account->dsID() == dsID) found = account;
+    answer("accountWithDSID", reply, found);
+  }
+  void accountWithVantorID(std::optional<std::string> /*vantorID*/, Reply<Account> reply) override {
+    answer("accountWithVantorID", reply, Account());
+  }
+  void addAccountWithAuthenticationResponse(HSAuthenticationResponse response, bool makePrimary,
+                                            Reply<Account> reply) override {
+    auto account = std::make_shared<HSStoreAccount>();
+    account->mergeValuesFromAuthenticationResponse(response);
+    knownAccounts.push_back(account);
+    if (makePrimary) signedInAccount = account;
+    answer("addAccountWithAuthenticationResponse", reply, account);
+  }
+  void addAccount(Account account, Done reply) override {
+    knownAccounts.push_back(std::move(account));
+    answer("addAccount", reply);
+  }
+  void signInWithContext(HSAuthenticationContext /*context*/,
+                         Reply<bool, Account, std::optional<Error>> reply) override {
+    answer("signInWithContext", reply, signedInAccount != nullptr, signedInAccount, signInError);
+  }
+  void signOut(Done reply) override {
+    signedInAccount = nullptr;
+    answer("signOut", reply);
+  }
+  void parseCreditStringForProtocol(Dictionary protocol, Done reply) override {
+    enter("parseCreditStringForProtocol");
+    {
+      const std::lock_guard guard(_lock);
+      _protocols.push_back(std::move(protocol));
+    }
+    leave("parseCreditStringForProtocol", reply);
+  }
+  std::vector<Dictionary> protocols() const { return copyOf(_protocols); }
+  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> /*observer*/,
+                               Done reply) override {
+    answer("addAccountStoreObserver", reply);
+  }
+  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> /*observer*/,
+                                  Done reply) override {
+    answer("removeAccountStoreObserver", reply);
+  }
+  void eligibilityForService(std::uint64_t /*service*/, Reply<std::optional<bool>> reply) override {
+    answer("eligibilityForService", reply, std::optional<bool>());
+  }
+  void getEligibilityForService(std::uint64_t /*service*/,
+                                Reply<bool, std::optional<Error>> reply) override {
+    answer("getEligibilityForService", reply, false, std::optional<Error>());
+  }
+  void retailStoreDemoMode(
+      Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) override {
+    answer("retailStoreDemoMode", reply, false, std::nullopt, std::nullopt, false);
+  }
+  void nimboDSID(Reply<std::optional<std::string>> reply) override {
+    answer("nimboDSID", reply, std::optional<std::string>());
+  }
+  void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override {
+    answer("recommendedVantorIDForAccountSignIn", reply, std::optional<std::string>());
+  }
+
  private:
   template <class T>
   T copyOf(const T& member) const {
@@ -144,6 +227,7 @@ class FakeAccountService final : public HSAccountService {
   std::vector<HeaderQuestion> _headerQuestions;
   std::vector<std::optional<std::string>> _storeFrontsSet;
   std::optional<std::string> _storeFrontID;
+  std::vector<Dictionary> _protocols;
 };
 
 // Makes every proxy of the process lead to `service` while it lives, and remembers for which

@@ -16,6 +16,7 @@
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/HSStoreClient.h"
 #include "src/AccountService/AccountServiceInterface.h"
+#include "src/AccountService/AccountStore.h"
 #include "src/BagController.h"
 #include "src/CookieStorage.h"
 #include "src/StoreFrontController.h"
@@ -43,6 +44,7 @@ class ServiceWorld {
 
   // As after a restart: controllers read their state from disk again.
   static void forgetControllers() {
+    AccountStore::registry().removeAll();
     BagController::registry().removeAll();
     CookieStorage::registry().removeAll();
     StoreFrontController::registry().removeAll();

@@ -8,13 +8,13 @@
 #include <utility>
 #include <vector>
 
-#include "platform/VendBase/HSAccountService.h"
+#include "tests/support/SilentAccountService.h"
 
 namespace tallow {
 
 // An account service that answers from what the test has put into it, at once unless it is told to
 // keep its answers. One per connection.
-class FakeAccountService final : public HSAccountService {
+class FakeAccountService final : public SilentAccountService {
  public:
   // What the service was asked: "valueForURLBagKey key".
   std::vector<std::string> calls() const {
@@ -46,6 +46,8 @@ class FakeAccountService final : public HSAccountService {
   std::optional<Error> loadError;
   std::vector<std::shared_ptr<HSURLBagObserver>> observers;
   Dictionary consumedHeaders;
+  Account account;
+  std::vector<std::shared_ptr<HSAccountStoreObserver>> accountObservers;
 
   void valueForURLBagKey(std::string key, Reply<Value> reply) override {
     _answer("valueForURLBagKey " + key, [=, this] { reply(bagValue); });
@@ -103,6 +105,38 @@ class FakeAccountService final : public HSAccountService {
   void setStoreFrontID(std::optional<std::string> newID, Done reply) override {
     storeFrontID = newID;
     _answer("setStoreFrontID " + newID.value_or("nil"), reply);
+  }
+
+  void primaryAccount(Reply<Account> reply) override {
+    _answer("primaryAccount", [=, this] { reply(account); });
+  }
+  void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) override {
+    _answer("accountWithDSID " + std::to_string(dsID.value_or(0)),
+            [=, this] { reply(account && account->dsID() == dsID ? account : nullptr); });
+  }
+  void addAccount(Account newAccount, Done reply) override {
+    account = std::move(newAccount);
+    _answer("addAccount", reply);
+  }
+  void addAccountWithAuthenticationResponse(HSAuthenticationResponse response, bool makePrimary,
+                                            Reply<Account> reply) override {
+    account = std::make_shared<HSStoreAccount>();
+    account->mergeValuesFromAuthenticationResponse(response);
+    _answer(makePrimary ? "makePrimary" : "add", [=, this] { reply(account); });
+  }
+  void strongTokenForAccount(Account, Reply<std::optional<std::string>> reply) override {
+    _answer("strongTokenForAccount",
+            [=, this] { reply(account ? account->token() : std::nullopt); });
+  }
+  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                               Done reply) override {
+    accountObservers.push_back(std::move(observer));
+    _answer("addAccountStoreObserver", reply);
+  }
+  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
+                                  Done reply) override {
+    std::erase(accountObservers, observer);
+    _answer("removeAccountStoreObserver", reply);
   }
 
  private:

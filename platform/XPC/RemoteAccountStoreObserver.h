@@ -1,0 +1,30 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "platform/VendBase/HSAccountStoreObserver.h"
+#include "platform/XPC/BusConnection.h"
+
+namespace tallow {
+
+// The live proxy of a com.vantor.HSAccountStoreObserver that a caller exports. Sends without
+// waiting and asks for no reply; says nothing any more once its caller has left. Any thread.
+class RemoteAccountStoreObserver final : public HSAccountStoreObserver {
+ public:
+  RemoteAccountStoreObserver(std::shared_ptr<BusConnection> connection,
+                             const std::string& uniqueName, const std::string& path);
+  ~RemoteAccountStoreObserver() override;
+
+  void primaryAccountDidChange(const std::shared_ptr<HSStoreAccount>& account) override;
+  void forget() { _isForgotten = true; }
+
+ private:
+  class Proxy;
+  std::shared_ptr<BusConnection> _connection;
+  std::unique_ptr<Proxy> _proxy;
+  std::atomic<bool> _isForgotten{false};
+};
+
+}  // namespace tallow
