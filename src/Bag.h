@@ -72,6 +72,9 @@ class Bag : public std::enable_shared_from_this<Bag> {
   Value valueForKeyIfValid(std::string_view key);
   // A string under the key that parses as a URL.
   std::optional<URL> urlForKey(std::string_view key);
+  // The contents when the bag is valid or could be made so, else an empty dictionary: one and the
+  // same for all the questions that one answer is made of.
+  Dictionary validDictionary();
   // The contents, valid or not: after a failed load the old ones.
   std::optional<Dictionary> dictionary();
 
@@ -114,8 +117,6 @@ class Bag : public std::enable_shared_from_this<Bag> {
                                                 const std::optional<URL>& bootstrapURL);
   void _loadFromPersistedStore();
   void loadOnAccessQueue(const LoadBlock& block);
-  // The dictionary when the bag is valid or could be made so, else an empty one.
-  Dictionary validDictionary();
 
   const std::uint64_t _bagType;
   const std::shared_ptr<const HSStoreClient> _storeClient;

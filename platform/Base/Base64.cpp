@@ -9,10 +9,14 @@
 namespace tallow {
 
 std::string base64Encode(const Data& data) {
-  if (data.length() > std::numeric_limits<int>::max() / 2) return {};
-  std::string text((data.length() + 2) / 3 * 4 + 1, '\0');  // the library ends it with a NUL
-  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), data.bytes(),
-                                     static_cast<int>(data.length()));
+  return base64Encode(data.span());
+}
+
+std::string base64Encode(std::span<const std::uint8_t> bytes) {
+  if (bytes.size() > std::numeric_limits<int>::max() / 2) return {};
+  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // the library ends it with a NUL
+  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes.data(),
+                                     static_cast<int>(bytes.size()));
   text.resize(static_cast<std::size_t>(length));
   return text;
 }

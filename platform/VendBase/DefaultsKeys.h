@@ -11,6 +11,8 @@ inline constexpr const char* kDefaultsUseCustomBagKey = "UseCustomBag";
 inline constexpr const char* kDefaultsNextClientIDPingDateKey = "NextClientIDPingDate";
 inline constexpr const char* kDefaultsUseSystemCookieStoreKey = "UseSystemCookieStore";
 inline constexpr const char* kDefaultsStorefrontKey = "Storefront";
+// An administrator's alone: the absolute path of the machine-identity library to use.
+inline constexpr const char* kDefaultsMachineIdentityLibraryKey = "MachineIdentityLibrary";
 
 // Accounts. The first is also the name of the flat record of older versions.
 inline constexpr const char* kDefaultsPrimaryAccountKey = "PrimaryAccount";

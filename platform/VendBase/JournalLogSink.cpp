@@ -9,8 +9,10 @@
 
 #include <array>
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace tallow {
 
@@ -21,8 +23,21 @@ int priorityFor(int level) {
   return level == 2 ? LOG_WARNING : LOG_DEBUG;
 }
 
-iovec vectorFor(const std::string& field) {
-  return {const_cast<char*>(field.data()), field.size()};
+bool send(std::span<const std::string> fields) {
+  std::vector<iovec> vectors;
+  for (const std::string& field : fields)
+    vectors.push_back({const_cast<char*>(field.data()), field.size()});
+  return sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size())) >= 0;
+}
+
+// Capitals, digits and underscores are all that the journal has in names.
+std::string fieldName(std::string_view key) {
+  std::string name(key);
+  for (char& c : name) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    if (!(c >= 'A' && c <= 'Z') && !(c >= '0' && c <= '9')) c = '_';
+  }
+  return name;
 }
 
 }  // namespace
@@ -45,11 +60,16 @@ void JournalLogSink::write(int level, const SourceLocation& where, std::string_v
       format("CODE_FILE=%@", file),       format("CODE_FUNC=%s", where.function),
       format("CODE_LINE=%d", where.line),
   };
-  std::array<iovec, fields.size()> vectors;
-  for (std::size_t i = 0; i < fields.size(); ++i) vectors[i] = vectorFor(fields[i]);
-  if (sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size())) < 0) {
-    _fallback.write(level, where, file, line);
-  }
+  if (!send(fields)) _fallback.write(level, where, file, line);
+}
+
+void JournalLogSink::writeEvent(std::string_view name, const Dictionary& arguments) {
+  std::vector<std::string> fields = {
+      format("MESSAGE=event %@ %@", name, arguments), format("PRIORITY=%d", LOG_INFO),
+      format("SYSLOG_IDENTIFIER=%s", VBLogManager::kIdentifier), format("TALLOW_EVENT=%@", name)};
+  for (const auto& [key, value] : arguments)
+    fields.push_back(format("TALLOW_EVENT_%@=%@", fieldName(key), value));
+  if (!send(fields)) _fallback.writeEvent(name, arguments);
 }
 
 void JournalLogSink::writePropertyList(int level, std::string_view fileName, const Value& value) {

@@ -8,8 +8,9 @@
 namespace tallow {
 
 // Writes log lines to the system's journal with the fields MESSAGE, PRIORITY (3 error, 4 warning, 7
-// debug for levels 1, 2, 3), TALLOW_LEVEL, SYSLOG_IDENTIFIER, CODE_FILE, CODE_FUNC and CODE_LINE. A
-// line the journal does not take goes to standard error. Any thread.
+// debug for levels 1, 2, 3), TALLOW_LEVEL, SYSLOG_IDENTIFIER, CODE_FILE, CODE_FUNC and CODE_LINE.
+// An event has TALLOW_EVENT for its name and TALLOW_EVENT_KEY for each argument, the key in
+// capitals. What the journal does not take goes to standard error. Any thread.
 class JournalLogSink final : public VBLogManager::Sink {
  public:
   explicit JournalLogSink(std::filesystem::path propertyListFolder);
@@ -21,6 +22,7 @@ class JournalLogSink final : public VBLogManager::Sink {
   void write(int level, const SourceLocation& where, std::string_view file,
              std::string_view line) override;
   void writePropertyList(int level, std::string_view fileName, const Value& value) override;
+  void writeEvent(std::string_view name, const Dictionary& arguments) override;
 
  private:
   StandardErrorLogSink _fallback;

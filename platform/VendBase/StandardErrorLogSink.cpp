@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/Base/Clock.h"
+#include "platform/VendBase/LogText.h"
 
 namespace tallow {
 
@@ -15,9 +16,17 @@ StandardErrorLogSink::StandardErrorLogSink(std::filesystem::path propertyListFol
 
 void StandardErrorLogSink::write(int level, const SourceLocation& where, std::string_view file,
                                  std::string_view line) {
-  const std::string text =
-      format("%@ %s[%d] %d %@:%d: %@\n", Clock::shared().now(), VBLogManager::kIdentifier, getpid(),
-             level, file, where.line, line);
+  writeLine(format("%@ %s[%d] %d %@:%d: %@\n", Clock::shared().now(), VBLogManager::kIdentifier,
+                   getpid(), level, file, where.line, line));
+}
+
+void StandardErrorLogSink::writeEvent(std::string_view name, const Dictionary& arguments) {
+  writeLine(format("%@ %s[%d] event %@ %@\n", Clock::shared().now(), VBLogManager::kIdentifier,
+                   getpid(), LogText::escaped(std::string(name)),
+                   LogText::escaped(description(arguments))));
+}
+
+void StandardErrorLogSink::writeLine(std::string_view text) const {
   std::string_view rest = text;
   while (!rest.empty()) {
     const ssize_t written = ::write(_descriptor, rest.data(), rest.size());

@@ -79,4 +79,8 @@ void VBLogManager::_writePropertyList(int level, const Value& value, const std::
   if (const auto sink = _sink()) sink->writePropertyList(level, fileName, value);
 }
 
+void VBLogManager::logEvent(std::string_view name, const Dictionary& arguments) {
+  if (const auto sink = _sink()) sink->writeEvent(name, arguments);
+}
+
 }  // namespace tallow

@@ -39,6 +39,8 @@ class VBLogManager {
                        std::string_view line) = 0;
     // A whole property list, for a person to read, under the name of a log file.
     virtual void writePropertyList(int level, std::string_view fileName, const Value& value) = 0;
+    // Something that happened, for whoever counts such things.
+    virtual void writeEvent(std::string_view name, const Dictionary& arguments) = 0;
   };
 
   // The name under which the service's lines are found.
@@ -72,6 +74,9 @@ class VBLogManager {
     const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};
     _writePropertyList(level, value, formatText(fileName.text(), {packed, sizeof...(Args)}));
   }
+
+  // Whatever the threshold.
+  void logEvent(std::string_view name, const Dictionary& arguments);
 
  private:
   VBLogManager();

@@ -7,6 +7,7 @@
 #include "src/BagPolicy.h"
 #include "src/CookieStorage.h"
 #include "src/OrvController.h"
+#include "src/OrvExchange.h"
 #include "src/StoreFrontController.h"
 
 namespace tallow {
@@ -19,8 +20,19 @@ void send(const Reply& reply, Results&&... results) {
   if (reply) reply(std::forward<Results>(results)...);
 }
 
-bool requiresSilentOrvAction(const Dictionary& bag, const URL& url) {
-  return BagPolicy::urlRequiresAMD(bag, url) || BagPolicy::urlRequiresMD(bag, url);
+// Which machine-identity headers a URL needs. A nil URL needs none.
+struct IdentityNeed {
+  bool ofMachine = false, ofAccount = false;
+
+  IdentityNeed(const Dictionary& bag, const std::optional<URL>& url)
+      : ofMachine(url && BagPolicy::urlRequiresAMD(bag, *url)),
+        ofAccount(url && BagPolicy::urlRequiresMD(bag, *url)) {}
+};
+
+// On a clash the account's set wins over the machine's, and both over the cookies.
+Dictionary merged(const Dictionary& cookies, const Dictionary& ofMachine,
+                  const std::optional<Dictionary>& ofAccount) {
+  return cookies.merging(ofMachine).merging(ofAccount.value_or(Dictionary()));
 }
 
 }  // namespace
@@ -31,6 +43,11 @@ AccountServiceInterface::AccountServiceInterface(std::shared_ptr<const HSStoreCl
 std::shared_ptr<Bag> AccountServiceInterface::_bag() const {
   const auto controller = BagController::bagControllerForClient(storeClient());
   return controller ? controller->bagWithType(storeClient()->requiredBagType) : nullptr;
+}
+
+Dictionary AccountServiceInterface::bagDictionary() const {
+  const auto bag = _bag();
+  return bag ? bag->validDictionary() : Dictionary();
 }
 
 std::optional<Dictionary> AccountServiceInterface::bagDictionaryIfAtHand() const {
@@ -69,16 +86,19 @@ void AccountServiceInterface::urlIsTrustedByURLBag(std::optional<URL> url, Reply
 
 void AccountServiceInterface::needsSilentOrvActionForURL(std::optional<URL> url,
                                                          Reply<bool> reply) {
+  const auto answer = [](const Dictionary& bag, const std::optional<URL>& forURL,
+                         const Reply<bool>& to) {
+    const IdentityNeed need(bag, forURL);
+    send(to, need.ofMachine || need.ofAccount);
+  };
   nowOrOnRequestQueue(
       [&] {
         const auto bag = bagDictionaryIfAtHand();
-        if (bag) send(reply, url && requiresSilentOrvAction(*bag, *url));
+        if (bag) answer(*bag, url, reply);
         return bag.has_value();
       },
-      [this, url, reply] {
-        const auto bag = _bag();
-        send(reply, bag && (bag->urlRequiresAMD(url) || bag->urlRequiresMD(url)));
-      });
+      // A nil URL is no reason to load the bag.
+      [this, url, reply, answer] { answer(url ? bagDictionary() : Dictionary(), url, reply); });
 }
 
 void AccountServiceInterface::loadURLBagWithType(std::uint64_t bagType,
@@ -180,30 +200,44 @@ void AccountServiceInterface::consumeCookiesWithHTTPHeaders(Dictionary headers,
 Dictionary AccountServiceInterface::composedHeadersForURL(const std::optional<URL>& url,
                                                           std::optional<std::uint64_t> dsID,
                                                           bool includeOrvHeaders) const {
-  Dictionary machineHeaders;
-  Dictionary accountHeaders;
-  if (includeOrvHeaders) {
+  Dictionary ofMachine;
+  std::optional<Dictionary> ofAccount;
+  if (includeOrvHeaders && url) {
+    // One look at the bag for both, so that the two sets are always of one and the same.
+    const IdentityNeed need(bagDictionary(), url);
     OrvController& orv = OrvController::sharedController();
-    const auto bag = _bag();
-    if (bag && bag->urlRequiresAMD(url)) machineHeaders = orv.httpRequestHeaders();
-    if (bag && bag->urlRequiresMD(url))
-      accountHeaders = orv.httpRequestHeadersForDSID(dsID).value_or(Dictionary());
+    if (need.ofMachine) ofMachine = orv.httpRequestHeaders();
+    if (need.ofAccount) ofAccount = orv.httpRequestHeadersForDSID(dsID);
   }
   const auto storage = CookieStorage::storageForClient(storeClient());
-  const Dictionary cookieHeaders = storage ? storage->httpHeadersForURL(url) : Dictionary();
-  // On a clash the account's set wins over the machine's, and both over the cookies.
-  return cookieHeaders.merging(machineHeaders).merging(accountHeaders);
+  return merged(storage ? storage->httpHeadersForURL(url) : Dictionary(), ofMachine, ofAccount);
 }
 
 std::optional<Dictionary> AccountServiceInterface::composedHeadersIfAtHand(
-    const std::optional<URL>& url, bool includeOrvHeaders) const {
-  if (includeOrvHeaders) {
-    const auto bag = bagDictionaryIfAtHand();
-    // Identity headers come from the controller's queue, which may be in a network exchange.
-    if (!bag || (url && requiresSilentOrvAction(*bag, *url))) return std::nullopt;
-  }
+    const std::optional<URL>& url, std::optional<std::uint64_t> dsID,
+    bool includeOrvHeaders) const {
   const auto storage = CookieStorage::storageForClientIfAtHand(storeClient());
-  return storage ? storage->httpHeadersForURLIfIdle(url) : std::nullopt;
+  if (!storage) return std::nullopt;
+  Dictionary ofMachine;
+  std::optional<Dictionary> ofAccount;
+  if (includeOrvHeaders && url) {
+    const auto bag = bagDictionaryIfAtHand();
+    if (!bag) return std::nullopt;
+    const IdentityNeed need(*bag, url);
+    OrvController& orv = OrvController::sharedController();
+    if (need.ofMachine) {
+      // An exchange with the store may be going on.
+      const auto headers = orv.httpRequestHeadersForDSIDIfIdle(kAnonymousDSID);
+      if (!headers) return std::nullopt;
+      ofMachine = *headers;
+    }
+    if (need.ofAccount && dsID) {
+      ofAccount = orv.httpRequestHeadersForDSIDIfIdle(dsID);
+      if (!ofAccount) return std::nullopt;
+    }
+  }
+  const auto cookies = storage->httpHeadersForURLIfIdle(url);
+  return cookies ? std::optional(merged(*cookies, ofMachine, ofAccount)) : std::nullopt;
 }
 
 void AccountServiceInterface::httpHeadersForURL(std::optional<URL> url,
@@ -216,7 +250,7 @@ void AccountServiceInterface::httpHeadersForURL(std::optional<URL> url,
   };
   nowOrOnRequestQueue(
       [&] {
-        const auto headers = composedHeadersIfAtHand(url, includeOrvHeaders);
+        const auto headers = composedHeadersIfAtHand(url, forDSID, includeOrvHeaders);
         if (headers) answer(url, *headers, reply);
         return headers.has_value();
       },

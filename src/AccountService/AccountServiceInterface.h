@@ -81,7 +81,10 @@ class AccountServiceInterface final : public HSServiceClientInterface {
  private:
   // The client's bag of its required type, looked up afresh each time; null when there is none.
   std::shared_ptr<Bag> _bag() const;
-  // The contents of that bag if it is valid and at hand without waiting.
+  // The contents of that bag, loaded if need be; empty when there is none or it cannot be made
+  // valid.
+  Dictionary bagDictionary() const;
+  // The same if it is valid and at hand without waiting.
   std::optional<Dictionary> bagDictionaryIfAtHand() const;
 
   // The store of the client's accounts; null when there is none.
@@ -105,6 +108,7 @@ class AccountServiceInterface final : public HSServiceClientInterface {
                                    bool includeOrvHeaders) const;
   // The headers if no part of them means waiting, else nullopt.
   std::optional<Dictionary> composedHeadersIfAtHand(const std::optional<URL>& url,
+                                                    std::optional<std::uint64_t> dsID,
                                                     bool includeOrvHeaders) const;
 };
 

@@ -83,9 +83,15 @@ class CapturedLog {
     const std::lock_guard lock(_sink->mutex);
     return _sink->propertyLists;
   }
+  // What happened, in order.
+  std::vector<std::pair<std::string, Dictionary>> events() const {
+    const std::lock_guard lock(_sink->mutex);
+    return _sink->events;
+  }
   void clear() {
     const std::lock_guard lock(_sink->mutex);
     _sink->lines.clear();
+    _sink->events.clear();
     _sink->propertyLists.clear();
   }
 
@@ -102,6 +108,11 @@ class CapturedLog {
       propertyLists.emplace_back(fileName, value);
       logged.notify_all();
     }
+    void writeEvent(std::string_view name, const Dictionary& arguments) override {
+      const std::lock_guard lock(mutex);
+      events.emplace_back(name, arguments);
+      logged.notify_all();
+    }
     std::size_t count(int level, std::string_view text) const {
       std::size_t found = 0;
       for (const Line& line : lines) found += line.level == level && line.text == text ? 1 : 0;
@@ -112,6 +123,7 @@ class CapturedLog {
     std::condition_variable logged;
     std::vector<Line> lines;
     std::vector<std::pair<std::string, Value>> propertyLists;
+    std::vector<std::pair<std::string, Dictionary>> events;
   };
 
   std::shared_ptr<Sink> _sink;

@@ -1,0 +1,133 @@
+#include "platform/Orv/BuiltInOrv.h"
+
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "platform/Orv/ByteLayout.h"
+
+namespace tallow {
+
+namespace {
+
+// A provisioning has one session, which the service ends when it is over.
+constexpr std::size_t kMostSessions = 16;
+
+OrvCrypto::Key derived(std::span<const std::uint8_t> machineID, std::string_view purpose) {
+  OrvCrypto::Key key;
+  OrvCrypto::hkdf(machineID, {},
+                  {reinterpret_cast<const std::uint8_t*>(purpose.data()), purpose.size()},
+                  key.writable());
+  return key;
+}
+
+SecretVector secretCopy(std::span<const std::uint8_t> bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
+}  // namespace
+
+BuiltInOrv::BuiltInOrv(std::filesystem::path folder, Bytes machineID, MachineSecretStore::Log log)
+    : _fingerprintKey(derived(machineID, "tallow-orv 1 fingerprint")),
+      _secrets(std::move(folder), derived(machineID, "tallow-orv 1 storage"), std::move(log)) {}
+
+OrvCrypto::Key BuiltInOrv::fingerprint(std::uint64_t dsID) const {
+  std::array<std::uint8_t, sizeof(dsID)> number;
+  ByteWriter(number).number(dsID);
+  return OrvCrypto::hmac(_fingerprintKey.span(), {number});
+}
+
+SecretVector BuiltInOrv::machineIdentifier(std::uint64_t dsID, const MachineSecret& secret) const {
+  OrvMessages::MachineIdentifier identifier;
+  identifier.machine = secret.machine;
+  identifier.proof = OrvMessages::MachineIdentifier::proofFor(secret.keys.identifier, dsID,
+                                                              fingerprint(dsID).span());
+  return secretCopy(identifier.encode().span());
+}
+
+std::int32_t BuiltInOrv::requestPassword(std::uint64_t dsID, SecretVector& identifier,
+                                         SecretVector& password) {
+  MachineSecret secret;
+  if (const std::int32_t status = _secrets.load(dsID, secret); status != kOrvSuccess) return status;
+  const std::uint64_t step = secret.clock.now() / (std::uint64_t{1000} * secret.periodSeconds);
+  std::string digits =
+      OrvCrypto::timeBasedPassword(secret.keys.password.span(), step, OrvMessages::kPasswordDigits);
+  password.assign(digits.begin(), digits.end());
+  ::explicit_bzero(digits.data(), digits.size());
+  identifier = machineIdentifier(dsID, secret);
+  return kOrvSuccess;
+}
+
+std::int32_t BuiltInOrv::resetProvisioning(std::uint64_t dsID) {
+  return _secrets.remove(dsID);
+}
+
+std::int32_t BuiltInOrv::startProvisioning(std::uint64_t dsID, Bytes data, SecretVector& clientData,
+                                           std::uint32_t& session) {
+  const auto start = OrvMessages::ProvisioningStart::decode(data);
+  if (!start) return kOrvMalformed;
+  if (_sessions.size() >= kMostSessions) return kOrvTooManySessions;
+  // Before the store is told anything that this machine could not keep.
+  if (_secrets.isFromTheFuture(dsID)) return kOrvNewerFormat;
+  const OrvCrypto::KeyPair machine = OrvCrypto::makeKeyPair();
+  const std::optional<OrvAgreement> agreement = OrvAgreement::ofMachine(dsID, machine, *start);
+  if (!agreement) return kOrvMalformed;
+
+  OrvMessages::ProvisioningRequest request;
+  request.provisioning = start->provisioning;
+  request.machineKey = machine.publicKey;
+  request.sealedFingerprint =
+      OrvCrypto::seal(agreement->requestKey(), start->provisioning, fingerprint(dsID).span());
+  clientData = secretCopy(request.encode().span());
+  do {
+    session = ++_lastSession;
+  } while (session == 0 || _sessions.contains(session));
+  _sessions.emplace(session, Session{dsID, machine, *agreement});
+  return kOrvSuccess;
+}
+
+std::int32_t BuiltInOrv::finishProvisioning(std::uint32_t session, Bytes settingInfo,
+                                            Bytes transportKey) {
+  const auto found = _sessions.find(session);
+  if (found == _sessions.end()) return kOrvUnknownSession;
+  const Session& open = found->second;
+  const auto transport = OrvMessages::TransportKey::decode(transportKey);
+  if (!transport) return kOrvMalformed;
+  OrvAgreement agreement = open.agreement;
+  if (!agreement.addTransportKeyOfStore(open.machine, transport->storeKey)) return kOrvMalformed;
+  const auto settings = OrvMessages::Settings::open(agreement.settingsKey(), settingInfo);
+  if (!settings) return kOrvNotGenuine;
+
+  MachineSecret secret;
+  secret.keys = agreement.identityKeys();
+  secret.machine = settings->machine;
+  secret.periodSeconds = settings->periodSeconds;
+  secret.clock = StoreClock::setNow(settings->storeTime);
+  return _secrets.save(open.dsID, secret);
+}
+
+void BuiltInOrv::endSession(std::uint32_t session) {
+  _sessions.erase(session);
+}
+
+std::int32_t BuiltInOrv::synchronizeMachine(std::uint64_t dsID, Bytes data,
+                                            SecretVector& identifier, SecretVector& clientData) {
+  MachineSecret secret;
+  if (const std::int32_t status = _secrets.load(dsID, secret); status != kOrvSuccess) return status;
+  const auto start = OrvMessages::SyncStart::decode(data);
+  if (!start) return kOrvMalformed;
+  if (!OrvCrypto::areEqual(start->proof, start->proofWith(secret.keys.sync))) return kOrvNotGenuine;
+  if (start->storeTime <= secret.clock.setAt()) return kOrvOutdated;
+
+  OrvMessages::SyncRequest request;
+  request.challenge = start->challenge;
+  request.machineTime = secret.clock.now();
+  request.proof = request.proofWith(secret.keys.sync);
+  secret.clock = StoreClock::setNow(start->storeTime);
+  if (const std::int32_t status = _secrets.save(dsID, secret); status != kOrvSuccess) return status;
+  identifier = machineIdentifier(dsID, secret);
+  clientData = secretCopy(request.encode().span());
+  return kOrvSuccess;
+}
+
+}  // namespace tallow

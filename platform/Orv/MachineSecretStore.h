@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/Base/Data.h"
+#include "platform/Orv/MachineSecret.h"
+#include "platform/Orv/OrvCrypto.h"
+
+namespace tallow {
+
+// The files of one folder that hold a machine's secrets, one per DSID, named DSID.identity: a magic
+// word and a version, and the secret sealed under a key of this machine (docs/machine-identity.md).
+// Mode 0600; written so that at any moment the old or the new one is there, whole; a removed one
+// stays removed.
+//
+// Only what is sealed stays in memory between two calls. Statuses are those of a machine-identity
+// library (OrvStatus.h). Owned by the built-in library, used by one thread at a time.
+class MachineSecretStore {
+ public:
+  // Told what a person should know: level and text.
+  using Log = std::function<void(int level, const std::string& line)>;
+
+  MachineSecretStore(std::filesystem::path folder, const OrvCrypto::Key& machineKey, Log log);
+
+  // kOrvNotProvisioned where there is none that can be used: none at all, a damaged one (which is
+  // set aside), or one that others could read.
+  std::int32_t load(std::uint64_t dsID, MachineSecret& secret);
+  std::int32_t save(std::uint64_t dsID, const MachineSecret& secret);
+  // Nothing there is a success.
+  std::int32_t remove(std::uint64_t dsID);
+  // Whether a file is there that a newer program has written, which must not be replaced.
+  bool isFromTheFuture(std::uint64_t dsID);
+  // Those that have a file, in order.
+  std::vector<std::uint64_t> dsIDs() const;
+
+ private:
+  // What tells that a file is still the one that was read.
+  struct Stamp {
+    std::uint64_t inode = 0;
+    std::int64_t size = 0, seconds = 0, nanoseconds = 0;
+    friend bool operator==(const Stamp&, const Stamp&) = default;
+  };
+  struct Sealed {
+    Stamp stamp;
+    Data contents;
+  };
+
+  std::string pathOf(std::uint64_t dsID) const;
+  std::int32_t read(std::uint64_t dsID, Data& contents);
+  void setAside(std::uint64_t dsID, const char* why);
+
+  const std::filesystem::path _folder;
+  const OrvCrypto::Key _machineKey;
+  const Log _log;
+  std::unordered_map<std::uint64_t, Sealed> _sealed;
+};
+
+}  // namespace tallow

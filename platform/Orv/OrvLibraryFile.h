@@ -1,0 +1,33 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+#include "platform/Base/Result.h"
+
+struct tallow_orv_library;
+
+namespace tallow {
+
+// A machine-identity library in a file of its own. Callable from any thread.
+namespace OrvLibraryFile {
+
+// The file that an administrator has named for everybody (the preference
+// kDefaultsMachineIdentityLibraryKey in an administrators' file; nothing below the user's own
+// configuration folder counts); nullopt where none is named.
+std::optional<std::filesystem::path> administratorsChoice();
+
+// Why the file is not to be loaded, where it is not: what runs with the service's rights must lie
+// where only root can put it or replace it, folder by folder.
+std::optional<Error> objectionTo(const std::filesystem::path& file);
+
+// Loads it, for the life of the process, if there is nothing against it. Error domain
+// "OrvErrorDomain", code kOrvNoLibrary.
+Result<const tallow_orv_library*> load(const std::filesystem::path& file);
+
+// The same without asking who could have written it.
+Result<const tallow_orv_library*> loadUnchecked(const std::filesystem::path& file);
+
+}  // namespace OrvLibraryFile
+
+}  // namespace tallow

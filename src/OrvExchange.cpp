@@ -1,0 +1,65 @@
+#include "src/OrvExchange.h"
+
+#include <string>
+#include <utility>
+
+#include "platform/Base/Base64.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/HSError.h"
+
+namespace tallow::OrvExchange {
+
+namespace {
+
+constexpr const char* kErrorDomain = "OrvErrorDomain";
+constexpr const char* kContentType = "application/x-vantor-plist";
+
+}  // namespace
+
+Error libraryError(std::int32_t status) {
+  return Error{kErrorDomain, status, {}};
+}
+
+std::span<const std::uint8_t> bytesOf(const std::optional<Data>& data) {
+  return data ? data->span() : std::span<const std::uint8_t>();
+}
+
+Value base64Of(const OrvBuffer& buffer) {
+  return buffer.isNil() ? Value() : Value(base64Encode(buffer.span()));
+}
+
+std::shared_ptr<HSStoreURLOperation> postOperation(
+    const Dictionary& body, const char* urlBagKey,
+    const std::shared_ptr<const HSStoreClient>& storeClient) {
+  HSURLRequest request;
+  request.suppressOrvHeaders = true;
+  request.method = "POST";
+  request.body = PropertyList::encode(body, PropertyList::Format::XML);
+  request.headers = {{"Content-Type", kContentType}};
+
+  const auto provider = HSPropertyListProvider::providerWithStoreClient(storeClient);
+  provider->setShouldProcessDialogs(false);
+  provider->setShouldTriggerDownloads(false);
+
+  auto operation = std::make_shared<HSStoreURLOperation>(storeClient);
+  operation->setURLBagKey(urlBagKey);
+  operation->setRequest(std::move(request));
+  operation->setDataProvider(provider);
+  return operation;
+}
+
+std::optional<Error> serverError(const Dictionary& answer) {
+  const Value& type = answer["failureType"];
+  if (type.isNil()) return std::nullopt;
+  const std::string* const message = answer["customerMessage"].string();
+  // Some servers write the number as text.
+  return HSError(type.intValue().value_or(0),
+                 message == nullptr ? std::nullopt : std::optional(*message), std::nullopt);
+}
+
+std::optional<Data> decodedData(const Dictionary& answer, const char* key) {
+  const std::string* const text = answer[key].string();
+  return text == nullptr ? std::nullopt : base64Decode(*text);
+}
+
+}  // namespace tallow::OrvExchange

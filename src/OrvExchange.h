@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "platform/Base/Error.h"
+#include "platform/Base/Value.h"
+#include "platform/Orv/OrvLibrary.h"
+#include "platform/VendBase/HSStoreURLOperation.h"
+
+namespace tallow {
+
+// Stands for the absence of an account wherever this machine identifies itself.
+inline constexpr std::uint64_t kAnonymousDSID = UINT64_MAX;
+
+// What the two machine-identity exchanges have in common: how what the library made is posted, and
+// how the store's answer is read. Callable from any thread.
+namespace OrvExchange {
+
+// A failure of the machine-identity library; code = its status.
+Error libraryError(std::int32_t status);
+
+// The bytes of data that may be missing: none then.
+std::span<const std::uint8_t> bytesOf(const std::optional<Data>& data);
+
+// Base64 of what the library returned; nil where it returned nothing.
+Value base64Of(const OrvBuffer& buffer);
+
+// The request that posts the body to the URL which the bag has under the key, to be answered with a
+// property list. It carries no machine identity: whoever would be asked for it waits for this.
+std::shared_ptr<HSStoreURLOperation> postOperation(
+    const Dictionary& body, const char* urlBagKey,
+    const std::shared_ptr<const HSStoreClient>& storeClient);
+
+// The failure that the answer states, if it states one.
+std::optional<Error> serverError(const Dictionary& answer);
+
+// Base64 data under the key; nil where there is none.
+std::optional<Data> decodedData(const Dictionary& answer, const char* key);
+
+}  // namespace OrvExchange
+
+}  // namespace tallow
