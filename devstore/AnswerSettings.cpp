@@ -86,6 +86,7 @@ AnswerSettings AnswerSettings::read(JSONReader& reader) {
   settings.readHeaders(reader);
   settings.readBody(reader);
   settings.readDelivery(reader);
+  settings._identityOrder = IdentityOrder::read(reader);
   return settings;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "devstore/Answer.h"
+#include "devstore/IdentityOrder.h"
 
 namespace tallow::devstore {
 
@@ -28,6 +29,8 @@ class AnswerSettings {
 
   // The format in which an endpoint shall encode its property lists.
   PropertyList::Format format() const { return _format; }
+  // What the answer's headers order about the machine's identity, if anything.
+  const std::optional<IdentityOrder>& identityOrder() const { return _identityOrder; }
   // For how many answers the staging holds; nullopt: until reset.
   std::optional<std::int64_t> times() const { return _times; }
 
@@ -57,6 +60,7 @@ class AnswerSettings {
   std::optional<std::size_t> _flipBodyByte, _truncateAt, _stallAt;
   std::optional<std::chrono::milliseconds> _delay;
   bool _hang = false;
+  std::optional<IdentityOrder> _identityOrder;
 };
 
 }  // namespace tallow::devstore

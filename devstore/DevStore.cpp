@@ -8,7 +8,10 @@
 #include "devstore/EndpointTable.h"
 #include "devstore/HTTPListener.h"
 #include "devstore/Holdup.h"
+#include "devstore/IdentityExchangeEndpoint.h"
+#include "devstore/IdentityVerdictEndpoint.h"
 #include "devstore/LogoutEndpoint.h"
+#include "devstore/MachineRegistry.h"
 #include "devstore/PageEndpoint.h"
 #include "devstore/PingEndpoint.h"
 #include "devstore/RedirectEndpoint.h"
@@ -54,6 +57,7 @@ struct DevStore::State {
   StoreURLs urls;
   Holdup holdup;
   RequestLog requests;
+  MachineRegistry machines;
   EndpointTable endpoints;
   Staging staging{endpoints, [this] { holdup.release(); }};
   Control control{staging, requests};
@@ -104,6 +108,14 @@ void DevStore::State::addEndpoints() {
   endpoints.add("logout", {"/accounts/logout"}, std::make_unique<LogoutEndpoint>());
   endpoints.add("eligibility", {"/accounts/subscription-status"},
                 std::make_unique<EligibilityEndpoint>());
+  using Exchange = IdentityExchangeEndpoint::Exchange;
+  endpoints.add("finishProvisioning",
+                {"/identity/finish-provisioning", "/identity/anonymous/finish-provisioning"},
+                std::make_unique<IdentityExchangeEndpoint>(Exchange::Provisioning, machines));
+  endpoints.add("syncMachine", {"/identity/sync-machine", "/identity/anonymous/sync-machine"},
+                std::make_unique<IdentityExchangeEndpoint>(Exchange::Synchronisation, machines));
+  endpoints.add("identity", {"/identity/verdict"},
+                std::make_unique<IdentityVerdictEndpoint>(machines));
 }
 
 Answer DevStore::State::answer(const ReceivedRequest& request) {
@@ -124,6 +136,7 @@ Answer DevStore::State::answerFromEndpoint(const ReceivedRequest& request) {
   }
   Answer answer = staged->settings.appliedTo(
       entry->endpoint->answer(request, staged->own.get(), staged->settings.format()));
+  if (const auto& order = staged->settings.identityOrder()) machines.order(*order, answer);
   answer.ticket = ticket;
   return answer;
 }
