@@ -6,6 +6,7 @@
 #include "platform/MerrowKit/MKLogASLMessage.h"
 #include "platform/Orv/OrvLibrary.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "src/AccountService/AccountStore.h"
 #include "src/OrvExchange.h"
 #include "src/OrvMachineSyncOperation.h"
 #include "src/OrvProvisioningOperation.h"
@@ -23,8 +24,11 @@ void sendFailure(const char* event, std::int64_t code) {
 }
 
 // The DSID of whoever is signed in; never waits for a sign-in that is going on.
-std::optional<std::uint64_t> primaryAccountDSID(const std::shared_ptr<const HSStoreClient>&) {
-  return std::nullopt;
+std::optional<std::uint64_t> primaryAccountDSID(
+    const std::shared_ptr<const HSStoreClient>& storeClient) {
+  const auto store = AccountStore::accountStoreForClient(storeClient);
+  const AccountStore::Account account = store ? store->primaryAccount() : nullptr;
+  return account ? account->dsID() : std::nullopt;
 }
 
 std::optional<std::string> base64Text(const std::optional<std::span<const std::uint8_t>>& bytes) {
