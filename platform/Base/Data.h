@@ -17,6 +17,8 @@ class Data {
   explicit Data(std::vector<std::uint8_t> bytes);
   explicit Data(std::string_view bytes);
   explicit Data(std::span<const std::uint8_t> bytes);
+  // Overwrites them when the last copy goes: for what holds a secret.
+  static Data wipedAfterUse(std::vector<std::uint8_t> bytes);
 
   const std::uint8_t* bytes() const { return _bytes ? _bytes->data() : nullptr; }
   std::size_t length() const { return _bytes ? _bytes->size() : 0; }

@@ -99,6 +99,10 @@ std::optional<HSDialog> HSDialog::fromProtocolValue(const Value& value) {
   return dialog;
 }
 
+std::string HSDialog::shownText(std::string_view text) {
+  return harmless(text, kMaxMessageBytes, true);
+}
+
 Dictionary HSDialog::dictionary() const {
   std::vector<Value> list;
   for (const Button& button : buttons)

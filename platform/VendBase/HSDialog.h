@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Base/Secret.h"
@@ -41,6 +42,8 @@ struct HSDialog {
   // nullopt for what is no dialog, or one with nothing in it to show. Parts of a wrong type are
   // left out; buttons after the eighth, too.
   static std::optional<HSDialog> fromProtocolValue(const Value& value);
+  // Any text from a store as it may be shown.
+  static std::string shownText(std::string_view text);
   // As an agent gets it (com.vantor.HSDialogAgent).
   Dictionary dictionary() const;
 };

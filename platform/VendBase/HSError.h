@@ -30,6 +30,7 @@ enum HSErrorCode : std::int64_t {
   kHSErrorHTTPStatus = 104,        // the server answered with a failure status
   kHSErrorCancelled = 105,
   kHSErrorServiceUnavailable = 106,  // a peer service is not there or went away
+  kHSErrorSignInRefused = 107,       // the store does not accept a name and password
 };
 
 // A store error. Title and message are what a person may be shown; either may be absent.

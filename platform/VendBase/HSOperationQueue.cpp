@@ -18,16 +18,17 @@ constexpr std::size_t kMainQueueConcurrency = 8;
 
 }  // namespace
 
-struct HSOperationQueue::State {
+struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::State> {
   explicit State(std::size_t maxConcurrent) : maxRunning(maxConcurrent) {}
 
-  // One worker's shift: runs what waits until nothing does.
+  // One worker's shift: runs what waits until nothing does, or another has taken its place.
   void drain() {
+    const Shift shift(this);
     for (;;) {
       std::shared_ptr<HSOperation> operation;
       {
         const std::lock_guard guard(lock);
-        if (waiting.empty()) {
+        if (waiting.empty() || running - givenWay > maxRunning) {
           --running;
           idle.notify_all();
           return;
@@ -39,12 +40,51 @@ struct HSOperationQueue::State {
     }
   }
 
+  // With the lock held: takes one more worker where one may run. Who asked starts it.
+  bool takeWorker() {
+    if (waiting.empty() || running - givenWay >= maxRunning) return false;
+    ++running;
+    return true;
+  }
+  void startWorker() {
+    WorkerPool::shared().async([self = shared_from_this()] { self->drain(); });
+  }
+
   const std::size_t maxRunning;
   mutable std::mutex lock;
   std::condition_variable idle;
   std::deque<std::shared_ptr<HSOperation>> waiting;
-  std::size_t running = 0;  // workers; each runs one operation
+  std::size_t running = 0;   // workers; each runs one operation
+  std::size_t givenWay = 0;  // of these, whose place others may take
+
+  // The queue that this thread works for.
+  static inline thread_local State* current = nullptr;
+  struct Shift {
+    explicit Shift(State* state) : previous(std::exchange(current, state)) {}
+    ~Shift() { current = previous; }
+    Shift(const Shift&) = delete;
+    Shift& operator=(const Shift&) = delete;
+    State* const previous;
+  };
 };
+
+HSOperationQueue::GivingWay::GivingWay() {
+  if (State::current == nullptr) return;
+  _state = State::current->shared_from_this();
+  bool isTaken = false;
+  {
+    const std::lock_guard guard(_state->lock);
+    ++_state->givenWay;
+    isTaken = _state->takeWorker();
+  }
+  if (isTaken) _state->startWorker();
+}
+
+HSOperationQueue::GivingWay::~GivingWay() {
+  if (!_state) return;
+  const std::lock_guard guard(_state->lock);
+  --_state->givenWay;
+}
 
 HSOperationQueue& HSOperationQueue::mainQueue() {
   return SharedInstance<HSOperationQueue>::get(
@@ -60,10 +100,9 @@ void HSOperationQueue::addOperation(std::shared_ptr<HSOperation> operation) {
   {
     const std::lock_guard guard(_state->lock);
     _state->waiting.push_back(std::move(operation));
-    if (_state->running == _state->maxRunning) return;
-    ++_state->running;
+    if (!_state->takeWorker()) return;
   }
-  WorkerPool::shared().async([state = _state] { state->drain(); });
+  _state->startWorker();
 }
 
 std::size_t HSOperationQueue::operationCount() const {

@@ -10,6 +10,9 @@ namespace tallow {
 // Runs operations off the caller's thread, several at once, a bounded number; the rest wait in
 // order. Keeps each operation alive until it has finished. Any thread may add.
 class HSOperationQueue {
+ private:
+  struct State;
+
  public:
   static HSOperationQueue& mainQueue();
 
@@ -19,11 +22,22 @@ class HSOperationQueue {
   void addOperation(std::shared_ptr<HSOperation> operation);
   // Operations that run or wait, for status reports and idle exit.
   std::size_t operationCount() const;
+  // Lets the next operation run in place of the one that this thread runs, while it lives: for
+  // waits that may take minutes. Does nothing on a thread that no queue uses. Not nested.
+  class GivingWay {
+   public:
+    GivingWay();
+    ~GivingWay();
+    GivingWay(const GivingWay&) = delete;
+    GivingWay& operator=(const GivingWay&) = delete;
+
+   private:
+    std::shared_ptr<State> _state;
+  };
   // Returns once nothing runs and nothing waits (tests).
   void waitUntilAllOperationsAreFinished();
 
  private:
-  struct State;
   std::shared_ptr<State> _state;
 };
 

@@ -16,6 +16,7 @@ std::shared_ptr<HSPropertyListProvider> HSPropertyListProvider::providerWithStor
 
 Result<Value> HSPropertyListProvider::outputForResponse(const HTTPResponse& response) {
   _output = Value();
+  _outcome = {};
   Result<Value> decoded = PropertyList::decode(response.body);
   if (!decoded) {
     return HSError(
@@ -24,6 +25,15 @@ Result<Value> HSPropertyListProvider::outputForResponse(const HTTPResponse& resp
   }
   _output = *decoded;
   return decoded;
+}
+
+std::optional<Error> HSPropertyListProvider::actOnOutput(HSStoreURLOperation& operation) {
+  const Dictionary* const answer = _output.dictionary();
+  if (!_shouldProcessProtocol || answer == nullptr) return std::nullopt;
+  HSStoreProtocol protocol(operation,
+                           {_shouldProcessDialogs.value_or(false), _shouldTriggerDownloads});
+  _outcome = protocol.process(*answer);
+  return _outcome.error;
 }
 
 }  // namespace tallow

@@ -10,7 +10,9 @@
 #include "platform/Base/Random.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/VendBase/HSDevice.h"
+#include "platform/VendBase/HSDialogCenter.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -31,6 +33,9 @@ constexpr double kFirstRetryPauseSeconds = 0.5;  // doubled each time, and up to
 
 constexpr const char* kStoreFrontHeader = "X-Vantor-Store-Front";
 constexpr const char* kGUIDHeader = "X-Vantor-GUID";
+constexpr const char* kDSIDHeader = "X-Vantor-DSID";
+constexpr const char* kTokenHeader = "X-Vantor-Token";
+constexpr int kAuthenticationRequiredStatus = 401;
 // Looked for in this order, exactly as written.
 constexpr std::array kSetStoreFrontHeaders = {"X-Set-Vantor-Store-Front",
                                               "x-set-vantor-store-front"};
@@ -66,7 +71,32 @@ std::optional<std::string> storeFrontSetBy(const HTTPResponse& response) {
   return std::nullopt;
 }
 
+// The machine-identity action that a response orders: the account's if the response speaks of one,
+// else the anonymous one. Names and values exactly as written.
+bool ordersOrvAction(const HTTPResponse& response) {
+  std::optional<std::string> action = response.header("x-vantor-md-action");
+  if (!action && !response.header("x-vantor-md-data"))
+    action = response.header("x-vantor-amd-action");
+  return action == "RP" || action == "SP" || action == "SM";
+}
+
 }  // namespace
+
+// A stretch of the run that takes as long as it takes: it does not count against the time of the
+// run, and other operations of the queue may run meanwhile.
+class HSStoreURLOperation::Unhurried {
+ public:
+  explicit Unhurried(HSStoreURLOperation& operation)
+      : _operation(operation), _began(Clock::shared().monotonicSeconds()) {}
+  ~Unhurried() { _operation._deadline += Clock::shared().monotonicSeconds() - _began; }
+  Unhurried(const Unhurried&) = delete;
+  Unhurried& operator=(const Unhurried&) = delete;
+
+ private:
+  HSStoreURLOperation& _operation;
+  const double _began;
+  const HSOperationQueue::GivingWay _way;
+};
 
 HSStoreURLOperation::HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient)
     : HSOperation(std::move(initWithStoreClient)) {}
@@ -97,11 +127,15 @@ void HSStoreURLOperation::getVantorMaxAge(double* maxAge) const {
 }
 
 void HSStoreURLOperation::run() {
-  _deadline = Clock::shared().monotonicSeconds() +
-              _totalTimeoutSeconds.value_or(requiredBagType() == 0 ? kBaglessTotalTimeoutSeconds
-                                                                   : kTotalTimeoutSeconds);
+  _restartTime();
   std::optional<Error> failure = _resolveURL();
+  if (!failure && _needsAuthentication.value_or(false)) failure = _authenticateIfExpired();
   if (!failure) failure = _fetch();
+  if (!failure && _response->statusCode == kAuthenticationRequiredStatus &&
+      _mayAuthenticateOnDemand()) {
+    failure = _authenticate();
+    if (!failure) failure = _fetch();
+  }
   if (!failure) failure = failureForStatus(_response->statusCode);
   if (!failure) failure = _deliverOutput();
   if (!failure) return;
@@ -122,6 +156,69 @@ std::optional<Error> HSStoreURLOperation::_resolveURL() {
   return std::nullopt;
 }
 
+// Not when a person must not be asked, nor when one just has been.
+bool HSStoreURLOperation::_mayAuthenticateOnDemand() const {
+  return _needsAuthentication.value_or(true) && !_authenticatedDSID && requiredBagType() != 0 &&
+         (!_dataProvider || _dataProvider->allowsQuestions());
+}
+
+// Signs in unless the primary account is.
+std::optional<Error> HSStoreURLOperation::_authenticateIfExpired() {
+  const auto service = serviceProxy().accountService();
+  if (!service) return serviceUnavailable();
+  const HSPendingReply<bool> isExpired;
+  const HSPendingReply<HSAccountService::Account> account;
+  service->authIsExpired(isExpired.callback());
+  service->primaryAccount(account.callback());
+  const std::optional<bool> expired = waitForReply(isExpired, _remainingSeconds());
+  const auto primary = waitForReply(account, _remainingSeconds());
+  if (!expired || !primary) return serviceUnavailable();
+  if (*expired || !*primary) return _authenticate();
+  _authenticatedDSID = (*primary)->dsID();
+  return std::nullopt;
+}
+
+// Has the transaction service ask somebody to sign in, and waits for them.
+std::optional<Error> HSStoreURLOperation::_authenticate() {
+  struct Outcome {
+    bool success = false;
+    std::optional<std::uint64_t> dsID;
+    std::optional<Error> error;
+  };
+  const HSPendingReply<Outcome> reply;
+  serviceProxy().transactionService()->dsidByAuthenticatingWithContext(
+      _authenticationContext,
+      [answer = reply.callback()](bool success, std::optional<std::uint64_t> dsID,
+                                  std::optional<Error> error) {
+        answer({success, dsID, std::move(error)});
+      });
+  const Unhurried wait(*this);
+  std::optional<Outcome> outcome = waitForReply(reply);
+  if (!outcome) return isCancelled() ? cancellationError() : serviceUnavailable();
+  if (outcome->error) return outcome->error;
+  if (!outcome->success || outcome->dsID.value_or(0) == 0)
+    return HSError(kHSErrorNotSignedIn, "Not signed in", std::nullopt);
+  _authenticatedDSID = outcome->dsID;
+  return std::nullopt;
+}
+
+HSDialogAnswer HSStoreURLOperation::showDialog(const HSDialog& dialog) {
+  const std::string client = storeClient() ? storeClient()->identifier.value_or("") : "";
+  const HSPendingReply<HSDialogAnswer> reply;
+  const std::uint64_t number = HSDialogCenter::shared().show(dialog, client, reply.callback());
+  const Unhurried wait(*this);
+  std::optional<HSDialogAnswer> answer = waitForReply(reply);
+  if (!answer) HSDialogCenter::shared().withdraw(number);
+  return answer ? *std::move(answer) : HSDialogAnswer();
+}
+
+bool HSStoreURLOperation::runStep(HSOperation& step, std::optional<Error>* error) {
+  const double began = Clock::shared().monotonicSeconds();
+  const bool success = runSubOperation(step, error);
+  _deadline += Clock::shared().monotonicSeconds() - began;
+  return success;
+}
+
 // Sends the request and follows redirects until a response is the final one, in _response.
 std::optional<Error> HSStoreURLOperation::_fetch() {
   HSRequestHop hop(*_request.urlToSend());
@@ -131,18 +228,25 @@ std::optional<Error> HSStoreURLOperation::_fetch() {
   if (!_urlKnownToBeTrusted)
     if (auto refusal = _trustFailure(hop.url)) return refusal;
 
-  for (int redirects = 0;; ++redirects) {
+  bool mayRepeat = _shouldRetryOnSilentOrvAction;
+  for (int redirects = 0;;) {
     Result<HTTPResponse> response = _send(hop);
     if (!response) return response.error();
     _response = std::make_unique<HTTPResponse>(std::move(*response));
     _takeIn(*_response);
     if (isCancelled()) return cancellationError();  // perhaps before it was taken in
+    if (mayRepeat && _mustRepeatAfterOrvAction(hop.url)) {
+      mayRepeat = false;  // once, whatever the next answer orders
+      _restartTime();
+      continue;
+    }
     if (!HSRequestHop::isRedirect(*_response)) return std::nullopt;
     if (redirects == kMaxRedirects)
       return HSError(kHSErrorTooManyRedirects, std::nullopt, "The store redirects without end");
     Result<HSRequestHop> next = hop.hopAfterRedirect(*_response);
     if (!next) return next.error();
     if (auto refusal = _redirectFailure(hop.url, next->url)) return refusal;
+    ++redirects;
     hop = std::move(*next);
     std::vector<URL> urls = _request.urls();
     urls.push_back(hop.url);
@@ -172,6 +276,25 @@ std::optional<Error> HSStoreURLOperation::_redirectFailure(const URL& from, cons
       !to.canonicalHost().empty() && to.canonicalHost() == from.canonicalHost();
   if (requiredBagType() == 0 && staysOnHost) return std::nullopt;
   return _trustFailure(to);
+}
+
+// The action is on its way by now: the next question for headers that need it waits behind it.
+bool HSStoreURLOperation::_mustRepeatAfterOrvAction(const URL& url) {
+  if (requiredBagType() == 0 || _request.suppressOrvHeaders || !ordersOrvAction(*_response))
+    return false;
+  const auto service = bagServiceProxy().accountService();
+  const HSPendingReply<bool> needsAction;
+  if (!service) return false;
+  service->needsSilentOrvActionForURL(url, needsAction.callback());
+  if (!waitForReply(needsAction, _remainingSeconds()).value_or(false)) return false;
+  logLevel(3, "%@: Sending %@ again after a machine-identity action", kClassName, url);
+  return true;
+}
+
+void HSStoreURLOperation::_restartTime() {
+  _deadline = Clock::shared().monotonicSeconds() +
+              _totalTimeoutSeconds.value_or(requiredBagType() == 0 ? kBaglessTotalTimeoutSeconds
+                                                                   : kTotalTimeoutSeconds);
 }
 
 // One hop, tried again after network errors where that was asked for.
@@ -212,8 +335,10 @@ Result<HTTPResponse> HSStoreURLOperation::_exchange(const HSRequestHop& hop) {
   return *std::move(response);
 }
 
-// False when cancelled. The run loop keeps the time; this thread only waits for it.
+// False when cancelled. The run loop keeps the time; this thread only waits for it, and keeps no
+// place on its queue.
 bool HSStoreURLOperation::_pause(double seconds) {
+  const HSOperationQueue::GivingWay way;
   const HSPendingReply<std::monostate> over;
   const auto timer = RunLoop::main().addTimer(seconds, over.doneCallback());
   waitForReply(over, _remainingSeconds());
@@ -226,13 +351,15 @@ bool HSStoreURLOperation::_pause(double seconds) {
 // needs one: it may well be the bag's own load, with the bag's queue held.
 void HSStoreURLOperation::_addStandardHeaders(HSRequestHop& hop) {
   const bool hasBag = requiredBagType() != 0;
+  const bool wantsOrvHeaders = hasBag && !_request.suppressOrvHeaders;
+  std::optional<std::uint64_t> dsID;
+  if (wantsOrvHeaders || _sendToken || _authenticatedDSID) dsID = _addAccountHeaders(hop);
   const HSPendingReply<std::optional<std::string>> storeFront;
   const HSPendingReply<Dictionary> headers;
   const HSPendingReply<bool> maySendGUID;
   if (const auto service = serviceProxy().accountService()) {
     service->storeFront(storeFront.callback());
-    service->httpHeadersForURL(hop.url, std::nullopt, hasBag && !_request.suppressOrvHeaders,
-                               headers.callback());
+    service->httpHeadersForURL(hop.url, dsID, wantsOrvHeaders, headers.callback());
   } else {
     storeFront.abandon();
     headers.abandon();
@@ -257,6 +384,26 @@ void HSStoreURLOperation::_addStandardHeaders(HSRequestHop& hop) {
       if (const std::string* text = value.string()) add(name, *text);
   if (_request.alwaysSendGUID || waitForReply(maySendGUID, _remainingSeconds()).value_or(false))
     if (const auto guid = HSDevice::shared().guid()) add(kGUIDHeader, *guid);
+}
+
+// The DSID of the primary account, for which machine-identity headers are asked; its token goes
+// with the request where it is to, and nowhere that others can read it.
+std::optional<std::uint64_t> HSStoreURLOperation::_addAccountHeaders(HSRequestHop& hop) {
+  const auto service = serviceProxy().accountService();
+  if (!service) return std::nullopt;
+  const bool sendsToken = (_sendToken || _authenticatedDSID) && hop.url.scheme() == "https";
+  const HSPendingReply<HSAccountService::Account> primary;
+  const HSPendingReply<std::optional<std::string>> token;
+  service->primaryAccount(primary.callback());
+  if (sendsToken) service->strongTokenForAccount(nullptr, token.callback());
+  const auto account = waitForReply(primary, _remainingSeconds()).value_or(nullptr);
+  const std::optional<std::uint64_t> dsID = account ? account->dsID() : std::nullopt;
+  if (!sendsToken || !dsID) return dsID;
+  const auto text = waitForReply(token, _remainingSeconds()).value_or(std::nullopt);
+  if (!hop.addHeader(kDSIDHeader, std::to_string(*dsID)) ||
+      (text && !hop.addHeader(kTokenHeader, *text)))
+    logLevel(1, "%@: Leaving out a token with an unfit value", kClassName);
+  return dsID;
 }
 
 // Hands a response's cookies, machine-identity actions and storefront to the account service. They
@@ -293,6 +440,7 @@ std::optional<Error> HSStoreURLOperation::_deliverOutput() {
     Result<Value> decoded = _dataProvider->outputForResponse(*_response);
     if (!decoded) return decoded.error();
     output = std::move(*decoded);
+    if (auto failure = _dataProvider->actOnOutput(*this)) return failure;
   }
   setSuccess(true);
   if (output.isNil()) return std::nullopt;

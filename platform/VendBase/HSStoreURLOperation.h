@@ -6,6 +6,8 @@
 #include <string>
 
 #include "platform/HTTP/HTTPTransport.h"
+#include "platform/VendBase/HSAuthenticationContext.h"
+#include "platform/VendBase/HSDialog.h"
 #include "platform/VendBase/HSOperation.h"
 #include "platform/VendBase/HSPropertyListProvider.h"
 #include "platform/VendBase/HSRequestHop.h"
@@ -36,10 +38,15 @@ class HSStoreURLOperationDelegate {
 // response's cookies, machine-identity actions and storefront to the account service; decodes the
 // body through its data provider and gives it to the output handler or the delegate.
 //
+// A run waits where it is: for the network within its time, for a person as long as they take.
+// While it pauses or a person is asked it keeps no place on its queue.
+//
 // Standard headers, each left out where there is nothing to send and none replacing one that the
 // request sets itself: User-Agent (the client's), X-Vantor-Store-Front, what the account service
 // gives for the URL (cookies; machine identity unless suppressed), X-Vantor-GUID (when the request
-// always sends it or the bag allows it). Asked for anew for each hop.
+// always sends it or the bag allows it), and, over https only, X-Vantor-DSID and X-Vantor-Token
+// (when they are to be sent, and once somebody has signed in for this request). Asked for anew for
+// each hop.
 //
 // An operation whose required bag type is 0 needs no bag: it has no trust to ask for, so its
 // redirects may only stay on the host that it was told to trust. It never asks the account service
@@ -48,7 +55,7 @@ class HSStoreURLOperationDelegate {
 // Errors: of the transport as they are (domain "HTTP"), of the data provider, and of
 // kHSErrorDomain: NoBagEntry, NotTrusted, TooManyRedirects, InsecureRedirect, InvalidResponse (a
 // redirect to no web address), HTTPStatus (a final status outside 200 to 299, which is in the user
-// info), Cancelled, ServiceUnavailable.
+// info), Cancelled, ServiceUnavailable, NotSignedIn (nobody wanted to).
 class HSStoreURLOperation : public HSOperation {
  public:
   using OutputHandler = std::function<void(HSStoreURLOperation& operation, const Value& output)>;
@@ -82,10 +89,15 @@ class HSStoreURLOperation : public HSOperation {
   // Whether the account has to be signed in. Yes: if it is not, somebody is asked to sign in before
   // the request goes out. Unless set: when the store answers that it has to be. No: never.
   void setNeedsAuthentication(bool needs) { _needsAuthentication = needs; }
+  // What goes with every sign-in that this request leads to.
+  void setAuthenticationContext(HSAuthenticationContext context) {
+    _authenticationContext = std::move(context);
+  }
+  const HSAuthenticationContext& authenticationContext() const { return _authenticationContext; }
   // Sends the primary account's DSID and token with the request, where there are such.
   void setSendToken(bool send) { _sendToken = send; }
-  // An answer that orders a machine-identity action is not taken; the request is sent once more
-  // when the action has been carried out.
+  // An answer that orders a machine-identity action is not taken where the URL needs machine
+  // identity: the request is sent once more when the action has been carried out.
   void setShouldRetryOnSilentOrvAction(bool retry) { _shouldRetryOnSilentOrvAction = retry; }
   // Whether the run waits until the account service has taken in a response's cookies and
   // storefront before it goes on (the default). A run under a lock that taking them in needs must
@@ -100,19 +112,34 @@ class HSStoreURLOperation : public HSOperation {
   void getVantorMaxAge(double* maxAge) const;
 
   const std::shared_ptr<HSDataProvider>& dataProvider() const { return _dataProvider; }
+  // The account that was signed in for this request, because it needed one or the store said so.
+  std::optional<std::uint64_t> authenticatedDSID() const { return _authenticatedDSID; }
+
+  // For the data provider, while it acts on an answer: has a dialog shown and waits for the person;
+  // runs a step of its own. Neither counts against the time of the run.
+  HSDialogAnswer showDialog(const HSDialog& dialog);
+  bool runStep(HSOperation& step, std::optional<Error>* error);
 
  protected:
   void run() override;
 
  private:
+  class Unhurried;
+
   std::optional<Error> _resolveURL();
+  bool _mayAuthenticateOnDemand() const;
+  std::optional<Error> _authenticateIfExpired();
+  std::optional<Error> _authenticate();
   std::optional<Error> _fetch();
   std::optional<Error> _trustFailure(const URL& url);
   std::optional<Error> _redirectFailure(const URL& from, const URL& to);
+  bool _mustRepeatAfterOrvAction(const URL& url);
+  void _restartTime();
   Result<HTTPResponse> _send(const HSRequestHop& hop);
   Result<HTTPResponse> _exchange(const HSRequestHop& hop);
   bool _pause(double seconds);
   void _addStandardHeaders(HSRequestHop& hop);
+  std::optional<std::uint64_t> _addAccountHeaders(HSRequestHop& hop);
   void _takeIn(const HTTPResponse& response);
   std::optional<Error> _deliverOutput();
   double _remainingSeconds() const;
@@ -127,6 +154,8 @@ class HSStoreURLOperation : public HSOperation {
   bool _shouldRetryOnSilentOrvAction = false;
   std::optional<bool> _needsAuthentication;
   bool _sendToken = false;
+  HSAuthenticationContext _authenticationContext;
+  std::optional<std::uint64_t> _authenticatedDSID;
   bool _waitsForResponseIntake = true;
   std::optional<double> _totalTimeoutSeconds;
   double _deadline = 0;  // on the monotonic clock

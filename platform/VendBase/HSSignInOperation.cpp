@@ -1,0 +1,155 @@
+#include "platform/VendBase/HSSignInOperation.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "platform/Base/Random.h"
+#include "platform/Base/UTF8.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/HSDevice.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/HSStoreURLOperation.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "HSSignInOperation";
+constexpr const char* kURLBagKey = "authenticateAccount";
+
+// What property lists can carry.
+bool isText(std::string_view text) {
+  return isValidUTF8(text) && std::none_of(text.begin(), text.end(), [](char c) {
+           const auto byte = static_cast<unsigned char>(c);
+           return byte < 0x20 && c != '\t';
+         });
+}
+
+std::string_view escapeOf(const char& c) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    default:
+      return {&c, 1};
+  }
+}
+
+// Stands for the password in the list as it is encoded: nobody can guess it.
+std::string placeholder() {
+  std::array<std::uint8_t, 16> bytes{};
+  Random::shared().fill(bytes);
+  std::string text = "password-";
+  for (const std::uint8_t byte : bytes) {
+    text += static_cast<char>('a' + (byte >> 4));
+    text += static_cast<char>('a' + (byte & 15));
+  }
+  return text;
+}
+
+// `list` with `secret` in place of `mark`. Every buffer that the secret is in is wiped.
+Data filledIn(const Data& list, std::string_view mark, const Secret& secret) {
+  const std::string_view text = list.view();
+  const std::size_t at = text.find(mark);
+  std::size_t length = text.size() - mark.size();
+  for (const char& c : secret.view()) length += escapeOf(c).size();
+  std::vector<std::uint8_t> bytes;
+  bytes.reserve(length);  // once: no copy is left behind
+  const auto add = [&](std::string_view part) {
+    bytes.insert(bytes.end(), part.begin(), part.end());
+  };
+  add(text.substr(0, at));
+  for (const char& c : secret.view()) add(escapeOf(c));
+  add(text.substr(at + mark.size()));
+  return Data::wipedAfterUse(std::move(bytes));
+}
+
+}  // namespace
+
+HSSignInOperation::HSSignInOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient,
+                                     HSAuthenticationContext context, std::string accountName,
+                                     Secret password)
+    : HSOperation(std::move(initWithStoreClient)),
+      _context(std::move(context)),
+      _accountName(std::move(accountName)),
+      _password(std::move(password)) {}
+
+void HSSignInOperation::run() {
+  std::optional<Error> failure = _signIn();
+  setSuccess(!failure);
+  setError(std::move(failure));
+}
+
+std::optional<Error> HSSignInOperation::_signIn() {
+  const std::optional<URL> url = urlForURLBagKey(kURLBagKey);
+  if (!url)
+    return HSError(kHSErrorNoBagEntry, std::nullopt,
+                   format("There is no URL under the bag key %@", kURLBagKey));
+  if (url->scheme() != "https") {
+    logLevel(1, "%@: Not sending a password to %@", kClassName, *url);
+    return HSError(kHSErrorNotTrusted, std::nullopt, "The store asks for a password over http");
+  }
+  std::optional<Data> body = _body();
+  if (!body)
+    return HSError(kHSErrorSignInRefused, "The name or the password has unusable characters in it.",
+                   std::nullopt);
+  const auto request = std::make_shared<HSStoreURLOperation>(storeClient());
+  const auto provider = HSPropertyListProvider::providerWithStoreClient(storeClient());
+  provider->setShouldProcessProtocol(false);
+  HSURLRequest post(*url);
+  post.method = "POST";
+  post.headers = {{"Content-Type", "application/x-vantor-plist"}};
+  post.body = *std::move(body);
+  request->setRequest(std::move(post));
+  request->setNeedsAuthentication(false);
+  request->setRequiredBagType(requiredBagType());
+  request->setDataProvider(provider);
+  std::optional<Error> error;
+  if (!runSubOperation(*request, &error)) return error;
+  return _takeIn(provider->output());
+}
+
+std::optional<Data> HSSignInOperation::_body() const {
+  if (!isText(_accountName) || !isText(_password.view())) return std::nullopt;
+  const std::string mark = placeholder();
+  const Dictionary body{{"guid", HSDevice::shared().guid()},
+                        {"identifier", _accountName},
+                        {"password", mark},
+                        {"reason", _context.authenticationReason}};
+  return filledIn(PropertyList::encode(body, PropertyList::Format::XML), mark, _password);
+}
+
+std::optional<Error> HSSignInOperation::_takeIn(const Value& output) {
+  const Dictionary* const answer = output.dictionary();
+  if (answer != nullptr && answer->contains("failureType")) {
+    const std::string* const words = (*answer)["customerMessage"].string();
+    return HSError(kHSErrorSignInRefused,
+                   words != nullptr ? *words : "The store does not accept this name and password.",
+                   std::nullopt);
+  }
+  const HSAuthenticationResponse response(answer != nullptr ? *answer : Dictionary());
+  const std::optional<std::uint64_t> dsID = response.dsID();
+  if (!dsID || *dsID == 0 || (_context.dsID && *_context.dsID != *dsID))
+    return HSError(
+        kHSErrorInvalidResponse, std::nullopt,
+        dsID ? "The store has signed another account in" : "The store's answer names no account");
+  const auto service = serviceProxy().accountService();
+  const HSPendingReply<HSAccountService::Account> reply;
+  if (service) {
+    service->addAccountWithAuthenticationResponse(response, true, reply.callback());
+  } else {
+    reply.abandon();
+  }
+  if (!waitForReply(reply))
+    return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
+  _dsID = dsID;
+  return std::nullopt;
+}
+
+}  // namespace tallow
