@@ -13,6 +13,7 @@
 #include "devstore/LogoutEndpoint.h"
 #include "devstore/MachineRegistry.h"
 #include "devstore/PageEndpoint.h"
+#include "devstore/PasswordSettingsEndpoint.h"
 #include "devstore/PingEndpoint.h"
 #include "devstore/RedirectEndpoint.h"
 #include "devstore/RequestLog.h"
@@ -116,6 +117,11 @@ void DevStore::State::addEndpoints() {
                 std::make_unique<IdentityExchangeEndpoint>(Exchange::Synchronisation, machines));
   endpoints.add("identity", {"/identity/verdict"},
                 std::make_unique<IdentityVerdictEndpoint>(machines));
+  const auto passwordSettings = std::make_shared<PasswordSettings>();
+  endpoints.add("passwordSettings", {"/accounts/password-settings"},
+                std::make_unique<GetPasswordSettingsEndpoint>(passwordSettings));
+  endpoints.add("updatePasswordSettings", {"/accounts/password-settings/update"},
+                std::make_unique<UpdatePasswordSettingsEndpoint>(passwordSettings));
 }
 
 Answer DevStore::State::answer(const ReceivedRequest& request) {

@@ -88,6 +88,12 @@ class HSAccountService {
           reply) = 0;
   virtual void nimboDSID(Reply<std::optional<std::string>> reply) = 0;
   virtual void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) = 0;
+
+  // Password settings. Updating may wait for a person who is asked to sign in.
+  virtual void getPasswordSettings(
+      Reply<std::optional<Dictionary> /*settings*/, std::optional<Error>> reply) = 0;
+  virtual void updatePasswordSettings(std::optional<Dictionary> settings,
+                                      Reply<bool /*success*/, std::optional<Error>> reply) = 0;
 };
 
 }  // namespace tallow

@@ -180,4 +180,14 @@ void HSAccountServiceForwarder::recommendedVantorIDForAccountSignIn(
   forward(&HSAccountService::recommendedVantorIDForAccountSignIn, std::move(reply));
 }
 
+void HSAccountServiceForwarder::getPasswordSettings(
+    Reply<std::optional<Dictionary>, std::optional<Error>> reply) {
+  forward(&HSAccountService::getPasswordSettings, std::move(reply));
+}
+
+void HSAccountServiceForwarder::updatePasswordSettings(std::optional<Dictionary> settings,
+                                                       Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::updatePasswordSettings, std::move(settings), std::move(reply));
+}
+
 }  // namespace tallow

@@ -58,6 +58,9 @@ class HSAccountServiceForwarder final : public HSAccountService {
       Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) override;
   void nimboDSID(Reply<std::optional<std::string>> reply) override;
   void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override;
+  void getPasswordSettings(Reply<std::optional<Dictionary>, std::optional<Error>> reply) override;
+  void updatePasswordSettings(std::optional<Dictionary> settings,
+                              Reply<bool, std::optional<Error>> reply) override;
 
  private:
   template <class... Parameters>

@@ -88,6 +88,11 @@ class AccountServiceObject final
   void recommendedVantorIDForAccountSignIn(
       sdbus::Result<std::vector<std::string>>&& result) override;
 
+  void getPasswordSettings(
+      sdbus::Result<std::vector<WireDictionary>, std::vector<WireError>>&& result) override;
+  void updatePasswordSettings(sdbus::Result<bool, std::vector<WireError>>&& result,
+                              std::vector<WireDictionary> settings) override;
+
   // HSServiceRemoteObject
   void actAs(sdbus::Result<>&& result, std::string identifier) override;
 

@@ -75,6 +75,10 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   void nimboDSID(Reply<std::optional<std::string>> reply) override;
   void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override;
 
+  void getPasswordSettings(Reply<std::optional<Dictionary>, std::optional<Error>> reply) override;
+  void updatePasswordSettings(std::optional<Dictionary> settings,
+                              Reply<bool, std::optional<Error>> reply) override;
+
   // For callers inside the process: the same question, answered on the calling thread.
   bool shouldSendGUIDWithRequestForURL(const std::optional<URL>& url) const;
 

@@ -37,6 +37,8 @@ class FakeAccountService final : public HSAccountService {
     return Dictionary();
   };
   std::optional<Error> loadError;
+  std::optional<Dictionary> passwordSettings;
+  std::optional<Error> passwordSettingsError;
   // Called at the start of every operation, on the calling thread, with the operation's name: may
   // block, to play a service that is busy.
   std::function<void(const std::string& operation)> onCall;
@@ -194,6 +196,14 @@ class FakeAccountService final : public HSAccountService {
   }
   void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override {
     answer("recommendedVantorIDForAccountSignIn", reply, std::optional<std::string>());
+  }
+
+  void getPasswordSettings(Reply<std::optional<Dictionary>, std::optional<Error>> reply) override {
+    answer("getPasswordSettings", reply, passwordSettings, passwordSettingsError);
+  }
+  void updatePasswordSettings(std::optional<Dictionary> settings,
+                              Reply<bool, std::optional<Error>> reply) override {
+    answer("updatePasswordSettings", reply, settings.has_value(), passwordSettingsError);
   }
 
  private:

@@ -36,6 +36,10 @@ class SilentAccountService : public HSAccountService {
                                  bool> /*reply*/) override {}
   void nimboDSID(Reply<std::optional<std::string>> /*reply*/) override {}
   void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> /*reply*/) override {}
+  void getPasswordSettings(
+      Reply<std::optional<Dictionary>, std::optional<Error>> /*reply*/) override {}
+  void updatePasswordSettings(std::optional<Dictionary> /*settings*/,
+                              Reply<bool, std::optional<Error>> /*reply*/) override {}
 };
 
 }  // namespace tallow

@@ -1,0 +1,30 @@
+// The operations of the interface that are about password settings.
+
+#include <utility>
+
+#include "src/AccountService/AccountServiceInterface.h"
+#include "src/AccountService/PasswordSettings/PasswordSettingsController.h"
+
+namespace tallow {
+
+// A client without an identifier has no controller, and gets no answer.
+
+void AccountServiceInterface::getPasswordSettings(
+    Reply<std::optional<Dictionary>, std::optional<Error>> reply) {
+  onRequestQueue([this, reply] {
+    if (const auto controller =
+            PasswordSettingsController::passwordSettingsControllerForClient(storeClient()))
+      controller->getPasswordSettings(reply);
+  });
+}
+
+void AccountServiceInterface::updatePasswordSettings(std::optional<Dictionary> settings,
+                                                     Reply<bool, std::optional<Error>> reply) {
+  onRequestQueue([this, settings = std::move(settings), reply] {
+    if (const auto controller =
+            PasswordSettingsController::passwordSettingsControllerForClient(storeClient()))
+      controller->updatePasswordSettings(settings, reply);
+  });
+}
+
+}  // namespace tallow
