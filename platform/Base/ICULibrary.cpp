@@ -1,26 +1,19 @@
 #include "platform/Base/ICULibrary.h"
 
-#include <dlfcn.h>
+#include "platform/Base/LazyLibrary.h"
 
 namespace tallow {
 
 namespace {
 
-template <class Function>
-bool find(void* library, Function& function, const char* name) {
-  function = reinterpret_cast<Function>(dlsym(library, name));
-  return function != nullptr;
-}
-
 // The headers rename each function by version; the second macro gives the name after that.
 #define TALLOW_TEXT(name) #name
 #define TALLOW_SYMBOL(name) TALLOW_TEXT(name)
-#define TALLOW_FIND(library, member, function) find(library, member, TALLOW_SYMBOL(function))
+#define TALLOW_FIND(library, member, function) library.find(member, TALLOW_SYMBOL(function))
 
 const ICULibrary* load() {
-  void* const common = dlopen("libicuuc.so." U_ICU_VERSION_SHORT, RTLD_NOW | RTLD_LOCAL);
-  void* const international = dlopen("libicui18n.so." U_ICU_VERSION_SHORT, RTLD_NOW | RTLD_LOCAL);
-  if (common == nullptr || international == nullptr) return nullptr;
+  const LazyLibrary common("libicuuc.so." U_ICU_VERSION_SHORT);
+  const LazyLibrary international("libicui18n.so." U_ICU_VERSION_SHORT);
   static ICULibrary icu;
   const bool complete = TALLOW_FIND(common, icu.strFromUTF8WithSub, u_strFromUTF8WithSub) &&
                         TALLOW_FIND(common, icu.errorName, u_errorName) &&

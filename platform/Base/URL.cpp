@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/Base/LazyLibrary.h"
+
 namespace tallow {
 
 namespace {
@@ -21,20 +23,54 @@ constexpr std::size_t kMaxHostBytes = 254;  // RFC 1035 section 2.3.4, and a tra
 constexpr std::size_t kMaxSchemeBytes = 40;
 constexpr unsigned kParseFlags = CURLU_NON_SUPPORT_SCHEME;
 
+// The library's parser. Loaded by the first address that is not a plain one: the library brings two
+// dozen others along, which a start that answers from what is on disk has no other use for.
+struct Parser {
+  decltype(&curl_url) make = nullptr;
+  decltype(&curl_url_cleanup) cleanUp = nullptr;
+  decltype(&curl_url_set) set = nullptr;
+  decltype(&curl_url_get) get = nullptr;
+  decltype(&curl_free) free = nullptr;
+};
+
+// Null where the library is missing: then only plain addresses are URLs.
+const Parser* loadParser() {
+  static Parser parser;
+  const LazyLibrary library("libcurl.so.4");
+  const bool complete =
+      library.find(parser.make, "curl_url") && library.find(parser.cleanUp, "curl_url_cleanup") &&
+      library.find(parser.set, "curl_url_set") && library.find(parser.get, "curl_url_get") &&
+      library.find(parser.free, "curl_free");
+  return complete ? &parser : nullptr;
+}
+
+const Parser* parserIfAvailable() {
+  static const Parser* const kParser = loadParser();
+  return kParser;
+}
+
 struct HandleCloser {
-  void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
+  void operator()(CURLU* handle) const { parserIfAvailable()->cleanUp(handle); }
 };
 using Handle = std::unique_ptr<CURLU, HandleCloser>;
 
 struct PartCloser {
-  void operator()(char* part) const { curl_free(part); }
+  void operator()(char* part) const { parserIfAvailable()->free(part); }
 };
 using Part = std::unique_ptr<char, PartCloser>;
 
+// Null only where there is no library.
 Handle newHandle() {
-  Handle handle(curl_url());
+  const Parser* const parser = parserIfAvailable();
+  if (parser == nullptr) return nullptr;
+  Handle handle(parser->make());
   if (!handle) std::abort();  // out of memory
   return handle;
+}
+
+bool setURL(CURLU* handle, const char* text, unsigned flags) {
+  return handle != nullptr &&
+         parserIfAvailable()->set(handle, CURLUPART_URL, text, flags) == CURLUE_OK;
 }
 
 // One handle per thread: parsing is on the path of every call.
@@ -46,7 +82,7 @@ CURLU* threadHandle() {
 // Null when there is no such part.
 Part part(CURLU* handle, CURLUPart which, unsigned flags = 0) {
   char* text = nullptr;
-  curl_url_get(handle, which, &text, flags);
+  parserIfAvailable()->get(handle, which, &text, flags);
   return Part(text);
 }
 
@@ -92,8 +128,7 @@ std::string_view schemeOf(std::string_view text) {
 // Whether the library would take scheme-less `text` for an address all the same ("host:80").
 bool libraryWouldGuess(const std::string& text) {
   const Handle handle = newHandle();
-  return curl_url_set(handle.get(), CURLUPART_URL, text.c_str(),
-                      kParseFlags | CURLU_GUESS_SCHEME) == CURLUE_OK;
+  return !handle || setURL(handle.get(), text.c_str(), kParseFlags | CURLU_GUESS_SCHEME);
 }
 
 // The library converts names from the encoding of the thread's locale; ours are always UTF-8.
@@ -152,6 +187,12 @@ bool endsInNumber(std::string_view name) {
           label.starts_with("0X"));
 }
 
+void appendEscaped(std::string& text, char c) {
+  constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+  const auto byte = static_cast<unsigned char>(c);
+  text += {'%', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
+}
+
 // Letters, digits, '-', '_' and single dots between them, perhaps a dot at the end.
 bool isHostName(std::string_view name) {
   if (name.empty() || name.size() > kMaxHostBytes || name.front() == '.') return false;
@@ -174,10 +215,60 @@ std::optional<URL> URL::parse(std::string_view text) {
   url._text = text;
   url._scheme = scheme;
   const std::string_view rest = text.substr(scheme.size() + 1);
-  const bool parsed = rest.starts_with("//") ? url.parseNetworkURL(rest.substr(2))
-                                             : url.parseOpaqueURL(rest, isData);
+  const bool parsed =
+      url.parsePlainURL(rest) || (rest.starts_with("//") ? url.parseNetworkURL(rest.substr(2))
+                                                         : url.parseOpaqueURL(rest, isData));
   if (!parsed) return std::nullopt;
   return url;
+}
+
+// The addresses that store servers hand out: a scheme and a name in lower case, perhaps a port, a
+// path and a query of characters that mean nothing to any parser. Whoever reads them finds the same
+// parts in them, so the library need not be asked, and need not be there. Anything else is for the
+// library. That both agree is checked for every address the fuzzer comes upon.
+bool URL::parsePlainURL(std::string_view rest) {
+  const bool isHTTPS = _scheme == "https";
+  if ((!isHTTPS && _scheme != "http") || !rest.starts_with("//")) return false;
+  rest.remove_prefix(2);
+  const auto isNameCharacter = [](char c) { return (c >= 'a' && c <= 'z') || isDigit(c); };
+  const auto isPathCharacter = [](char c) {
+    return isAlpha(c) || isDigit(c) || std::string_view("/-_~.").find(c) != std::string_view::npos;
+  };
+  const auto isQueryCharacter = [&](char c) {
+    return isPathCharacter(c) || std::string_view("=&+,:;").find(c) != std::string_view::npos;
+  };
+
+  const std::string_view host = rest.substr(0, rest.find_first_of(":/?"));
+  rest.remove_prefix(host.size());
+  const bool isPlainName = !host.empty() && host.size() < kMaxHostBytes &&
+                           isNameCharacter(host.back()) && isHostName(host) &&
+                           std::all_of(host.begin(), host.end(), [&](char c) {
+                             return isNameCharacter(c) || c == '-' || c == '.';
+                           });
+  if (!isPlainName || host.starts_with("xn--") || host.find(".xn--") != host.npos) return false;
+
+  int port = isHTTPS ? 443 : 80;
+  if (rest.starts_with(':')) {
+    const auto end = std::from_chars(rest.data() + 1, rest.data() + rest.size(), port);
+    constexpr int kMaxPort = 65535;
+    if (end.ec != std::errc() || rest[1] == '0' || port < 1 || port > kMaxPort) return false;
+    rest.remove_prefix(static_cast<std::size_t>(end.ptr - rest.data()));
+  }
+  const std::string_view path = rest.substr(0, rest.find('?'));
+  rest.remove_prefix(path.size());
+  if (!path.empty() && path.front() != '/') return false;
+  // "/." may begin a segment that is to be taken out.
+  if (!std::all_of(path.begin(), path.end(), isPathCharacter) || path.find("/.") != path.npos)
+    return false;
+  const std::string_view query = rest.empty() ? rest : rest.substr(1);
+  if ((!rest.empty() && query.empty()) ||
+      !std::all_of(query.begin(), query.end(), isQueryCharacter))
+    return false;
+  if (!takeHost(std::string(host))) return false;
+  _port = port;
+  _path = path.empty() ? "/" : path;
+  if (!rest.empty()) _query = query;
+  return true;
 }
 
 bool URL::parseOpaqueURL(std::string_view rest, bool isData) {
@@ -199,7 +290,7 @@ bool URL::parseNetworkURL(std::string_view rest) {
   if (authority.find('\\') != authority.npos) return false;
 
   CURLU* handle = threadHandle();
-  if (curl_url_set(handle, CURLUPART_URL, _text.c_str(), kParseFlags) != CURLUE_OK) return false;
+  if (!setURL(handle, _text.c_str(), kParseFlags)) return false;
   if (!isFile && !takeHost(asciiHost(handle))) return false;
   if (!_host.empty() && _host.find(':') != _host.npos && part(handle, CURLUPART_ZONEID))
     return false;
@@ -235,6 +326,16 @@ std::string URL::lastPathComponent() const {
   return std::string(path.substr(path.rfind('/') + 1));
 }
 
+std::string URL::percentEncoded(std::string_view text) {
+  std::string encoded;
+  for (const char c : text) {
+    const bool isUnreserved =
+        isAlpha(c) || isDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos;
+    isUnreserved ? encoded.push_back(c) : appendEscaped(encoded, c);
+  }
+  return encoded;
+}
+
 URL URL::urlByAddingStringToQueryString(std::string_view addition) const {
   const std::size_t fragment = std::min(_text.find('#'), _text.size());
   std::string text = _text.substr(0, fragment);
@@ -244,14 +345,10 @@ URL URL::urlByAddingStringToQueryString(std::string_view addition) const {
     text += '&';
   }
   for (const char c : addition) {
-    constexpr std::string_view kHexDigits = "0123456789ABCDEF";
     const auto byte = static_cast<unsigned char>(c);
-    if (byte > 0x20 && byte < 0x7f &&
-        std::string_view("\"#<>\\^`{|}").find(c) == std::string_view::npos) {
-      text += c;
-    } else {
-      text += {'%', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
-    }
+    const bool canStand = byte > 0x20 && byte < 0x7f &&
+                          std::string_view("\"#<>\\^`{|}").find(c) == std::string_view::npos;
+    canStand ? text.push_back(c) : appendEscaped(text, c);
   }
   text += _text.substr(fragment);
   return parse(text).value_or(*this);  // too long: nothing that could be added
@@ -265,9 +362,8 @@ std::optional<URL> URL::resolving(std::string_view reference) const {
     return std::nullopt;
   }
   const Handle handle = newHandle();
-  if (curl_url_set(handle.get(), CURLUPART_URL, _text.c_str(), kParseFlags) != CURLUE_OK ||
-      curl_url_set(handle.get(), CURLUPART_URL, std::string(reference).c_str(), kParseFlags) !=
-          CURLUE_OK) {
+  if (!setURL(handle.get(), _text.c_str(), kParseFlags) ||
+      !setURL(handle.get(), std::string(reference).c_str(), kParseFlags)) {
     return std::nullopt;
   }
   const Part resolved = part(handle.get(), CURLUPART_URL);

@@ -6,7 +6,8 @@
 
 namespace tallow {
 
-// An absolute URL that the HTTP library itself has parsed. The trust decision, the cookie rules and
+// An absolute URL as the HTTP library parses it (an address with nothing in it that parsers could
+// differ on is read without asking it). The trust decision, the cookie rules and
 // the fetch all read the host from this one parse, so they can never disagree on it. What that
 // parser refuses, and what it would have to guess at, is no URL (parse() answers nullopt):
 //
@@ -27,6 +28,9 @@ namespace tallow {
 class URL {
  public:
   static std::optional<URL> parse(std::string_view text);
+  // Everything but unreserved characters (RFC 3986 section 2.3) escaped: a name or a value of a
+  // query.
+  static std::string percentEncoded(std::string_view text);
 
   // The text the URL was made from, unchanged.
   const std::string& absoluteString() const { return _text; }
@@ -57,6 +61,7 @@ class URL {
 
  private:
   URL() = default;
+  bool parsePlainURL(std::string_view rest);
   bool parseOpaqueURL(std::string_view rest, bool isData);
   bool parseNetworkURL(std::string_view rest);
   bool takeHost(std::string host);

@@ -9,6 +9,9 @@ namespace tallow {
 
 void* certificateCryptoContext() {
   static OSSL_LIB_CTX* const context = [] {
+    // The library's own context reads the file at the first object that it looks up, unless told
+    // not to. Whoever uses that context (the HTTP library) asks for the file.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
     OSSL_LIB_CTX* made = OSSL_LIB_CTX_new();
     if (made == nullptr) {
       std::fputs("tallow: no memory for the certificate library\n", stderr);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/Base/LazyLibrary.h"
 #include "platform/Cookies/ASCII.h"
 
 namespace tallow {
@@ -79,6 +80,25 @@ std::optional<Date> expiry(const ParsedCookie& parsed, Date now) {
   return std::nullopt;
 }
 
+// The list of public suffixes, in a library that is loaded when a cookie first names a domain.
+class PublicSuffixes {
+ public:
+  PublicSuffixes() {
+    const LazyLibrary library("libpsl.so.5");
+    decltype(&psl_builtin) builtIn = nullptr;
+    if (library.find(builtIn, "psl_builtin") && library.find(_isSuffix, "psl_is_public_suffix"))
+      _list = builtIn();
+  }
+  // Without the library or its list no registry is known, so that every name has to pass for one.
+  bool contain(const std::string& domain) const {
+    return _list == nullptr || _isSuffix(_list, domain.c_str()) == 1;
+  }
+
+ private:
+  const psl_ctx_t* _list = nullptr;
+  decltype(&psl_is_public_suffix) _isSuffix = nullptr;
+};
+
 }  // namespace
 
 CookiePolicy::Judgement CookiePolicy::judge(const ParsedCookie& parsed, const URL& url, Date now) {
@@ -139,9 +159,8 @@ std::string_view CookiePolicy::defaultPath(std::string_view requestPath) {
 }
 
 bool CookiePolicy::isPublicSuffix(const std::string& domain) {
-  // A library built without its list knows no registry, so that every name has to pass for one.
-  const psl_ctx_t* const list = psl_builtin();
-  return list == nullptr || psl_is_public_suffix(list, domain.c_str()) == 1;
+  static const PublicSuffixes suffixes;
+  return suffixes.contain(domain);
 }
 
 bool CookiePolicy::isWellFormed(const Cookie& cookie) {

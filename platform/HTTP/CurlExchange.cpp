@@ -1,15 +1,17 @@
 #include "platform/HTTP/CurlExchange.h"
 
-#include <curl/curl.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "platform/Base/Format.h"
+#include "platform/HTTP/CurlLibrary.h"
 
 namespace tallow {
 namespace {
@@ -18,10 +20,6 @@ constexpr const char* kErrorDomain = "HTTP";
 constexpr std::size_t kMaxHeaderLines = 1000;
 constexpr std::size_t kMaxHeaderBytes = 256u << 10;
 
-using EasyPointer = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
-using URLPointer = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
-using StringListPointer = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
-
 long milliseconds(double seconds) {
   const double rounded = std::ceil(seconds * 1000);
   constexpr double kMost = std::numeric_limits<int>::max();
@@ -29,7 +27,7 @@ long milliseconds(double seconds) {
 }
 
 bool equalIgnoringCase(std::string_view a, const char* b) {
-  return curl_strequal(std::string(a).c_str(), b) != 0;
+  return a.size() == std::strlen(b) && strncasecmp(a.data(), b, a.size()) == 0;
 }
 
 bool hasHeader(const HTTPHeaderList& headers, const char* name) {
@@ -39,14 +37,14 @@ bool hasHeader(const HTTPHeaderList& headers, const char* name) {
 
 // The library's parse of the URL's text, with the same settings as URL::parse, and with the very
 // host that the URL has told everyone: it never looks at another name than the one that was judged.
-URLPointer parsedURL(const URL& url) {
-  URLPointer parsed(curl_url(), &curl_url_cleanup);
+CurlURLPointer parsedURL(const URL& url) {
+  CurlURLPointer parsed(curl().url());
   const bool isIPv6 = url.host().find(':') != std::string::npos;
   const std::string host = isIPv6 ? "[" + url.host() + "]" : url.host();
   if (!parsed ||
-      curl_url_set(parsed.get(), CURLUPART_URL, url.absoluteString().c_str(),
-                   CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
-      curl_url_set(parsed.get(), CURLUPART_HOST, host.c_str(), 0) != CURLUE_OK)
+      curl().urlSet(parsed.get(), CURLUPART_URL, url.absoluteString().c_str(),
+                    CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
+      curl().urlSet(parsed.get(), CURLUPART_HOST, host.c_str(), 0) != CURLUE_OK)
     parsed.reset();
   return parsed;
 }
@@ -119,9 +117,9 @@ const char* sentenceFor(HTTPTransport::ErrorCode code) {
 
 // The library's side of the exchange, and what has come in so far.
 struct CurlExchange::Transfer {
-  EasyPointer handle = {nullptr, &curl_easy_cleanup};
-  URLPointer url = {nullptr, &curl_url_cleanup};
-  StringListPointer headers = {nullptr, &curl_slist_free_all};
+  CurlEasyPointer handle;
+  CurlURLPointer url;
+  CurlListPointer headers;
   char errorText[CURL_ERROR_SIZE] = "";
   std::size_t maxBodyBytes = 0;
   std::vector<std::uint8_t> body;
@@ -131,7 +129,7 @@ struct CurlExchange::Transfer {
   bool headersTooLarge = false;
 
   bool append(std::string_view header) {
-    curl_slist* longer = curl_slist_append(headers.get(), std::string(header).c_str());
+    curl_slist* longer = curl().listAppend(headers.get(), std::string(header).c_str());
     if (longer == nullptr) return false;
     (void)headers.release();
     headers.reset(longer);
@@ -148,7 +146,7 @@ struct CurlExchange::Transfer {
 
   void reserveStatedLength() {
     curl_off_t stated = 0;
-    if (curl_easy_getinfo(handle.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &stated) == CURLE_OK &&
+    if (curl().easyGetInfo(handle.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &stated) == CURLE_OK &&
         stated > 0)
       body.reserve(std::min(static_cast<std::size_t>(stated), maxBodyBytes));
   }
@@ -193,7 +191,7 @@ std::optional<Error> CurlExchange::prepare(const TrustedCertificates& trusted) {
   _transfer->url = parsedURL(_request.url);
   if (!_transfer->url)
     return makeError(kErrorDomain, HTTPTransport::kBadRequest, "The URL is malformed.");
-  _transfer->handle.reset(curl_easy_init());
+  _transfer->handle.reset(curl().easyInit());
   if (!_transfer->handle || !setOptions(trusted) || !setMethodAndBody() || !setHeaders())
     return errorFor(CURLE_OUT_OF_MEMORY);
   return std::nullopt;
@@ -203,7 +201,7 @@ bool CurlExchange::setOptions(const TrustedCertificates& trusted) {
   Transfer& transfer = *_transfer;
   bool accepted = true;
   const auto set = [&](CURLoption option, auto value) {
-    accepted = accepted && curl_easy_setopt(transfer.handle.get(), option, value) == CURLE_OK;
+    accepted = accepted && curl().easySetOption(transfer.handle.get(), option, value) == CURLE_OK;
   };
   const auto pathOrNone = [](const std::string& path) {
     return path.empty() ? nullptr : path.c_str();
@@ -235,18 +233,19 @@ bool CurlExchange::setOptions(const TrustedCertificates& trusted) {
 bool CurlExchange::setMethodAndBody() {
   CURL* handle = _transfer->handle.get();
   const std::string& method = _request.method;
-  if (method == "HEAD") return curl_easy_setopt(handle, CURLOPT_NOBODY, 1L) == CURLE_OK;
+  if (method == "HEAD") return curl().easySetOption(handle, CURLOPT_NOBODY, 1L) == CURLE_OK;
   // A stated length beyond the limit needs no reading.
-  bool accepted = curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE,
-                                   static_cast<curl_off_t>(_request.maxBodyBytes)) == CURLE_OK;
+  bool accepted = curl().easySetOption(handle, CURLOPT_MAXFILESIZE_LARGE,
+                                       static_cast<curl_off_t>(_request.maxBodyBytes)) == CURLE_OK;
   if (!_request.body.empty() || method == "POST" || method == "PUT") {
     const char* bytes = _request.body.empty() ? "" : _request.body.view().data();
     accepted = accepted &&
-               curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                                static_cast<curl_off_t>(_request.body.length())) == CURLE_OK &&
-               curl_easy_setopt(handle, CURLOPT_POSTFIELDS, bytes) == CURLE_OK;
+               curl().easySetOption(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                                    static_cast<curl_off_t>(_request.body.length())) == CURLE_OK &&
+               curl().easySetOption(handle, CURLOPT_POSTFIELDS, bytes) == CURLE_OK;
   }
-  return accepted && curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, method.c_str()) == CURLE_OK;
+  return accepted &&
+         curl().easySetOption(handle, CURLOPT_CUSTOMREQUEST, method.c_str()) == CURLE_OK;
 }
 
 bool CurlExchange::setHeaders() {
@@ -266,8 +265,8 @@ bool CurlExchange::setHeaders() {
   // What the library would add of its own accord to a body.
   if (!hasHeader(_request.headers, "Content-Type")) add("Content-Type:");
   if (!hasHeader(_request.headers, "Expect")) add("Expect:");
-  return accepted && curl_easy_setopt(_transfer->handle.get(), CURLOPT_HTTPHEADER,
-                                      _transfer->headers.get()) == CURLE_OK;
+  return accepted && curl().easySetOption(_transfer->handle.get(), CURLOPT_HTTPHEADER,
+                                          _transfer->headers.get()) == CURLE_OK;
 }
 
 void CurlExchange::finish(int transferResult) {
@@ -288,12 +287,12 @@ Result<HTTPResponse> CurlExchange::takeResult(int transferResult) {
   CURL* handle = _transfer->handle.get();
   HTTPResponse response(_request.url);
   long status = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  curl().easyGetInfo(handle, CURLINFO_RESPONSE_CODE, &status);
   response.statusCode = static_cast<int>(status);
   // The header lines of the last response alone: no interim responses, no trailers.
   constexpr int kLastResponse = -1;
   curl_header* header = nullptr;
-  while ((header = curl_easy_nextheader(handle, CURLH_HEADER, kLastResponse, header)) != nullptr)
+  while ((header = curl().easyNextHeader(handle, CURLH_HEADER, kLastResponse, header)) != nullptr)
     response.headers.emplace_back(header->name, cleanValue(header->value));
   response.body = Data(std::move(_transfer->body));
   return response;
@@ -303,7 +302,7 @@ Error CurlExchange::errorFor(int transferResult) const {
   const auto result = static_cast<CURLcode>(transferResult);
   HTTPTransport::ErrorCode code = errorCodeFor(result);
   std::string detail = _transfer && _transfer->errorText[0] != '\0' ? _transfer->errorText
-                                                                    : curl_easy_strerror(result);
+                                                                    : curl().easyErrorText(result);
   if (_transfer && _transfer->bodyTooLarge) {
     code = HTTPTransport::kBodyTooLarge;
     detail = format("more than %lu bytes", _request.maxBodyBytes);

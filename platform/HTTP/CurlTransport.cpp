@@ -1,9 +1,7 @@
 #include "platform/HTTP/CurlTransport.h"
 
-#include <curl/curl.h>
 #include <dirent.h>
 #include <malloc.h>
-#include <openssl/crypto.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -19,6 +17,7 @@
 #include <vector>
 
 #include "platform/HTTP/CurlExchange.h"
+#include "platform/HTTP/CurlLibrary.h"
 
 namespace tallow {
 namespace {
@@ -27,23 +26,11 @@ constexpr long kPooledConnections = 16;
 // The longest sleep while something is under way; what matters ends it earlier.
 constexpr int kPollMilliseconds = 60'000;
 
-using MultiPointer = std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)>;
 using ExchangePointer = std::shared_ptr<CurlExchange>;
 
-// The library must not take its tables apart in exit() while the I/O thread still uses them, so it
-// learns before anything else that it is not to.
-void initializeLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-  });
-}
-
-MultiPointer makeMulti() {
-  initializeLibrary();
-  MultiPointer multi(curl_multi_init(), &curl_multi_cleanup);
-  if (multi) curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, kPooledConnections);
+CurlMultiPointer makeMulti() {
+  CurlMultiPointer multi(curl().multiInit());
+  if (multi) curl().multiSetOption(multi.get(), CURLMOPT_MAXCONNECTS, kPooledConnections);
   return multi;
 }
 
@@ -59,8 +46,7 @@ bool isHashedFolder(const char* path) {
 // by hash, only the folder: it is read as needed, while the one big file costs every connection
 // milliseconds and every idle minute megabytes.
 CurlExchange::TrustedCertificates trustedCertificates(const std::string& additionalFile) {
-  initializeLibrary();
-  const curl_version_info_data* library = curl_version_info(CURLVERSION_NOW);
+  const curl_version_info_data* library = curl().versionInfo(CURLVERSION_NOW);
   CurlExchange::TrustedCertificates trusted;
   if (library->capath != nullptr && isHashedFolder(library->capath))
     trusted.folder = library->capath;
@@ -129,7 +115,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
 
   void wakeLocked() {
     _changed.notify_one();
-    if (_multi) curl_multi_wakeup(_multi.get());
+    if (_multi) curl().multiWakeUp(_multi.get());
   }
 
   // The I/O thread.
@@ -148,7 +134,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
 
   // False, for good, when there is nothing to do.
   bool openPool() {
-    MultiPointer multi = makeMulti();
+    CurlMultiPointer multi = makeMulti();
     const std::lock_guard<std::mutex> guard(_lock);
     _running = !_incoming.empty();
     if (_running) _multi = std::move(multi);
@@ -157,7 +143,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
 
   // Gives back what the idle connections and their certificates took.
   void closePool() {
-    MultiPointer multi(nullptr, &curl_multi_cleanup);
+    CurlMultiPointer multi;
     {
       const std::lock_guard<std::mutex> guard(_lock);
       multi.swap(_multi);
@@ -194,7 +180,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
     if (exchange->isCancelled()) return exchange->finish(CurlExchange::cancellation());
     if (std::optional<Error> error = exchange->prepare(_trusted))
       return exchange->finish(*std::move(error));
-    if (curl_multi_add_handle(_multi.get(), exchange->handle()) != CURLM_OK)
+    if (curl().multiAddHandle(_multi.get(), exchange->handle()) != CURLM_OK)
       return exchange->finish(CURLE_OUT_OF_MEMORY);
     _active.push_back(std::move(exchange));
   }
@@ -211,16 +197,16 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
   // Moves what can be moved, ends what is done, sleeps until there is more.
   void transfer() {
     int running = 0;
-    curl_multi_perform(_multi.get(), &running);
+    curl().multiPerform(_multi.get(), &running);
     int waiting = 0;
     bool ended = false;
-    while (const CURLMsg* message = curl_multi_info_read(_multi.get(), &waiting)) {
+    while (const CURLMsg* message = curl().multiInfoRead(_multi.get(), &waiting)) {
       if (message->msg != CURLMSG_DONE) continue;
       endTransfer(message->easy_handle, message->data.result);
       ended = true;
     }
     if (!ended && !_active.empty())
-      curl_multi_poll(_multi.get(), nullptr, 0, kPollMilliseconds, nullptr);
+      curl().multiPoll(_multi.get(), nullptr, 0, kPollMilliseconds, nullptr);
   }
 
   void endTransfer(void* handle, CURLcode result) {
@@ -235,7 +221,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
 
   template <class Outcome>
   void end(const ExchangePointer& exchange, Outcome outcome) {
-    curl_multi_remove_handle(_multi.get(), exchange->handle());
+    curl().multiRemoveHandle(_multi.get(), exchange->handle());
     exchange->finish(std::move(outcome));
   }
 
@@ -244,7 +230,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
   std::condition_variable _changed;
   // Under the lock; the pool itself is used by the I/O thread alone, but for waking it.
   std::vector<ExchangePointer> _incoming;
-  MultiPointer _multi = {nullptr, &curl_multi_cleanup};
+  CurlMultiPointer _multi;
   bool _running = false;
   bool _stopping = false;
   std::thread _thread;
@@ -261,6 +247,7 @@ CurlTransport::~CurlTransport() {
 
 std::shared_ptr<HTTPTransport::Exchange> CurlTransport::start(HTTPRequest request,
                                                               Completion completion) {
+  const bool isAvailable = CurlLibrary::isAvailable();
   std::optional<Error> refusal = refusalOf(request);
   auto exchange =
       std::make_shared<CurlExchange>(std::move(request), std::move(refusal), std::move(completion),
@@ -268,7 +255,11 @@ std::shared_ptr<HTTPTransport::Exchange> CurlTransport::start(HTTPRequest reques
                                        if (const std::shared_ptr<Loop> alive = loop.lock())
                                          alive->wake();
                                      });
-  if (!_loop->submit(exchange)) exchange->finish(CURLE_OUT_OF_MEMORY);
+  if (!isAvailable)
+    exchange->finish(
+        makeError("HTTP", kOther, "The HTTP library (libcurl.so.4) cannot be loaded."));
+  else if (!_loop->submit(exchange))
+    exchange->finish(CURLE_OUT_OF_MEMORY);
   return exchange;
 }
 

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,8 @@ namespace tallow {
 namespace {
 
 constexpr const char* kClassName = "Sandbox";
+
+std::span<const std::uint64_t> builtInFilter;
 
 // Whether the bus or the service manager has to be reached through a socket without a file.
 bool needsAbstractSockets() {
@@ -65,11 +68,17 @@ std::optional<Error> confine(const char* profileName, std::uint64_t flags) {
   if (!profile) return profile.error();
   if (std::optional<Error> error = confineFiles(*profile)) return error;
   if (std::optional<Error> error = dropCapabilities()) return error;
-  return SystemCallFilter::apply(
+  if (profile->isBuiltIn && !builtInFilter.empty()) return SystemCallFilter::apply(builtInFilter);
+  const Result<SystemCallFilter::Program> program = SystemCallFilter::compile(
       {profile->allowedCalls, profile->refusedCalls, profile->socketFamilies, profile->mayListen});
+  return program ? SystemCallFilter::apply(*program) : program.error();
 }
 
 }  // namespace
+
+void sandbox_use_compiled_filter(std::span<const std::uint64_t> program) {
+  builtInFilter = program;
+}
 
 int sandbox_init(const char* profile, std::uint64_t flags, char** errorText) {
   if (errorText != nullptr) *errorText = nullptr;

@@ -151,21 +151,26 @@ std::string readSystemCalls(const Dictionary& table, SandboxProfile& profile) {
 Result<SandboxProfile> SandboxProfile::named(const std::string& name) {
   if (!isSafePathComponent(name))
     return makeError(kErrorDomain, EINVAL, format("no sandbox profile can be named \"%s\"", name));
+  const std::string_view builtIn = builtInSandboxProfile(name);
+  const auto parsed = [builtIn](std::string_view text) {
+    Result<SandboxProfile> profile = parse(text);
+    if (profile) profile->isBuiltIn = text == builtIn;
+    return profile;
+  };
   const Directories& directories = Directories::shared();
   for (const std::filesystem::path& folder : directories.dataDirs) {
     // What the confined service can write must not say how it is confined.
     if (folder == directories.dataHome) continue;
     const std::filesystem::path file = folder / "sandbox" / (name + ".toml");
     const Result<Data> text = readFile(file, kMaxProfileBytes);
-    if (text) return parse(text->view());
+    if (text) return parsed(text->view());
     if (text.error().code != ENOENT && text.error().code != ENOTDIR)
       return makeError(kErrorDomain, text.error().code,
                        format("cannot read %s: %@", file.string(), text.error()));
   }
-  const std::string_view builtIn = builtInSandboxProfile(name);
   if (builtIn.empty())
     return makeError(kErrorDomain, ENOENT, format("no sandbox profile \"%s\"", name));
-  return parse(builtIn);
+  return parsed(builtIn);
 }
 
 Result<SandboxProfile> SandboxProfile::parse(std::string_view text) {

@@ -20,6 +20,8 @@ struct SandboxProfile {
   std::vector<std::string> socketFamilies;
   std::vector<std::string> allowedCalls;
   std::vector<std::string> refusedCalls;
+  // Word for word the one that is built in.
+  bool isBuiltIn = false;
 
   // The profile of that name: the file sandbox/NAME.toml in the first of the system's data
   // directories that has one, else the built-in one. Error domain "Sandbox".
@@ -28,7 +30,8 @@ struct SandboxProfile {
   static Result<SandboxProfile> parse(std::string_view text);
 };
 
-// The text of the profile that is built in, empty for every other name.
+// The text of the profile that is built in, empty for every other name. Its system-call filter is
+// compiled when the program is built.
 std::string_view builtInSandboxProfile(std::string_view name);
 
 }  // namespace tallow

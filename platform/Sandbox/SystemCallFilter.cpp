@@ -1,12 +1,17 @@
 #include "platform/Sandbox/SystemCallFilter.h"
 
+#include <linux/filter.h>
 #include <linux/netlink.h>
+#include <linux/seccomp.h>
 #include <linux/sockios.h>
 #include <sched.h>
 #include <seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +24,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Format.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -70,6 +76,10 @@ scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value) 
   return {argument, SCMP_CMP_MASKED_EQ, mask, value};
 }
 
+Error problem(const std::string& what, int code) {
+  return makeError(kErrorDomain, code, format("%s: %s", what, std::strerror(code)));
+}
+
 // The filter while it is put together; the first failure is kept.
 class Builder {
  public:
@@ -89,17 +99,25 @@ class Builder {
     if (failure != 0) fail(format("no rule can be made for the system call %s", name), failure);
   }
 
-  std::optional<Error> load() {
-    if (_error) return _error;
-    const int failure = -seccomp_load(_filter.get());
-    if (failure != 0) fail("cannot enter the system-call filter", failure);
-    return _error;
+  Result<SystemCallFilter::Program> compile() {
+    if (_error) return *_error;
+    const FileDescriptor file(memfd_create("system-call filter", MFD_CLOEXEC));
+    struct stat status = {};
+    const int failure = !file ? errno : -seccomp_export_bpf(_filter.get(), file.get());
+    if (failure != 0) return problem("cannot compile the system-call filter", failure);
+    if (fstat(file.get(), &status) != 0)
+      return problem("cannot read the system-call filter", errno);
+    SystemCallFilter::Program program(static_cast<std::size_t>(status.st_size) /
+                                      sizeof(sock_filter));
+    if (pread(file.get(), program.data(), program.size() * sizeof(sock_filter), 0) !=
+        static_cast<ssize_t>(program.size() * sizeof(sock_filter)))
+      return problem("cannot read the system-call filter", EIO);
+    return program;
   }
 
  private:
   void fail(const std::string& what, int code) {
-    if (!_error)
-      _error = makeError(kErrorDomain, code, format("%s: %s", what, std::strerror(code)));
+    if (!_error) _error = problem(what, code);
   }
 
   std::unique_ptr<std::remove_pointer_t<scmp_filter_ctx>, decltype(&seccomp_release)> _filter;
@@ -153,9 +171,8 @@ void addProcess(Builder& builder) {
     builder.add(kAllow, "clone", {masked(0, CLONE_THREAD | kNamespaceFlags, CLONE_THREAD)});
     builder.add(kRefuse, "clone", {masked(0, CLONE_THREAD, 0)});
   }
-  const auto self = static_cast<std::uint64_t>(getpid());
-  builder.add(kAllow, "kill", {equals(0, self)});
-  builder.add(kRefuse, "kill", {differs(0, self)});
+  builder.add(kAllow, "kill", {equals(0, SystemCallFilter::kSelf)});
+  builder.add(kRefuse, "kill", {differs(0, SystemCallFilter::kSelf)});
   builder.add(kAllow, "prlimit64", {equals(0, 0)});
   builder.add(kRefuse, "prlimit64", {differs(0, 0)});
 }
@@ -171,14 +188,27 @@ void addMemory(Builder& builder) {
 
 }  // namespace
 
-std::optional<Error> SystemCallFilter::apply(const Rules& rules) {
+Result<SystemCallFilter::Program> SystemCallFilter::compile(const Rules& rules) {
   Builder builder;
   addNamed(builder, rules);
   addSockets(builder, rules.socketFamilies);
   addProcess(builder);
   addMemory(builder);
   for (const std::uint64_t control : kControls) builder.add(kAllow, "ioctl", {equals(1, control)});
-  return builder.load();
+  return builder.compile();
+}
+
+std::optional<Error> SystemCallFilter::apply(std::span<const std::uint64_t> program) {
+  std::vector<sock_filter> instructions(program.size());
+  std::memcpy(instructions.data(), program.data(), program.size_bytes());
+  for (sock_filter& instruction : instructions)
+    if (BPF_CLASS(instruction.code) == BPF_JMP && instruction.k == kSelf)
+      instruction.k = static_cast<std::uint32_t>(getpid());
+  const sock_fprog filter = {static_cast<unsigned short>(instructions.size()), instructions.data()};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &filter) != 0)
+    return problem("cannot enter the system-call filter", errno);
+  return std::nullopt;
 }
 
 }  // namespace tallow

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "platform/Base/Error.h"
+#include "platform/Base/Result.h"
 
 namespace tallow {
 
@@ -22,8 +25,15 @@ class SystemCallFilter {
     bool listen = false;
   };
 
-  // Puts the calling thread, and those it will start, under `rules`, for good.
-  static std::optional<Error> apply(const Rules& rules);
+  // What the kernel runs: its instructions (struct sock_filter), each as one number.
+  using Program = std::vector<std::uint64_t>;
+  // Stands in a program for the number of the process that it is to confine.
+  static constexpr std::uint32_t kSelf = 0x73656c66;
+
+  // Compiling takes longer than all else that confining does.
+  static Result<Program> compile(const Rules& rules);
+  // Puts the calling thread, and those it will start, under the program, for good.
+  static std::optional<Error> apply(std::span<const std::uint64_t> program);
 };
 
 }  // namespace tallow
