@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "devstore/Peer.h"
+
 namespace tallow::devstore {
 
 namespace {
@@ -23,6 +25,9 @@ constexpr const char* kFooter =
     "  ready\n"
     "and it runs until SIGTERM or SIGINT. DIR/anchors/root.pem is the anchor of its signed "
     "bags.\n\n"
+    "A peer stands in for a process that tallowd asks on the bus (the push agent, the download\n"
+    "service, the purchase-permission service). It hands every call to the store at\n"
+    "TALLOW_DEVSTORE, which lists it and answers it as staged. The bus starts it on demand.\n\n"
     "Example\n"
     "  tallow-devstore --state /tmp/store --port 8080 &\n"
     "  curl --json '{\"bag\": {\"flipByte\": 100, \"times\": 1}}' http://127.0.0.1:8080/control\n\n"
@@ -42,9 +47,10 @@ std::optional<CommandLine> CommandLine::read(int argumentCount, const char* cons
   app.set_version_flag("--version", "tallow-devstore " TALLOW_VERSION,
                        "Print the version and exit");
   app.set_help_flag("--help,-h", "Print this help and exit");
-  app.add_option("--state", directory, "The folder that keeps the store's keys; made if missing")
-      ->required()
-      ->type_name("DIR");
+  CLI::Option* const state =
+      app.add_option("--state", directory,
+                     "The folder that keeps the store's keys; made if missing")
+          ->type_name("DIR");
   app.add_option("--port", options.httpPort, "The port for http; 0, the default, takes a free one")
       ->type_name("N")
       ->check(CLI::Range(0, 65535));
@@ -58,8 +64,20 @@ std::optional<CommandLine> CommandLine::read(int argumentCount, const char* cons
   app.add_flag("--fresh", options.fresh, "Forget the keys that DIR holds and make new ones");
   app.add_flag("--verbose,-v", commandLine.verbose,
                "Print each answered request on standard error");
+  Peer peer;
+  CLI::App* const peerCommand =
+      app.add_subcommand("peer", "Stand in for one of the service's peers on the bus");
+  peerCommand->add_option("NAME", peer.name, "Which")
+      ->required()
+      ->check(CLI::IsMember(devstore::Peer::names()));
+  peerCommand->add_option("--store", peer.store, "The address of the store that answers")
+      ->required()
+      ->envname("TALLOW_DEVSTORE")
+      ->type_name("URL");
+  peerCommand->add_flag("--system", peer.onSystemBus, "On the system bus, not the session bus");
   try {
     app.parse(argumentCount, arguments);
+    if (!*peerCommand && !*state) throw CLI::RequiredError("--state");
   } catch (const CLI::Success& success) {
     exitCode = app.exit(success);
     return std::nullopt;
@@ -69,6 +87,7 @@ std::optional<CommandLine> CommandLine::read(int argumentCount, const char* cons
     return std::nullopt;
   }
   options.stateDirectory = directory;
+  if (*peerCommand) commandLine.peer = peer;
   return commandLine;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "devstore/DevStore.h"
 
@@ -8,8 +9,16 @@ namespace tallow::devstore {
 
 // What the command line of tallow-devstore asks for.
 struct CommandLine {
+  // Not the store, but one of the peers that stand in on the bus.
+  struct Peer {
+    std::string name;
+    std::string store;  // its address
+    bool onSystemBus = false;
+  };
+
   DevStore::Options options;
   bool verbose = false;
+  std::optional<Peer> peer;
 
   // Reads the arguments. When there is nothing to run, because of --help, --version or wrong usage,
   // all that is to be said has been printed and `exitCode` says how the program ends.

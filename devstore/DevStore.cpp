@@ -14,7 +14,9 @@
 #include "devstore/MachineRegistry.h"
 #include "devstore/PageEndpoint.h"
 #include "devstore/PasswordSettingsEndpoint.h"
+#include "devstore/PeerEndpoint.h"
 #include "devstore/PingEndpoint.h"
+#include "devstore/PushEndpoint.h"
 #include "devstore/RedirectEndpoint.h"
 #include "devstore/RequestLog.h"
 #include "devstore/SigningAuthority.h"
@@ -49,6 +51,7 @@ struct DevStore::State {
 
   std::optional<Error> prepare();
   void addEndpoints();
+  void addPushEndpoints();
   Answer answer(const ReceivedRequest& request);
   Answer answerFromEndpoint(const ReceivedRequest& request);
 
@@ -122,6 +125,21 @@ void DevStore::State::addEndpoints() {
                 std::make_unique<GetPasswordSettingsEndpoint>(passwordSettings));
   endpoints.add("updatePasswordSettings", {"/accounts/password-settings/update"},
                 std::make_unique<UpdatePasswordSettingsEndpoint>(passwordSettings));
+  addPushEndpoints();
+}
+
+void DevStore::State::addPushEndpoints() {
+  const auto devices = std::make_shared<PushDevices>();
+  const auto add = [&](const char* name, const char* path, PushEndpoint::Page page) {
+    endpoints.add(name, {path}, std::make_unique<PushEndpoint>(page, devices));
+  };
+  add("registerSuccess", "/push/register-success", PushEndpoint::Page::RegisterSuccess);
+  add("registerMediaTypes", "/push/register-media-types", PushEndpoint::Page::RegisterMediaTypes);
+  add("enabledMediaTypes", "/push/enabled-media-types", PushEndpoint::Page::EnabledMediaTypes);
+  endpoints.add("pushAgent", {"/peers/push-agent/"}, std::make_unique<PeerEndpoint>());
+  endpoints.add("downloads", {"/peers/downloads/"}, std::make_unique<PeerEndpoint>());
+  endpoints.add("purchasePermission", {"/peers/purchase-permission/"},
+                std::make_unique<PeerEndpoint>());
 }
 
 Answer DevStore::State::answer(const ReceivedRequest& request) {
