@@ -2,8 +2,7 @@
 
 #include <utility>
 
-#include "client/ServiceConnection.h"
-#include "platform/XPC/WireTypes.h"
+#include "client/ClientCalls.h"
 
 namespace tallow {
 
@@ -26,43 +25,15 @@ AccountServiceClient::ErrorCode codeForErrorName(const std::string& name) {
                                                               : Client::kFailed;
 }
 
-Error clientError(const sdbus::Error& error) {
+}  // namespace
+
+Error clientErrorFrom(const sdbus::Error& error) {
   const std::string name = bus::errorName(error);
   Error made =
       makeError(AccountServiceClient::kErrorDomain, codeForErrorName(name), error.getMessage());
   made.userInfo = made.userInfo.setting(AccountServiceClient::kErrorNameKey, name);
   return made;
 }
-
-// Calls that answer with something, and calls that answer with nothing; exceptions end here.
-template <class Call>
-auto ask(ServiceConnection& connection, Call call)
-    -> Result<decltype(call(std::declval<ServiceSession&>()))> {
-  try {
-    return connection.call(call);
-  } catch (const sdbus::Error& error) {
-    return clientError(error);
-  }
-}
-template <class Action>
-std::optional<Error> attempt(Action action) {
-  try {
-    action();
-    return std::nullopt;
-  } catch (const sdbus::Error& error) {
-    return clientError(error);
-  }
-}
-template <class Call>
-std::optional<Error> tell(ServiceConnection& connection, Call call) {
-  return attempt([&] { connection.call(call); });
-}
-
-std::optional<Error> firstError(std::vector<WireError>& errors) {
-  return errors.empty() ? std::nullopt : std::optional(std::move(errors.front().value));
-}
-
-}  // namespace
 
 AccountServiceClient::AccountServiceClient(Instance instance)
     : _connection(std::make_unique<ServiceConnection>(instance)) {}

@@ -41,6 +41,11 @@ class AccountServiceClient {
     bool success = false;
     std::optional<Error> error;
   };
+  struct MediaTypes {
+    bool success = false;
+    std::optional<Error> error;
+    std::int64_t mask = 0;  // as the service knows it now, also after a failure
+  };
   using BagObserver = std::function<void(bool success, const std::optional<Error>& error)>;
 
   explicit AccountServiceClient(Instance instance);
@@ -75,6 +80,16 @@ class AccountServiceClient {
   // Storefront
   Result<std::optional<std::string>> storeFront();
   std::optional<Error> setStoreFrontID(const std::optional<std::string>& storeFrontID);
+
+  // Push and device set-up. Where the store, or the push agent, is asked, the error of its no is
+  // the result, too (its domain is not kErrorDomain then).
+  std::optional<Error> registerDeviceTokenForEnvironmentNamed(const std::string& environmentName);
+  Result<MediaTypes> getEnabledMediaTypes();
+  std::optional<Error> enableAutoDownloadForEnvironmentNamed(const std::string& environmentName);
+  std::optional<Error> disableAutoDownload();
+  Result<bool> isRegisteredForAccount(std::uint64_t dsID, std::int64_t mask);
+  std::optional<Error> handlePushNotificationMessage(const Dictionary& message);
+  std::optional<Error> completeSetupWithResponse(const Dictionary& response);
 
   // What the service says of itself: one JSON object, for people.
   Result<std::string> describe();

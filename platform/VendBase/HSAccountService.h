@@ -94,6 +94,21 @@ class HSAccountService {
       Reply<std::optional<Dictionary> /*settings*/, std::optional<Error>> reply) = 0;
   virtual void updatePasswordSettings(std::optional<Dictionary> settings,
                                       Reply<bool /*success*/, std::optional<Error>> reply) = 0;
+
+  // Push and device set-up
+  virtual void registerDeviceTokenForEnvironmentNamed(std::string environmentName,
+                                                      Reply<bool, std::optional<Error>> reply) = 0;
+  virtual void getEnabledMediaTypes(
+      Reply<bool, std::optional<Error>, std::int64_t /*mask*/> reply) = 0;
+  virtual void enableAutoDownloadForEnvironmentNamed(std::string environmentName,
+                                                     Reply<bool, std::optional<Error>> reply) = 0;
+  virtual void disableAutoDownload(Reply<bool, std::optional<Error>> reply) = 0;
+  virtual void isRegisteredForAccount(
+      std::uint64_t dsID, std::int64_t andMask,
+      Reply<bool, std::optional<Error>, bool /*isRegistered*/> reply) = 0;
+  virtual void handlePushNotificationMessage(Dictionary message, Done reply) = 0;
+  virtual void completeSetupWithResponse(Dictionary response,
+                                         Reply<bool, std::optional<Error>> reply) = 0;
 };
 
 }  // namespace tallow

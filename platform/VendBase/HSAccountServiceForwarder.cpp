@@ -190,4 +190,41 @@ void HSAccountServiceForwarder::updatePasswordSettings(std::optional<Dictionary>
   forward(&HSAccountService::updatePasswordSettings, std::move(settings), std::move(reply));
 }
 
+// Push and device set-up
+
+void HSAccountServiceForwarder::registerDeviceTokenForEnvironmentNamed(
+    std::string environmentName, Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::registerDeviceTokenForEnvironmentNamed, std::move(environmentName),
+          std::move(reply));
+}
+
+void HSAccountServiceForwarder::getEnabledMediaTypes(
+    Reply<bool, std::optional<Error>, std::int64_t> reply) {
+  forward(&HSAccountService::getEnabledMediaTypes, std::move(reply));
+}
+
+void HSAccountServiceForwarder::enableAutoDownloadForEnvironmentNamed(
+    std::string environmentName, Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::enableAutoDownloadForEnvironmentNamed, std::move(environmentName),
+          std::move(reply));
+}
+
+void HSAccountServiceForwarder::disableAutoDownload(Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::disableAutoDownload, std::move(reply));
+}
+
+void HSAccountServiceForwarder::isRegisteredForAccount(
+    std::uint64_t dsID, std::int64_t andMask, Reply<bool, std::optional<Error>, bool> reply) {
+  forward(&HSAccountService::isRegisteredForAccount, dsID, andMask, std::move(reply));
+}
+
+void HSAccountServiceForwarder::handlePushNotificationMessage(Dictionary message, Done reply) {
+  forward(&HSAccountService::handlePushNotificationMessage, std::move(message), std::move(reply));
+}
+
+void HSAccountServiceForwarder::completeSetupWithResponse(Dictionary response,
+                                                          Reply<bool, std::optional<Error>> reply) {
+  forward(&HSAccountService::completeSetupWithResponse, std::move(response), std::move(reply));
+}
+
 }  // namespace tallow

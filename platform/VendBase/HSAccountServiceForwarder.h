@@ -62,6 +62,18 @@ class HSAccountServiceForwarder final : public HSAccountService {
   void updatePasswordSettings(std::optional<Dictionary> settings,
                               Reply<bool, std::optional<Error>> reply) override;
 
+  void registerDeviceTokenForEnvironmentNamed(std::string environmentName,
+                                              Reply<bool, std::optional<Error>> reply) override;
+  void getEnabledMediaTypes(Reply<bool, std::optional<Error>, std::int64_t> reply) override;
+  void enableAutoDownloadForEnvironmentNamed(std::string environmentName,
+                                             Reply<bool, std::optional<Error>> reply) override;
+  void disableAutoDownload(Reply<bool, std::optional<Error>> reply) override;
+  void isRegisteredForAccount(std::uint64_t dsID, std::int64_t andMask,
+                              Reply<bool, std::optional<Error>, bool> reply) override;
+  void handlePushNotificationMessage(Dictionary message, Done reply) override;
+  void completeSetupWithResponse(Dictionary response,
+                                 Reply<bool, std::optional<Error>> reply) override;
+
  private:
   template <class... Parameters>
   void forward(void (HSAccountService::*operation)(Parameters...), Parameters... arguments);

@@ -93,6 +93,20 @@ class AccountServiceObject final
   void updatePasswordSettings(sdbus::Result<bool, std::vector<WireError>>&& result,
                               std::vector<WireDictionary> settings) override;
 
+  // Push and device set-up: AccountServiceObjectPush.cpp
+  void registerDeviceTokenForEnvironmentNamed(sdbus::Result<bool, std::vector<WireError>>&& result,
+                                              std::string environmentName) override;
+  void getEnabledMediaTypes(
+      sdbus::Result<bool, std::vector<WireError>, std::int64_t>&& result) override;
+  void enableAutoDownloadForEnvironmentNamed(sdbus::Result<bool, std::vector<WireError>>&& result,
+                                             std::string environmentName) override;
+  void disableAutoDownload(sdbus::Result<bool, std::vector<WireError>>&& result) override;
+  void isRegisteredForAccount(sdbus::Result<bool, std::vector<WireError>, bool>&& result,
+                              std::uint64_t dsID, std::int64_t andMask) override;
+  void handlePushNotificationMessage(sdbus::Result<>&& result, WireDictionary message) override;
+  void completeSetupWithResponse(sdbus::Result<bool, std::vector<WireError>>&& result,
+                                 WireDictionary response) override;
+
   // HSServiceRemoteObject
   void actAs(sdbus::Result<>&& result, std::string identifier) override;
 

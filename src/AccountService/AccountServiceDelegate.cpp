@@ -7,12 +7,14 @@
 
 #include "platform/Base/Secret.h"
 #include "platform/Concurrency/RunLoop.h"
+#include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/Sandbox/Sandbox.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/ProcessInspector.h"
 #include "src/AccountService/AccountServiceInterface.h"
 #include "src/AccountService/ServiceStatus.h"
+#include "src/PushServiceStoreDispatch.h"
 
 namespace tallow {
 
@@ -40,6 +42,12 @@ int runAccountService(int argc, const char* const* argv) {
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.
   HSServiceProxy::setLocalAccountService(delegate.clientInterfaceClass());
+  // What is shown in the store application's name is answered by the store agent's dispatch.
+  UserNotificationCenter::setDelegateProvider(
+      PushServiceStoreDispatch::kStoreApplicationIdentifier, [] {
+        return PushServiceStoreDispatch::pushServiceStoreDispatchForClient(
+            HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent));
+      });
 
   const auto listener = isDaemon ? XPCListener::initWithMachServiceName("com.vantor.tallowd.daemon",
                                                                         XPCListener::Bus::System)

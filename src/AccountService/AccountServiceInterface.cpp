@@ -14,12 +14,6 @@ namespace tallow {
 
 namespace {
 
-// Replies may be absent and are then skipped.
-template <class Reply, class... Results>
-void send(const Reply& reply, Results&&... results) {
-  if (reply) reply(std::forward<Results>(results)...);
-}
-
 // Which machine-identity headers a URL needs. A nil URL needs none.
 struct IdentityNeed {
   bool ofMachine = false, ofAccount = false;

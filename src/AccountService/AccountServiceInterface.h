@@ -79,6 +79,20 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   void updatePasswordSettings(std::optional<Dictionary> settings,
                               Reply<bool, std::optional<Error>> reply) override;
 
+  // A client without an identifier has no push dispatch: then nothing is done, and the reply is
+  // dropped.
+  void registerDeviceTokenForEnvironmentNamed(std::string environmentName,
+                                              Reply<bool, std::optional<Error>> reply) override;
+  void getEnabledMediaTypes(Reply<bool, std::optional<Error>, std::int64_t> reply) override;
+  void enableAutoDownloadForEnvironmentNamed(std::string environmentName,
+                                             Reply<bool, std::optional<Error>> reply) override;
+  void disableAutoDownload(Reply<bool, std::optional<Error>> reply) override;
+  void isRegisteredForAccount(std::uint64_t dsID, std::int64_t andMask,
+                              Reply<bool, std::optional<Error>, bool> reply) override;
+  void handlePushNotificationMessage(Dictionary message, Done reply) override;
+  void completeSetupWithResponse(Dictionary response,
+                                 Reply<bool, std::optional<Error>> reply) override;
+
   // For callers inside the process: the same question, answered on the calling thread.
   bool shouldSendGUIDWithRequestForURL(const std::optional<URL>& url) const;
 
@@ -94,6 +108,15 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   // The store of the client's accounts; null when there is none.
   std::shared_ptr<AccountStore> accountStore() const;
 
+  // Turns what a set-up response says of the account into one; what is wrong with it reaches the
+  // system log only.
+  Account accountFromSetupResponse(const Dictionary& response) const;
+
+  // Replies may be absent and are then skipped.
+  template <class AnyReply, class... Results>
+  static void send(const AnyReply& reply, Results&&... results) {
+    if (reply) reply(std::forward<Results>(results)...);
+  }
   // Submits `work` to the request queue; it keeps this object alive until it has run.
   template <class Work>
   void onRequestQueue(Work work) {

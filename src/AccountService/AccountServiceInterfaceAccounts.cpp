@@ -15,12 +15,6 @@ namespace tallow {
 
 namespace {
 
-// Replies may be absent and are then skipped.
-template <class Reply, class... Results>
-void send(const Reply& reply, Results&&... results) {
-  if (reply) reply(std::forward<Results>(results)...);
-}
-
 Value demoModeValue(const char* key) {
   Preferences& preferences = Preferences::shared();
   Value value = preferences.copyAppValue(key, kDaemonDefaultsID);

@@ -4,8 +4,8 @@
 
 namespace tallow {
 
-// An account service that drops every reply to a question about accounts: the base of fakes that
-// answer other things, and only override what their test asks.
+// An account service that drops every reply to a question about accounts and pushes: the base of
+// fakes that answer other things, and only override what their test asks.
 class SilentAccountService : public HSAccountService {
  public:
   void accounts(Reply<std::vector<Account>> /*reply*/) override {}
@@ -40,6 +40,19 @@ class SilentAccountService : public HSAccountService {
       Reply<std::optional<Dictionary>, std::optional<Error>> /*reply*/) override {}
   void updatePasswordSettings(std::optional<Dictionary> /*settings*/,
                               Reply<bool, std::optional<Error>> /*reply*/) override {}
+
+  void registerDeviceTokenForEnvironmentNamed(
+      std::string /*environmentName*/, Reply<bool, std::optional<Error>> /*reply*/) override {}
+  void getEnabledMediaTypes(Reply<bool, std::optional<Error>, std::int64_t> /*reply*/) override {}
+  void enableAutoDownloadForEnvironmentNamed(std::string /*environmentName*/,
+                                             Reply<bool, std::optional<Error>> /*reply*/) override {
+  }
+  void disableAutoDownload(Reply<bool, std::optional<Error>> /*reply*/) override {}
+  void isRegisteredForAccount(std::uint64_t /*dsID*/, std::int64_t /*andMask*/,
+                              Reply<bool, std::optional<Error>, bool> /*reply*/) override {}
+  void handlePushNotificationMessage(Dictionary /*message*/, Done /*reply*/) override {}
+  void completeSetupWithResponse(Dictionary /*response*/,
+                                 Reply<bool, std::optional<Error>> /*reply*/) override {}
 };
 
 }  // namespace tallow

@@ -19,6 +19,7 @@ Application::Application() : _root("Talks to tallowd, the store's account servic
   addBagCommands(*this);
   addCookieCommands(*this);
   addStoreFrontCommands(*this);
+  addPushCommands(*this);
   addStatusCommands(*this);
   addDefaultsCommands(*this);
   // Global options are understood wherever they stand on the line.

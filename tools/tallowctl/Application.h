@@ -53,6 +53,7 @@ CLI::Validator isURL();
 void addBagCommands(Application& application);
 void addCookieCommands(Application& application);
 void addStoreFrontCommands(Application& application);
+void addPushCommands(Application& application);
 void addStatusCommands(Application& application);
 void addDefaultsCommands(Application& application);
 

@@ -1,0 +1,163 @@
+// The operations of AccountServiceInterface that are about pushes and the set-up of a new device.
+
+#include "platform/VendBase/HSStoreAccount.h"
+#include "platform/VendBase/SystemLog.h"
+#include "platform/VendBase/VBLogManager.h"
+#include "src/AccountService/AccountServiceInterface.h"
+#include "src/AccountService/AccountStore.h"
+#include "src/CookieStorage.h"
+#include "src/OrvController.h"
+#include "src/PushServiceStoreDispatch.h"
+#include "src/StoreFrontController.h"
+
+namespace tallow {
+
+namespace {
+
+// Gives a host to the cookies of a set-up response that name no domain of their own: the store's
+// public web site.
+constexpr const char* kSetupCookieURL = "http://store.vantor.com";
+
+std::optional<std::string> stringOrNil(const Value& value) {
+  const std::string* const text = value.string();
+  return text != nullptr ? std::optional(*text) : std::nullopt;
+}
+
+std::optional<std::string> typeNameOrNil(const Value& value) {
+  return value.isNil() ? std::nullopt : std::optional<std::string>(value.typeName());
+}
+
+}  // namespace
+
+// Push
+
+void AccountServiceInterface::registerDeviceTokenForEnvironmentNamed(
+    std::string environmentName, Reply<bool, std::optional<Error>> reply) {
+  onRequestQueue([this, environmentName = std::move(environmentName), reply = std::move(reply)] {
+    if (const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClient(storeClient()))
+      dispatch->registerDeviceTokenForEnvironmentNamed(environmentName, reply);
+  });
+}
+
+void AccountServiceInterface::getEnabledMediaTypes(
+    Reply<bool, std::optional<Error>, std::int64_t> reply) {
+  logLevel(3, "%s", "-[AccountServiceInterface getEnabledMediaTypesWithReply:]");
+  onRequestQueue([this, reply = std::move(reply)] {
+    if (const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClient(storeClient()))
+      dispatch->getEnabledMediaTypes(reply);
+  });
+}
+
+void AccountServiceInterface::enableAutoDownloadForEnvironmentNamed(
+    std::string environmentName, Reply<bool, std::optional<Error>> reply) {
+  onRequestQueue([this, environmentName = std::move(environmentName), reply = std::move(reply)] {
+    if (const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClient(storeClient()))
+      dispatch->enableAutoDownloadForEnvironmentNamed(environmentName, reply);
+  });
+}
+
+void AccountServiceInterface::disableAutoDownload(Reply<bool, std::optional<Error>> reply) {
+  onRequestQueue([this, reply = std::move(reply)] {
+    if (const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClient(storeClient()))
+      dispatch->disableAutoDownload(reply);
+  });
+}
+
+void AccountServiceInterface::isRegisteredForAccount(
+    std::uint64_t dsID, std::int64_t andMask, Reply<bool, std::optional<Error>, bool> reply) {
+  onRequestQueue([this, dsID, andMask, reply = std::move(reply)] {
+    if (const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClient(storeClient()))
+      dispatch->isRegisteredForAccount(dsID, andMask, reply);
+  });
+}
+
+void AccountServiceInterface::handlePushNotificationMessage(Dictionary message, Done reply) {
+  nowOrOnRequestQueue(
+      [&] {
+        const auto dispatch =
+            PushServiceStoreDispatch::pushServiceStoreDispatchForClientIfAtHand(storeClient());
+        if (!dispatch || !dispatch->handlePushNotificationMessageIfIdle(message)) return false;
+        send(reply);
+        return true;
+      },
+      [this, message, reply] {
+        const auto deliverTo = [&](const std::shared_ptr<const HSStoreClient>& client) {
+          if (const auto dispatch =
+                  PushServiceStoreDispatch::pushServiceStoreDispatchForClient(client))
+            dispatch->handlePushNotificationMessage(message);
+        };
+        if (storeClient()) {
+          deliverTo(storeClient());
+        } else {
+          // Whoever is no store client itself speaks for the system: both agents hear of it.
+          deliverTo(HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent));
+          deliverTo(HSStoreClient::initWithStoreClientType(kHSStoreClientTypeBookStoreAgent));
+        }
+        send(reply);
+      });
+}
+
+// Device set-up
+
+HSAccountService::Account AccountServiceInterface::accountFromSetupResponse(
+    const Dictionary& response) const {
+  auto account = std::make_shared<HSStoreAccount>();
+  const std::optional<std::string> client =
+      storeClient() ? storeClient()->identifier : std::nullopt;
+
+  const Value& dsID = response["dsid"];
+  if (dsID.string() != nullptr) {
+    account->setDsID(static_cast<std::uint64_t>(dsID.longLongValue().value_or(0)));
+  } else if (dsID.isNumber()) {
+    account->setDsID(dsID.unsignedValue());
+  } else {
+    systemLog("%@: %@ dsid is unexpected type (%@)", kClassName, client, typeNameOrNil(dsID));
+  }
+
+  const Value& active = response["account-active"];
+  if (const std::optional<bool> isActive = active.boolValue()) {
+    account->setIsSignedIn(*isActive);
+  } else {
+    account->setIsSignedIn(false);
+    if (active.isNil()) {
+      systemLog(
+          "%@: %@ account-active not present in account data, assuming account is not signed in %@",
+          kClassName, client, response);
+    } else {
+      systemLog(
+          "%@: %@ account-active is unexpected type (%@), assuming account is not signed in %@",
+          kClassName, client, active.typeName(), response);
+    }
+  }
+
+  account->setIdentifier(stringOrNil(response["email"]));
+  return account;
+}
+
+void AccountServiceInterface::completeSetupWithResponse(Dictionary response,
+                                                        Reply<bool, std::optional<Error>> reply) {
+  onRequestQueue([this, response = std::move(response), reply = std::move(reply)] {
+    const auto account = accountFromSetupResponse(response);
+    if (const auto store = accountStore()) {
+      store->addAccount(account);
+      store->makeAccountPrimary(account);
+    }
+    if (response.contains("cookies")) {
+      const Dictionary headers{{"Set-Cookie", response["cookies"]}};
+      if (const auto storage = CookieStorage::storageForClient(storeClient()))
+        storage->consumeCookiesWithHTTPHeaders(headers, URL::parse(kSetupCookieURL));
+      OrvController::sharedController().processHTTPHeaders(headers, storeClient());
+    }
+    // Also when the response names none: then the one that was stored goes.
+    if (const auto controller = StoreFrontController::storefrontControllerForClient(storeClient()))
+      controller->setStoreFrontID(stringOrNil(response["storefront"]));
+    send(reply, true, std::nullopt);
+  });
+}
+
+}  // namespace tallow

@@ -1,0 +1,147 @@
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+
+#include "platform/PropertyList/JSON.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "tools/tallowctl/Application.h"
+
+namespace tallow::ctl {
+
+namespace {
+
+// The dictionary in a file that holds a property list or JSON; "-" is standard input.
+Result<Dictionary> dictionaryFromFile(const std::string& path) {
+  std::ifstream file(path == "-" ? "/dev/stdin" : path, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  if (!file.good() && text.empty())
+    return makeError("tallowctl", 0, path + ": there is nothing to read");
+  Result<Value> value = PropertyList::decode(Data(text));
+  if (!value) value = JSON::decode(text);
+  const Dictionary* const entries = value ? value->dictionary() : nullptr;
+  if (entries == nullptr)
+    return makeError("tallowctl", 0, path + ": neither a property list nor JSON of a dictionary");
+  return *entries;
+}
+
+void addEnvironmentCommand(Application& application, CLI::App& push, const char* name,
+                           const char* description, const char* done,
+                           std::optional<Error> (AccountServiceClient::*call)(const std::string&)) {
+  auto environment = std::make_shared<std::string>();
+  CLI::App* const command =
+      application.add(push, name, description, [&application, environment, done, call] {
+        return application.withClient([&](AccountServiceClient& client) {
+          return application.finish((client.*call)(*environment), done);
+        });
+      });
+  command->add_option("ENV", *environment, "The push environment, as the bag names it")->required();
+}
+
+int showMediaTypes(const Application& application,
+                   const Result<AccountServiceClient::MediaTypes>& result) {
+  return application.show(result, [&](const AccountServiceClient::MediaTypes& types) {
+    if (!types.success)
+      return application.output().failure(
+          types.error.value_or(makeError("tallowctl", 0, "The store does not say why not.")));
+    application.output().value(types.mask);
+    return static_cast<int>(kDone);
+  });
+}
+
+void addRegistered(Application& application, CLI::App& push) {
+  struct Options {
+    std::uint64_t dsID = 0;
+    std::int64_t mask = 0;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* const registered = application.add(
+      push, "registered", "Tell whether exactly these media kinds are known to be enabled",
+      [&application, options] {
+        return application.withClient([&](AccountServiceClient& client) {
+          return application.show(client.isRegisteredForAccount(options->dsID, options->mask),
+                                  [&](bool yes) { return application.output().answer(yes); });
+        });
+      });
+  registered->add_option("DSID", options->dsID, "The account")->required();
+  registered->add_option("MASK", options->mask, "1 mac-software, 2 ebook, 3 both")->required();
+}
+
+void addDeliver(Application& application, CLI::App& push) {
+  struct Options {
+    std::optional<std::uint64_t> dsID;
+    std::optional<std::int64_t> kind;
+    std::string file;
+  };
+  auto options = std::make_shared<Options>();
+  CLI::App* const deliver = application.add(
+      push, "deliver", "Hand in a push, as the push agent does", [&application, options] {
+        Dictionary message;
+        if (!options->file.empty()) {
+          const Result<Dictionary> read = dictionaryFromFile(options->file);
+          if (!read) return application.output().wrongUsage(read.error().localizedDescription());
+          message = *read;
+        }
+        if (options->dsID) message = message.setting("0", *options->dsID);
+        if (options->kind) message = message.setting("1", *options->kind);
+        return application.withClient([&](AccountServiceClient& client) {
+          return application.finish(client.handlePushNotificationMessage(message), "Delivered.");
+        });
+      });
+  deliver->add_option("--dsid", options->dsID, "The account that it is for");
+  deliver->add_option("--kind", options->kind,
+                      "2 check automatic downloads, 4 offer to turn them on, 7 purchase "
+                      "permission");
+  deliver->add_option("--payload", options->file,
+                      "A file with the rest of it, a property list or JSON; - is standard input");
+}
+
+void addSetup(Application& application) {
+  auto file = std::make_shared<std::string>();
+  CLI::App* const setup = application.add(
+      application.root(), "setup", "Take over what the set-up of a new device has brought",
+      [&application, file] {
+        const Result<Dictionary> response = dictionaryFromFile(*file);
+        if (!response)
+          return application.output().wrongUsage(response.error().localizedDescription());
+        return application.withClient([&](AccountServiceClient& client) {
+          return application.finish(client.completeSetupWithResponse(*response),
+                                    "The device is set up.");
+        });
+      });
+  setup
+      ->add_option("FILE", *file,
+                   "The response, a property list or JSON: dsid, email, account-active, cookies, "
+                   "storefront; - is standard input")
+      ->required();
+}
+
+}  // namespace
+
+void addPushCommands(Application& application) {
+  CLI::App* const push =
+      application.add(application.root(), "push", "Work on push notifications", nullptr);
+  push->require_subcommand(1);
+  addEnvironmentCommand(application, *push, "register",
+                        "Announce the device's push token to the store", "The token is registered.",
+                        &AccountServiceClient::registerDeviceTokenForEnvironmentNamed);
+  addEnvironmentCommand(application, *push, "enable", "Turn automatic downloads on",
+                        "Automatic downloads are on.",
+                        &AccountServiceClient::enableAutoDownloadForEnvironmentNamed);
+  application.add(*push, "disable", "Turn automatic downloads off", [&application] {
+    return application.withClient([&](AccountServiceClient& client) {
+      return application.finish(client.disableAutoDownload(), "Automatic downloads are off.");
+    });
+  });
+  application.add(*push, "media-types",
+                  "Ask the store which media kinds are enabled (1 mac-software, 2 ebook)",
+                  [&application] {
+                    return application.withClient([&](AccountServiceClient& client) {
+                      return showMediaTypes(application, client.getEnabledMediaTypes());
+                    });
+                  });
+  addRegistered(application, *push);
+  addDeliver(application, *push);
+  addSetup(application);
+}
+
+}  // namespace tallow::ctl
