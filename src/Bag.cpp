@@ -287,7 +287,7 @@ std::filesystem::path Bag::_persistedStoreURL() const {
 // Runs on the validation queue: one writer a bag.
 void Bag::_writePersistedStoreToDiskWithDictionary(const Dictionary& response,
                                                    const std::optional<URL>& bootstrapURL) {
-  if (!_validUntilDate || !_storeClient->identifier) return;
+  if (!_validUntilDate || !_storeClient->identifier || _leavesPersistedStoreAlone) return;
   if (!isSafePathComponent(*_storeClient->identifier)) return;
   const std::filesystem::path path = _persistedStoreURL();
   try {
@@ -322,6 +322,7 @@ void Bag::_loadFromPersistedStore() {
   if (file != nullptr && (*file)[kVersionKey].signedValue() > kPersistedFormatVersion) {
     logLevel(1, "%@: %@ was written by a newer version and is left alone", kClassName,
              path.native());
+    _leavesPersistedStoreAlone = true;
     return;
   }
   const Dictionary* archive = file != nullptr ? (*file)[kArchiveKey].dictionary() : nullptr;

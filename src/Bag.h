@@ -125,6 +125,9 @@ class Bag : public std::enable_shared_from_this<Bag> {
   mutable SerialQueue _serialAccessQueue;
   std::optional<Dictionary> _dictionary;  // guarded by _serialAccessQueue
 
+  // Set while the bag is made: the file is a newer version's, which may come back to it.
+  bool _leavesPersistedStoreAlone = false;
+
   mutable SerialQueue _validationQueue;
   std::optional<Date> _validUntilDate;  // guarded by _validationQueue
 };

@@ -115,6 +115,7 @@ class ClientRegistry {
 
   bool mustReplace(const Controller& entry, const HSStoreClient& client) const {
     return !_texts.switchingSubject.empty() && client.clientType == kHSStoreClientTypeOutfitter &&
+           client.descriptorReading >= entry.storeClient()->descriptorReading &&
            entry._storeClientUpdated(client);
   }
 

@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "platform/Base/Directories.h"
+#include "platform/Concurrency/WorkerPool.h"
 #include "platform/Preferences/Preferences.h"
 #include "platform/VendBase/DefaultsKeys.h"
 #include "src/BagController.h"
@@ -181,7 +182,8 @@ void CookieStorage::deleteAllCookies() {
 
 void CookieStorage::synchronizeSoon() {
   if (_willSynchronize.exchange(true)) return;
-  _requestQueue.async([self = shared_from_this()] {
+  // Not on the queue: the disk takes milliseconds, and the jar answers meanwhile.
+  WorkerPool::shared().async([self = shared_from_this()] {
     self->_willSynchronize = false;
     if (self->_cookieStorage) self->_cookieStorage->synchronize();
   });

@@ -70,7 +70,9 @@ class CookieStorage final : public ClientController,
 
   SerialQueue _requestQueue;
   std::atomic<bool> _willSynchronize{false};
-  std::shared_ptr<CookieJar> _cookieStorage;  // guarded by _requestQueue
+  // Set when the jar is opened; what is asked of it goes through _requestQueue, but for
+  // synchronising.
+  std::shared_ptr<CookieJar> _cookieStorage;
 };
 
 }  // namespace tallow

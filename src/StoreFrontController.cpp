@@ -34,11 +34,6 @@ std::shared_ptr<StoreFrontController> StoreFrontController::storefrontController
   return registry().entryForClient(client);
 }
 
-std::shared_ptr<StoreFrontController> StoreFrontController::storefrontControllerForClientIfAtHand(
-    const std::shared_ptr<const HSStoreClient>& client) {
-  return registry().entryForClientIfAtHand(client);
-}
-
 std::shared_ptr<StoreFrontController> StoreFrontController::initWithStoreClient(
     std::shared_ptr<const HSStoreClient> client) {
   return std::shared_ptr<StoreFrontController>(new StoreFrontController(std::move(client)));

@@ -20,9 +20,6 @@ class StoreFrontController final : public ClientController {
 
   static std::shared_ptr<StoreFrontController> storefrontControllerForClient(
       const std::shared_ptr<const HSStoreClient>& client);
-  // The same, only if it is there already and can be had without waiting; else null.
-  static std::shared_ptr<StoreFrontController> storefrontControllerForClientIfAtHand(
-      const std::shared_ptr<const HSStoreClient>& client);
   static ClientRegistry<StoreFrontController>& registry();
 
   // Reads the persisted identifier.

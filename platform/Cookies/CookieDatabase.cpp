@@ -1,10 +1,13 @@
 #include "platform/Cookies/CookieDatabase.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -418,18 +421,14 @@ void CookieDatabase::rollback() {
   _connection->run(_connection->prepared(_connection->rollback, "ROLLBACK"));
 }
 
-std::optional<Error> CookieDatabase::sync() {
-  Connection& connection = *_connection;
+Result<FileDescriptor> CookieDatabase::fileToSync() const {
   // All that has been committed and is not yet in the database file, which a checkpoint syncs, is
   // in the log. Without a log, the commit itself has synced.
-  sqlite3_file* log = nullptr;
-  const int found =
-      sqlite3_file_control(connection.database.get(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
-  if (found != SQLITE_OK) return connection.error(found);
-  if (log == nullptr || log->pMethods == nullptr) return std::nullopt;
-  const int code = log->pMethods->xSync(log, SQLITE_SYNC_NORMAL | SQLITE_SYNC_DATAONLY);
-  if (code != SQLITE_OK) return connection.error(code);
-  return std::nullopt;
+  std::filesystem::path log = path();
+  log += "-wal";
+  FileDescriptor file(::open(log.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!file && errno != ENOENT) return makeError(kClassName, errno, std::strerror(errno));
+  return file;
 }
 
 void CookieDatabase::scrub() {

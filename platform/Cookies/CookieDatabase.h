@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Result.h"
 #include "platform/Cookies/CookieChanges.h"
 
@@ -61,8 +62,9 @@ class CookieDatabase {
   // On an error nothing has been changed.
   std::optional<Error> commit(const CookieChanges& changes);
   void rollback();
-  // Makes what has been committed survive a power cut.
-  std::optional<Error> sync();
+  // The file that has to be synchronised for what has been committed to survive a power cut; none
+  // when it survives one already. Synchronising it needs no lock of the database's.
+  Result<FileDescriptor> fileToSync() const;
   // Leaves no trace of removed cookies in the files, where no other process is reading just now.
   void scrub();
 

@@ -1,7 +1,10 @@
 #include "platform/Cookies/SQLiteCookieJar.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <set>
 #include <utility>
 
@@ -120,18 +123,30 @@ void SQLiteCookieJar::deleteAllCookies() {
 }
 
 std::optional<Error> SQLiteCookieJar::synchronize() {
-  const std::lock_guard lock(_mutex);
-  if (!_table.isSaved()) {
-    if (auto problem = _endChange(_beginChange())) return problem;
-  }
-  if (Clock::shared().monotonicSeconds() - _usesSavedAt >= kUsesSavedEverySeconds) _saveUses();
-  if (_isSynchronized || _database.state() != CookieDatabase::State::Writable) return std::nullopt;
-  if (auto problem = _database.sync()) {
-    logLevel(1, "%@: Cannot synchronize %@: %@", kClassName, _database.path().native(), *problem);
+  const auto failed = [this](Error problem) {
+    logLevel(1, "%@: Cannot synchronize %@: %@", kClassName, _database.path().native(), problem);
     return problem;
+  };
+  FileDescriptor file;
+  {
+    const std::lock_guard lock(_mutex);
+    if (!_table.isSaved()) {
+      if (auto problem = _endChange(_beginChange())) return problem;
+    }
+    if (Clock::shared().monotonicSeconds() - _usesSavedAt >= kUsesSavedEverySeconds) _saveUses();
+    if (_isSynchronized || _database.state() != CookieDatabase::State::Writable)
+      return std::nullopt;
+    Result<FileDescriptor> found = _database.fileToSync();
+    if (!found) return failed(found.error());
+    file = std::move(*found);
+    _isSynchronized = true;  // a change from now on says otherwise
   }
-  _isSynchronized = true;
-  return std::nullopt;
+  // The disk takes milliseconds, which nobody who looks a cookie up should wait.
+  if (!file || fdatasync(file.get()) == 0) return std::nullopt;
+  Error problem = makeError(kClassName, errno, std::strerror(errno));
+  const std::lock_guard lock(_mutex);
+  _isSynchronized = false;
+  return failed(std::move(problem));
 }
 
 std::size_t SQLiteCookieJar::count() {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -110,6 +111,8 @@ class InstalledClientDescriptors final : public ClientDescriptors {
   }
 
   static std::shared_ptr<const List> read(const Files& files) {
+    static std::atomic<std::uint64_t> readings{0};
+    const std::uint64_t reading = ++readings;
     auto list = std::make_shared<List>();
     for (const auto& [name, state] : files) {
       if (state.size == 0) continue;
@@ -122,6 +125,11 @@ class InstalledClientDescriptors final : public ClientDescriptors {
       if (!descriptor) {
         logLevel(1, "%@: ignoring %@", kClassName, descriptor.error().localizedDescription());
         continue;
+      }
+      if (descriptor->client) {
+        auto client = std::make_shared<HSStoreClient>(*descriptor->client);
+        client->descriptorReading = reading;
+        descriptor->client = std::move(client);
       }
       list->push_back(std::make_shared<const ClientDescriptor>(std::move(*descriptor)));
     }

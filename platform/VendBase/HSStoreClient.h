@@ -41,7 +41,11 @@ class HSStoreClient {
   // Sent as the User-Agent of the client's store requests.
   std::string userAgent;
 
-  // True when every field is equal.
+  // Which reading of the descriptor files this description comes from; later readings have higher
+  // numbers. 0 for a description that was made in the program.
+  std::uint64_t descriptorReading = 0;
+
+  // True when every field but the reading's number is equal.
   bool isEqualToStoreClient(const HSStoreClient& other) const;
 };
 

@@ -1,6 +1,7 @@
 #include "src/AccountService/AccountServiceDelegate.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,8 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
 
 int runAccountService(int argc, const char* const* argv) {
   forbidCoreDumps();  // passwords and tokens pass through here
+  // Who reads the log, or the other end of a socket, may go; that is told by the write's error.
+  std::signal(SIGPIPE, SIG_IGN);
   // Callers are recognised by their executables, which a confined process may not look at.
   if (!ProcessInspector::startHelper())
     logLevel(1, "%@: Callers cannot be recognised by their executables: %s",

@@ -80,6 +80,15 @@ TEST_F(BagControllerTest, RegistryKeepsOneControllerAClientAndReplacesOnlyChange
   EXPECT_FALSE(replaced->bagWithType(kBagTypeSandbox)->isValid());
   EXPECT_TRUE(
       world.log.contains(1, "BagController: Outfitter is updated, controller is switching"));
+
+  // Who connected before the change does not switch back.
+  changedOutfitter = std::make_shared<HSStoreClient>(*changedOutfitter);
+  changedOutfitter->descriptorReading = 2;
+  changedOutfitter->userAgent = "changed again";
+  const auto newest = BagController::bagControllerForClient(changedOutfitter);
+  EXPECT_NE(newest, replaced);
+  EXPECT_EQ(BagController::bagControllerForClient(outfitter), newest);
+  EXPECT_EQ(BagController::bagControllerForClientIfAtHand(outfitter), newest);
 }
 
 TEST_F(BagControllerTest, ObserversHearOfSuccessAndFailureOfTheirBag) {
