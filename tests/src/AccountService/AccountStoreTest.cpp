@@ -1,0 +1,304 @@
+#include "src/AccountService/AccountStore.h"
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <limits>
+
+#include "platform/VendBase/HSDevice.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/XPC/XPCTransaction.h"
+#include "src/AccountService/HSStoreAccount+AccountService.h"
+#include "src/BagController.h"
+#include "tests/src/AccountService/AccountsFixture.h"
+
+namespace tallow {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+
+TEST_F(AccountsTest, ClientsOfOneTypeAndBagShareAStoreWhateverTheyAreCalled) {
+  EXPECT_EQ(AccountStore::accountStoreForClient(std::make_shared<HSStoreClient>()), nullptr);
+  EXPECT_TRUE(world.log.mentions(1,
+                                 "AccountStore: storeForClient: called with nil "
+                                 "storeClient.identifier"));
+  EXPECT_EQ(AccountStore::accountStoreForClient(ServiceWorld::client("com.example.other")),
+            store());
+  auto sandboxed = std::make_shared<HSStoreClient>(*client);
+  sandboxed->requiredBagType = kBagTypeSandbox;
+  EXPECT_NE(AccountStore::accountStoreForClient(sandboxed), store());
+  EXPECT_NE(AccountStore::accountStoreForClient(
+                ServiceWorld::client("com.example.store", kHSStoreClientTypeBookStoreAgent)),
+            store());
+
+  const auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
+  const auto before = AccountStore::accountStoreForClient(outfitter);
+  auto changed = std::make_shared<HSStoreClient>(*outfitter);
+  changed->userAgent = "changed";
+  const auto after = AccountStore::accountStoreForClient(changed);
+  EXPECT_NE(after, before);
+  EXPECT_EQ(AccountStore::accountStoreForClient(changed), after);
+  EXPECT_TRUE(world.log.contains(1, "AccountStore: Outfitter is updated, store is switching"));
+}
+
+TEST_F(AccountsTest, AccountsAreFoundByNumberAndNameAndThePrimaryOneIsJudgedByIdentity) {
+  const auto first = account(1, "A@example.com");
+  const auto second = account(kLargest, "b@example.com");
+  store()->addAccount(first);
+  store()->addAccount(second);
+  store()->addAccount(account(1, "again"));
+  EXPECT_THAT(dsIDs(*store()), ElementsAre(kLargest, 1u)) << "one entry a DSID, now at the end";
+  EXPECT_NE(store()->accountWithDSID(1), first);
+  EXPECT_EQ(store()->accountWithDSID(kLargest), second);
+  EXPECT_EQ(store()->accountWithDSID(2), nullptr);
+  EXPECT_EQ(store()->accountWithDSID(std::nullopt), nullptr);
+  EXPECT_EQ(store()->accountWithVantorID("b@example.com"), second);
+  EXPECT_EQ(store()->accountWithVantorID("B@example.com"), nullptr);
+  EXPECT_EQ(store()->accountWithVantorID(std::nullopt), nullptr);
+
+  EXPECT_EQ(store()->primaryAccount(), nullptr);
+  EXPECT_FALSE(store()->isPrimaryAccount(*second));
+  EXPECT_FALSE(store()->isPrimaryAccount(HSStoreAccount()));
+  EXPECT_EQ(store()->makeAccountPrimary(second), second);
+  EXPECT_TRUE(store()->isPrimaryAccount(*account(kLargest, "any")));
+  const auto writes = world.preferences.synchronizations().size();
+  store()->makeAccountPrimary(second);
+  EXPECT_EQ(world.preferences.synchronizations().size(), writes) << "no change, no write";
+  const auto twin = account(kLargest, "twin");
+  EXPECT_EQ(store()->makeAccountPrimary(twin), twin) << "equal is not the same";
+  EXPECT_EQ(world.preferences.synchronizations().size(), writes + 1);
+  EXPECT_EQ(store()->accountWithDSID(kLargest), second) << "and it was not added";
+  EXPECT_EQ(store()->makeAccountPrimary(nullptr), nullptr);
+}
+
+TEST_F(AccountsTest, ASignInIsTakenInToldInOrderAndLastsFifteenMinutes) {
+  const auto open = XPCTransaction::count();
+  const auto first = std::make_shared<Observer>();
+  const auto second = std::make_shared<Observer>();
+  // An observer may come back in, and take another away while all are being told.
+  first->onCall = [&] {
+    EXPECT_NE(store()->primaryAccount(), nullptr);
+    store()->removeAccountStoreObserver(second);
+  };
+  store()->addAccountStoreObserver(nullptr);
+  store()->addAccountStoreObserver(first);
+  store()->addAccountStoreObserver(second);
+
+  const auto known = account(42, "old name");
+  store()->addAccount(known);
+  EXPECT_TRUE(store()->authIsExpired());
+  EXPECT_EQ(store()->addAccountWithAuthenticationResponse(response(42, "secret"), true), known);
+  EXPECT_TRUE(world.log.contains(2, "AccountStore: Signed in for account (42, name, secret)"));
+  EXPECT_EQ(store()->primaryAccount(), known);
+  EXPECT_EQ(known->token(), "secret");
+  EXPECT_FALSE(store()->authIsExpired());
+  EXPECT_THAT(first->told, ElementsAre(42u));
+  EXPECT_THAT(second->told, ElementsAre(42u)) << "told from a snapshot";
+  EXPECT_EQ(XPCTransaction::count(), open + 1);
+
+  // Not primary: nobody is told, but the time begins again and the change is kept.
+  loop.advance(600);
+  store()->addAccountWithAuthenticationResponse(response(42, "newer"), false);
+  store()->addAccountWithAuthenticationResponse(response(43), false);
+  EXPECT_THAT(first->told, ElementsAre(42u));
+  EXPECT_EQ(store()->primaryAccount(), known);
+  loop.advance(899);
+  EXPECT_FALSE(store()->authIsExpired());
+  loop.advance(1);
+  EXPECT_TRUE(store()->authIsExpired());
+  EXPECT_EQ(known->token(), std::nullopt);
+  EXPECT_EQ(known->tokenIssuedDate(), std::nullopt);
+  EXPECT_EQ(known->tokenExpirationTimer(), nullptr);
+  EXPECT_EQ(XPCTransaction::count(), open + 1) << "three begun, the two that fired have ended";
+  EXPECT_THAT(dsIDs(*storeReadAgain()), ElementsAre(42u, 43u));
+}
+
+TEST_F(AccountsTest, ATimerThatFiresTooLateTakesNoNewTokenAlong) {
+  const auto open = XPCTransaction::count();
+  const auto known = account(1, "a");
+  resetTokenExpirationTimerWithInterval(known, 900);
+  EXPECT_EQ(known->tokenExpirationTimer(), nullptr);
+  EXPECT_EQ(XPCTransaction::count(), open);
+
+  known->setToken("first");
+  const std::uint64_t late = known->retireTokenExpirationTimer();
+  known->setToken("second");
+  resetTokenExpirationTimerWithInterval(known, 900);
+  _tokenExpirationTimerFired(*known, late);
+  EXPECT_EQ(known->token(), "second");
+  EXPECT_EQ(loop.pendingTimers(), 1u);
+  // Without a token the timer ends, and stays where it is.
+  known->setToken(std::nullopt);
+  resetTokenExpirationTimerWithInterval(known, 900);
+  ASSERT_NE(known->tokenExpirationTimer(), nullptr);
+  EXPECT_FALSE(known->tokenExpirationTimer()->isValid());
+  EXPECT_EQ(loop.pendingTimers(), 0u);
+  EXPECT_EQ(XPCTransaction::count(), open + 1) << "one was begun, and nothing will end it";
+}
+
+TEST_F(AccountsTest, OddAnswersToASignInChangeNobodyElse) {
+  store()->addAccountWithAuthenticationResponse(response(1, "one"), true);
+  const auto nameless = store()->addAccountWithAuthenticationResponse(
+      HSAuthenticationResponse({{"token", "x"}, {"identifier", 7}}), false);
+  EXPECT_EQ(nameless->dsID(), std::nullopt);
+  EXPECT_EQ(nameless->identifier(), std::nullopt);
+  const auto other = store()->addAccountWithAuthenticationResponse(response(2, ""), true);
+  EXPECT_FALSE(other->isAuthenticated());
+  EXPECT_EQ(other->tokenExpirationTimer(), nullptr);
+  EXPECT_TRUE(store()->authIsExpired());
+  EXPECT_EQ(store()->accountWithDSID(1)->token(), "one");
+  EXPECT_THAT(dsIDs(*storeReadAgain()), ElementsAre(2u, 1u)) << "nobody could find the nameless";
+
+  struct {
+    Value value;
+    std::optional<std::uint64_t> dsID;
+  } const cases[] = {{"18446744073709551615", kLargest},
+                     {kLargest, kLargest},
+                     {7, 7},
+                     {"0007", 7},
+                     {"18446744073709551616", {}},
+                     {"7 ", {}},
+                     {"", {}},
+                     {0, {}},
+                     {-1, {}},
+                     {7.0, {}},
+                     {true, {}},
+                     {Array{7}, {}}};
+  for (const auto& [value, dsID] : cases)
+    EXPECT_EQ(HSStoreAccount::dsidFromPlistValue(value), dsID) << description(value);
+}
+
+TEST_F(AccountsTest, SigningInAsksTheTransactionServiceAndPassesOnWhatItSays) {
+  std::promise<std::tuple<bool, AccountStore::Account, std::optional<Error>>> answered;
+  const auto ask = [&] {
+    answered = {};
+    HSAuthenticationContext context;
+    context.identifier = "name";
+    store()->signInWithContext(context, [&](bool success, auto account, auto error) {
+      answered.set_value({success, account, error});
+    });
+    return answered.get_future().get();
+  };
+  transactions->answer = [&](const HSAuthenticationContext& context, const auto& reply) {
+    EXPECT_EQ(context.identifier, "name");
+    store()->addAccountWithAuthenticationResponse(response(42), true);
+    reply(true, 42, std::nullopt);
+  };
+  const auto signedIn = ask();
+  EXPECT_EQ(signedIn, std::tuple(true, store()->accountWithDSID(42), std::nullopt));
+  transactions->answer = [](const auto&, const auto& reply) { reply(true, 43, std::nullopt); };
+  EXPECT_EQ(ask(), std::tuple(true, nullptr, std::nullopt)) << "not known yet";
+  const Error absent = HSError(kHSErrorServiceUnavailable, std::nullopt, "not there");
+  transactions->answer = [&](const auto&, const auto& reply) { reply(false, {}, absent); };
+  EXPECT_EQ(ask(), std::tuple(false, nullptr, std::optional(absent)));
+  store()->signInWithContext({}, nullptr);  // nobody wants to know
+}
+
+TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnswers) {
+  world.transport.setHandler([](const HTTPRequest& request) -> Result<HTTPResponse> {
+    const Data bag = PropertyList::encode(Dictionary{{"logout", "https://store.example.com/out"},
+                                                     {"trustedDomains", Array{"example.com"}}},
+                                          PropertyList::Format::XML);
+    if (request.url.host() == "bag.example.com")
+      return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
+                                         bag.view());
+    return ScriptedTransport::response(request, 500);
+  });
+  const auto observer = std::make_shared<Observer>();
+  store()->addAccountStoreObserver(observer);
+  const auto signedIn = store()->addAccountWithAuthenticationResponse(response(42), true);
+  const auto open = XPCTransaction::count();
+  world.transport.hold();
+  store()->signOut();
+  EXPECT_EQ(store()->primaryAccount(), nullptr);
+  EXPECT_EQ(signedIn->token(), std::nullopt);
+  EXPECT_TRUE(store()->authIsExpired());
+  EXPECT_THAT(observer->told, ElementsAre(42u, 0u));
+  EXPECT_THAT(dsIDs(*store()), ElementsAre(42u));
+  EXPECT_THAT(notifications.posted, IsEmpty()) << "not before the store has been told";
+
+  world.transport.release();
+  finishOperations();
+  ASSERT_FALSE(world.transport.requests().empty());
+  EXPECT_EQ(world.transport.requests().back().url.path(), "/out");
+  EXPECT_FALSE(
+      BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction)->isValid());
+  EXPECT_THAT(notifications.posted,
+              ElementsAre(std::pair(std::string("HSNotificationAccountSignOutFinished"),
+                                    *client->identifier)));
+  EXPECT_EQ(loop.pendingTimers(), 1u);
+  loop.advance(900);
+  EXPECT_EQ(XPCTransaction::count(), open - 1) << "its timer goes on and ends what it began";
+}
+
+TEST_F(AccountsTest, CreditGoesToTheAccountThatTheAnswerNames) {
+  store()->addAccountWithAuthenticationResponse(response(1), true);
+  store()->addAccount(account(2, "b"));
+  struct {
+    Dictionary protocol;
+    std::optional<std::string> first, second;
+  } const cases[] = {
+      {{{"creditDisplay", "$1"}}, "$1", {}},
+      {{{"creditDisplay", 5}}, "$1", {}},
+      {{{"creditDisplay", "$2"}, {"dsid", 2}}, "$1", "$2"},
+      {{{"creditDisplay", "$3"}, {"dsPersonId", "9"}, {"dsid", 2}}, "$1", "$2"},
+      {{{"creditDisplay", "$4"}, {"dsPersonId", "no number"}, {"dsid", "1"}}, "$4", "$2"},
+  };
+  for (const auto& [protocol, first, second] : cases) {
+    store()->parseCreditStringForProtocol(protocol);
+    EXPECT_EQ(store()->accountWithDSID(1)->creditString(), first) << description(protocol);
+    EXPECT_EQ(store()->accountWithDSID(2)->creditString(), second) << description(protocol);
+  }
+  EXPECT_EQ(storeReadAgain()->accountWithDSID(2)->creditString(), "$2");
+}
+
+TEST_F(AccountsTest, EligibilityIsAskedWithoutTheServicesNameAndRememberedAlsoWhenItFails) {
+  std::string body;
+  int status = 200;
+  world.transport.setHandler([&](const HTTPRequest& request) -> Result<HTTPResponse> {
+    if (request.url.host() != "bag.example.com")
+      return ScriptedTransport::response(request, status, {}, body);
+    const Data bag = PropertyList::encode(
+        Dictionary{{"getSubscriptionStatusSrv", "https://a.example.com/status"},
+                   {"trustedDomains", Array{"example.com"}}},
+        PropertyList::Format::XML);
+    return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
+                                       bag.view());
+  });
+  struct {
+    int status;
+    const char* body;
+    bool eligible, fails;
+  } const cases[] = {{200, R"({"music": {"status": "Enabled"}})", true, false},
+                     {200, R"({"music": {"status": "enabled"}})", false, false},
+                     {200, R"({"music": "Enabled"})", false, false},
+                     {200, R"(["Enabled"])", false, false},
+                     {200, R"("Enabled")", false, true},
+                     {200, "no JSON", false, true},
+                     {200, "", false, true},
+                     {500, R"({"music": {"status": "Enabled"}})", false, true}};
+  EXPECT_EQ(store()->eligibilityForService("1"), std::nullopt);
+  for (const auto& testCase : cases) {
+    body = testCase.body;
+    status = testCase.status;
+    store()->addAccount(account(1, "a"));
+    std::promise<std::pair<bool, bool>> answered;
+    store()->getEligibilityForService("1", [&](bool eligible, const std::optional<Error>& error) {
+      answered.set_value({eligible, error.has_value()});
+    });
+    EXPECT_EQ(answered.get_future().get(), std::pair(testCase.eligible, testCase.fails)) << body;
+    EXPECT_EQ(store()->eligibilityForService("1"), testCase.eligible) << body;
+  }
+  EXPECT_EQ(store()->eligibilityForService("2"), std::nullopt);
+  const HTTPRequest asked = world.transport.requests().back();
+  EXPECT_TRUE(asked.bypassCaches);
+  const auto guid = HSDevice::shared().guid();
+  EXPECT_EQ(asked.url.absoluteString(),
+            "https://a.example.com/status" + (guid ? "?guid=" + *guid : ""));
+}
+
+}  // namespace
+}  // namespace tallow
