@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Base/Result.h"
 
@@ -46,7 +47,23 @@ class AccountServiceClient {
     std::optional<Error> error;
     std::int64_t mask = 0;  // as the service knows it now, also after a failure
   };
+  struct SignIn {
+    bool success = false;
+    std::optional<Dictionary> account;
+    std::optional<Error> error;  // none where the person did not want to
+  };
+  struct Eligibility {
+    bool eligible = false;
+    std::optional<Error> error;
+  };
+  struct DemoMode {
+    bool demoMode = false;
+    std::optional<std::string> name, password;
+    bool autoLogin = false;
+  };
   using BagObserver = std::function<void(bool success, const std::optional<Error>& error)>;
+
+  using AccountObserver = std::function<void(const std::optional<Dictionary>& account)>;
 
   explicit AccountServiceClient(Instance instance);
   ~AccountServiceClient();
@@ -90,6 +107,30 @@ class AccountServiceClient {
   Result<bool> isRegisteredForAccount(std::uint64_t dsID, std::int64_t mask);
   std::optional<Error> handlePushNotificationMessage(const Dictionary& message);
   std::optional<Error> completeSetupWithResponse(const Dictionary& response);
+
+  // Accounts, as the records that the interface describes: "dsid", an unsigned 64-bit number,
+  // "identifier", the name, and more. The token is only in the answer of strongToken().
+  Result<std::vector<Dictionary>> accounts();
+  Result<std::optional<Dictionary>> primaryAccount();
+  Result<std::optional<Dictionary>> accountWithDSID(std::uint64_t dsID);
+  Result<std::optional<Dictionary>> accountWithVantorID(const std::string& vantorID);
+  // Of the primary account.
+  Result<std::optional<std::string>> strongToken();
+  Result<bool> authIsExpired();
+  Result<std::optional<Dictionary>> addAccountWithAuthenticationResponse(const Dictionary& response,
+                                                                         bool makePrimary);
+  std::optional<Error> addAccount(const Dictionary& account);
+  // Waits for a person: up to eleven minutes.
+  Result<SignIn> signInWithContext(const Dictionary& context);
+  std::optional<Error> signOut();
+  std::optional<Error> parseCreditStringForProtocol(const Dictionary& protocol);
+  Result<std::optional<bool>> eligibilityForService(std::uint64_t service);
+  Result<Eligibility> getEligibilityForService(std::uint64_t service);
+  Result<DemoMode> retailStoreDemoMode();
+  Result<std::optional<std::string>> nimboDSID();
+  Result<std::optional<std::string>> recommendedVantorIDForAccountSignIn();
+  // Hears of every change of the primary account from now on. As observeURLBag.
+  std::optional<Error> observeAccounts(AccountObserver observer);
 
   // What the service says of itself: one JSON object, for people.
   Result<std::string> describe();

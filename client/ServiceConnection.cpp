@@ -28,20 +28,38 @@ void ServiceConnection::actAs(const std::string& identifier) {
   }
 }
 
-void ServiceConnection::observe(AccountServiceClient::BagObserver observer) {
+template <class Observer, class Remove, class Add>
+void ServiceConnection::_exchange(Observer& kept, Observer observer, Remove remove, Add add) {
   const std::lock_guard lock(_mutex);
-  auto before = std::exchange(_observer, std::move(observer));
+  Observer before = std::exchange(kept, std::move(observer));
   try {
-    if (before && _session && !_isStale(*_session))
-      _session->removeURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
-    if (_bus) _bus->exportObserver(_observer);
-    if (_observer) _session = _newSession();  // which adds it
+    const bool isRunning = _session && !_isStale(*_session);
+    if (before && isRunning) remove(*_session);
+    if (_bus) _bus->exportObserver(kept);
+    if (kept && isRunning) add(*_session);
+    if (kept && !isRunning) _session = _newSession();  // which adds it
   } catch (...) {
-    _observer = std::move(before);
+    kept = std::move(before);
     _session.reset();
     throw;
   }
-  if (_observer && !_keeper.joinable()) _keeper = std::thread([this] { _keepObserving(); });
+  if (kept && !_keeper.joinable()) _keeper = std::thread([this] { _keepObserving(); });
+}
+
+void ServiceConnection::observe(AccountServiceClient::BagObserver observer) {
+  const sdbus::ObjectPath path{ServiceBus::kObserverPath};
+  _exchange(
+      _observer, std::move(observer),
+      [&](ServiceSession& service) { service.removeURLBagObserver(path); },
+      [&](ServiceSession& service) { service.addURLBagObserver(path); });
+}
+
+void ServiceConnection::observeAccounts(AccountServiceClient::AccountObserver observer) {
+  const sdbus::ObjectPath path{ServiceBus::kAccountObserverPath};
+  _exchange(
+      _accountObserver, std::move(observer),
+      [&](ServiceSession& service) { service.removeAccountStoreObserver(path); },
+      [&](ServiceSession& service) { service.addAccountStoreObserver(path); });
 }
 
 std::shared_ptr<ServiceSession> ServiceConnection::session() {
@@ -61,10 +79,13 @@ std::shared_ptr<ServiceSession> ServiceConnection::_newSession() {
     _bus = std::make_shared<ServiceBus>(
         _instance, _serviceName, [this](const std::string& owner) { _ownerHasChanged(owner); });
     _bus->exportObserver(_observer);
+    _bus->exportObserver(_accountObserver);
   }
   auto session = std::make_shared<ServiceSession>(_bus, _bus->findService(_serviceName));
   if (_identifier) session->actAs(*_identifier);
   if (_observer) session->addURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
+  if (_accountObserver)
+    session->addAccountStoreObserver(sdbus::ObjectPath{ServiceBus::kAccountObserverPath});
   return session;
 }
 

@@ -14,7 +14,7 @@
 namespace tallow {
 
 // The client's standing connection to the service. The bus may go away and come back, and the
-// service may end and be started again at any time: then whom the client acts for and its observer
+// service may end and be started again at any time: then whom the client acts for and its observers
 // are told to the new one before it is asked anything. Owned by the client; any thread.
 class ServiceConnection {
  public:
@@ -41,6 +41,7 @@ class ServiceConnection {
   // Each throws sdbus::Error when it fails, and then nothing has changed.
   void actAs(const std::string& identifier);
   void observe(AccountServiceClient::BagObserver observer);
+  void observeAccounts(AccountServiceClient::AccountObserver observer);
 
   // The running service: found, started and told what it must know first, if need be. Throws
   // sdbus::Error.
@@ -51,6 +52,10 @@ class ServiceConnection {
   bool _isStale(const ServiceSession& session);
   std::shared_ptr<ServiceSession> _newSession();
   void _ownerHasChanged(const std::string& owner);
+  // Puts an observer in place of the one that is kept. The running service is told with `remove`
+  // that the one before is no more, and with `add` of the new one.
+  template <class Observer, class Remove, class Add>
+  void _exchange(Observer& kept, Observer observer, Remove remove, Add add);
   void _keepObserving();
 
   const AccountServiceClient::Instance _instance;
@@ -62,6 +67,7 @@ class ServiceConnection {
   std::shared_ptr<ServiceSession> _session;
   std::optional<std::string> _identifier;
   AccountServiceClient::BagObserver _observer;
+  AccountServiceClient::AccountObserver _accountObserver;
 
   // Never held while something is waited for.
   std::mutex _ownerMutex;

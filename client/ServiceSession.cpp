@@ -35,6 +35,26 @@ class ServiceBus::Observer final
   const AccountServiceClient::BagObserver _observer;
 };
 
+class ServiceBus::AccountsObserver final
+    : public sdbus::AdaptorInterfaces<com::vantor::HSAccountStoreObserver_adaptor> {
+ public:
+  AccountsObserver(sdbus::IConnection& connection, AccountServiceClient::AccountObserver observer)
+      : AdaptorInterfaces(connection, sdbus::ObjectPath{kAccountObserverPath}),
+        _observer(std::move(observer)) {
+    registerAdaptor();
+  }
+  ~AccountsObserver() { unregisterAdaptor(); }
+  AccountsObserver(const AccountsObserver&) = delete;
+  AccountsObserver& operator=(const AccountsObserver&) = delete;
+
+ private:
+  void primaryAccountDidChange(const std::vector<WireDictionary>& account) override {
+    _observer(account.empty() ? std::nullopt : std::optional(account.front().value));
+  }
+
+  const AccountServiceClient::AccountObserver _observer;
+};
+
 ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::string& serviceName,
                        const std::function<void(const std::string&)>& ownerChanged)
     : _connection(instance == AccountServiceClient::Instance::Daemon
@@ -100,6 +120,11 @@ std::string ServiceBus::_ownerOf(const std::string& serviceName) {
 void ServiceBus::exportObserver(const AccountServiceClient::BagObserver& observer) {
   _observer.reset();
   if (observer) _observer = std::make_unique<Observer>(*_connection, observer);
+}
+
+void ServiceBus::exportObserver(const AccountServiceClient::AccountObserver& observer) {
+  _accountsObserver.reset();
+  if (observer) _accountsObserver = std::make_unique<AccountsObserver>(*_connection, observer);
 }
 
 ServiceSession::ServiceSession(std::shared_ptr<ServiceBus> bus, std::string uniqueName)

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "bus/com.vantor.HSAccountService_proxy.h"
+#include "bus/com.vantor.HSAccountStoreObserver_adaptor.h"
 #include "bus/com.vantor.HSServiceRemoteObject_proxy.h"
 #include "bus/com.vantor.HSURLBagObserver_adaptor.h"
 #include "bus/com.vantor.tallowd.Status_proxy.h"
@@ -15,7 +16,7 @@
 
 namespace tallow {
 
-// A connection to the bus, read by a thread of its own, with the observer object that the client
+// A connection to the bus, read by a thread of its own, with the observer objects that the client
 // exports there.
 class ServiceBus {
  public:
@@ -31,19 +32,23 @@ class ServiceBus {
   sdbus::IConnection& connection() { return *_connection; }
   // The unique name of who owns the service's name, started if need be. Throws sdbus::Error.
   std::string findService(const std::string& serviceName);
-  // Exports the observer at kObserverPath; an empty one takes it back.
+  // Each exports the observer at its path; an empty one takes it back.
   void exportObserver(const AccountServiceClient::BagObserver& observer);
+  void exportObserver(const AccountServiceClient::AccountObserver& observer);
 
   static constexpr const char* kObserverPath = "/com/vantor/tallowd/client/bag";
+  static constexpr const char* kAccountObserverPath = "/com/vantor/tallowd/client/accounts";
 
  private:
   class Observer;
+  class AccountsObserver;
   std::string _ownerOf(const std::string& serviceName);
 
   std::unique_ptr<sdbus::IConnection> _connection;
   std::unique_ptr<sdbus::IProxy> _busDaemon;
   sdbus::Slot _ownerMatch;
   std::unique_ptr<Observer> _observer;
+  std::unique_ptr<AccountsObserver> _accountsObserver;
   std::atomic<bool> _hasGone{false};
   std::thread _reader;
 };

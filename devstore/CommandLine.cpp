@@ -75,9 +75,16 @@ std::optional<CommandLine> CommandLine::read(int argumentCount, const char* cons
       ->envname("TALLOW_DEVSTORE")
       ->type_name("URL");
   peerCommand->add_flag("--system", peer.onSystemBus, "On the system bus, not the session bus");
+  CLI::App* const transactionCommand =
+      app.add_subcommand("transaction-service",
+                         "Be the transaction service on the session bus: sign in without asking");
+  transactionCommand
+      ->add_option("NAME", commandLine.transactionName,
+                   "The account name, where the account service asks for none")
+      ->required();
   try {
     app.parse(argumentCount, arguments);
-    if (!*peerCommand && !*state) throw CLI::RequiredError("--state");
+    if (!*peerCommand && !*transactionCommand && !*state) throw CLI::RequiredError("--state");
   } catch (const CLI::Success& success) {
     exitCode = app.exit(success);
     return std::nullopt;

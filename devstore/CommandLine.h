@@ -19,6 +19,8 @@ struct CommandLine {
   DevStore::Options options;
   bool verbose = false;
   std::optional<Peer> peer;
+  // Not empty: nothing but the transaction service, which signs in under this name.
+  std::string transactionName;
 
   // Reads the arguments. When there is nothing to run, because of --help, --version or wrong usage,
   // all that is to be said has been printed and `exitCode` says how the program ends.

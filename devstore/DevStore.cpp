@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "devstore/AuthenticateEndpoint.h"
 #include "devstore/BagEndpoint.h"
 #include "devstore/Control.h"
 #include "devstore/EligibilityEndpoint.h"
@@ -109,6 +110,8 @@ void DevStore::State::addEndpoints() {
   endpoints.add("page", {"/store/"}, std::make_unique<PageEndpoint>());
   endpoints.add("redirect", {"/redirect", "/redirect/loop", "/redirect/chain"},
                 std::make_unique<RedirectEndpoint>());
+  endpoints.add("authenticate", {"/accounts/authenticate"},
+                std::make_unique<AuthenticateEndpoint>());
   endpoints.add("logout", {"/accounts/logout"}, std::make_unique<LogoutEndpoint>());
   endpoints.add("eligibility", {"/accounts/subscription-status"},
                 std::make_unique<EligibilityEndpoint>());

@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "devstore/CommandLine.h"
 #include "devstore/DevStore.h"
 #include "devstore/Peer.h"
+#include "devstore/ScriptedTransactionService.h"
 
 using tallow::BusConnection;
 using tallow::URL;
@@ -49,6 +51,13 @@ int runPeer(const CommandLine::Peer& wanted, const sigset_t& endings) {
   return runUntilEnded(endings);
 }
 
+int runTransactionService(const std::string& name, const sigset_t& endings) {
+  const auto service = tallow::devstore::startScriptedTransactionService(name);
+  if (!service)
+    return fail("cannot be the transaction service: " + service.error().localizedDescription());
+  return runUntilEnded(endings);
+}
+
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
@@ -63,6 +72,8 @@ int main(int argumentCount, char** arguments) {
   sigaddset(&endings, SIGINT);
   pthread_sigmask(SIG_BLOCK, &endings, nullptr);
 
+  if (!commandLine->transactionName.empty())
+    return runTransactionService(commandLine->transactionName, endings);
   if (commandLine->peer) return runPeer(*commandLine->peer, endings);
   if (commandLine->verbose) commandLine->options.whenAnswered = printAnswered;
   const auto store = DevStore::start(commandLine->options);

@@ -95,7 +95,7 @@ std::optional<Error> HSSignInOperation::_signIn() {
     logLevel(1, "%@: Not sending a password to %@", kClassName, *url);
     return HSError(kHSErrorNotTrusted, std::nullopt, "The store asks for a password over http");
   }
-  std::optional<Data> body = _body();
+  std::optional<Data> body = requestBody(_context, _accountName, _password);
   if (!body)
     return HSError(kHSErrorSignInRefused, "The name or the password has unusable characters in it.",
                    std::nullopt);
@@ -115,40 +115,49 @@ std::optional<Error> HSSignInOperation::_signIn() {
   return _takeIn(provider->output());
 }
 
-std::optional<Data> HSSignInOperation::_body() const {
-  if (!isText(_accountName) || !isText(_password.view())) return std::nullopt;
+std::optional<Data> HSSignInOperation::requestBody(const HSAuthenticationContext& context,
+                                                   const std::string& accountName,
+                                                   const Secret& password) {
+  if (!isText(accountName) || !isText(password.view())) return std::nullopt;
   const std::string mark = placeholder();
   const Dictionary body{{"guid", HSDevice::shared().guid()},
-                        {"identifier", _accountName},
+                        {"identifier", accountName},
                         {"password", mark},
-                        {"reason", _context.authenticationReason}};
-  return filledIn(PropertyList::encode(body, PropertyList::Format::XML), mark, _password);
+                        {"reason", context.authenticationReason}};
+  return filledIn(PropertyList::encode(body, PropertyList::Format::XML), mark, password);
 }
 
-std::optional<Error> HSSignInOperation::_takeIn(const Value& output) {
-  const Dictionary* const answer = output.dictionary();
-  if (answer != nullptr && answer->contains("failureType")) {
-    const std::string* const words = (*answer)["customerMessage"].string();
+Result<std::uint64_t> HSSignInOperation::dsIDFromAnswer(const Value& answer,
+                                                        const HSAuthenticationContext& context) {
+  const Dictionary all = answer.dictionary() != nullptr ? *answer.dictionary() : Dictionary();
+  if (all.contains("failureType")) {
+    const std::string* const words = all["customerMessage"].string();
     return HSError(kHSErrorSignInRefused,
                    words != nullptr ? *words : "The store does not accept this name and password.",
                    std::nullopt);
   }
-  const HSAuthenticationResponse response(answer != nullptr ? *answer : Dictionary());
-  const std::optional<std::uint64_t> dsID = response.dsID();
-  if (!dsID || *dsID == 0 || (_context.dsID && *_context.dsID != *dsID))
+  const std::optional<std::uint64_t> dsID = HSAuthenticationResponse(all).dsID();
+  if (!dsID || (context.dsID && *context.dsID != *dsID))
     return HSError(
         kHSErrorInvalidResponse, std::nullopt,
         dsID ? "The store has signed another account in" : "The store's answer names no account");
+  return *dsID;
+}
+
+std::optional<Error> HSSignInOperation::_takeIn(const Value& output) {
+  const Result<std::uint64_t> dsID = dsIDFromAnswer(output, _context);
+  if (!dsID) return dsID.error();
   const auto service = serviceProxy().accountService();
   const HSPendingReply<HSAccountService::Account> reply;
   if (service) {
-    service->addAccountWithAuthenticationResponse(response, true, reply.callback());
+    service->addAccountWithAuthenticationResponse(HSAuthenticationResponse(*output.dictionary()),
+                                                  true, reply.callback());
   } else {
     reply.abandon();
   }
   if (!waitForReply(reply))
     return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
-  _dsID = dsID;
+  _dsID = *dsID;
   return std::nullopt;
 }
 

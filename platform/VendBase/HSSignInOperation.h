@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Base/Result.h"
 #include "platform/Base/Secret.h"
 #include "platform/VendBase/HSAuthenticationContext.h"
 #include "platform/VendBase/HSOperation.h"
@@ -26,12 +27,19 @@ class HSSignInOperation final : public HSOperation {
   // Whose account it is, after success.
   std::optional<std::uint64_t> dsID() const { return _dsID; }
 
+  // The two halves of the exchange, for programs that carry it out by themselves. The request's
+  // body, which is wiped after use; nothing for characters that cannot be sent.
+  static std::optional<Data> requestBody(const HSAuthenticationContext& context,
+                                         const std::string& accountName, const Secret& password);
+  // Whom the store's answer names; the errors above.
+  static Result<std::uint64_t> dsIDFromAnswer(const Value& answer,
+                                              const HSAuthenticationContext& context);
+
  protected:
   void run() override;
 
  private:
   std::optional<Error> _signIn();
-  std::optional<Data> _body() const;
   std::optional<Error> _takeIn(const Value& output);
 
   const HSAuthenticationContext _context;

@@ -16,6 +16,8 @@ Application::Application() : _root("Talks to tallowd, the store's account servic
   _root.footer(
       "Exit status: 0 done (or yes), 1 the service said no, 2 wrong usage, 3 service not "
       "reachable.");
+  addSignInCommands(*this);
+  addAccountCommands(*this);
   addBagCommands(*this);
   addCookieCommands(*this);
   addStoreFrontCommands(*this);
@@ -66,8 +68,7 @@ const CLI::App& Application::_helped() const {
 }
 
 int Application::withClient(const std::function<int(AccountServiceClient&)>& body) {
-  AccountServiceClient client(_system ? AccountServiceClient::Instance::Daemon
-                                      : AccountServiceClient::Instance::Agent);
+  AccountServiceClient client(instance());
   if (!_client.empty()) {
     if (const auto error = client.actAs(_client)) return _output.failure(*error);
   }

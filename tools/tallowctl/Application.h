@@ -26,6 +26,9 @@ class Application {
                 std::function<int()> body);
   CLI::App& root() { return _root; }
 
+  AccountServiceClient::Instance instance() const {
+    return _system ? AccountServiceClient::Instance::Daemon : AccountServiceClient::Instance::Agent;
+  }
   // Runs `body` with a connection that acts as the client that --client names.
   int withClient(const std::function<int(AccountServiceClient&)>& body);
   // The usual ends of a command: the error, or what `show` makes of the answer.
@@ -50,10 +53,12 @@ class Application {
 CLI::Validator isURL();
 
 // The command groups, one file each.
+void addAccountCommands(Application& application);
 void addBagCommands(Application& application);
 void addCookieCommands(Application& application);
 void addStoreFrontCommands(Application& application);
 void addPushCommands(Application& application);
+void addSignInCommands(Application& application);
 void addStatusCommands(Application& application);
 void addDefaultsCommands(Application& application);
 

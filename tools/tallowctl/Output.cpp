@@ -10,9 +10,6 @@
 
 namespace tallow::ctl {
 
-namespace {
-
-// Terminals act on control characters; texts from a server or another process must not.
 std::string printable(std::string_view text) {
   const std::string valid = replacingInvalidUTF8(text);
   std::string safe;
@@ -32,6 +29,8 @@ std::string printable(std::string_view text) {
   }
   return safe;
 }
+
+namespace {
 
 // How many columns the text takes, near enough for a table.
 std::size_t width(const std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Base/Error.h"
 #include "platform/Base/Value.h"
@@ -15,6 +16,10 @@ enum ExitStatus {
   kWrongUsage = 2,
   kNotReachable = 3,
 };
+
+// Terminals act on control characters; texts from a server or another process must not: they are
+// escaped.
+std::string printable(std::string_view text);
 
 // Everything that tallowctl says. For people: plain lines and tables, errors on standard error with
 // what to do next. With --json: exactly one JSON value on standard output for each result, errors

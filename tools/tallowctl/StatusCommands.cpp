@@ -31,6 +31,32 @@ int showStatus(const Output& output, const std::string& text) {
   return kDone;
 }
 
+void showBagUpdate(const Output& output, bool success, const std::optional<Error>& failure) {
+  if (output.isJSON()) {
+    output.value(Dictionary{{"event", "bag"},
+                            {"success", success},
+                            {"error", failure ? Value(failure->localizedDescription()) : Value()}});
+  } else {
+    output.line(success ? "The bag has been updated."
+                        : "The bag could not be updated: " +
+                              (failure ? failure->localizedDescription() : "no reason given"));
+  }
+  std::fflush(stdout);
+}
+
+void showPrimaryAccount(const Output& output, const std::optional<Dictionary>& account) {
+  if (output.isJSON()) {
+    output.value(Dictionary{{"event", "account"}, {"account", account}});
+  } else if (account) {
+    const std::string* name = (*account)["identifier"].string();
+    output.line("The primary account is " + (*account)["dsid"].stringValue() +
+                (name != nullptr ? " (" + *name + ")." : "."));
+  } else {
+    output.line("Nobody is signed in any more.");
+  }
+  std::fflush(stdout);
+}
+
 // Prints what happens until somebody ends it.
 int watch(const Application& application, AccountServiceClient& client) {
   sigset_t signals;
@@ -39,20 +65,13 @@ int watch(const Application& application, AccountServiceClient& client) {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const Output& output = application.output();
-  const auto error = client.observeURLBag([&output](bool success,
-                                                    const std::optional<Error>& failure) {
-    if (output.isJSON()) {
-      output.value(
-          Dictionary{{"event", "bag"},
-                     {"success", success},
-                     {"error", failure ? Value(failure->localizedDescription()) : Value()}});
-    } else {
-      output.line(success ? "The bag has been updated."
-                          : "The bag could not be updated: " +
-                                (failure ? failure->localizedDescription() : "no reason given"));
-    }
-    std::fflush(stdout);
+  auto error = client.observeURLBag([&output](bool success, const std::optional<Error>& failure) {
+    showBagUpdate(output, success, failure);
   });
+  if (!error)
+    error = client.observeAccounts([&output](const std::optional<Dictionary>& account) {
+      showPrimaryAccount(output, account);
+    });
   if (error) return output.failure(*error);
   output.line("Watching. Control-C ends it.");
   std::fflush(stdout);
@@ -71,7 +90,8 @@ void addStatusCommands(Application& application) {
       });
     });
   });
-  application.add(application.root(), "watch", "Show updates of the bag as they happen",
+  application.add(application.root(), "watch",
+                  "Show updates of the bag and of the primary account as they happen",
                   [&application] {
                     return application.withClient(
                         [&](AccountServiceClient& client) { return watch(application, client); });

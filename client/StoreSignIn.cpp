@@ -1,0 +1,85 @@
+#include "client/StoreSignIn.h"
+
+#include <utility>
+
+#include "platform/Base/Format.h"
+#include "platform/HTTP/HTTPTransport.h"
+#include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/HSSignInOperation.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kURLBagKey = "authenticateAccount";
+
+HTTPHeaderList headerList(const Dictionary& headers) {
+  HTTPHeaderList list;
+  for (const auto& header : headers)
+    if (header.value.string() != nullptr) list.emplace_back(header.key, *header.value.string());
+  return list;
+}
+
+}  // namespace
+
+Result<URL> StoreSignIn::_address() {
+  const Result<Value> value = _service.valueForURLBagKey(kURLBagKey);
+  if (!value) return value.error();
+  const std::string* text = value->string();
+  const std::optional<URL> url = text != nullptr ? URL::parse(*text) : std::nullopt;
+  if (!url)
+    return HSError(kHSErrorNoBagEntry, std::nullopt, "The store does not say where to sign in");
+  if (url->scheme() != "https")
+    return HSError(kHSErrorNotTrusted, std::nullopt, "The store asks for a password over http");
+  const Result<bool> isTrusted = _service.urlIsTrustedByURLBag(*text);
+  if (!isTrusted) return isTrusted.error();
+  if (!*isTrusted)
+    return HSError(kHSErrorNotTrusted, std::nullopt,
+                   "The store's settings do not trust the address to sign in at");
+  return *url;
+}
+
+// Redirects are not followed: a password goes to no second address.
+Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
+                                               const TransactionAgent::Credentials& credentials) {
+  const std::string url = address.absoluteString();
+  const Result<Dictionary> headers = _service.httpHeadersForURL(url, _context.dsID, true);
+  if (!headers) return headers.error();
+  std::optional<Data> body =
+      HSSignInOperation::requestBody(_context, credentials.accountName, credentials.password);
+  if (!body)
+    return HSError(kHSErrorSignInRefused, "The name or the password has unusable characters in it.",
+                   std::nullopt);
+  HTTPRequest request(address);
+  request.method = "POST";
+  request.headers = headerList(*headers);
+  request.headers.emplace_back("Content-Type", "application/x-vantor-plist");
+  request.body = *std::move(body);
+  request.bypassCaches = true;
+  const Result<HTTPResponse> response = HTTPTransport::shared().perform(std::move(request));
+  if (!response) return response.error();
+  if (auto error = _service.consumeCookiesWithHTTPHeaders(response->headerDictionary(), url))
+    return *error;
+  const Result<Value> answer = PropertyList::decode(response->body);
+  const Dictionary* dictionary = answer ? answer->dictionary() : nullptr;
+  if (response->statusCode != 200 || dictionary == nullptr)
+    return HSError(kHSErrorInvalidResponse, std::nullopt,
+                   format("The store's answer cannot be used (status %d)", response->statusCode));
+  return *dictionary;
+}
+
+Result<std::uint64_t> StoreSignIn::signInWithCredentials(
+    const TransactionAgent::Credentials& credentials) {
+  const Result<URL> address = _address();
+  if (!address) return address.error();
+  const Result<Dictionary> answer = _answerOfStore(*address, credentials);
+  if (!answer) return answer.error();
+  const Result<std::uint64_t> dsID = HSSignInOperation::dsIDFromAnswer(*answer, _context);
+  if (!dsID) return dsID.error();
+  const auto account = _service.addAccountWithAuthenticationResponse(*answer, true);
+  if (!account) return account.error();
+  return *dsID;
+}
+
+}  // namespace tallow

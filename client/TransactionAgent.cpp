@@ -1,0 +1,156 @@
+#include "client/TransactionAgent.h"
+
+#include <atomic>
+#include <thread>
+#include <utility>
+
+#include "bus/com.vantor.HSTransactionService_adaptor.h"
+#include "client/ClientCalls.h"
+#include "client/StoreSignIn.h"
+#include "platform/Concurrency/SerialQueue.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/XPC/SDBus.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kName = "com.vantor.transactionservice";
+constexpr const char* kPath = "/com/vantor/transactionservice";
+constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+
+using Answer = sdbus::Result<bool, std::vector<std::uint64_t>, std::vector<WireError>>;
+
+}  // namespace
+
+class TransactionAgent::Object final
+    : public sdbus::AdaptorInterfaces<com::vantor::HSTransactionService_adaptor> {
+ public:
+  Object(sdbus::IConnection& connection, AccountServiceClient::Instance instance, Ask ask)
+      : AdaptorInterfaces(connection, sdbus::ObjectPath{kPath}),
+        _busDaemon(bus::makeProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")),
+        _instance(instance),
+        _ask(std::move(ask)) {
+    registerAdaptor();
+  }
+  ~Object() {
+    _queue.sync([] {});
+    unregisterAdaptor();
+  }
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+
+ private:
+  void dsidByAuthenticatingWithContext(Answer&& result, std::string client,
+                                       WireDictionary context) override {
+    const auto answer = std::make_shared<Answer>(std::move(result));
+    if (++_waiting > kMaxWaiting + 1) {
+      --_waiting;
+      answer->returnError(bus::makeError(kLimitsExceeded, "too many sign-ins wait"));
+      return;
+    }
+    const std::string sender = sd_bus_message_get_sender(bus::currentMessage(getObject()));
+    _queue.async([this, answer, sender, client = std::move(client),
+                  context = HSAuthenticationContext::initWithDictionary(context.value)] {
+      if (_isAccountService(sender)) {
+        _signIn(*answer, client, context);
+      } else {
+        answer->returnError(
+            bus::makeError(kAccessDenied, "Only the account service asks for sign-ins."));
+      }
+      --_waiting;
+    });
+  }
+
+  bool _isAccountService(const std::string& sender) {
+    const char* service = _instance == AccountServiceClient::Instance::Daemon
+                              ? "com.vantor.tallowd.daemon"
+                              : "com.vantor.tallowd";
+    try {
+      std::string owner;
+      _busDaemon->callMethod("GetNameOwner")
+          .onInterface("org.freedesktop.DBus")
+          .withArguments(std::string(service))
+          .storeResultsTo(owner);
+      return owner == sender;
+    } catch (const sdbus::Error&) {
+      return false;
+    }
+  }
+
+  void _signIn(const Answer& answer, const std::string& client,
+               const HSAuthenticationContext& context) {
+    const Result<std::optional<std::uint64_t>> dsID = _dsIDForClient(client, context);
+    const std::optional<Error> error = dsID ? std::nullopt : std::optional(dsID.error());
+    const bool success = dsID && dsID->has_value();
+    answer.returnResults(
+        success, success ? std::vector<std::uint64_t>{**dsID} : std::vector<std::uint64_t>{},
+        wire::optionalError(error));
+  }
+
+  // Nil when the person does not want to.
+  Result<std::optional<std::uint64_t>> _dsIDForClient(const std::string& client,
+                                                      const HSAuthenticationContext& context) {
+    AccountServiceClient service(_instance);
+    if (auto error = service.actAs(client)) return *error;
+    StoreSignIn signIn(service, context);
+    std::optional<Error> refusal;
+    for (int attempt = 1;; ++attempt) {
+      const std::optional<Credentials> credentials =
+          _ask(context, refusal ? std::optional(refusal->localizedDescription()) : std::nullopt);
+      // Whoever gives up after a refusal has not been let in; whoever gives up before did not want.
+      if (!credentials && refusal) return *refusal;
+      if (!credentials) return std::optional<std::uint64_t>();
+      const Result<std::uint64_t> dsID = signIn.signInWithCredentials(*credentials);
+      if (dsID) return std::optional(*dsID);
+      const bool mayHelpToAskAgain =
+          dsID.error().domain == kHSErrorDomain && dsID.error().code == kHSErrorSignInRefused;
+      if (!mayHelpToAskAgain || attempt == kMaxAttempts) return dsID.error();
+      refusal = dsID.error();
+    }
+  }
+
+  const std::unique_ptr<sdbus::IProxy> _busDaemon;
+  const AccountServiceClient::Instance _instance;
+  const Ask _ask;
+  std::atomic<std::size_t> _waiting{0};
+  SerialQueue _queue{"Transaction Agent Queue"};
+};
+
+struct TransactionAgent::Export {
+  Export(AccountServiceClient::Instance instance, Ask ask)
+      : connection(instance == AccountServiceClient::Instance::Daemon
+                       ? sdbus::createSystemBusConnection()
+                       : sdbus::createSessionBusConnection()),
+        object(std::make_unique<Object>(*connection, instance, std::move(ask))) {
+    bus::requestName(*connection, kName);
+    connection->enterEventLoopAsync();
+  }
+  // Nothing new comes in, then what is going on ends, then the object goes.
+  ~Export() { connection->leaveEventLoop(); }
+  Export(const Export&) = delete;
+  Export& operator=(const Export&) = delete;
+
+  const std::unique_ptr<sdbus::IConnection> connection;
+  const std::unique_ptr<Object> object;
+};
+
+TransactionAgent::TransactionAgent(std::unique_ptr<Export> exported)
+    : _export(std::move(exported)) {}
+
+TransactionAgent::~TransactionAgent() = default;
+
+Result<std::unique_ptr<TransactionAgent>> TransactionAgent::start(
+    AccountServiceClient::Instance instance, Ask ask) {
+  try {
+    return std::unique_ptr<TransactionAgent>(
+        new TransactionAgent(std::make_unique<Export>(instance, std::move(ask))));
+  } catch (const sdbus::Error& error) {
+    Error made = clientErrorFrom(error);
+    if (made.code == AccountServiceClient::kFailed) made.code = AccountServiceClient::kRefused;
+    return made;
+  }
+}
+
+}  // namespace tallow

@@ -1,0 +1,21 @@
+#include "devstore/ScriptedTransactionService.h"
+
+#include <utility>
+
+#include "devstore/AuthenticateEndpoint.h"
+
+namespace tallow::devstore {
+
+Result<std::unique_ptr<TransactionAgent>> startScriptedTransactionService(std::string accountName) {
+  return TransactionAgent::start(
+      AccountServiceClient::Instance::Agent,
+      [accountName = std::move(accountName)](const HSAuthenticationContext& context,
+                                             const std::optional<std::string>& complaint)
+          -> std::optional<TransactionAgent::Credentials> {
+        if (complaint) return std::nullopt;
+        return TransactionAgent::Credentials{context.identifier.value_or(accountName),
+                                             Secret(AuthenticateEndpoint::kPassword)};
+      });
+}
+
+}  // namespace tallow::devstore

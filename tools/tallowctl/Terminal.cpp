@@ -1,0 +1,123 @@
+#include "tools/tallowctl/Terminal.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "tools/tallowctl/Output.h"
+
+namespace tallow::ctl {
+
+namespace {
+
+constexpr std::size_t kMaxSecretBytes = 1024;
+constexpr std::array kEndingSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+// What the signal handler needs: the terminal that does not echo, and what it was like before.
+volatile std::sig_atomic_t silentTerminal = -1;
+termios settingsBefore;
+
+void restoreEchoAndEnd(int signalNumber) {
+  if (silentTerminal >= 0) tcsetattr(silentTerminal, TCSAFLUSH, &settingsBefore);
+  std::signal(signalNumber, SIG_DFL);
+  std::raise(signalNumber);
+}
+
+// While it lives, what is typed at the terminal is not shown.
+class Silence {
+ public:
+  explicit Silence(int descriptor) : _descriptor(descriptor) {
+    if (tcgetattr(descriptor, &settingsBefore) != 0) return;
+    silentTerminal = descriptor;
+    struct sigaction restoring {};
+    restoring.sa_handler = restoreEchoAndEnd;
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i)
+      sigaction(kEndingSignals[i], &restoring, &_actionsBefore[i]);
+    termios silent = settingsBefore;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    silent.c_lflag |= ECHONL;
+    tcsetattr(descriptor, TCSAFLUSH, &silent);
+  }
+  ~Silence() {
+    if (silentTerminal < 0) return;
+    tcsetattr(_descriptor, TCSAFLUSH, &settingsBefore);
+    for (std::size_t i = 0; i < kEndingSignals.size(); ++i)
+      sigaction(kEndingSignals[i], &_actionsBefore[i], nullptr);
+    silentTerminal = -1;
+  }
+  Silence(const Silence&) = delete;
+  Silence& operator=(const Silence&) = delete;
+
+ private:
+  const int _descriptor;
+  std::array<struct sigaction, kEndingSignals.size()> _actionsBefore{};
+};
+
+void writeAll(int descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(descriptor, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+}  // namespace
+
+std::optional<Terminal> Terminal::open() {
+  const int descriptor = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (descriptor < 0) return std::nullopt;
+  return Terminal(descriptor);
+}
+
+Terminal::Terminal(Terminal&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
+
+Terminal::~Terminal() {
+  if (_descriptor >= 0) close(_descriptor);
+}
+
+void Terminal::say(std::string_view text) const {
+  writeAll(_descriptor, printable(text) + "\n");
+}
+
+std::optional<std::string> Terminal::askLine(std::string_view prompt) const {
+  writeAll(_descriptor, printable(prompt));
+  std::string line;
+  for (char character = 0;;) {
+    const ssize_t count = ::read(_descriptor, &character, 1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return line.empty() ? std::nullopt : std::optional(line);
+    if (character == '\n') return line;
+    line += character;
+  }
+}
+
+std::optional<Secret> Terminal::askSecret(std::string_view prompt) const {
+  writeAll(_descriptor, printable(prompt));
+  const Silence silence(_descriptor);
+  return readSecretLine(_descriptor);
+}
+
+std::optional<Secret> Terminal::readSecretLine(int descriptor) {
+  std::array<char, kMaxSecretBytes> buffer{};
+  std::size_t length = 0;
+  bool isWhole = false;
+  while (length < buffer.size()) {
+    const ssize_t count = ::read(descriptor, &buffer[length], 1);
+    if (count < 0 && errno == EINTR) continue;
+    isWhole = count == 0 ? length > 0 : count > 0 && buffer[length] == '\n';
+    if (count <= 0 || isWhole) break;
+    ++length;
+  }
+  std::optional<Secret> secret;
+  if (isWhole) secret.emplace(std::string_view(buffer.data(), length));
+  Secret::wipe(buffer.data(), buffer.size());
+  return secret;
+}
+
+}  // namespace tallow::ctl

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Base/Secret.h"
+
+namespace tallow::ctl {
+
+// The terminal that the person sits at, whatever standard input and output are: questions go there
+// and answers come from there, so that output for programs stays clean. Opened for each
+// conversation, by one thread.
+class Terminal {
+ public:
+  // Nothing where the process has no terminal.
+  static std::optional<Terminal> open();
+  ~Terminal();
+  Terminal(Terminal&& other) noexcept;
+  Terminal& operator=(Terminal&&) = delete;
+
+  // Texts from elsewhere are shown with control characters escaped.
+  void say(std::string_view text) const;
+  // A line, without its end; nothing at the end of input.
+  std::optional<std::string> askLine(std::string_view prompt) const;
+  // The same without echo. Whatever ends the process meanwhile, the terminal echoes again.
+  std::optional<Secret> askSecret(std::string_view prompt) const;
+
+  // A secret from a stream that is not a terminal: its first line.
+  static std::optional<Secret> readSecretLine(int descriptor);
+
+ private:
+  explicit Terminal(int descriptor) : _descriptor(descriptor) {}
+
+  int _descriptor;
+};
+
+}  // namespace tallow::ctl
