@@ -80,7 +80,7 @@ std::optional<Dictionary> OrvController::httpRequestHeadersForDSID(
 
 std::optional<Dictionary> OrvController::httpRequestHeadersForDSIDIfIdle(
     std::optional<std::uint64_t> dsID) {
-  if (!OrvLibrary::shared().passwordsDoNotWait()) return std::nullopt;
+  if (!_passwordsDoNotWait) return std::nullopt;
   std::optional<Dictionary> headers;
   _serialQueue.trySync([&] { headers = _httpRequestHeadersForDSID(dsID); });
   return headers;
@@ -113,9 +113,10 @@ std::optional<Dictionary> OrvController::_httpRequestHeadersForDSID(
 
 void OrvController::_generateOTPOnCurrentThreadForDSID(std::uint64_t dsID,
                                                        const OTPHandler& withHandler) {
+  const OrvLibrary& library = OrvLibrary::shared();
+  _passwordsDoNotWait = library.passwordsDoNotWait();
   OrvBuffer machineIdentifier, password;
-  const std::int32_t status =
-      OrvLibrary::shared().requestPassword(dsID, machineIdentifier, password);
+  const std::int32_t status = library.requestPassword(dsID, machineIdentifier, password);
   if (status == kOrvSuccess) {
     logLevel(1, "Orv: Account is provisioned, using OTP and MD from Orv");
   } else if (status == kOrvNotProvisioned) {
@@ -236,10 +237,11 @@ void OrvController::setSyncState(std::optional<Data> syncState) {
 
 OrvController::Status OrvController::status() const {
   Status status;
-  status.library = OrvLibrary::shared().name();
   status.hasSyncState = syncState().has_value();
-  _serialQueue.trySync(
-      [&status] { status.provisionedDSIDs = OrvLibrary::shared().provisionedDSIDs(); });
+  _serialQueue.trySync([&status] {
+    status.library = OrvLibrary::shared().name();
+    status.provisionedDSIDs = OrvLibrary::shared().provisionedDSIDs();
+  });
   return status;
 }
 

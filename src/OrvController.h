@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -49,9 +50,9 @@ class OrvController {
 
   // For status reports.
   struct Status {
-    std::string library;
     bool hasSyncState = false;
-    // Nil while an exchange is going on, and for a library that does not tell.
+    // Nil while an exchange is going on; the DSIDs also for a library that does not tell them.
+    std::optional<std::string> library;
     std::optional<std::vector<std::uint64_t>> provisionedDSIDs;
   };
   Status status() const;
@@ -76,6 +77,8 @@ class OrvController {
   void _isDone(const std::shared_ptr<const HSStoreClient>& storeClient);
 
   SerialQueue _serialQueue;
+  // Whether the library has been opened and says that its passwords do not wait.
+  std::atomic<bool> _passwordsDoNotWait = false;
   mutable std::mutex _lock;
   std::optional<Data> _syncState;            // guarded by _lock
   std::map<std::string, int> _waitingCount;  // likewise: actions that wait or run, by client

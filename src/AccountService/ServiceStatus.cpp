@@ -1,5 +1,7 @@
 #include "src/AccountService/ServiceStatus.h"
 
+#include <cstdint>
+#include <set>
 #include <vector>
 
 #include "platform/PropertyList/JSON.h"
@@ -7,6 +9,8 @@
 #include "src/AccountService/AccountStore.h"
 #include "src/BagController.h"
 #include "src/CookieStorage.h"
+#include "src/OrvController.h"
+#include "src/OrvExchange.h"
 #include "src/StoreFrontController.h"
 
 namespace tallow {
@@ -61,14 +65,37 @@ Array accountStoresStatus() {
   return Array(std::move(stores));
 }
 
+// The machine itself, whoever is signed in, and whatever else is provisioned.
+Array identitiesStatus(const OrvController::Status& status) {
+  std::set<std::uint64_t> dsIDs{kAnonymousDSID};
+  for (const auto& [key, store] : AccountStore::registry().entries())
+    if (const auto primary = store->primaryAccount(); primary && primary->dsID())
+      dsIDs.insert(*primary->dsID());
+  std::set<std::uint64_t> provisioned;
+  if (status.provisionedDSIDs)
+    provisioned.insert(status.provisionedDSIDs->begin(), status.provisionedDSIDs->end());
+  dsIDs.insert(provisioned.begin(), provisioned.end());
+  std::vector<Value> identities;
+  for (const std::uint64_t dsID : dsIDs)
+    identities.emplace_back(
+        Dictionary{{"dsid", dsID},
+                   {"provisioned", status.provisionedDSIDs ? Value(provisioned.contains(dsID))
+                                                           : Value("not known")},
+                   {"syncState", status.hasSyncState}});
+  return Array(std::move(identities));
+}
+
 }  // namespace
 
 std::string serviceStatusText(bool isDaemon) {
+  const OrvController::Status identity = OrvController::sharedController().status();
   return JSON::encode(Dictionary{{"version", TALLOW_VERSION},
                                  {"instance", isDaemon ? "daemon" : "agent"},
                                  {"transactions", XPCTransaction::count()},
                                  {"accounts", accountStoresStatus()},
                                  {"bags", bagsStatus()},
+                                 {"identities", identitiesStatus(identity)},
+                                 {"identityLibrary", identity.library},
                                  {"jars", jarsStatus()},
                                  {"storefronts", storefrontsStatus()}});
 }

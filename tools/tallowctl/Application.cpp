@@ -24,6 +24,7 @@ Application::Application() : _root("Talks to tallowd, the store's account servic
   addPushCommands(*this);
   addStatusCommands(*this);
   addDefaultsCommands(*this);
+  addIdentityCommands(*this);
   // Global options are understood wherever they stand on the line.
   _root.fallthrough();
 }

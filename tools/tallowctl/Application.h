@@ -61,5 +61,6 @@ void addPushCommands(Application& application);
 void addSignInCommands(Application& application);
 void addStatusCommands(Application& application);
 void addDefaultsCommands(Application& application);
+void addIdentityCommands(Application& application);
 
 }  // namespace tallow::ctl

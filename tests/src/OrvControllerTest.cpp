@@ -1,0 +1,277 @@
+#include "src/OrvController.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "platform/Base/Base64.h"
+#include "platform/VendBase/HSError.h"
+#include "src/OrvExchange.h"
+#include "tests/support/FakeOrv.h"
+#include "tests/support/ServiceWorld.h"
+
+namespace tallow {
+namespace {
+
+using Calls = std::vector<std::string>;
+
+class OrvControllerTest : public ::testing::Test {
+ protected:
+  OrvControllerTest() { serve(Dictionary()); }
+  ~OrvControllerTest() override {
+    EXPECT_EQ(fake.buffers, 0) << "every buffer is given back";
+    EXPECT_EQ(fake.sessions, 0) << "every session is ended";
+  }
+
+  // The bag, and `answer` to every exchange.
+  void serve(const Value& answer, int status = 200, const char* text = nullptr) {
+    const Data list = text != nullptr ? Data(std::string_view(text))
+                                      : PropertyList::encode(answer, PropertyList::Format::XML);
+    const Data bag = PropertyList::encode(
+        Dictionary{{"trustedDomains", Array{"example.com"}},
+                   {"amd-domains", Array{"store.example.com"}},
+                   {"buyProduct", "https://store.example.com/buy"},
+                   {"md-finish-provisioning", "https://store.example.com/md-provision"},
+                   {"amd-finish-provisioning", "https://store.example.com/amd-provision"},
+                   {"md-sync-machine", "https://store.example.com/md-sync"},
+                   {"amd-sync-machine", "https://store.example.com/amd-sync"}},
+        PropertyList::Format::XML);
+    world.transport.setHandler([=](const HTTPRequest& request) {
+      if (request.url.host() == "bag.example.com")
+        return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
+                                           bag.view());
+      return ScriptedTransport::response(request, status, {}, list.view());
+    });
+  }
+  void process(const Dictionary& headers) {
+    orv.processHTTPHeaders(headers, client);
+    orv.httpRequestHeadersForDSID(std::nullopt);  // waits behind it
+  }
+  // What went to the store in an exchange: the last one.
+  HTTPRequest exchange() const {
+    HTTPRequest last = world.transport.requests().back();
+    EXPECT_EQ(last.method, "POST");
+    return last;
+  }
+  static Dictionary bodyOf(const HTTPRequest& request) {
+    return *PropertyList::decode(request.body)->dictionary();
+  }
+  void signIn(std::uint64_t dsID) {
+    const auto account = std::make_shared<HSStoreAccount>();
+    account->setDsID(dsID);
+    AccountStore::accountStoreForClient(client)->makeAccountPrimary(account);
+  }
+
+  FakeOrv fake;
+  ScopedShared<OrvLibrary> sharedLibrary{fake.library()};
+  ServiceWorld world;
+  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
+  OrvController orv;
+};
+
+TEST_F(OrvControllerTest, HeadersSayWhatTheLibrarySays) {
+  const std::string identifier = base64Encode(Data("machine"));
+  const std::string password = base64Encode(Data("password"));
+  EXPECT_EQ(orv.httpRequestHeadersForDSID(std::nullopt), std::nullopt);
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), std::nullopt) << "not before it is open";
+  EXPECT_EQ(orv.httpRequestHeadersForDSID(7),
+            (Dictionary{{"X-Vantor-MD-M", identifier}, {"X-Vantor-MD", password}}));
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), orv.httpRequestHeadersForDSID(7));
+  EXPECT_EQ(orv.httpRequestHeaders(),
+            (Dictionary{{"X-Vantor-AMD-M", identifier}, {"X-Vantor-AMD", password}}));
+  EXPECT_EQ(orv.httpRequestHeaders(), orv.httpRequestHeadersForDSID(18446744073709551615u));
+  fake.password.isNull = true;
+  EXPECT_EQ(orv.httpRequestHeadersForDSID(7), (Dictionary{{"X-Vantor-MD-M", identifier}}));
+  for (const auto& [status, line] :
+       {std::pair<int, const char*>{-45061, "Orv: Account is not provisioned, omitting OTP and MD"},
+        {-5, "Orv: OTP Request failed with error -5"}}) {
+    fake.passwordStatus = status;
+    EXPECT_EQ(orv.httpRequestHeadersForDSID(7), Dictionary());
+    EXPECT_TRUE(world.log.contains(1, line));
+    orv.setSyncState(Data("state"));
+    EXPECT_EQ(orv.httpRequestHeadersForDSID(7), (Dictionary{{"X-Vantor-MD-S", "c3RhdGU="}}));
+    orv.setSyncState(std::nullopt);
+  }
+  EXPECT_TRUE(world.log.contains(
+      1, "Orv: httpRequestHeaders sending X-Vantor-MD-S as syncState data is present"));
+  EXPECT_TRUE(world.log.contains(1, "Orv: Account is provisioned, using OTP and MD from Orv"));
+}
+
+TEST_F(OrvControllerTest, ActionsAreReadByExactKeysAndFailuresAreReported) {
+  const struct {
+    Dictionary headers;
+    Calls calls;
+  } kCases[] = {
+      {{{"x-vantor-md-action", "RP"}}, {"reset 7"}},
+      {{{"x-vantor-amd-action", "RP"}}, {"reset 18446744073709551615"}},
+      {{{"x-vantor-md-action", "RP"}, {"x-vantor-amd-action", "SP"}}, {"reset 7"}},
+      {{{"x-vantor-md-data", "AAAA"}, {"x-vantor-amd-action", "RP"}}, {}},
+      {{{"X-Vantor-MD-Action", "RP"}}, {}},
+      {{{"x-vantor-md-action", "rp"}}, {}},
+      {{{"x-vantor-md-action", "sp"}}, {}},
+      {{{"x-vantor-md-action", Array{"RP", "RP"}}}, {}},
+      {{}, {}},
+      {{{"x-vantor-md-action", "SP"}}, {"start 7 none"}},
+      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", ""}}, {"start 7 none"}},
+      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "not base64"}}, {"start 7 none"}},
+      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}}, {"start 7 [data]"}},
+      {{{"x-vantor-amd-action", "SM"}, {"x-vantor-amd-data", "ZGF0YQ=="}},
+       {"sync 18446744073709551615 [data]"}},
+      {{{"x-vantor-md-action", "SM"},
+        {"x-vantor-md-data", base64Encode(Data(std::string(1u << 20, 'x')))}},
+       {"sync 7 [" + std::string(1u << 20, 'x') + "]"}},
+  };
+  signIn(7);
+  fake.resetStatus = fake.startStatus = fake.syncStatus = -9;
+  fake.opensSession = false;
+  for (const auto& [headers, calls] : kCases) {
+    fake.calls.clear();
+    world.log.clear();
+    process(headers);
+    EXPECT_EQ(fake.calls, calls) << description(headers).substr(0, 200);
+    const auto events = world.log.events();
+    ASSERT_EQ(events.size(), calls.size());
+    if (calls.empty()) continue;
+    const std::string verb = calls[0].substr(0, calls[0].find(' '));
+    EXPECT_EQ(events[0].first,
+              std::string("com.vantor.Quillon.orv.") + (verb == "reset"   ? "restart_provisioning"
+                                                        : verb == "start" ? "start_provisioning"
+                                                                          : "synchronize"));
+    EXPECT_EQ(events[0].second, (Dictionary{{"result", "fail"}, {"error_code", -9}}));
+    EXPECT_EQ(world.log.lines(1).empty(), verb == "reset") << "nothing is logged of a reset";
+  }
+  EXPECT_TRUE(world.transport.requests().empty()) << "nothing to tell the store";
+  EXPECT_TRUE(world.log.mentions(1, "OrvController: Machine sync failed with error"));
+}
+
+TEST_F(OrvControllerTest, ProvisioningTellsTheStoreAndTheLibrary) {
+  serve(Dictionary{{"settingInfo", base64Encode(Data("info"))},
+                   {"transportKey", base64Encode(Data("key"))}});
+  const Dictionary order = {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}};
+  process(order);
+  EXPECT_EQ(fake.calls, (Calls{"start 0 [data]", "finish 77 [info] [key]", "end 77"}));
+  EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/md-provision");
+  EXPECT_EQ(bodyOf(exchange())["clientData"], Value(base64Encode(Data("client data"))));
+  EXPECT_TRUE(bodyOf(exchange())["dsId"].isNil()) << "nobody is signed in";
+  EXPECT_TRUE(exchange().body.view().starts_with("<?xml"));
+  for (const auto& [name, value] : exchange().headers) {
+    EXPECT_TRUE(name != "Content-Type" || value == "application/x-vantor-plist") << value;
+    EXPECT_EQ(name.find("MD"), std::string::npos) << "no identity in the exchange itself";
+  }
+  EXPECT_EQ(world.log.count(1, "OrvController: Provisioning completed successfully"), 1u);
+
+  signIn(7);
+  fake.calls.clear();
+  serve(Dictionary{{"settingInfo", 12}});
+  process(order);
+  EXPECT_EQ(fake.calls, (Calls{"start 7 [data]", "finish 77 none none", "end 77"}));
+  EXPECT_EQ(bodyOf(exchange())["dsId"], Value(7));
+  process({{"x-vantor-amd-action", "SP"}});
+  EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/amd-provision");
+  EXPECT_EQ(bodyOf(exchange())["dsId"], Value(18446744073709551615u));
+  EXPECT_TRUE(world.log.events().empty());
+}
+
+TEST_F(OrvControllerTest, AFailedProvisioningEndsItsSessionLastAndSaysWhy) {
+  const struct {
+    Value answer;
+    int status;
+    const char* text;
+    std::int32_t finishStatus;
+    bool reachesLibrary;
+    std::int64_t code;
+  } kCases[] = {
+      {Dictionary{{"failureType", 5002}, {"customerMessage", "No"}}, 200, nullptr, 0, false, 5002},
+      {Dictionary{{"failureType", "5003"}}, 200, nullptr, 0, false, 5003},
+      {Dictionary{{"failureType", Array()}}, 200, nullptr, 0, false, 0},
+      {Dictionary(), 200, nullptr, -12, true, -12},
+      {Array{"no", "dictionary"}, 200, nullptr, -13, true, -13},
+      {Dictionary(), 503, nullptr, 0, false, kHSErrorHTTPStatus},
+      {Dictionary(), 200, "<html>", 0, false, kHSErrorInvalidPropertyList},
+  };
+  for (const auto& each : kCases) {
+    serve(each.answer, each.status, each.text);
+    fake.finishStatus = each.finishStatus;
+    fake.calls.clear();
+    world.log.clear();
+    process({{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}});
+    EXPECT_EQ(fake.calls,
+              (each.reachesLibrary ? Calls{"start 0 [data]", "finish 77 none none", "end 77"}
+                                   : Calls{"start 0 [data]", "end 77"}))
+        << each.code;
+    ASSERT_EQ(world.log.events().size(), 1u) << each.code;
+    EXPECT_EQ(world.log.events()[0].second["error_code"], Value(each.code));
+  }
+}
+
+TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
+  const Dictionary order = {{"x-vantor-amd-action", "SM"}, {"x-vantor-amd-data", "ZGF0YQ=="}};
+  serve(Dictionary{{"syncState", "c3RhdGU="}});
+  process(order);
+  EXPECT_EQ(orv.syncState(), Data("state"));
+  EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/amd-sync");
+  EXPECT_EQ(bodyOf(exchange()), (Dictionary{{"clientData", base64Encode(Data("client data"))},
+                                            {"machineId", base64Encode(Data("machine"))},
+                                            {"dsId", 18446744073709551615u}}));
+  EXPECT_TRUE(world.log.contains(
+      1,
+      "OrvController: Machine sync operation returned syncState data, this will be appended to Orv "
+      "headers in future"));
+  serve(Dictionary{{"failureType", 1}, {"syncState", "bmV3"}});
+  process(order);
+  EXPECT_EQ(orv.syncState(), Data("new")) << "kept although the store states a failure";
+  EXPECT_EQ(world.log.events().size(), 1u);
+  for (const Value& answer : {Value(Dictionary{{"failureType", 1}}), Value(Dictionary()),
+                              Value(Dictionary{{"syncState", "not base64"}})}) {
+    orv.setSyncState(Data("old"));
+    serve(answer);
+    process(order);
+    EXPECT_EQ(orv.syncState(), std::nullopt);
+  }
+  orv.setSyncState(Data("old"));
+  fake.syncStatus = -45061;
+  process(order);
+  EXPECT_EQ(orv.syncState(), std::nullopt);
+  EXPECT_EQ(world.log.count(1,
+                            "OrvController: Machine sync operation did not return syncState data, "
+                            "clearing cached syncState"),
+            4u);
+}
+
+// A store that does not answer an exchange holds up nobody but those who need this machine's
+// identity; and actions that keep coming are bounded.
+TEST_F(OrvControllerTest, AnExchangeHoldsUpOnlyWhoNeedsIdentity) {
+  OrvController& shared = OrvController::sharedController();
+  const auto mine = std::make_shared<AccountServiceInterface>(client);
+  const auto other = std::make_shared<AccountServiceInterface>(client);
+  const auto headers = [](AccountServiceInterface& interface, const char* url) {
+    auto given = std::make_shared<std::promise<Dictionary>>();
+    interface.httpHeadersForURL(URL::parse(url), 7, true,
+                                [given](const Dictionary& answer) { given->set_value(answer); });
+    return given->get_future();
+  };
+  headers(*mine, "https://www.example.com/").get();  // the bag is there
+  ServiceWorld::settle();
+  const std::size_t before = world.transport.requests().size();
+  world.transport.hold();
+  for (int i = 0; i < 2 * OrvController::kMostWaitingActions; ++i)
+    shared.processHTTPHeaders({{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}}, client);
+  world.transport.waitForRequests(before + 1);
+  auto waiting = headers(*mine, "https://store.example.com/buy");
+  EXPECT_TRUE(headers(*other, "https://www.example.com/").get().empty());
+  std::promise<bool> needs;
+  other->needsSilentOrvActionForURL(URL::parse("https://store.example.com/buy?x"),
+                                    [&](bool answer) { needs.set_value(answer); });
+  EXPECT_TRUE(needs.get_future().get());
+  EXPECT_EQ(shared.status().provisionedDSIDs, std::nullopt) << "busy";
+  EXPECT_EQ(waiting.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+  world.transport.release();
+  EXPECT_EQ(waiting.get().count(), 4u) << "both sets";
+  ServiceWorld::settle();
+  EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "end 77"),
+            OrvController::kMostWaitingActions);
+  EXPECT_TRUE(world.log.mentions(1, "Orv: Dropping action SP"));
+}
+
+}  // namespace
+}  // namespace tallow
