@@ -23,6 +23,11 @@ tallow_install_configured(tallowd-daemon.service.in lib/systemd/system)
 tallow_install_configured(clients.d/tallowctl.toml.in ${CMAKE_INSTALL_DATADIR}/tallowd/clients.d)
 install(FILES ${_packaging}/sandbox/com.vantor.tallowd.toml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/tallowd/sandbox)
+# For who builds a machine-identity library.
+install(FILES ${CMAKE_SOURCE_DIR}/platform/Orv/tallow-orv.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tallow)
+install(FILES ${CMAKE_SOURCE_DIR}/platform/Orv/example/example-orv.c
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(FILES ${_packaging}/tallowd.sysusers DESTINATION lib/sysusers.d RENAME tallowd.conf)
 
 file(GLOB _interfaces CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/interfaces/*.xml)

@@ -42,6 +42,9 @@ CLI::Validator isDSID() {
           ""};
 }
 
+// For whom the service identifies the machine while nobody is signed in.
+constexpr std::uint64_t kNobodysDSID = 0;
+
 struct HeadersOptions {
   std::string url;
   std::optional<std::uint64_t> dsID;
@@ -55,7 +58,8 @@ void addHeaders(Application& application) {
       [&application, options] {
         return application.withClient([&](AccountServiceClient& client) {
           return application.show(
-              client.httpHeadersForURL(options->url, options->dsID, options->identity),
+              client.httpHeadersForURL(options->url, options->dsID.value_or(kNobodysDSID),
+                                       options->identity),
               [&](const Dictionary& given) {
                 if (application.output().isJSON()) {
                   application.output().value(given);

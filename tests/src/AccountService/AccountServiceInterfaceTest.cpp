@@ -121,6 +121,18 @@ TEST_F(AccountServiceInterfaceTest, BagQuestions) {
   EXPECT_FALSE(answerOf<bool>([&](auto reply) { interface->isValid(reply); }));
 }
 
+TEST_F(AccountServiceInterfaceTest, AnAnswerAboutIdentityLooksAtTheBagOnce) {
+  const auto url = URL::parse("https://www.example.com/");  // no transport: each look tries a load
+  EXPECT_FALSE(
+      answerOf<bool>([&](auto reply) { interface->needsSilentOrvActionForURL(url, reply); }));
+  EXPECT_EQ(world.transport.requests().size(), 1u);
+  EXPECT_TRUE(headersFor("https://www.example.com/", true).empty());
+  EXPECT_EQ(world.transport.requests().size(), 2u);
+  EXPECT_FALSE(answerOf<bool>(
+      [&](auto reply) { interface->needsSilentOrvActionForURL(std::nullopt, reply); }));
+  EXPECT_EQ(world.transport.requests().size(), 2u) << "none for no URL";
+}
+
 TEST_F(AccountServiceInterfaceTest, LoadingAnUnknownBagTypeFailsClearly) {
   world.serve({{"k", "v"}});
   bool valid = true, success = true;
