@@ -25,7 +25,7 @@ std::span<const std::uint8_t> bytesOf(const std::optional<Data>& data) {
 }
 
 Value base64Of(const OrvBuffer& buffer) {
-  return buffer.isNil() ? Value() : Value(base64Encode(buffer.span()));
+  return base64Encode(buffer.span());
 }
 
 std::shared_ptr<HSStoreURLOperation> postOperation(
@@ -38,7 +38,7 @@ std::shared_ptr<HSStoreURLOperation> postOperation(
   request.headers = {{"Content-Type", kContentType}};
 
   const auto provider = HSPropertyListProvider::providerWithStoreClient(storeClient);
-  provider->setShouldProcessDialogs(false);
+  provider->setShouldProcessDialogs(false);  // nor is anybody asked to sign in
   provider->setShouldTriggerDownloads(false);
 
   auto operation = std::make_shared<HSStoreURLOperation>(storeClient);

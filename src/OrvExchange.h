@@ -26,11 +26,12 @@ Error libraryError(std::int32_t status);
 // The bytes of data that may be missing: none then.
 std::span<const std::uint8_t> bytesOf(const std::optional<Data>& data);
 
-// Base64 of what the library returned; nil where it returned nothing.
+// Base64 of what the library returned; empty where it returned nothing.
 Value base64Of(const OrvBuffer& buffer);
 
 // The request that posts the body to the URL which the bag has under the key, to be answered with a
-// property list. It carries no machine identity: whoever would be asked for it waits for this.
+// property list. It carries no machine identity and asks nobody to sign in: whoever would be asked
+// for the one, or would need it for the other, waits for this request to end.
 std::shared_ptr<HSStoreURLOperation> postOperation(
     const Dictionary& body, const char* urlBagKey,
     const std::shared_ptr<const HSStoreClient>& storeClient);

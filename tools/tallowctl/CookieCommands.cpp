@@ -42,8 +42,11 @@ CLI::Validator isDSID() {
           ""};
 }
 
-// For whom the service identifies the machine while nobody is signed in.
-constexpr std::uint64_t kNobodysDSID = 0;
+// Whoever is signed in; while nobody is, 0, for which the service then provisions the machine.
+std::uint64_t primaryDSID(AccountServiceClient& client) {
+  const auto account = client.primaryAccount();
+  return account && *account ? (**account)["dsid"].unsignedValue() : 0;
+}
 
 struct HeadersOptions {
   std::string url;
@@ -57,9 +60,9 @@ void addHeaders(Application& application) {
       application.root(), "headers", "Show the headers to send with a request to a URL",
       [&application, options] {
         return application.withClient([&](AccountServiceClient& client) {
+          if (options->identity && !options->dsID) options->dsID = primaryDSID(client);
           return application.show(
-              client.httpHeadersForURL(options->url, options->dsID.value_or(kNobodysDSID),
-                                       options->identity),
+              client.httpHeadersForURL(options->url, options->dsID, options->identity),
               [&](const Dictionary& given) {
                 if (application.output().isJSON()) {
                   application.output().value(given);
