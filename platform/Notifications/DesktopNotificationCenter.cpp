@@ -131,12 +131,10 @@ void DesktopNotificationCenter::_hasBeenShown(std::uint32_t number,
 
 void DesktopNotificationCenter::_listen() {
   const auto bus = PeerConnection::bus();
-  if (!bus || _heard.lock() == bus) return;
-  _heard = bus;
-  bus->post([weak = weak_from_this(), weakBus = _heard] {
-    const auto self = weak.lock();
-    const auto open = weakBus.lock();
-    if (self && open) self->_addMatches(*open);
+  if (!bus || _heard == bus) return;
+  // The matches on the bus before this one go with it.
+  bus->post([weak = weak_from_this(), before = std::exchange(_heard, bus), now = bus.get()] {
+    if (const auto self = weak.lock()) self->_addMatches(*now);
   });
 }
 
@@ -190,6 +188,9 @@ void DesktopNotificationCenter::_actionInvoked(std::uint32_t number, const std::
   if (!isClose && key != kDefaultAction && key != std::string(kActionKey) + source)
     return logLevel(1, "%@: Ignoring action %@ of %@", kClassName, key, found->second);
   const auto notification = _take(number);
+  // Most services take a notification away that has been answered, some leave that to its owner.
+  PeerConnection::call<>(kPeer, "CloseNotification", PeerConnection::kUsualPatience,
+                         std::function<void(std::optional<Error>)>(), number);
   _tellDelegate(
       isClose ? &UserNotificationCenterDelegate::userNotificationCenterDidDismissAlert
               : &UserNotificationCenterDelegate::userNotificationCenterDidActivateNotification,

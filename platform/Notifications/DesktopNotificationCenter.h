@@ -48,8 +48,9 @@ class DesktopNotificationCenter final
   const std::string _identifier;
   SerialQueue _queue;
   std::map<std::uint32_t, UserNotification> _shown;  // on _queue
-  std::weak_ptr<BusConnection> _heard;               // on _queue: the bus that is listened to
-  std::vector<sdbus::Slot> _matches;                 // reading thread of that bus
+  // The bus that is listened to; kept, since the matches need it to the end.
+  std::shared_ptr<BusConnection> _heard;  // on _queue
+  std::vector<sdbus::Slot> _matches;      // reading thread of that bus
 };
 
 }  // namespace tallow

@@ -1,0 +1,66 @@
+#include "platform/MerrowKit/MKMachine.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <fstream>
+
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tallow {
+namespace {
+
+class MKMachineTest : public ::testing::Test {
+ protected:
+  void write(const std::string& path, const std::string& text) const {
+    std::filesystem::create_directories((root.path() / path).parent_path());
+    std::ofstream(root.path() / path, std::ios::binary) << text;
+  }
+  TemporaryDirectory root;
+  std::unique_ptr<MKMachine> machine = MKMachine::make(root.path());
+};
+
+TEST_F(MKMachineTest, TheSerialNumberIsTheFirmwaresOrNone) {
+  EXPECT_EQ(machine->serialNumber(), std::nullopt);
+  write("sys/firmware/devicetree/base/serial-number", std::string("10000000abcd\0", 13));
+  EXPECT_EQ(machine->serialNumber(), "10000000abcd");
+  for (const char* nothing :
+       {"\n", "None\n", "To Be Filled By O.E.M.", "0000000", "Default string"}) {
+    write("sys/devices/virtual/dmi/id/product_serial", nothing);
+    EXPECT_EQ(machine->serialNumber(), "10000000abcd") << nothing;
+  }
+  write("sys/devices/virtual/dmi/id/product_serial", " C02 X1\n");
+  EXPECT_EQ(machine->serialNumber(), "C02 X1");
+}
+
+TEST_F(MKMachineTest, TheRecoveryPartitionIsToldByTheKernelOrItsName) {
+  EXPECT_FALSE(machine->isOnRecoveryPartition());
+  for (const auto& [line, isRecovery] :
+       std::vector<std::pair<const char*, bool>>{{"root=UUID=1 ro quiet", false},
+                                                 {"root=/dev/sda1 norecovery", false},
+                                                 {"root=/dev/sda1 ro recovery nomodeset", true},
+                                                 {"quiet root=PARTLABEL=Recovery", true}}) {
+    write("proc/cmdline", line);
+    EXPECT_EQ(machine->isOnRecoveryPartition(), isRecovery) << line;
+  }
+  write("proc/cmdline", "quiet");
+  struct stat status {};
+  ASSERT_EQ(stat(root.path().c_str(), &status), 0);
+  const std::string record = "run/udev/data/b" + std::to_string(major(status.st_dev)) + ":" +
+                             std::to_string(minor(status.st_dev));
+  write(record, "S:disk/by-label/x\nE:ID_PART_ENTRY_NAME=System\n");
+  EXPECT_FALSE(machine->isOnRecoveryPartition());
+  write(record, "E:ID_PART_ENTRY_NAME=Recovery\\x20HD\n");
+  EXPECT_TRUE(machine->isOnRecoveryPartition());
+}
+
+TEST_F(MKMachineTest, TheROMAddressIsTwelveDigitsOrNone) {
+  const std::optional<std::string> address = MKROMAddress();
+  if (!address) return;  // a machine without hardware of its own
+  EXPECT_EQ(address->size(), 12u);
+  EXPECT_EQ(address->find_first_not_of("0123456789ABCDEF"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,155 @@
+#include "platform/XPC/PushServiceConnection.h"
+
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+
+#include <future>
+#include <thread>
+
+#include "platform/XPC/PeerConnection.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/PrivateBus.h"
+
+namespace tallow {
+namespace {
+
+constexpr const char* kName = "com.vantor.quillonpushagent-xpc";
+
+// A push agent that answers what it is told, as raw messages: also what no decent one would.
+class RawAgent {
+ public:
+  using Reply = std::function<void(sd_bus_message* call)>;
+
+  explicit RawAgent(Reply reply) : _reply(std::move(reply)) {
+    sd_bus_open_user(&_bus);
+    sd_bus_add_filter(_bus, nullptr, &RawAgent::received, this);
+    sd_bus_request_name(_bus, kName, 0);
+    _thread = std::thread([this] {
+      while (!_stopping && sd_bus_process(_bus, nullptr) >= 0) sd_bus_wait(_bus, 10'000);
+    });
+  }
+  ~RawAgent() {
+    _stopping = true;
+    _thread.join();
+    sd_bus_flush_close_unref(_bus);
+  }
+  RawAgent(const RawAgent&) = delete;
+  RawAgent& operator=(const RawAgent&) = delete;
+
+  static void answer(sd_bus_message* call, bool success, std::optional<std::size_t> tokenBytes) {
+    sd_bus_message* reply = nullptr;
+    sd_bus_message_new_method_return(call, &reply);
+    sd_bus_message_append(reply, "b", static_cast<int>(success));
+    sd_bus_message_open_container(reply, 'a', "ay");
+    if (tokenBytes) {
+      const std::vector<std::uint8_t> token(*tokenBytes, 7);
+      sd_bus_message_append_array(reply, 'y', token.data(), token.size());
+    }
+    sd_bus_message_close_container(reply);
+    sd_bus_send(nullptr, reply, nullptr);
+    sd_bus_message_unref(reply);
+  }
+
+ private:
+  static int received(sd_bus_message* message, void* self, sd_bus_error*) {
+    if (sd_bus_message_is_method_call(message, "com.vantor.PushServiceProtocol", nullptr) <= 0)
+      return 0;
+    static_cast<RawAgent*>(self)->_reply(message);
+    return 1;
+  }
+  Reply _reply;
+  sd_bus* _bus = nullptr;
+  std::atomic<bool> _stopping{false};
+  std::thread _thread;
+};
+
+class PushServiceConnectionTest : public ::testing::Test {
+ protected:
+  struct Answer {
+    bool success;
+    std::optional<std::size_t> tokenBytes;
+    bool operator==(const Answer&) const = default;
+  };
+  PushServiceConnectionTest() {
+    bus->start(nullptr);
+    PeerConnection::setBus(bus);
+    connect();
+  }
+  ~PushServiceConnectionTest() override {
+    PeerConnection::setBus(nullptr);
+    bus->stop();
+  }
+  void connect() {
+    connection = PushServiceConnection::initWithMachServiceName(kName);
+    connection->setInterruptionHandler([this] { ++interruptions; });
+    connection->setInvalidationHandler([this] { ++invalidations; });
+    connection->resume();
+  }
+  Answer ask() const {
+    std::promise<Answer> answered;  // a second reply would throw
+    connection->getDeviceTokenForEnvironmentNamed(
+        "env", [&](bool success, const std::optional<Data>& token) {
+          answered.set_value(
+              {success, token ? std::optional(token->length()) : std::optional<std::size_t>()});
+        });
+    return answered.get_future().get();
+  }
+
+  CapturedLog log;
+  PrivateBus privateBus;
+  std::shared_ptr<BusConnection> bus = *BusConnection::open(BusConnection::Bus::Session);
+  std::shared_ptr<PushServiceConnection> connection;
+  std::atomic<int> interruptions{0}, invalidations{0};
+};
+
+TEST_F(PushServiceConnectionTest, WhateverTheAgentAnswersIsOneReply) {
+  const Answer none{false, std::nullopt};
+  const std::vector<std::pair<RawAgent::Reply, Answer>> cases = {
+      {[](auto* call) { RawAgent::answer(call, true, 3); }, {true, 3}},
+      {[](auto* call) { RawAgent::answer(call, true, 0); }, {true, 0}},
+      {[](auto* call) { RawAgent::answer(call, true, 1 << 20); }, {true, 1 << 20}},
+      {[](auto* call) { RawAgent::answer(call, true, std::nullopt); }, {true, std::nullopt}},
+      {[](auto* call) { RawAgent::answer(call, false, 3); }, {false, 3}},
+      {[](auto* call) {
+         RawAgent::answer(call, true, 1);
+         RawAgent::answer(call, true, 2);
+       },
+       {true, 1}},
+      {[](auto* call) { sd_bus_reply_method_return(call, "s", "text"); }, none},
+      {[](auto* call) { sd_bus_reply_method_errorf(call, "com.example.Error", "no"); }, none},
+      // Leaves while it is asked.
+      {[](auto* call) {
+         sd_bus_release_name(sd_bus_message_get_bus(call), kName);
+         sd_bus_close(sd_bus_message_get_bus(call));
+       },
+       none},
+  };
+  for (const auto& [reply, expected] : cases) {
+    const RawAgent agent(reply);
+    EXPECT_EQ(ask(), expected) << &reply - &cases[0].first;
+  }
+  EXPECT_EQ(invalidations, 0);
+}
+
+TEST_F(PushServiceConnectionTest, AnAbsentAgentInvalidatesAndOneThatLeavesInterrupts) {
+  EXPECT_EQ(ask(), (Answer{false, std::nullopt}));
+  EXPECT_EQ(invalidations, 1);
+  connect();
+  {
+    const RawAgent agent([](auto* call) { RawAgent::answer(call, true, 3); });
+    EXPECT_EQ(ask(), (Answer{true, 3}));
+    EXPECT_EQ(interruptions, 0) << "one that comes is no loss";
+  }
+  privateBus.waitUntilUnowned(kName);
+  ask();  // behind the news of its end
+  EXPECT_EQ(interruptions, 1);
+  EXPECT_EQ(invalidations, 2);
+
+  PeerConnection::setBus(nullptr);
+  connect();
+  EXPECT_EQ(invalidations, 3) << "without a bus at once";
+  EXPECT_EQ(ask(), (Answer{false, std::nullopt}));
+}
+
+}  // namespace
+}  // namespace tallow

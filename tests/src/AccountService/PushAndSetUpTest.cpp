@@ -1,0 +1,109 @@
+#include <fstream>
+
+#include "platform/VendBase/HSPendingReply.h"
+#include "tests/src/PushFixture.h"
+
+namespace tallow {
+namespace {
+
+class PushAndSetUpTest : public PushFixture {
+ protected:
+  void setUp(const Dictionary& response) {
+    const HSPendingReply<bool> reply;
+    interface->completeSetupWithResponse(
+        response, [answer = reply.callback()](bool success, const std::optional<Error>& error) {
+          answer(success && !error);
+        });
+    EXPECT_EQ(reply.wait(30), true);
+    settle();
+  }
+  std::shared_ptr<HSStoreAccount> primary() const {
+    return AccountStore::accountStoreForClient(client)->primaryAccount();
+  }
+
+  std::shared_ptr<AccountServiceInterface> interface =
+      std::make_shared<AccountServiceInterface>(client);
+};
+
+TEST_F(PushAndSetUpTest, AResponseBecomesThePrimaryAccountCookiesAndStorefront) {
+  setUp({{"dsid", "123"},
+         {"email", "a@example.com"},
+         {"account-active", "1"},
+         {"cookies", Array{"a=1; Path=/", "b=2; Domain=vantor.com; Path=/"}},
+         {"storefront", "143441"}});
+  EXPECT_EQ(primary()->dsID(), 123u);
+  EXPECT_TRUE(primary()->isSignedIn());
+  EXPECT_EQ(primary()->identifier(), "a@example.com");
+  EXPECT_EQ(CookieStorage::storageForClient(client)->cookieCount(), 2u);
+  const auto storefront = StoreFrontController::storefrontControllerForClient(client);
+  EXPECT_EQ(storefront->storeFrontID(), "143441");
+  EXPECT_TRUE(systemLines.empty());
+
+  const std::size_t before = world.log.count(1, "BagController: Asked to invalidate all bags");
+  setUp({{"dsid", 124}, {"account-active", false}});
+  EXPECT_EQ(primary()->dsID(), 124u);
+  EXPECT_FALSE(primary()->isSignedIn());
+  EXPECT_EQ(storefront->storeFrontID(), std::nullopt);
+  EXPECT_GT(world.log.count(1, "BagController: Asked to invalidate all bags"), before);
+}
+
+TEST_F(PushAndSetUpTest, WhateverIsWrongWithAResponseReachesTheSystemLogOnly) {
+  const std::string line = "AccountServiceInterface: com.example.store ";
+  struct Case {
+    Dictionary response;
+    std::vector<std::string> lines;
+    std::optional<std::uint64_t> dsID;
+  };
+  const std::vector<Case> cases = {
+      {{},
+       {line + "dsid is unexpected type ((null))",
+        line + "account-active not present in account data, assuming account is not signed in {}"},
+       {}},
+      {{{"dsid", Array()}, {"account-active", Data("x")}},
+       {line + "dsid is unexpected type (array)",
+        line + "account-active is unexpected type (data), assuming account is not signed in "
+               "{\"account-active\" = <78>; \"dsid\" = ()}"},
+       {}},
+      {{{"dsid", "18x"}, {"account-active", "no"}, {"email", 5}, {"storefront", 5}}, {}, 18},
+      {{{"dsid", "text"}, {"account-active", 1}, {"cookies", 7}}, {}, 0},
+  };
+  for (const Case& each : cases) {
+    systemLines.clear();
+    setUp(each.response);
+    EXPECT_EQ(systemLines, each.lines);
+    EXPECT_EQ(primary()->dsID(), each.dsID) << description(each.response);
+    EXPECT_EQ(primary()->identifier(), std::nullopt);
+  }
+  std::vector<Value> thousand;
+  for (int i = 0; i < 1000; ++i) thousand.emplace_back("c" + std::to_string(i) + "=1");
+  setUp({{"dsid", 1}, {"account-active", 1}, {"cookies", Array(thousand)}});
+  EXPECT_GT(CookieStorage::storageForClient(client)->cookieCount(), 0u);
+}
+
+TEST_F(PushAndSetUpTest, APushWithoutAStoreClientIsForTypes0And1InThatOrder) {
+  const auto clients = world.directories.dataHome / "clients.d";
+  std::filesystem::create_directories(clients);
+  std::ofstream(clients / "agent.toml") << "identifier = \"agent\"\n";
+  std::ofstream(clients / "books.toml")
+      << "identifier = \"books\"\nclient-type = \"book-store-agent\"\n";
+  interface = std::make_shared<AccountServiceInterface>(nullptr);
+  const HSPendingReply<std::monostate> done;
+  interface->handlePushNotificationMessage({{"0", 0}, {"1", 2}}, done.doneCallback());
+  ASSERT_TRUE(done.wait(30));
+  std::vector<std::string> ignored;
+  for (const std::string& line : world.log.lines(1))
+    if (line.ends_with("zero dsid in payload")) ignored.push_back(line.substr(0, 32));
+  EXPECT_EQ(ignored, (std::vector<std::string>{"PushServiceStoreDispatch (agent)",
+                                               "PushServiceStoreDispatch (books)"}));
+}
+
+TEST_F(PushAndSetUpTest, AClientWithoutAnIdentifierGetsNoReply) {
+  interface = std::make_shared<AccountServiceInterface>(std::make_shared<HSStoreClient>());
+  const HSPendingReply<bool> reply;
+  interface->disableAutoDownload(
+      [answer = reply.callback()](bool success, const std::optional<Error>&) { answer(success); });
+  EXPECT_EQ(reply.wait(30), std::nullopt) << "dropped";
+}
+
+}  // namespace
+}  // namespace tallow

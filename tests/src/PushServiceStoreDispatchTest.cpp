@@ -1,0 +1,279 @@
+#include "src/PushServiceStoreDispatch.h"
+
+#include "platform/VendBase/HSError.h"
+#include "tests/src/PushFixture.h"
+
+namespace tallow {
+namespace {
+
+class PushServiceStoreDispatchTest : public PushFixture {
+ protected:
+  struct Answer {
+    bool success = false;
+    std::optional<Error> error;
+    std::int64_t mask = -1;
+  };
+  Answer enabledMediaTypes() {
+    Answer answer;
+    dispatch()->getEnabledMediaTypes(
+        [&](bool success, const std::optional<Error>& error, std::int64_t mask) {
+          answer = {success, error, mask};
+        });
+    settle();
+    return answer;
+  }
+  template <class Operation, class... Arguments>
+  Answer call(Operation operation, Arguments... arguments) {
+    Answer answer;
+    ((*dispatch()).*operation)(arguments..., [&](bool success, const std::optional<Error>& error) {
+      answer.success = success;
+      answer.error = error;
+      answer.mask = dispatch()->enabledMediaTypeForDSID(7);
+    });
+    settle();
+    return answer;
+  }
+  Answer enable(const std::optional<std::string>& environment = "production") {
+    return call(&PushServiceStoreDispatch::enableAutoDownloadForEnvironmentNamed, environment);
+  }
+  bool isRegistered(std::optional<std::uint64_t> dsID, std::int64_t mask) {
+    bool answer = false;
+    dispatch()->isRegisteredForAccount(
+        dsID, mask, [&](bool, const std::optional<Error>&, bool yes) { answer = yes; });
+    return answer;
+  }
+};
+
+TEST_F(PushServiceStoreDispatchTest, OneDispatchForAnIdentifierWhateverTheClient) {
+  const auto first = dispatch();
+  client = std::make_shared<HSStoreClient>(*client);
+  client->clientType = kHSStoreClientTypeOutfitter;
+  EXPECT_EQ(dispatch(), first);
+  client->identifier = std::nullopt;
+  EXPECT_EQ(dispatch(), nullptr);
+  EXPECT_TRUE(world.log.mentions(
+      1,
+      "PushServiceStoreDispatch: pushServiceStoreDispatchForClient: called with nil "
+      "storeClient.identifier"));
+}
+
+TEST_F(PushServiceStoreDispatchTest, EnableAndDisableReplyFirstAndRecordAfterOnSuccessOnly) {
+  signIn(7);
+  EXPECT_EQ(enable().mask, 0) << "not yet recorded when the reply came";
+  EXPECT_TRUE(isRegistered(7, 3));
+  EXPECT_FALSE(isRegistered(7, 1)) << "exactly, no subset";
+  EXPECT_FALSE(isRegistered(8, 3));
+  EXPECT_FALSE(isRegistered(std::nullopt, 0));
+  EXPECT_EQ(agent->asked, std::vector<std::optional<std::string>>{"production"});
+
+  pages[kMediaTypes] = {Dictionary{{"status", 9}}};
+  EXPECT_EQ(call(&PushServiceStoreDispatch::disableAutoDownload).error->code, 9);
+  EXPECT_EQ(enable().error->code, 9);
+  EXPECT_TRUE(isRegistered(7, 3)) << "as it was";
+  pages[kMediaTypes] = {Dictionary{{"status", 0}}};
+  EXPECT_TRUE(call(&PushServiceStoreDispatch::disableAutoDownload).success);
+  EXPECT_TRUE(isRegistered(7, 0));
+  EXPECT_EQ(agent->asked.size(), 2u) << "disabling needs no token";
+}
+
+TEST_F(PushServiceStoreDispatchTest, WithoutATokenNothingIsSent) {
+  const Error expected = makeError("PushServiceStoreDispatch", -1, "Failed to get device token");
+  const std::vector<std::pair<bool, std::optional<Data>>> answers = {
+      {false, std::nullopt}, {false, Data("t")}, {true, std::nullopt}};
+  for (const auto& [success, token] : answers) {
+    agent->success = success;
+    agent->token = token;
+    EXPECT_EQ(enable().error, expected);
+    EXPECT_EQ(call(&PushServiceStoreDispatch::registerDeviceTokenForEnvironmentNamed,
+                   std::optional<std::string>())
+                  .error,
+              expected);
+  }
+  dispatch()->enableAutoDownloadForEnvironmentNamed("x", nullptr);  // which is checked here
+  EXPECT_TRUE(posted(kRegister).empty());
+  EXPECT_EQ(systemLines[0],
+            "-[PushServiceStoreDispatch registerDeviceTokenForEnvironmentNamed:withReply:]");
+}
+
+TEST_F(PushServiceStoreDispatchTest, ALostConnectionIsMadeAnewByWhoeverNeedsOne) {
+  enable();
+  enable();
+  EXPECT_EQ(connections, 1);
+  const auto other =
+      PushServiceStoreDispatch::pushServiceStoreDispatchForClient(ServiceWorld::client("other"));
+  for (const auto* handler : {&agent->interrupted, &agent->invalidated}) {
+    const int before = connections;
+    (*handler)();
+    EXPECT_TRUE(PushServiceStoreDispatch::connectionIsLost());
+    EXPECT_EQ(connections, before) << "nobody reconnects by himself";
+    other->xpcConnection();
+    EXPECT_EQ(connections, before + 1);
+    EXPECT_FALSE(PushServiceStoreDispatch::connectionIsLost());
+    enable();
+    EXPECT_EQ(connections, before + 1) << "the flag is everybody's";
+  }
+  EXPECT_TRUE(world.log.contains(1, "PushServiceStoreDispatch xpcConnection interrupted"));
+  EXPECT_TRUE(world.log.contains(1, "PushServiceStoreDispatch xpcConnection invalidated"));
+}
+
+TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnouncedAgain) {
+  signIn(7);
+  struct Case {
+    Value answer;
+    std::optional<std::int64_t> code;
+    std::int64_t mask;
+  };
+  const std::vector<Case> cases = {
+      {Dictionary{{"enabled-media-kinds", Array{"ebook", 5, "music"}}, {"status", 5}}, {}, 2},
+      {Dictionary{{"status", 5}}, 5, 2},
+      {Dictionary{{"status", "6x"}}, 6, 2},
+      {Dictionary{{"status", Array()}}, 0, 2},
+      {Dictionary{{"enabled-media-kinds", "ebook"}}, 0, 2},
+      {Array{"ebook"}, 0, 2},
+      {Dictionary{{"enabled-media-kinds", Array()}}, {}, 0},
+      {Dictionary{{"enabled-media-kinds", Array{"mac-software"}}}, {}, 1},
+  };
+  for (const Case& each : cases) {
+    pages[kEnabled] = {each.answer};
+    const Answer answer = enabledMediaTypes();
+    EXPECT_EQ(answer.success, !each.code) << description(each.answer);
+    EXPECT_EQ(answer.mask, each.mask) << description(each.answer);
+    if (each.code) {
+      EXPECT_EQ(*answer.error,
+                HSError(*each.code, "Auto push", "Failed to get enabled mediaTypes"));
+    }
+  }
+  EXPECT_TRUE(agent->asked.empty());
+  for (const HTTPRequest& request : world.transport.requests()) {
+    if (request.url.path() != kEnabled) continue;
+    EXPECT_TRUE(request.bypassCaches);
+    EXPECT_EQ(request.url.query(), std::string("guid=") + kGUID);
+  }
+
+  pages[kEnabled] = {Dictionary{{"unrelated", 1}}};
+  const Answer unknown = enabledMediaTypes();
+  EXPECT_TRUE(unknown.success);
+  EXPECT_EQ(unknown.mask, 0);
+  EXPECT_EQ(agent->asked, std::vector<std::optional<std::string>>{"production"});
+  EXPECT_EQ(posted(kRegister).size(), 1u);
+  pages[kEnabled].clear();
+  EXPECT_EQ(enabledMediaTypes().error->code, kHSErrorHTTPStatus);
+}
+
+TEST_F(PushServiceStoreDispatchTest, EachKindOfPushDoesItsOwn) {
+  const auto handle = [&](Value dsID, Value kind) {
+    dispatch()->handlePushNotificationMessage({{"0", std::move(dsID)}, {"1", std::move(kind)}});
+  };
+  const std::string prefix =
+      "PushServiceStoreDispatch (com.example.store): Ignoring push "
+      "notification due to ";
+  handle(0, 2);
+  handle("123", 2);  // text is no DSID
+  EXPECT_EQ(world.log.count(1, prefix + "zero dsid in payload"), 2u);
+  handle(123, 2);
+  EXPECT_TRUE(world.log.contains(1, prefix + "primary account not being present"));
+  const auto account = signIn(124, false, std::nullopt);
+  for (const Value& other : {Value(123), Value(-124), Value(true), Value(124.5)}) handle(other, 2);
+  EXPECT_TRUE(
+      world.log.contains(1, prefix + "account identifier mismatch (target=123, logged_in=124)"));
+  EXPECT_EQ(world.log.lines(1).size(), 7u);
+  handle(124, 2);
+  EXPECT_TRUE(world.log.contains(1, prefix + "primary account not signed in"));
+  account->setIsSignedIn(true);
+  handle(124, 2);
+  EXPECT_TRUE(world.log.contains(1, prefix + "primary account with expired token"));
+  EXPECT_TRUE(downloadChecks.empty());
+  account->setToken("t");
+  handle(124, "2");
+  handle(124.0, 2);
+  EXPECT_EQ(downloadChecks, (std::vector<std::string>{"com.example.store", "com.example.store"}));
+
+  const std::size_t lines = world.log.lines(1).size();
+  const Dictionary permission{{"0", 0}, {"1", 7}, {"nested", Dictionary{{"a", Array{1}}}}};
+  dispatch()->handlePushNotificationMessage(permission);
+  onRecoveryPartition = true;
+  dispatch()->handlePushNotificationMessage(permission);
+  ASSERT_EQ(permissions.size(), 1u);
+  EXPECT_EQ(permissions[0].first, kPRRequestQueueHarlowStoreIdentifier);
+  EXPECT_EQ(permissions[0].second, permission);
+  for (const Value& kind : {Value(0), Value(3), Value(-2), Value(Array()), Value(1e300)})
+    handle(124, kind);
+  EXPECT_EQ(world.log.lines(1).size(), lines) << "unknown kinds are ignored without a word";
+  handle(nullptr, 2);
+  handle(5, nullptr);
+  EXPECT_EQ(world.log.lines(1).size(), lines + 2);
+  EXPECT_TRUE(world.log.mentions(1, "Received invalid payload: "));
+}
+
+TEST_F(PushServiceStoreDispatchTest, AFirstBuyIsOfferedByTheStoreAgentAndTurnsDownloadsOn) {
+  const Dictionary push{{"0", 1}, {"1", 4}};
+  const auto books = PushServiceStoreDispatch::pushServiceStoreDispatchForClient(
+      ServiceWorld::client("books", kHSStoreClientTypeBookStoreAgent));
+  books->handlePushNotificationMessage(push);
+  EXPECT_TRUE(notifications.empty());
+  dispatch()->handlePushNotificationMessage(push);
+  ASSERT_EQ(notifications.size(), 1u);
+  const UserNotification offer = notifications[0];
+  EXPECT_EQ(offer.userInfo, (Dictionary{{"Source", "PushFirstBuy"}}));
+  EXPECT_EQ(offer.actionButtonTitle, "Turn On");
+  EXPECT_EQ(offer.otherButtonTitle, "Not Now");
+
+  UserNotification other = offer;
+  other.userInfo = Dictionary{{"Source", 1}};
+  const std::size_t lines = world.log.lines(1).size();
+  for (const UserNotification& each : {other, offer}) {
+    const bool isOffer = isPushFirstBuyNotification(each);
+    EXPECT_EQ(dispatch()->userNotificationCenterShouldPresentNotification(*center, each), isOffer);
+    dispatch()->userNotificationCenterDidDeliverNotification(*center, each);
+    dispatch()->userNotificationCenterDidDismissAlert(*center, each);
+    EXPECT_EQ(world.log.lines(1).size() - lines, isOffer ? 2u : 0u);
+    EXPECT_TRUE(agent->asked.empty());
+  }
+  signIn(7);
+  dispatch()->userNotificationCenterDidActivateNotification(*center, other);
+  dispatch()->userNotificationCenterDidActivateNotification(*center, offer);
+  settle();
+  EXPECT_EQ(agent->asked, std::vector<std::optional<std::string>>{"production"});
+  EXPECT_TRUE(isRegistered(7, 3));
+
+  bag = bag.removing("push-notifications");
+  std::filesystem::remove_all(world.directories.cacheHome);
+  dispatch()->userNotificationCenterDidActivateNotification(*center, offer);
+  EXPECT_EQ(agent->asked.back(), std::nullopt) << "the agent is to refuse it";
+}
+
+TEST_F(PushServiceStoreDispatchTest, TheGateOpensForTheSignedInAccountOfTheStoreAgent) {
+  // Without any client of that type there is no account either.
+  EXPECT_FALSE(PushServiceStoreDispatch::canStartAutodownloadForDSID(0));
+  EXPECT_FALSE(PushServiceStoreDispatch::canStartAutodownloadForDSID(7));
+  EXPECT_TRUE(world.log.contains(
+      1, "PushServiceStoreDispatch: Ignoring push notification due to zero dsid in payload"));
+  EXPECT_TRUE(world.log.mentions(1, "(target=7, logged_in=(null))"));
+}
+
+TEST_F(PushServiceStoreDispatchTest, TheOwnListenersPeerTakesTheProcessWithIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct Connection final : PushServiceStoreConnection {
+    void setExportedObject(std::shared_ptr<PushServiceStoreProtocol> object) override {
+      exported = std::move(object);
+    }
+    void setInterruptionHandler(Handler handler) override { interrupted = std::move(handler); }
+    void setInvalidationHandler(Handler handler) override { invalidated = std::move(handler); }
+    void resume() override { resumed = true; }
+    std::shared_ptr<PushServiceStoreProtocol> exported;
+    Handler interrupted, invalidated;
+    bool resumed = false;
+  } connection;
+  EXPECT_TRUE(dispatch()->listenerShouldAcceptNewConnection(connection));
+  EXPECT_EQ(connection.exported, dispatch());
+  EXPECT_TRUE(connection.resumed);
+  struct Standard final : SystemLog {
+    void write(std::string_view line) override { std::fputs(std::string(line).c_str(), stderr); }
+  } standard;
+  const ScopedShared<SystemLog> toStandardError(standard);
+  EXPECT_EXIT(connection.interrupted(), ::testing::ExitedWithCode(0), "interrpted");
+  EXPECT_EXIT(connection.invalidated(), ::testing::ExitedWithCode(0), "invalidated");
+}
+
+}  // namespace
+}  // namespace tallow

@@ -1,0 +1,210 @@
+#include "src/RegisterPushNotificationOperation.h"
+
+#include "platform/VendBase/HSError.h"
+#include "src/MediaTypeMask.h"
+#include "tests/src/PushFixture.h"
+
+namespace tallow {
+namespace {
+
+using Operation = RegisterPushNotificationOperation;
+
+const Dictionary kDone{{"status", 0}};
+const Dictionary kUnknownDevice{{"status", -2}};
+
+TEST(MediaTypeMask, NamesAndBitsConvertBothWays) {
+  const std::vector<std::pair<Array, std::int64_t>> masks = {
+      {{"ebook", "mac-software", "ebook", 7}, 3}, {{}, 0}, {{"music", "Ebook"}, 0}, {{"ebook"}, 2}};
+  for (const auto& [names, mask] : masks) EXPECT_EQ(mediaTypeMask(names), mask);
+  EXPECT_EQ(arrayWithMediaTypeMask(0), std::nullopt);
+  EXPECT_EQ(arrayWithMediaTypeMask(4), Array());
+  EXPECT_EQ(arrayWithMediaTypeMask(7), (Array{"mac-software", "ebook"}));
+  EXPECT_EQ(arrayWithMediaTypeMask(std::uint64_t{1} << 63 | 2), Array{"ebook"});
+}
+
+class RegisterPushNotificationOperationTest : public PushFixture {
+ protected:
+  struct Ran {
+    bool success;
+    std::optional<Error> error;
+  };
+  Ran run(std::int64_t type, Value token = Data("token"), Value mask = 3) {
+    const auto operation = std::make_shared<Operation>(
+        Dictionary{{"1", type}, {"2", std::move(token)}, {"3", std::move(mask)}}, client);
+    Ran ran{};
+    ran.success = operation->runSyncReturningError(&ran.error);
+    return ran;
+  }
+  static std::string pair(const std::string& dsID) { return std::string(kGUID) + ":" + dsID; }
+};
+
+TEST_F(RegisterPushNotificationOperationTest, BodiesHoldWhatThereIs) {
+  signIn(7);
+  EXPECT_TRUE(run(1).success);
+  const Dictionary announcement{{"device-name", "Mac"},
+                                {"environment", "production"},
+                                {"guid", kGUID},
+                                {"serial-number", "SN1"},
+                                {"token", Data("token")}};
+  EXPECT_EQ(posted(kRegister), std::vector<Value>{announcement});
+  EXPECT_EQ(record(), (Dictionary{{pair("7"), Data("token")}}));
+  EXPECT_TRUE(downloadChecks.empty()) << "the first announcement of this device";
+
+  run(1, Data("token"), 0);  // no key for nothing
+  run(1, Data("token"), 4);  // nor for what has no name
+  run(0, nullptr, 3);        // always an empty array
+  run(9, Data("token"));     // nothing is sent
+  const Dictionary guid{{"guid", kGUID}};
+  EXPECT_EQ(posted(kMediaTypes),
+            (std::vector<Value>{guid.setting("media-types", Array{"mac-software", "ebook"}), guid,
+                                guid, guid.setting("media-types", Array())}));
+  EXPECT_EQ(posted(kRegister).size(), 1u) << "already sent";
+  const std::map<std::string, Value> dumps = [&] {
+    const auto all = world.log.propertyLists();
+    return std::map<std::string, Value>(all.begin(), all.end());
+  }();
+  EXPECT_EQ(dumps.at("RequestBodyRegisterSuccess"), Value(announcement));
+  EXPECT_EQ(dumps.at("ResponseBody_register"), Value(kDone));
+  EXPECT_EQ(dumps.count("RequestBodyMediaTypes"), 1u);
+}
+
+TEST_F(RegisterPushNotificationOperationTest, WhatTheStoreAnswersDecides) {
+  struct Case {
+    Value answer;
+    bool success;
+    std::int64_t code;
+    const char* message;
+  };
+  const std::vector<Case> cases = {
+      {kDone, true, 0, nullptr},
+      {Dictionary(), false, 0, nullptr},
+      {Dictionary{{"status", 2}, {"customerMessage", "x"}}, false, 2, "Failed to register"},
+      {Dictionary{{"failureType", "5002"}, {"customerMessage", "x"}}, false, 5002, "x"},
+      {Dictionary{{"status", "0"}, {"failureType", Array()}, {"customerMessage", 5}}, false, 0,
+       nullptr},
+      {Dictionary{{"status", -7.0}}, false, -7, "Failed to register"},
+      {Array{kDone}, false, 0, "Failed to register"},
+      {"text", false, 0, "Failed to register"},
+  };
+  for (const Case& each : cases) {
+    pages[kMediaTypes] = {each.answer};
+    const Ran ran = run(0);
+    EXPECT_EQ(ran.success, each.success) << description(each.answer);
+    if (each.success) continue;
+    ASSERT_TRUE(ran.error);
+    EXPECT_EQ(*ran.error,
+              HSError(each.code, "Register for push notification",
+                      each.message ? std::optional<std::string>(each.message) : std::nullopt))
+        << description(*ran.error);
+  }
+  pages[kMediaTypes].clear();
+  EXPECT_EQ(run(0).error->code, kHSErrorHTTPStatus) << "the request's own error";
+}
+
+TEST_F(RegisterPushNotificationOperationTest, ABagWithoutTheEntryIsAnError) {
+  const std::vector<Value> wrong = {Value(), "https://store.example.com/register", Array(),
+                                    Dictionary{{"register-success", 5}},
+                                    Dictionary{{"register-success", "no url"}}};
+  for (const Value& entry : wrong) {
+    bag = bag.setting("push-notifications", entry).setting("automatic-downloads2", entry);
+    ServiceWorld::forgetControllers();
+    std::filesystem::remove_all(world.directories.cacheHome);
+    const Ran ran = run(2);
+    EXPECT_FALSE(ran.success);
+    EXPECT_EQ(*ran.error,
+              HSError(3, "No bag entry", "Could not find key 'register-success' in bag."));
+    EXPECT_EQ(run(0).error->userInfo["message"],
+              Value("Could not find key 'register-media-types' in bag."));
+  }
+  EXPECT_TRUE(world.log.mentions(1, "Could not find register-success: "));
+}
+
+TEST_F(RegisterPushNotificationOperationTest, OnlyATokenThatStoodAsAnnouncedIsAnnouncedAgain) {
+  signIn(7);
+  pages[kMediaTypes] = {kUnknownDevice};
+  EXPECT_EQ(run(1).error->code, -2);
+  EXPECT_EQ(posted(kRegister).size(), 1u) << "it had not been recorded before";
+
+  setRecord(Dictionary{{pair("7"), Data("token")}, {"OTHER:1", Data("x")}});
+  pages[kMediaTypes] = {kUnknownDevice, kDone};
+  EXPECT_TRUE(run(1).success);
+  EXPECT_EQ(posted(kRegister).size(), 2u);
+  EXPECT_EQ(record(), (Dictionary{{pair("7"), Data("token")}})) << "the reset took all pairs";
+  EXPECT_TRUE(downloadChecks.empty()) << "after the reset it is the first time again";
+
+  pages[kMediaTypes] = {kUnknownDevice};
+  EXPECT_EQ(run(1).error->code, -2);
+  EXPECT_EQ(posted(kRegister).size(), 3u) << "once, not for ever";
+}
+
+TEST_F(RegisterPushNotificationOperationTest, TheRecordIsReadInBothForms) {
+  signIn(7);
+  struct Case {
+    Value record;
+    bool sends, isFirst;
+  };
+  const std::vector<Case> cases = {
+      {Value(), true, true},
+      {Array{"OTHER:7", 5}, true, true},
+      {Array{pair("7")}, true, false},
+      {Dictionary{{pair("7"), Data("token")}}, false, false},
+      {Dictionary{{pair("7"), "token"}}, true, false},
+      {Dictionary{{pair("8"), Data("token")}}, true, false},
+      {Dictionary{{"OTHER:7", Data("token")}}, true, true},
+      {"text", true, true},
+  };
+  for (const Case& each : cases) {
+    setRecord(each.record);
+    downloadChecks.clear();
+    const std::size_t before = posted(kRegister).size();
+    EXPECT_TRUE(run(2).success);
+    EXPECT_EQ(posted(kRegister).size() - before, each.sends ? 1u : 0u) << description(each.record);
+    EXPECT_EQ(downloadChecks.size(), each.sends && !each.isFirst ? 1u : 0u)
+        << description(each.record);
+    const Value after = record();
+    EXPECT_EQ((*after.dictionary())[pair("7")], Value(Data("token")));
+    const Dictionary* const old = each.record.dictionary();
+    EXPECT_EQ(after.dictionary()->count(), old && !old->contains(pair("7")) ? 2u : 1u);
+  }
+}
+
+TEST_F(RegisterPushNotificationOperationTest, TokensOfAnySizeAndTwoAtOnceAreKept) {
+  const Data large(std::vector<std::uint8_t>(1 << 20, 0xab));
+  for (const Data& token : {large, Data()}) {
+    setRecord(Value());
+    EXPECT_TRUE(run(2, token).success);
+    EXPECT_EQ(record(), (Dictionary{{pair("(null)"), token}}));
+  }
+  EXPECT_FALSE(posted(kRegister).back().dictionary()->contains("token"))
+      << "an empty one is left out";
+
+  // Of two clients' accounts, each in its own store.
+  setRecord(Value());
+  signIn(1);
+  const auto other = ServiceWorld::client("com.example.books", kHSStoreClientTypeBookStoreAgent);
+  const auto account = std::make_shared<HSStoreAccount>();
+  account->setDsID(2);
+  AccountStore::accountStoreForClient(other)->makeAccountPrimary(account);
+  for (const auto& each : {client, other})
+    HSOperationQueue::mainQueue().addOperation(
+        std::make_shared<Operation>(Dictionary{{"1", 2}, {"2", Data("t")}}, each));
+  settle();
+  EXPECT_EQ(record(), (Dictionary{{pair("1"), Data("t")}, {pair("2"), Data("t")}}));
+}
+
+TEST_F(RegisterPushNotificationOperationTest, EnabledMediaTypesNeedAnAccountAndAnArray) {
+  const auto ask = [&](std::optional<Error>* error) {
+    return std::make_shared<Operation>(Dictionary(), client)->enabledMediaTypesWithError(error);
+  };
+  std::optional<Error> error;
+  EXPECT_EQ(ask(&error), std::nullopt);
+  EXPECT_EQ(*error, HSError(5, "Not signed in", std::nullopt));
+  signIn(7);
+  pages[kEnabled] = {Dictionary{{"enabled-media-kinds", "ebook"}},
+                     Dictionary{{"enabled-media-kinds", Array{"ebook"}}}};
+  EXPECT_EQ(ask(nullptr), std::nullopt);
+  EXPECT_EQ(ask(nullptr), Array{"ebook"});
+}
+
+}  // namespace
+}  // namespace tallow
