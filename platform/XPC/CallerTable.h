@@ -57,6 +57,8 @@ class CallerTable {
   // What Describe() says of the callers.
   Array describe() const;
   std::size_t waitingCalls() const;
+  std::size_t count() const { return _callers.size(); }
+  std::uint64_t calls() const { return _calls; }
 
  private:
   struct Entry {
@@ -86,12 +88,14 @@ class CallerTable {
   std::unordered_map<std::string, Entry> _callers;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
   std::size_t _unknownCallers = 0;
+  std::uint64_t _calls = 0;
   sdbus::Slot _nameOwnerChanged;
 };
 
 template <class... Results, class Invoke>
 void CallerTable::deliver(sd_bus_message* call, sdbus::Result<Results...>&& result,
                           std::size_t bytes, Invoke&& invoke) {
+  ++_calls;
   writeOut(call);
   Caller* const caller = _callerNamed(sd_bus_message_get_sender(call));
   if (caller == nullptr) {

@@ -58,9 +58,21 @@ class BusListener final : public XPCListener {
     return std::nullopt;
   }
 
+  void tellLoad(LoadHandler told) override {
+    _connection->post([this, told = std::move(told)] { told(_load()); });
+  }
+
+  void giveUpNameIf(std::function<bool(const Load&)> decide,
+                    std::function<void(bool)> done) override {
+    _connection->post([this, decide = std::move(decide), done = std::move(done)] {
+      const bool givesUp = decide(_load());
+      if (givesUp) _giveUpName();
+      done(givesUp);
+    });
+  }
+
   void stop() override {
     if (!_connection) return;
-    sd_notify(0, "STOPPING=1");
     _serveTheRest();
     PeerConnection::setBus(nullptr);
     _connection->stop();
@@ -77,19 +89,29 @@ class BusListener final : public XPCListener {
     _notificationCenter =
         std::make_unique<NotificationCenterObject>(connection, AccountServiceObject::kPath);
     bus::requestName(connection, _serviceName);
+    _hasName = true;
   }
 
-  // Once the bus has taken the name back, nothing new comes in for it; what came before is served.
+  Load _load() const { return {_callers->count(), _callers->waitingCalls(), _callers->calls()}; }
+
+  // Once the bus has taken the name back, nothing new comes in for it; what came before is read.
+  // The reading thread.
+  void _giveUpName() {
+    if (!std::exchange(_hasName, false)) return;
+    sd_notify(0, "STOPPING=1");
+    try {
+      bus::releaseName(_connection->connection(), _serviceName);
+      _connection->readArrived();
+    } catch (const sdbus::Error& error) {
+      logLevel(2, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
+    }
+  }
+
   void _serveTheRest() {
     auto served = std::make_shared<std::promise<void>>();
     const std::future<void> end = served->get_future();
     _connection->post([this, served = std::move(served)] {
-      try {
-        bus::releaseName(_connection->connection(), _serviceName);
-        _connection->readArrived();
-      } catch (const sdbus::Error& error) {
-        logLevel(2, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
-      }
+      _giveUpName();
       served->set_value();
     });
     end.wait();  // also when the thread has ended already and the task is gone
@@ -106,6 +128,7 @@ class BusListener final : public XPCListener {
 
   std::string _serviceName;
   Bus _bus;
+  bool _hasName = false;  // the reading thread's, once it runs
   XPCListenerDelegate* _delegate = nullptr;
   std::shared_ptr<std::function<std::string()>> _status =
       std::make_shared<std::function<std::string()>>();

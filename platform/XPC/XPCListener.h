@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -45,6 +47,20 @@ class XPCListener {
   virtual void setStatusProvider(std::function<std::string()> provider) = 0;
   // Called once, on the listener's thread, when the bus has gone away. Before resume.
   virtual void setInvalidationHandler(std::function<void()> handler) = 0;
+  // What callers make the listener hold.
+  struct Load {
+    std::size_t callers = 0;       // connected, and have called
+    std::size_t waitingCalls = 0;  // unanswered
+    std::uint64_t calls = 0;       // since the start
+  };
+  using LoadHandler = std::function<void(const Load&)>;
+  // Tells the load on the listener's thread, later, between two messages.
+  virtual void tellLoad(LoadHandler told) = 0;
+  // Asks `decide` there. Where it says yes, says that the service is stopping and gives up the
+  // name; calls that came in for it before the bus took it back are served as usual. `done` is told
+  // what was decided, on that thread, and not at all when the bus has gone.
+  virtual void giveUpNameIf(std::function<bool(const Load&)> decide,
+                            std::function<void(bool gaveUp)> done) = 0;
   // Says that the service is stopping, gives up the name, serves the calls that had come in for it
   // and ends. Calls that still wait are answered as long as the process lives. Not on the
   // listener's thread.

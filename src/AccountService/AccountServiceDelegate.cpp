@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "platform/Base/Secret.h"
 #include "platform/Concurrency/RunLoop.h"
@@ -14,6 +15,7 @@
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/ProcessInspector.h"
 #include "src/AccountService/AccountServiceInterface.h"
+#include "src/AccountService/IdleExit.h"
 #include "src/AccountService/ServiceStatus.h"
 #include "src/PushServiceStoreDispatch.h"
 
@@ -65,9 +67,16 @@ int runAccountService(int argc, const char* const* argv) {
              *error);
     return 1;
   }
+  std::optional<IdleExit> idleExit;
+  if (const auto seconds = IdleExit::secondsFromEnvironment())
+    idleExit.emplace(*listener, *seconds);
   logLevel(3, "starting runloop");
-  RunLoop::main().run();
-  std::exit(1);  // a run loop that ends is a failure
+  const int status = RunLoop::main().run();
+  // A run loop that ends is a failure, unless the service was no longer needed.
+  if (status != IdleExit::kLeft) std::exit(1);
+  idleExit.reset();
+  listener->stop();
+  std::exit(0);
 }
 
 }  // namespace tallow

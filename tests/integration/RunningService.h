@@ -53,14 +53,27 @@ class RunningService {
     return _root.path() / "data" / "tallowd" / "Cookies" / (std::string(kClient) + ".cookies");
   }
 
+  static constexpr const char* kService = "com.vantor.tallowd";
+  static constexpr const char* kSystemService = "com.vantor.tallowd.daemon";
+
   // The service's process, 0 when it does not run.
-  pid_t pid() const { return _bus->ownerOf("com.vantor.tallowd"); }
+  pid_t pid(const std::string& name = kService) const { return _bus->ownerOf(name); }
   // Ends the service as a crash would; returns when it is gone from the bus.
-  void kill() {
-    const pid_t running = pid();
+  void kill(const std::string& name = kService) {
+    const pid_t running = pid(name);
     if (running == 0) return;
     ::kill(running, SIGKILL);
-    _bus->waitUntilUnowned("com.vantor.tallowd");
+    _bus->waitUntilUnowned(name);
+  }
+  // Lets the bus start the system-wide instance, too, with the same folders.
+  void alsoStartOnSystemBus() const {
+    std::ofstream(_root.path() / "services" / (std::string(kSystemService) + ".service"))
+        << "[D-BUS Service]\nName=" << kSystemService << "\nExec=/usr/bin/env "
+        << "DBUS_SYSTEM_BUS_ADDRESS=" << _bus->address() << " " << TALLOWD_PROGRAM << " daemon\n";
+    _bus->reload();
+  }
+  void writeDescriptor(const std::string& name, const std::string& text) const {
+    std::ofstream(configHome() / "clients.d" / (name + ".toml")) << text;
   }
   // Describes this very program as the client; `extra` are more lines of the descriptor.
   void describeClient(const std::string& scheme, const std::string& extra = {}) {

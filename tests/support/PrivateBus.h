@@ -75,6 +75,14 @@ class PrivateBus {
     // Without the mark of this one daemon, so that it holds for the next as well.
     _address = address.substr(0, address.find(','));
   }
+  // Makes it read its service folders again.
+  void reload() const {
+    const std::string command = "dbus-send --bus=" + _address +
+                                " --print-reply --dest=org.freedesktop.DBus / "
+                                "org.freedesktop.DBus.ReloadConfig >/dev/null";
+    if (std::system(command.c_str()) != 0) throw std::runtime_error("the bus does not reload");
+  }
+
   // Ends the bus early: every connection is cut.
   void stop() {
     if (_pid <= 0) return;

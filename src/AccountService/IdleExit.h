@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "platform/XPC/XPCListener.h"
+
+namespace tallow {
+
+// Ends the process when nobody has needed it for a while: no caller is connected, none has called,
+// no transaction is open, no operation and no queued work runs. The bus starts it again when it is
+// called, and no call is lost in between: the name is given up first, what still came in is
+// answered, and only then does the main run loop stop, with kLeft.
+//
+// Owned by the host; main run loop only. Off unless asked for.
+class IdleExit {
+ public:
+  static constexpr const char* kClassName = "IdleExit";
+  // The environment variable: after how many seconds; absent, empty or 0: never.
+  static constexpr const char* kVariable = "TALLOW_IDLE_EXIT";
+  // What the main run loop is stopped with.
+  static constexpr int kLeft = 64;
+
+  // The variable's value; nothing when it is off, and, logged, when it is no number.
+  static std::optional<double> secondsFromEnvironment();
+
+  // The listener must have been resumed, and outlives this object.
+  IdleExit(XPCListener& listener, double seconds);
+  ~IdleExit();
+  IdleExit(const IdleExit&) = delete;
+  IdleExit& operator=(const IdleExit&) = delete;
+
+ private:
+  struct State;
+  std::shared_ptr<State> _state;
+};
+
+}  // namespace tallow

@@ -1,0 +1,252 @@
+// Signing in and out over a real bus and real HTTP, with the service killed along the way, idle,
+// and with two of its processes writing at once.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "client/TransactionAgent.h"
+#include "devstore/AuthenticateEndpoint.h"
+#include "platform/Base/AtomicFile.h"
+#include "tests/integration/RunningService.h"
+
+namespace tallow {
+namespace {
+
+using Instance = AccountServiceClient::Instance;
+
+// What an observer of the accounts hears, in order; 0 for nobody.
+class PrimaryAccounts {
+ public:
+  explicit PrimaryAccounts(AccountServiceClient& client) {
+    EXPECT_FALSE(client.observeAccounts([this](const std::optional<Dictionary>& account) {
+      const std::lock_guard lock(_lock);
+      _told.push_back(account ? (*account)["dsid"].unsignedValue() : 0);
+      _changed.notify_all();
+    }));
+  }
+  std::vector<std::uint64_t> waitFor(std::size_t count) {
+    std::unique_lock lock(_lock);
+    _changed.wait_for(lock, std::chrono::seconds(30), [&] { return _told.size() >= count; });
+    return _told;
+  }
+
+ private:
+  std::mutex _lock;
+  std::condition_variable _changed;
+  std::vector<std::uint64_t> _told;
+};
+
+Dictionary answerFor(std::uint64_t dsID) {
+  return {{"dsPersonId", dsID}, {"identifier", "name " + std::to_string(dsID)}, {"token", "t"}};
+}
+
+std::uint64_t primaryOf(AccountServiceClient& client) {
+  const auto primary = client.primaryAccount();
+  if (!primary) ADD_FAILURE() << primary.error().localizedDescription();
+  return primary && *primary ? (**primary)["dsid"].unsignedValue() : 0;
+}
+
+TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
+  RunningService service;
+  service.describeClient("https", "may-act-as-others = true\n");
+  AccountServiceClient& client = service.client();
+  const auto absent = client.signInWithContext({{"identifier", "42@example.com"}});
+  ASSERT_TRUE(absent && absent->error) << "nobody is there who could ask";
+  EXPECT_EQ(absent->error->domain, "HSErrorDomain");
+  EXPECT_THAT(absent->error->localizedDescription(), testing::HasSubstr("transaction service"));
+
+  PrimaryAccounts told(client);
+  std::vector<std::optional<std::string>> complaints;
+  auto agent = TransactionAgent::start(
+      Instance::Agent,
+      [&](const HSAuthenticationContext& context, const std::optional<std::string>& complaint) {
+        complaints.push_back(complaint);
+        return std::optional(TransactionAgent::Credentials{
+            *context.identifier,
+            Secret(complaint ? devstore::AuthenticateEndpoint::kPassword : "mistyped")});
+      });
+  ASSERT_TRUE(agent) << agent.error().localizedDescription();
+  EXPECT_FALSE(TransactionAgent::start(Instance::Agent, nullptr)) << "there is one already";
+  const auto signIn = client.signInWithContext({{"identifier", "42@example.com"}});
+  ASSERT_TRUE(signIn && signIn->success && signIn->account);
+  EXPECT_EQ((*signIn->account)["dsid"], Value(42));
+  EXPECT_FALSE(signIn->account->contains("token"));
+  EXPECT_EQ(complaints.size(), 2u) << "asked again, with the store's words";
+  EXPECT_EQ(told.waitFor(1).at(0), 42u);
+  EXPECT_THAT(client.strongToken()->value_or(""), testing::StartsWith("token-42-"));
+
+  // The store signs somebody else in than was wanted.
+  ASSERT_FALSE(service.store().stage(R"({"authenticate": {"dsid": "43"}})"));
+  const auto other = client.signInWithContext({{"identifier", "42@example.com"}, {"dsid", 42}});
+  EXPECT_TRUE(other && other->error && !other->success);
+  EXPECT_EQ(primaryOf(client), 42u);
+  *agent = nullptr;
+
+  service.kill();
+  EXPECT_EQ(primaryOf(client), 42u);
+  EXPECT_EQ(*client.strongToken(), std::nullopt) << "a token is not on any disk";
+  EXPECT_TRUE(*client.authIsExpired());
+  ASSERT_FALSE(client.signOut());
+  EXPECT_TRUE(service.store().waitForRequests("/accounts/logout", 1));
+  EXPECT_EQ(primaryOf(client), 0u);
+  EXPECT_EQ(client.accounts()->size(), 1u);
+  EXPECT_EQ(told.waitFor(2).back(), 0u) << "heard by the observer that was carried over";
+  EXPECT_TRUE(client.getEligibilityForService(1)->eligible);
+}
+
+// The user's instance and the system's share one preferences file here, and two clients of theirs
+// one preferences domain.
+TEST(AccountsRoad, TwoProcessesThatWriteAtOnceKeepEachOthersAccounts) {
+  constexpr std::uint64_t kSignIns = 60;
+  RunningService service;
+  service.alsoStartOnSystemBus();
+  service.describeClient("https", "may-act-as-others = true\n");
+  service.writeDescriptor("book",
+                          "identifier = \"com.example.book\"\nclient-type = "
+                          "\"book-store-agent\"\nagent-preferences-domain = \"" +
+                              std::string(RunningService::kClient) + "\"\n");
+  const auto signInMany = [&](Instance instance, std::uint64_t first) {
+    AccountServiceClient client(instance);
+    if (instance == Instance::Daemon) {
+      ASSERT_FALSE(client.actAs("com.example.book"));
+    }
+    for (std::uint64_t dsID = first; dsID < first + kSignIns; ++dsID)
+      ASSERT_TRUE(client.addAccountWithAuthenticationResponse(answerFor(dsID), true));
+  };
+  std::thread agents([&] { signInMany(Instance::Agent, 1); });
+  std::thread daemons([&] { signInMany(Instance::Daemon, 1001); });
+  agents.join();
+  daemons.join();
+  EXPECT_NE(service.pid(), service.pid(RunningService::kSystemService));
+  service.kill();
+  service.kill(RunningService::kSystemService);
+
+  AccountServiceClient store(Instance::Agent);
+  EXPECT_EQ(primaryOf(store), kSignIns);
+  AccountServiceClient book(Instance::Agent);
+  ASSERT_FALSE(book.actAs("com.example.book"));
+  EXPECT_EQ(primaryOf(book), 1000 + kSignIns);
+  // The known accounts are those of whoever wrote last, all of them.
+  const auto known = book.accounts();
+  EXPECT_THAT(known->size(), testing::AnyOf(kSignIns, kSignIns + 1));
+  service.kill();
+}
+
+// Ends the service at random moments while two clients change accounts. TALLOW_SOAK_KILLS makes it
+// a long run.
+TEST(AccountsRoad, WhatWasAcknowledgedSurvivesEveryKill) {
+  const char* wanted = std::getenv("TALLOW_SOAK_KILLS");
+  const int kills = wanted != nullptr ? std::atoi(wanted) : 5;
+  RunningService service;
+  std::mt19937_64 random(std::random_device{}());
+  std::set<std::uint64_t> acknowledged;
+  std::mutex lock;
+  std::uint64_t next = 0, changes = 0;
+  for (int round = 0; round < kills; ++round) {
+    std::atomic<bool> ends{false};
+    std::uint64_t primaryBefore = 0, primaryAfter = 0;  // acknowledged, and asked for last
+    const auto account = [&] {
+      const std::lock_guard guard(lock);
+      return ++next;
+    };
+    const auto keep = [&](std::uint64_t dsID) {
+      const std::lock_guard guard(lock);
+      acknowledged.insert(dsID);
+      ++changes;
+    };
+    {
+      AccountServiceClient first(Instance::Agent), second(Instance::Agent);
+      primaryBefore = primaryAfter = primaryOf(first);
+      std::thread adding([&] {
+        while (!ends) {
+          const std::uint64_t dsID = account();
+          const Dictionary record{{"dsid", dsID}, {"identifier", "name " + std::to_string(dsID)}};
+          if (!first.addAccount(record)) keep(dsID);
+        }
+      });
+      std::thread signingIn([&] {
+        while (!ends) {
+          primaryAfter = account();
+          if (!second.addAccountWithAuthenticationResponse(answerFor(primaryAfter), true)) continue;
+          keep(primaryBefore = primaryAfter);
+          if (primaryAfter % 3 != 0) continue;
+          primaryAfter = 0;
+          if (second.signOut()) continue;
+          primaryBefore = 0;
+        }
+      });
+      // A random moment, in changes: once so many have been made.
+      const std::uint64_t until = changes + random() % 40;
+      for (bool isReached = false; !isReached;) {
+        std::this_thread::yield();
+        const std::lock_guard guard(lock);
+        isReached = changes >= until;
+      }
+      ends = true;
+      service.kill();
+      adding.join();
+      signingIn.join();
+    }
+    service.kill();  // whoever called last may have started it again
+    AccountServiceClient after(Instance::Agent);
+    EXPECT_THAT(primaryOf(after), testing::AnyOf(primaryBefore, primaryAfter));
+    std::set<std::uint64_t> known;
+    const auto records = after.accounts();
+    ASSERT_TRUE(records) << records.error().localizedDescription();
+    for (const Dictionary& record : *records) {
+      const std::uint64_t dsID = record["dsid"].unsignedValue();
+      EXPECT_EQ(record["identifier"], Value("name " + std::to_string(dsID))) << "half there";
+      EXPECT_TRUE(known.insert(dsID).second) << "there twice";
+    }
+    for (const std::uint64_t dsID : acknowledged)
+      EXPECT_TRUE(known.contains(dsID)) << dsID << " was lost in round " << round;
+    if (testing::Test::HasFailure()) break;
+  }
+  if (wanted != nullptr)
+    std::printf("soak_kills %d kills, %llu acknowledged changes\n", kills,
+                static_cast<unsigned long long>(changes));
+}
+
+TEST(AccountsRoad, NoCallIsLostWhileAnIdleServiceComesAndGoes) {
+  ::setenv("TALLOW_IDLE_EXIT", "0.005", 1);
+  RunningService service;
+  ::unsetenv("TALLOW_IDLE_EXIT");
+  std::mutex lock;
+  std::set<pid_t> seen;
+  std::vector<std::string> failures;
+  // Calls that come at any moment of the service's short lives: between them the bus is asked a few
+  // times who serves.
+  const auto callAndLook = [&](unsigned seed) {
+    std::minstd_rand random(seed);
+    for (int call = 0; call < 40; ++call) {
+      const auto accounts = AccountServiceClient(Instance::Agent).accounts();
+      std::set<pid_t> now;
+      for (auto looks = random() % 4; looks > 0; --looks) now.insert(service.pid());
+      const std::lock_guard guard(lock);
+      if (!accounts) failures.push_back(accounts.error().localizedDescription());
+      seen.merge(now);
+    }
+  };
+  std::thread first(callAndLook, 1), second(callAndLook, 2);
+  first.join();
+  second.join();
+  EXPECT_THAT(failures, testing::IsEmpty());
+  EXPECT_GT(seen.size(), 3u) << "it has come and gone";
+
+  // A token keeps it. The process of the token is the one that a later call finds.
+  AccountServiceClient client(Instance::Agent);
+  ASSERT_TRUE(client.addAccountWithAuthenticationResponse(answerFor(7), true));
+  EXPECT_EQ(*AccountServiceClient(Instance::Agent).strongToken(), "t");
+}
+
+}  // namespace
+}  // namespace tallow
