@@ -29,7 +29,7 @@ install_packages() {
   purposes=$(IFS='|'; printf '%s' "$*")
   # A line that states no purpose is wanted for all.
   wanted=$(awk -v purposes="^($purposes):\$" \
-    '!/^#/ && NF { if ($3 !~ /^(build|run|check):$/ || $3 ~ purposes) print $1 }' scripts/packages)
+    '!/^#/ && NF { if ($3 !~ /^(build|run|check|package):$/ || $3 ~ purposes) print $1 }' scripts/packages)
   for name in $wanted; do
     [[ $(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null) == installed ]] ||
       missing+=("$name")
