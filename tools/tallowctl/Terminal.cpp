@@ -98,8 +98,8 @@ std::optional<std::string> Terminal::askLine(std::string_view prompt) const {
 }
 
 std::optional<Secret> Terminal::askSecret(std::string_view prompt) const {
+  const Silence silence(_descriptor);  // first: what is typed before it is thrown away
   writeAll(_descriptor, printable(prompt));
-  const Silence silence(_descriptor);
   return readSecretLine(_descriptor);
 }
 
