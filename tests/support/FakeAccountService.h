@@ -206,6 +206,32 @@ class FakeAccountService final : public HSAccountService {
     answer("updatePasswordSettings", reply, settings.has_value(), passwordSettingsError);
   }
 
+  // Push and device set-up succeed.
+  void registerDeviceTokenForEnvironmentNamed(std::string,
+                                              Reply<bool, std::optional<Error>> reply) override {
+    answer("registerDeviceTokenForEnvironmentNamed", reply, true, std::nullopt);
+  }
+  void getEnabledMediaTypes(Reply<bool, std::optional<Error>, std::int64_t> reply) override {
+    answer("getEnabledMediaTypes", reply, true, std::nullopt, 0);
+  }
+  void enableAutoDownloadForEnvironmentNamed(std::string,
+                                             Reply<bool, std::optional<Error>> reply) override {
+    answer("enableAutoDownloadForEnvironmentNamed", reply, true, std::nullopt);
+  }
+  void disableAutoDownload(Reply<bool, std::optional<Error>> reply) override {
+    answer("disableAutoDownload", reply, true, std::nullopt);
+  }
+  void isRegisteredForAccount(std::uint64_t, std::int64_t,
+                              Reply<bool, std::optional<Error>, bool> reply) override {
+    answer("isRegisteredForAccount", reply, true, std::nullopt, false);
+  }
+  void handlePushNotificationMessage(Dictionary, Done reply) override {
+    answer("handlePushNotificationMessage", reply);
+  }
+  void completeSetupWithResponse(Dictionary, Reply<bool, std::optional<Error>> reply) override {
+    answer("completeSetupWithResponse", reply, true, std::nullopt);
+  }
+
  private:
   template <class T>
   T copyOf(const T& member) const {
