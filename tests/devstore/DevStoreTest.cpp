@@ -37,7 +37,7 @@ TEST(DevStoreTest, StagingSaysWhatIsWrongAndThenTakesNothing) {
   const std::pair<const char*, const char*> kMistakes[] = {
       {"{", "no JSON"},
       {"[]", "must be a JSON object"},
-      {R"({"bags": {}})", "bags: unknown key; known are bag, "},
+      {R"({"bags": {}})", "bags: unknown key; known are authenticate, bag, "},
       {R"({"bag": 5})", "bag: must be a JSON object"},
       {R"({"bag": {"chian": "good"}})", "bag.chian: unknown key"},
       {R"({"bag": {"chain": "bad"}})", "bag.chain: must be one of good, expired"},

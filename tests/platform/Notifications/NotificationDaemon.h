@@ -104,6 +104,7 @@ class NotificationDaemon {
     if (pid != 0) return pid;
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (given >= 0) dup2(given, 9);
+    if (given == 9) fcntl(9, F_SETFD, 0);  // duplicating onto itself leaves it to be closed
     const int quiet = open("/dev/null", O_WRONLY);
     dup2(quiet, 1);
     dup2(quiet, 2);
