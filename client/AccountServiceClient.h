@@ -61,6 +61,14 @@ class AccountServiceClient {
     std::optional<std::string> name, password;
     bool autoLogin = false;
   };
+  struct PasswordSettings {
+    std::optional<Dictionary> settings;  // empty, or none, where they could not be read
+    std::optional<Error> error;
+  };
+  struct PasswordSettingsUpdate {
+    bool success = false;
+    std::optional<Error> error;
+  };
   using BagObserver = std::function<void(bool success, const std::optional<Error>& error)>;
 
   using AccountObserver = std::function<void(const std::optional<Dictionary>& account)>;
@@ -131,6 +139,11 @@ class AccountServiceClient {
   Result<std::optional<std::string>> recommendedVantorIDForAccountSignIn();
   // Hears of every change of the primary account from now on. As observeURLBag.
   std::optional<Error> observeAccounts(AccountObserver observer);
+
+  // Password settings. A change waits for a person whom the store wants to sign in: for up to a
+  // day.
+  Result<PasswordSettings> passwordSettings();
+  Result<PasswordSettingsUpdate> updatePasswordSettings(const std::optional<Dictionary>& settings);
 
   // What the service says of itself: one JSON object, for people.
   Result<std::string> describe();

@@ -53,9 +53,9 @@ Dictionary PasswordSettings::get() const {
   return _settings;
 }
 
-void PasswordSettings::set(Dictionary settings) {
+void PasswordSettings::change(const Dictionary& settings) {
   const std::lock_guard guard(_lock);
-  _settings = std::move(settings);
+  _settings = _settings.merging(settings);
 }
 
 GetPasswordSettingsEndpoint::GetPasswordSettingsEndpoint(std::shared_ptr<PasswordSettings> settings)
@@ -104,7 +104,7 @@ Answer UpdatePasswordSettingsEndpoint::answer(const ReceivedRequest& request,
       sent != nullptr ? (*sent)["passwordSettings"].dictionary() : nullptr;
   if (changed == nullptr)
     return refusal(kRefused, "The store does not know this machine and changes nothing.", format);
-  _settings->set(*changed);
+  _settings->change(*changed);
   return Answer::propertyList(Dictionary{{"status", 0}}, format);
 }
 

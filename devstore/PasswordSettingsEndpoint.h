@@ -13,7 +13,8 @@ class PasswordSettings {
  public:
   PasswordSettings();
   Dictionary get() const;
-  void set(Dictionary settings);
+  // The settings that are not named stay.
+  void change(const Dictionary& settings);
 
  private:
   mutable std::mutex _lock;

@@ -18,6 +18,8 @@
 #include <string_view>
 
 #include "platform/Base/SharedInstance.h"
+#include "platform/Preferences/Preferences.h"
+#include "platform/VendBase/DefaultsKeys.h"
 
 namespace tallow {
 
@@ -143,6 +145,31 @@ class SystemMachine final : public MKMachine {
   const std::filesystem::path _root;
 };
 
+// Adds what has been stated in preferences where the machine itself does not tell.
+class StatedMachine final : public MKMachine {
+ public:
+  explicit StatedMachine(std::unique_ptr<MKMachine> machine) : _machine(std::move(machine)) {}
+
+  std::optional<std::string> serialNumber() override {
+    const auto told = _machine->serialNumber();
+    return told ? told : stated(kDefaultsMachineSerialNumberKey);
+  }
+  std::optional<std::string> romAddress() override {
+    const auto told = _machine->romAddress();
+    return told ? told : stated(kDefaultsMachineROMAddressKey);
+  }
+  bool isOnRecoveryPartition() override { return _machine->isOnRecoveryPartition(); }
+
+ private:
+  static std::optional<std::string> stated(const char* key) {
+    const Value value = Preferences::shared().copyAppValue(key, kDaemonDefaultsID);
+    const std::string* const text = value.string();
+    return text != nullptr && !text->empty() ? std::optional(*text) : std::nullopt;
+  }
+
+  const std::unique_ptr<MKMachine> _machine;
+};
+
 }  // namespace
 
 std::unique_ptr<MKMachine> MKMachine::make(const std::filesystem::path& root) {
@@ -150,7 +177,7 @@ std::unique_ptr<MKMachine> MKMachine::make(const std::filesystem::path& root) {
 }
 
 MKMachine& MKMachine::shared() {
-  return SharedInstance<MKMachine>::get([] { return make("/"); });
+  return SharedInstance<MKMachine>::get([] { return std::make_unique<StatedMachine>(make("/")); });
 }
 
 }  // namespace tallow

@@ -12,6 +12,8 @@ namespace tallow {
 class MKMachine {
  public:
   virtual ~MKMachine() = default;
+  // This machine. Where it does not tell its serial number or address to this process (only root
+  // may read the one), what the preferences state in its stead.
   static MKMachine& shared();
   // The machine as the kernel describes it below `root` ("/" outside tests).
   static std::unique_ptr<MKMachine> make(const std::filesystem::path& root);

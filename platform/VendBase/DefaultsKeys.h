@@ -14,6 +14,10 @@ inline constexpr const char* kDefaultsStorefrontKey = "Storefront";
 // An administrator's alone: the absolute path of the machine-identity library to use.
 inline constexpr const char* kDefaultsMachineIdentityLibraryKey = "MachineIdentityLibrary";
 
+// What the machine itself does not tell.
+inline constexpr const char* kDefaultsMachineSerialNumberKey = "MachineSerialNumber";
+inline constexpr const char* kDefaultsMachineROMAddressKey = "MachineROMAddress";
+
 // Accounts. The first is also the name of the flat record of older versions.
 inline constexpr const char* kDefaultsPrimaryAccountKey = "PrimaryAccount";
 inline constexpr const char* kDefaultsKnownAccountsKey = "KnownAccounts";

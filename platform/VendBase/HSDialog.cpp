@@ -100,7 +100,7 @@ std::optional<HSDialog> HSDialog::fromProtocolValue(const Value& value) {
 }
 
 std::string HSDialog::shownText(std::string_view text) {
-  return harmless(text, kMaxMessageBytes, true);
+  return harmless(text, kMaxExplanationBytes, true);
 }
 
 Dictionary HSDialog::dictionary() const {

@@ -108,6 +108,7 @@ std::shared_ptr<HSStoreURLOperation> HSStoreURLOperation::pingOperationWithUrl(
   auto operation = std::make_shared<HSStoreURLOperation>(std::move(storeClient));
   operation->setRequest(HSURLRequest(std::move(url)));
   operation->setURLKnownToBeTrusted(true);
+  operation->setNeedsAuthentication(false);
   return operation;
 }
 

@@ -35,6 +35,9 @@ class Caller {
   using KeptCall = std::function<void(Caller&, const Refusal*)>;
 
   Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName);
+  ~Caller() { removeDialogAgent(); }
+  Caller(const Caller&) = delete;
+  Caller& operator=(const Caller&) = delete;
 
   const std::string& uniqueName() const { return _uniqueName; }
   const std::shared_ptr<CallCounts>& counts() const { return _counts; }

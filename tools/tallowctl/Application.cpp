@@ -25,6 +25,7 @@ Application::Application() : _root("Talks to tallowd, the store's account servic
   addStatusCommands(*this);
   addDefaultsCommands(*this);
   addIdentityCommands(*this);
+  addPasswordSettingsCommands(*this);
   // Global options are understood wherever they stand on the line.
   _root.fallthrough();
 }

@@ -20,6 +20,8 @@ class Application {
   int run(int argc, const char* const* argv);
 
   const Output& output() const { return _output; }
+  // The identifier that --client names; empty for none.
+  const std::string& client() const { return _client; }
 
   // Adds a command. Its body runs when the command line names it and says how it ended.
   CLI::App* add(CLI::App& parent, const std::string& name, const std::string& description,
@@ -62,5 +64,6 @@ void addSignInCommands(Application& application);
 void addStatusCommands(Application& application);
 void addDefaultsCommands(Application& application);
 void addIdentityCommands(Application& application);
+void addPasswordSettingsCommands(Application& application);
 
 }  // namespace tallow::ctl

@@ -1,6 +1,7 @@
 #include "tools/tallowctl/Terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -67,6 +68,13 @@ void writeAll(int descriptor, std::string_view text) {
   }
 }
 
+// One byte, as read(2); nothing as at the end of input when `giveUp` becomes readable first.
+ssize_t readByte(int descriptor, int giveUp, char* byte) {
+  pollfd files[] = {{descriptor, POLLIN, 0}, {giveUp, POLLIN, 0}};
+  if (poll(files, std::size(files), -1) < 0) return -1;
+  return (files[1].revents & POLLIN) != 0 ? 0 : ::read(descriptor, byte, 1);
+}
+
 }  // namespace
 
 std::optional<Terminal> Terminal::open() {
@@ -89,7 +97,7 @@ std::optional<std::string> Terminal::askLine(std::string_view prompt) const {
   writeAll(_descriptor, printable(prompt));
   std::string line;
   for (char character = 0;;) {
-    const ssize_t count = ::read(_descriptor, &character, 1);
+    const ssize_t count = readByte(_descriptor, _giveUp, &character);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return line.empty() ? std::nullopt : std::optional(line);
     if (character == '\n') return line;
@@ -100,15 +108,19 @@ std::optional<std::string> Terminal::askLine(std::string_view prompt) const {
 std::optional<Secret> Terminal::askSecret(std::string_view prompt) const {
   const Silence silence(_descriptor);  // first: what is typed before it is thrown away
   writeAll(_descriptor, printable(prompt));
-  return readSecretLine(_descriptor);
+  return readSecretLine(_descriptor, _giveUp);
 }
 
 std::optional<Secret> Terminal::readSecretLine(int descriptor) {
+  return readSecretLine(descriptor, -1);
+}
+
+std::optional<Secret> Terminal::readSecretLine(int descriptor, int giveUp) {
   std::array<char, kMaxSecretBytes> buffer{};
   std::size_t length = 0;
   bool isWhole = false;
   while (length < buffer.size()) {
-    const ssize_t count = ::read(descriptor, &buffer[length], 1);
+    const ssize_t count = readByte(descriptor, giveUp, &buffer[length]);
     if (count < 0 && errno == EINTR) continue;
     isWhole = count == 0 ? length > 0 : count > 0 && buffer[length] == '\n';
     if (count <= 0 || isWhole) break;

@@ -19,9 +19,12 @@ class Terminal {
   Terminal(Terminal&& other) noexcept;
   Terminal& operator=(Terminal&&) = delete;
 
+  // Questions are given up when this file becomes readable; -1: never.
+  void giveUpWhenReadable(int descriptor) { _giveUp = descriptor; }
+
   // Texts from elsewhere are shown with control characters escaped.
   void say(std::string_view text) const;
-  // A line, without its end; nothing at the end of input.
+  // A line, without its end; nothing at the end of input, or when the question is given up.
   std::optional<std::string> askLine(std::string_view prompt) const;
   // The same without echo. Whatever ends the process meanwhile, the terminal echoes again.
   std::optional<Secret> askSecret(std::string_view prompt) const;
@@ -31,8 +34,10 @@ class Terminal {
 
  private:
   explicit Terminal(int descriptor) : _descriptor(descriptor) {}
+  static std::optional<Secret> readSecretLine(int descriptor, int giveUp);
 
   int _descriptor;
+  int _giveUp = -1;
 };
 
 }  // namespace tallow::ctl
