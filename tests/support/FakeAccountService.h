@@ -10,13 +10,14 @@
 
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/VendBase/HSServiceProxy.h"
+#include "tests/support/SilentAccountService.h"
 
 namespace tallow {
 
 // An account service for tests of code that asks or feeds one. Answers on the calling thread, with
 // what the test has set; writes down every call, by operation name, and everything handed in.
 // The answers are set before use; calls may come from any thread.
-class FakeAccountService final : public HSAccountService {
+class FakeAccountService final : public SilentAccountService {
  public:
   struct ConsumedHeaders {
     Dictionary headers;
@@ -36,6 +37,7 @@ class FakeAccountService final : public HSAccountService {
   std::function<Dictionary(const HeaderQuestion&)> headers = [](const HeaderQuestion&) {
     return Dictionary();
   };
+  std::function<bool(const URL&)> needsOrvAction = [](const URL&) { return false; };
   std::optional<Error> loadError;
   std::optional<Dictionary> passwordSettings;
   std::optional<Error> passwordSettingsError;
@@ -58,8 +60,8 @@ class FakeAccountService final : public HSAccountService {
   void urlIsTrustedByURLBag(std::optional<URL> url, Reply<bool> reply) override {
     answer("urlIsTrustedByURLBag", reply, bagIsValid && url && trusts(*url));
   }
-  void needsSilentOrvActionForURL(std::optional<URL> /*url*/, Reply<bool> reply) override {
-    answer("needsSilentOrvActionForURL", reply, false);
+  void needsSilentOrvActionForURL(std::optional<URL> url, Reply<bool> reply) override {
+    answer("needsSilentOrvActionForURL", reply, url && needsOrvAction(*url));
   }
   void loadURLBagWithType(std::uint64_t /*bagType*/,
                           Reply<bool, bool, std::optional<Error>> reply) override {

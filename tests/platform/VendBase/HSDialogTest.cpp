@@ -1,0 +1,165 @@
+#include <gtest/gtest.h>
+
+#include "platform/Base/Clock.h"
+#include "platform/Concurrency/RunLoop.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/FakeDialogAgent.h"
+
+namespace tallow {
+namespace {
+
+HSDialog dialog(Dictionary value) {
+  return HSDialog::fromProtocolValue(value).value_or(HSDialog());
+}
+
+std::vector<std::string> titles(const HSDialog& dialog) {
+  std::vector<std::string> list;
+  for (const auto& button : dialog.buttons)
+    list.push_back(button.title + (button.dismisses ? "*" : ""));
+  return list;
+}
+using Titles = std::vector<std::string>;
+
+TEST(HSDialogTest, TakesWhatCanBeShownAndLeavesTheRest) {
+  std::vector<Value> hundred(100, Value("x"));
+  const struct {
+    Value value;
+    bool isDialog;
+    Titles titles;
+  } cases[] = {
+      {nullptr, false, {}},
+      {"text", false, {}},
+      {Array{"message"}, false, {}},
+      {Dictionary(), false, {}},
+      {Dictionary{{"message", 5}, {"explanation", Data("x")}}, false, {}},
+      {Dictionary{{"message", "\x1b\x07"}}, false, {}},  // nothing is left of it
+      {Dictionary{{"message", "m"}}, true, {"OK"}},
+      {Dictionary{{"message", "m"}, {"buttons", "OK"}}, true, {"OK"}},
+      {Dictionary{{"message", "m"}, {"buttons", Array{1, "", Dictionary(), Array{"x"}}}},
+       true,
+       {"OK"}},
+      {Dictionary{{"message", "m"},
+                  {"buttons", Array{"Yes", Dictionary{{"title", "No"}, {"dismisses", true}}}}},
+       true,
+       {"Yes", "No*"}},
+      {Dictionary{{"message", "m"}, {"buttons", Array(hundred)}}, true, Titles(8, "x")},
+      {Dictionary{{"signIn", Dictionary()}}, true, {"Sign In", "Cancel*"}},
+      {Dictionary{{"signIn", true}}, false, {}},
+  };
+  for (const auto& each : cases) {
+    const auto made = HSDialog::fromProtocolValue(each.value);
+    EXPECT_EQ(made.has_value(), each.isDialog) << description(each.value);
+    EXPECT_EQ(made ? titles(*made) : Titles(), each.titles) << description(each.value);
+  }
+  const HSDialog signIn =
+      dialog({{"signIn", Dictionary{{"accountName", "\x1b]0;a\x07@b"}, {"fixed", "yes"}}}});
+  EXPECT_EQ(signIn.signIn->accountName, "]0;a@b");
+  EXPECT_TRUE(signIn.signIn->isFixed);
+  EXPECT_FALSE(dialog({{"signIn", Dictionary{{"fixed", true}}}}).signIn->isFixed)
+      << "nobody could sign in";
+}
+
+TEST(HSDialogTest, ShowsTextsHarmless) {
+  EXPECT_EQ(HSDialog::shownText("a\x1b[31mb\x9b\xc2\x9bm\x7f\r"), "a[31mb\xEF\xBF\xBDm");
+  EXPECT_EQ(HSDialog::shownText("\u202Eevil\u2066\u200Btext\uFEFF"), "eviltext");
+  EXPECT_EQ(HSDialog::shownText("líne\n日本 \U0001F600\tend"), "líne\n日本 \U0001F600 end");
+  EXPECT_EQ(dialog({{"message", "two\nlines"}}).message, "two lines");
+  EXPECT_LE(dialog({{"message", std::string(1u << 20, 'x')}}).message.size(),
+            HSDialog::kMaxMessageBytes);
+}
+
+class DialogCenterTest : public testing::Test {
+ protected:
+  // Keeps timers for the test to fire.
+  class Loop final : public RunLoop {
+   public:
+    int run() override { return 0; }
+    void stop(int /*status*/) override {}
+    void post(std::function<void()> block) override { block(); }
+    void onSignal(int /*signalNumber*/, std::function<void()> /*block*/) override {}
+    std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override {
+      EXPECT_EQ(seconds, HSDialogCenter::kPatienceSeconds);
+      timers.push_back(std::make_shared<Kept>(std::move(block)));
+      return timers.back();
+    }
+    struct Kept final : Timer {
+      explicit Kept(std::function<void()> kept) : block(std::move(kept)) {}
+      void invalidate() override { block = nullptr; }
+      bool isValid() const override { return block != nullptr; }
+      std::function<void()> block;
+    };
+    std::vector<std::shared_ptr<Kept>> timers;
+  };
+
+  // Shows a dialog; what comes back is in `answers`, "-" for a dismissal.
+  std::uint64_t show(const std::string& client = "a") {
+    return _scoped.center.show(_dialog, client, [this](const HSDialogAnswer& answer) {
+      answers.push_back(answer.isDismissalOf(_dialog) ? "-" : answer.accountName);
+    });
+  }
+
+  Loop _loop;
+  ScopedShared<RunLoop> _sharedLoop{_loop};
+  CapturedLog _log;
+  const HSDialog _dialog = dialog({{"message", "m"}});
+  std::vector<std::string> answers;
+  ScopedDialogCenter _scoped;
+  HSDialogCenter& _center = _scoped.center;
+};
+using Answers = std::vector<std::string>;
+
+TEST_F(DialogCenterTest, AnswersOnceAndOnlyToTheAgentThatWasAsked) {
+  const auto other = std::make_shared<FakeDialogAgent>("b");
+  _center.addAgent(other);
+  const std::uint64_t number = show("b");
+  const auto press = [](const char* name) { return FakeDialogAgent::pressing(0, name); };
+  EXPECT_FALSE(_center.answer(*_scoped.agent, number, press("x"))) << "another's dialog";
+  EXPECT_FALSE(_center.answer(*other, number + 1, press("x"))) << "no such dialog";
+  EXPECT_TRUE(_center.answer(*other, number, press("y")));
+  EXPECT_FALSE(_center.answer(*other, number, press("z"))) << "the second time";
+  EXPECT_EQ(answers, Answers{"y"});
+  EXPECT_FALSE(_loop.timers.at(0)->isValid());
+  EXPECT_EQ(_center.openDialogCount(), 0u);
+}
+
+TEST_F(DialogCenterTest, AsksTheLatestAgentOfTheClientElseTheLatest) {
+  const auto first = std::make_shared<FakeDialogAgent>("a");
+  const auto second = std::make_shared<FakeDialogAgent>("b");
+  _center.addAgent(first);
+  _center.addAgent(second);
+  show("a");
+  show("c");
+  EXPECT_EQ(first->shown.size(), 1u);
+  EXPECT_EQ(second->shown.size(), 1u);
+}
+
+TEST_F(DialogCenterTest, DismissesWhatNobodyAnswers) {
+  const std::uint64_t late = show();
+  _loop.timers.at(0)->block();
+  EXPECT_EQ(_scoped.agent->dismissed, std::vector{late});
+  const std::uint64_t withdrawn = show();
+  _center.withdraw(withdrawn);
+  _center.withdraw(withdrawn);
+  show();
+  _center.removeAgent(_scoped.agent);
+  EXPECT_EQ(answers, (Answers{"-", "-", "-"}));
+  EXPECT_EQ(show(), 0u) << "there is no agent";
+  EXPECT_EQ(answers.size(), 4u);
+  EXPECT_TRUE(
+      _log.contains(1, "HSDialogCenter: A dialog for a is not shown: there is nobody to show it"));
+}
+
+TEST_F(DialogCenterTest, BoundsAgentsAndOpenDialogs) {
+  for (std::size_t i = 0; i < HSDialogCenter::kMaxOpenDialogsPerClient; ++i) EXPECT_NE(show(), 0u);
+  EXPECT_EQ(show(), 0u);
+  EXPECT_EQ(answers, Answers{"-"});
+  for (std::size_t i = 0; _center.openDialogCount() < HSDialogCenter::kMaxOpenDialogs; ++i)
+    show("client " + std::to_string(i));
+  EXPECT_EQ(show("another"), 0u);
+  std::size_t agents = 1;
+  while (_center.addAgent(std::make_shared<FakeDialogAgent>())) ++agents;
+  EXPECT_EQ(agents, HSDialogCenter::kMaxAgents);
+}
+
+}  // namespace
+}  // namespace tallow
