@@ -9,6 +9,8 @@
 
 namespace tallow::bench {
 
+#include "bench/BenchPasswordSettings.h"
+
 namespace {
 
 constexpr const char* kMinimal = "com.vantor.tallowd.bench.Minimal";
@@ -110,6 +112,7 @@ int main() {
   measureHeaders(bus);
   measureIdentityHeaders(bus);
   measureManyClients();
+  measurePasswordSettings();
   measureColdStart(bus);
   measureMemory(bus);
 }
