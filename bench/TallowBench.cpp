@@ -6,6 +6,7 @@
 
 #include "bench/BenchBus.h"
 #include "bench/IdentityFigures.h"
+#include "bench/PushFigures.h"
 
 namespace tallow::bench {
 
@@ -111,6 +112,7 @@ int main() {
   fillJar(bus);
   measureHeaders(bus);
   measureIdentityHeaders(bus);
+  measurePushes(bus);
   measureManyClients();
   measurePasswordSettings();
   measureColdStart(bus);

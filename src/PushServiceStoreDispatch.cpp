@@ -7,6 +7,7 @@
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/SystemLog.h"
+#include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/AccountStore.h"
 #include "src/Bag.h"
 #include "src/MediaTypeMask.h"
@@ -187,8 +188,9 @@ void PushServiceStoreDispatch::registerToken(RegisterPushNotificationOperation::
                                              const BoolReply& reply, Completion completion) {
   using Operation = RegisterPushNotificationOperation;
   xpcConnection()->getDeviceTokenForEnvironmentNamed(
-      environmentName, [self = shared_from_this(), type, reply, completion = std::move(completion)](
-                           bool success, const std::optional<Data>& token) {
+      environmentName,
+      [self = shared_from_this(), type, reply, completion = std::move(completion),
+       transaction = XPCTransaction::hold()](bool success, const std::optional<Data>& token) {
         if (!success || !token) {
           if (reply) reply(false, makeError(kClassName, -1, "Failed to get device token"));
           return;

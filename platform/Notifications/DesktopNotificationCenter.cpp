@@ -6,6 +6,7 @@
 #include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerConnection.h"
+#include "platform/XPC/XPCTransaction.h"
 
 namespace tallow {
 
@@ -123,7 +124,7 @@ void DesktopNotificationCenter::_notify(const UserNotification& notification, bo
 
 void DesktopNotificationCenter::_hasBeenShown(std::uint32_t number,
                                               const UserNotification& notification) {
-  _shown.insert_or_assign(number, notification);
+  _shown.insert_or_assign(number, Shown{notification, XPCTransaction::hold()});
   if (_shown.size() > kMaxShown) _shown.erase(_shown.begin());
   _tellDelegate(&UserNotificationCenterDelegate::userNotificationCenterDidDeliverNotification,
                 notification);
@@ -177,16 +178,16 @@ void DesktopNotificationCenter::_addMatches(BusConnection& bus) {
 
 std::optional<UserNotification> DesktopNotificationCenter::_take(std::uint32_t number) {
   auto found = _shown.extract(number);
-  return found ? std::optional(std::move(found.mapped())) : std::nullopt;
+  return found ? std::optional(std::move(found.mapped().notification)) : std::nullopt;
 }
 
 void DesktopNotificationCenter::_actionInvoked(std::uint32_t number, const std::string& key) {
   const auto found = _shown.find(number);
   if (found == _shown.end()) return;  // somebody else's
-  const std::string source = sourceOf(found->second);
+  const std::string source = sourceOf(found->second.notification);
   const bool isClose = key == std::string(kCloseKey) + source;
   if (!isClose && key != kDefaultAction && key != std::string(kActionKey) + source)
-    return logLevel(1, "%@: Ignoring action %@ of %@", kClassName, key, found->second);
+    return logLevel(1, "%@: Ignoring action %@ of %@", kClassName, key, found->second.notification);
   const auto notification = _take(number);
   // Most services take a notification away that has been answered, some leave that to its owner.
   PeerConnection::call<>(kPeer, "CloseNotification", PeerConnection::kUsualPatience,

@@ -47,7 +47,11 @@ class DesktopNotificationCenter final
 
   const std::string _identifier;
   SerialQueue _queue;
-  std::map<std::uint32_t, UserNotification> _shown;  // on _queue
+  struct Shown {
+    UserNotification notification;
+    std::shared_ptr<void> transaction;  // whoever answers is to find the process there
+  };
+  std::map<std::uint32_t, Shown> _shown;  // on _queue
   // The bus that is listened to; kept, since the matches need it to the end.
   std::shared_ptr<BusConnection> _heard;  // on _queue
   std::vector<sdbus::Slot> _matches;      // reading thread of that bus

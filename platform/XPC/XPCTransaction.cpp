@@ -14,6 +14,11 @@ void XPCTransaction::begin() {
   ++openTransactions;
 }
 
+std::shared_ptr<void> XPCTransaction::hold() {
+  begin();
+  return {nullptr, [](void*) { end(); }};
+}
+
 void XPCTransaction::end() {
   if (openTransactions-- > 0) return;
   std::fputs("XPCTransaction: ended more transactions than have begun\n", stderr);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 namespace tallow {
 
@@ -9,6 +10,8 @@ namespace tallow {
 class XPCTransaction {
  public:
   static void begin();
+  // One that ends with its last reference.
+  static std::shared_ptr<void> hold();
   // To end more than have begun is a programmer error and aborts.
   static void end();
   static std::int64_t count();

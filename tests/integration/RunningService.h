@@ -25,6 +25,8 @@ namespace tallow {
 class RunningService {
  public:
   static constexpr const char* kClient = "com.example.test";
+  // A peer that the store plays, in a process of its own.
+  static constexpr const char* kPushAgent = "com.vantor.quillonpushagent-xpc";
 
   explicit RunningService(const std::string& scheme = "https")
       : _store(startStore()), _bus(prepare(scheme)) {
@@ -103,13 +105,20 @@ class RunningService {
     ::setenv("XDG_DATA_DIRS", "/nonexistent", 1);
     ::setenv("TALLOW_CA_FILE", _store->tlsAuthorityFile().c_str(), 1);
     ::setenv("TALLOW_LOG", "stderr", 1);
+    ::setenv("TALLOW_DEVSTORE", _store->urls().http.c_str(), 1);
     std::filesystem::create_directories(configHome() / "anchors");
     std::filesystem::copy_file(_store->anchorFile(), configHome() / "anchors" / "root.pem");
     describeClient(scheme);
     const std::filesystem::path services = _root.path() / "services";
     std::filesystem::create_directories(services);
-    std::ofstream(services / "com.vantor.tallowd.service")
-        << "[D-BUS Service]\nName=com.vantor.tallowd\nExec=" << TALLOWD_PROGRAM << "\n";
+    const auto describeService = [&](const std::string& name, const std::string& command) {
+      std::ofstream(services / (name + ".service"))
+          << "[D-BUS Service]\nName=" << name << "\nExec=" << command << "\n";
+    };
+    describeService("com.vantor.tallowd", TALLOWD_PROGRAM);
+    describeService(kPushAgent, TALLOW_DEVSTORE_PROGRAM " peer push-agent");
+    describeService("com.vantor.downloadservice", TALLOW_DEVSTORE_PROGRAM " peer downloads");
+    describeService("com.vantor.grantwell", TALLOW_DEVSTORE_PROGRAM " peer purchase-permission");
     return std::make_unique<PrivateBus>(std::vector{services});
   }
 
