@@ -2,6 +2,7 @@
 
 #include "platform/PropertyList/PropertyList.h"
 #include "tests/integration/RunningService.h"
+#include "tests/support/NotificationDaemon.h"
 
 namespace tallow {
 namespace {
@@ -97,6 +98,17 @@ TEST_F(Push, PushesReachWhomTheyAreFor) {
     EXPECT_FALSE(service.client().handlePushNotificationMessage({{"0", odd}, {"1", odd}}));
   EXPECT_FALSE(service.client().handlePushNotificationMessage({}));
   EXPECT_TRUE(service.client().storeFront()) << "the service is well";
+}
+
+TEST_F(Push, ThePersonAtTheDesktopTurnsDownloadsOn) {
+  const NotificationDaemon desktop(service.bus());
+  deliver(123, 4);
+  EXPECT_TRUE(desktop.showsSomething());
+  const std::string offered = desktop.choose("Turn On (Automatic Downloads)");
+  EXPECT_NE(offered.find("#Not Now (Automatic Downloads)"), std::string::npos) << offered;
+  ASSERT_TRUE(service.store().waitForRequests("/push/register-media-types", 1));
+  EXPECT_EQ(lastBody("/push/register-media-types")["media-types"],
+            Value(Array{"mac-software", "ebook"}));
 }
 
 TEST_F(Push, SetUpFeedsAccountCookiesAndStorefront) {

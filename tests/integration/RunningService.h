@@ -44,6 +44,7 @@ class RunningService {
   }
   void reconnect() { _client = connect(); }
   devstore::DevStore& store() { return *_store; }
+  const PrivateBus& bus() const { return *_bus; }
   std::string storeURL(const std::string& scheme, const std::string& path) const {
     return (scheme == "https" ? _store->urls().https : _store->urls().http) + path;
   }

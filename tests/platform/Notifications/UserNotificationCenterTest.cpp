@@ -6,8 +6,8 @@
 #include <mutex>
 
 #include "platform/XPC/PeerConnection.h"
-#include "tests/platform/Notifications/NotificationDaemon.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/NotificationDaemon.h"
 
 namespace tallow {
 namespace {
