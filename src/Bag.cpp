@@ -1,5 +1,6 @@
 #include "src/Bag.h"
 
+#include <cerrno>
 #include <exception>
 #include <string>
 
@@ -88,6 +89,7 @@ void Bag::loadOnAccessQueue(const LoadBlock& block) {
   invalidate();
   const auto operation = std::make_shared<BagLoadOperation>(shared_from_this(), _storeClient);
   std::optional<Error> acceptanceError;
+  std::optional<Dictionary> newContents;
   operation->setBagLoadOutputHandler([&](BagLoadOperation&, const URL& bootstrapURL,
                                          const Dictionary& response, const Date& validUntil) {
     std::optional<Error> error;
@@ -96,6 +98,7 @@ void Bag::loadOnAccessQueue(const LoadBlock& block) {
     if (accepted) {
       logLevel(1, "%@: Successfully updated bag type %li from %@ valid until %@", kClassName,
                _bagType, bootstrapURL, validUntil);
+      newContents = accepted;
       _dictionary = std::move(accepted);
     } else {
       acceptanceError = std::move(error);
@@ -107,9 +110,9 @@ void Bag::loadOnAccessQueue(const LoadBlock& block) {
   const bool updated = ran && _dictionary;
   const std::optional<Error> updateError =
       operation->error() ? operation->error() : acceptanceError;
-  WorkerPool::shared().async([bag = shared_from_this(), updated, updateError] {
+  WorkerPool::shared().async([bag = shared_from_this(), updated, updateError, newContents] {
     if (const auto delegate = bag->delegate())
-      delegate->bagDidUpdateWithSuccess(bag, updated, updateError);
+      delegate->bagDidUpdateWithSuccess(bag, updated, updateError, newContents);
   });
   block(*this, isValid(), /*alreadyValid=*/false, _dictionary, runError);
 }
@@ -125,11 +128,6 @@ Dictionary Bag::validDictionary() {
 
 Value Bag::valueForKey(std::string_view key) {
   return validDictionary()[key];
-}
-
-Value Bag::valueForKeyIfValid(std::string_view key) {
-  return _serialAccessQueue.sync(
-      [&] { return isValid() && _dictionary ? (*_dictionary)[key] : Value(); });
 }
 
 std::optional<URL> Bag::urlForKey(std::string_view key) {
@@ -315,7 +313,13 @@ void Bag::_loadFromPersistedStore() {
   if (!_storeClient->identifier || !isSafePathComponent(*_storeClient->identifier)) return;
   const std::filesystem::path path = _persistedStoreURL();
   const Result<Data> contents = readFile(path);
-  if (!contents) return;
+  if (!contents) {
+    // None is no fault.
+    if (contents.error().code != ENOENT)
+      logLevel(1, "%@: Error loading persisted bag type %li - %@", kClassName, _bagType,
+               contents.error());
+    return;
+  }
 
   const Result<Value> decoded = PropertyList::decode(*contents);
   const Dictionary* file = decoded ? decoded->dictionary() : nullptr;

@@ -26,8 +26,10 @@ class BagDelegate {
  public:
   virtual ~BagDelegate() = default;
   // After every load attempt, on a worker thread, never on a queue of the bag: it may call back in.
+  // `accepted`: the contents that this attempt has brought; nothing when they were refused.
   virtual void bagDidUpdateWithSuccess(const std::shared_ptr<Bag>& bag, bool success,
-                                       const std::optional<Error>& error) = 0;
+                                       const std::optional<Error>& error,
+                                       const std::optional<Dictionary>& accepted) = 0;
 };
 
 // The URL bag of one store client and one bag type: the dictionary of service URLs and policy
@@ -67,9 +69,6 @@ class Bag : public std::enable_shared_from_this<Bag> {
                                       HSServiceClientInterface* clientInterface = nullptr);
 
   Value valueForKey(std::string_view key);
-  // The same without ever loading: nil while the bag is not valid. For what follows an update,
-  // which must not set off the next one.
-  Value valueForKeyIfValid(std::string_view key);
   // A string under the key that parses as a URL.
   std::optional<URL> urlForKey(std::string_view key);
   // The contents when the bag is valid or could be made so, else an empty dictionary: one and the

@@ -13,15 +13,6 @@ namespace tallow {
 
 namespace {
 
-// The operation that a ping runs under.
-class PingPass final : public HSOperation {
- public:
-  using HSOperation::HSOperation;
-
- protected:
-  void run() override { setSuccess(true); }
-};
-
 // A header under its usual spelling, or else all in lower case as HTTP/2 has it. No other spelling.
 std::optional<std::string> headerInEitherCase(const HTTPResponse& response, const char* usual,
                                               const char* lowerCase) {
@@ -107,14 +98,18 @@ void BagController::removeBagObserver(const std::shared_ptr<HSURLBagObserver>& o
 }
 
 void BagController::bagDidUpdateWithSuccess(const std::shared_ptr<Bag>& bag, bool success,
-                                            const std::optional<Error>& error) {
+                                            const std::optional<Error>& error,
+                                            const std::optional<Dictionary>& accepted) {
   std::vector<std::shared_ptr<HSURLBagObserver>> observers;
   if (ObservedBag* observed = observedBag(bag->bagType())) {
     const std::lock_guard lock(observed->observersLock);
     observers = observed->observers;
   }
   for (const auto& observer : observers) observer->urlBagDidUpdateWithSuccess(success, error);
-  if (success) pingClientID(*bag);
+  // An update counts as successful also when the download succeeded, the new bag was refused and an
+  // old one is held: then there is nothing new to ping. What the load brought is read as it was
+  // accepted, for the bag itself may have been invalidated since, and would be loaded again.
+  if (success) pingClientID(accepted.value_or(Dictionary()));
 }
 
 void BagController::_forceLoadBagForUpdate() {
@@ -127,18 +122,18 @@ void BagController::_forceLoadBagForUpdate() {
       });
 }
 
-void BagController::pingClientID(Bag& bag) {
-  // An update counts as successful also when the download succeeded, the new bag was refused and an
-  // old one is held. A lookup that loads would then fetch the refused bag again, and so on without
-  // an end.
-  const Value pingURLs = bag.valueForKeyIfValid("pingUrls");
+void BagController::pingClientID(const Dictionary& bag) {
+  const Value pingURLs = bag["pingUrls"];
   if (pingURLs.isNil()) {
     logLevel(3, "%@: Not pinging clientID, no pingUrls", kClassName);
     return;
   }
   if (isTooSoonToPing()) return;
   const Array* entries = pingURLs.array();
-  if (entries == nullptr) return;
+  if (entries == nullptr) {
+    logLevel(3, "%@: Not pinging clientID, pingUrls is a %@", kClassName, pingURLs.typeName());
+    return;
+  }
   for (const Value& entry : *entries)
     if (!ping(entry)) return;
 }
@@ -161,7 +156,7 @@ bool BagController::ping(const Value& entry) {
              makeError(kClassName, -1, "The entry is not a URL"));
     return false;
   }
-  const auto pass = std::make_shared<PingPass>(storeClient());
+  const auto pass = std::make_shared<HSOperation>(storeClient());
   const auto operation = HSStoreURLOperation::pingOperationWithUrl(*url, storeClient());
   // The address comes out of an accepted bag, and the ping asks that bag nothing more: an earlier
   // ping of this pass may have invalidated it, and loading it from here would start the next pass.

@@ -50,8 +50,10 @@ class BagController final : public ClientController,
                          std::uint64_t forBagType);
 
   void bagDidUpdateWithSuccess(const std::shared_ptr<Bag>& bag, bool success,
-                               const std::optional<Error>& error) override;
-  void pingClientID(Bag& bag);
+                               const std::optional<Error>& error,
+                               const std::optional<Dictionary>& accepted) override;
+  // Pings what the contents of a bag list.
+  void pingClientID(const Dictionary& bag);
   void _forceLoadBagForUpdate();
 
  private:

@@ -4,6 +4,7 @@
 #include <array>
 #include <string_view>
 
+#include "platform/Base/Clock.h"
 #include "platform/Base/RegularExpression.h"
 
 namespace tallow::BagPolicy {
@@ -18,6 +19,12 @@ constexpr std::array<std::string_view, 11> kDefaultMachineDataKeys = {
 std::string_view upToQuery(std::string_view url) {
   return url.substr(0, url.find('?'));
 }
+
+// What one question may take over its patterns in all. Each has a limit of its own, but their
+// number has none.
+constexpr double kPatternSeconds = 1;
+// Above any pattern of host names.
+constexpr std::size_t kMaxHostPatternBytes = 1024;
 
 bool matchesSomewhere(const Value& pattern, const std::string& text) {
   const std::string* string = pattern.string();
@@ -44,7 +51,8 @@ bool urlRequiresAMD(const Dictionary& bag, const URL& url) {
   if (patterns == nullptr) return false;
   return std::any_of(patterns->begin(), patterns->end(), [&url](const Value& pattern) {
     const std::string* string = pattern.string();
-    return string != nullptr && !url.host().empty() && isLikeIgnoringCase(url.host(), *string);
+    return string != nullptr && string->size() <= kMaxHostPatternBytes && !url.host().empty() &&
+           isLikeIgnoringCase(url.host(), *string);
   });
 }
 
@@ -75,10 +83,13 @@ bool sendGUIDWithURL(const Dictionary& bag, const URL& url) {
   }
   // Without a usable "regex" list the rules allow the GUID for no URL at all.
   const Array* patterns = (*rules)["regex"].array();
-  return patterns != nullptr &&
-         std::any_of(patterns->begin(), patterns->end(), [&url](const Value& pattern) {
-           return matchesSomewhere(pattern, url.absoluteString());
-         });
+  if (patterns == nullptr) return false;
+  Clock& clock = Clock::shared();
+  const double start = clock.monotonicSeconds();
+  return std::any_of(patterns->begin(), patterns->end(), [&](const Value& pattern) {
+    return clock.monotonicSeconds() - start < kPatternSeconds &&
+           matchesSomewhere(pattern, url.absoluteString());
+  });
 }
 
 }  // namespace tallow::BagPolicy

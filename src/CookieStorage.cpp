@@ -71,7 +71,12 @@ CookieStorage::CookieStorage(std::shared_ptr<const HSStoreClient> client)
 
 bool CookieStorage::open() {
   const std::filesystem::path directory = Directories::shared().dataHome / "Cookies";
-  if (!ensureDirectoryExists(directory)) return true;  // a storage without a jar
+  if (!ensureDirectoryExists(directory)) {
+    logLevel(1,
+             "%@: Failed to create cookie directory: %@. No cookies will be kept for this client",
+             kClassName, directory.native());
+    return true;  // a storage without a jar
+  }
 
   if (Preferences::shared().getAppBooleanValue(kDefaultsUseSystemCookieStoreKey,
                                                kDaemonDefaultsID)) {

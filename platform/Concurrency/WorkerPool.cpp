@@ -33,9 +33,9 @@ constexpr std::size_t kStackBytes = 8u << 20;
 constexpr std::size_t kStackBytes = 1u << 20;
 #endif
 
-// A blocked block holds its thread, so this also bounds how many clients may wait for the network
-// at once.
-constexpr std::size_t kSharedPoolThreads = 256;
+// A blocked block holds its thread. There are twice as many as callers can be served at once
+// (CallerTable), for what they wait for needs threads, too.
+constexpr std::size_t kSharedPoolThreads = 1024;
 
 constexpr auto kRetryThreadCreation = std::chrono::milliseconds(10);
 

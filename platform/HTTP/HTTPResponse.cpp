@@ -109,9 +109,6 @@ std::optional<double> HTTPResponse::cacheControlMaxAgeSeconds() const {
     std::string_view rest = value;
     while (!rest.empty()) {
       const std::string_view directive = takeElement(rest);
-      // With field names ("no-cache=\"Set-Cookie\"") no-cache speaks of those fields only.
-      if (equalIgnoringCase(directive, "no-store") || equalIgnoringCase(directive, "no-cache"))
-        return 0;
       const std::size_t equals = directive.find('=');
       if (!maxAge && equals != std::string_view::npos &&
           equalIgnoringCase(directive.substr(0, equals), "max-age"))

@@ -47,28 +47,34 @@ void Caller::_decide(const Refusal* refusal) {
 
 void Caller::forgetObservers() {
   removeDialogAgent();
+  _observerCount = 0;
   for (auto& [path, observer] : std::exchange(_observers, {})) {
-    observer->forget();
-    if (_service) _service->removeURLBagObserver(observer, {});
+    observer.proxy->forget();
+    if (_service) _service->removeURLBagObserver(observer.proxy, {});
   }
   for (auto& [path, observer] : std::exchange(_accountObservers, {})) {
-    observer->forget();
-    if (_service) _service->removeAccountStoreObserver(observer, {});
+    observer.proxy->forget();
+    if (_service) _service->removeAccountStoreObserver(observer.proxy, {});
   }
 }
 
 template <class Remote>
 std::shared_ptr<Remote> Caller::_observerAt(const std::string& path,
                                             ObserversByPath<Remote>& observers) {
-  if (const auto found = observers.find(path); found != observers.end()) return found->second;
-  if (observerCount() >= kMaxObservers) return nullptr;
-  return observers.emplace(path, std::make_shared<Remote>(_bus, _uniqueName, path)).first->second;
+  if (_observerCount >= kMaxObservers) return nullptr;
+  ++_observerCount;
+  Observed<Remote>& observer = observers[path];
+  ++observer.timesAdded;
+  if (!observer.proxy) observer.proxy = std::make_shared<Remote>(_bus, _uniqueName, path);
+  return observer.proxy;
 }
 
 template <class Remote>
 std::shared_ptr<Remote> Caller::_take(const std::string& path, ObserversByPath<Remote>& observers) {
   auto taken = observers.extract(path);
-  return taken ? std::move(taken.mapped()) : nullptr;
+  if (!taken) return nullptr;
+  _observerCount -= taken.mapped().timesAdded;
+  return std::move(taken.mapped().proxy);
 }
 
 std::shared_ptr<HSURLBagObserver> Caller::observerAt(const std::string& path) {

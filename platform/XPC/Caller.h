@@ -63,14 +63,15 @@ class Caller {
   // The caller is somebody else from now on, or has left; its dialog agent goes with them.
   void forgetObservers();
 
-  // The one proxy of this caller's observer at `path`; null when it has too many.
+  // The one proxy of this caller's observer at `path`, to be added once more; null when it has too
+  // many. An observer that is added several times is told several times, and counts as often.
   std::shared_ptr<HSURLBagObserver> observerAt(const std::string& path);
   // The same, which is then no longer held; null when there is none.
   std::shared_ptr<HSURLBagObserver> takeObserverAt(const std::string& path);
   // The same for its observers of accounts. Both kinds together are bounded.
   std::shared_ptr<HSAccountStoreObserver> accountObserverAt(const std::string& path);
   std::shared_ptr<HSAccountStoreObserver> takeAccountObserverAt(const std::string& path);
-  std::size_t observerCount() const { return _observers.size() + _accountObservers.size(); }
+  std::size_t observerCount() const { return _observerCount; }
 
   // The dialog agent that the caller exports at `path`, in place of the one it had; false when
   // there are too many in all.
@@ -81,13 +82,18 @@ class Caller {
 
  private:
   template <class Remote>
-  using ObserversByPath = std::unordered_map<std::string, std::shared_ptr<Remote>>;
+  struct Observed {
+    std::shared_ptr<Remote> proxy;
+    std::size_t timesAdded = 0;
+  };
+  template <class Remote>
+  using ObserversByPath = std::unordered_map<std::string, Observed<Remote>>;
 
   void _decide(const Refusal* refusal);
   template <class Remote>
   std::shared_ptr<Remote> _observerAt(const std::string& path, ObserversByPath<Remote>& observers);
   template <class Remote>
-  static std::shared_ptr<Remote> _take(const std::string& path, ObserversByPath<Remote>& observers);
+  std::shared_ptr<Remote> _take(const std::string& path, ObserversByPath<Remote>& observers);
 
   std::shared_ptr<BusConnection> _bus;
   std::string _uniqueName;
@@ -99,6 +105,7 @@ class Caller {
   Refusal _refusal{};
   ObserversByPath<RemoteURLBagObserver> _observers;
   ObserversByPath<RemoteAccountStoreObserver> _accountObservers;
+  std::size_t _observerCount = 0;
   std::shared_ptr<RemoteDialogAgent> _dialogAgent;
 };
 

@@ -114,7 +114,8 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
 bool CallerTable::_count(Entry& entry, std::uint32_t uid) {
   --_unknownCallers;
   std::size_t& count = _callersOfUser[uid];
-  if (count >= kMaxCallersPerUser) return false;
+  // The entry itself is in the table.
+  if (count >= kMaxCallersPerUser || _callers.size() - _unknownCallers > kMaxCallers) return false;
   ++count;
   entry.uid = uid;
   return true;

@@ -21,6 +21,8 @@ namespace tallow {
 class CallerTable {
  public:
   static constexpr std::size_t kMaxCallersPerUser = 256;
+  // Of all users together: each may hold a thread of the WorkerPool, which has twice as many.
+  static constexpr std::size_t kMaxCallers = 512;
   // Callers of whom not even the user is known yet.
   static constexpr std::size_t kMaxUnknownCallers = 1024;
   // After this much in answers the bus is asked whether the caller reads them; one that has left

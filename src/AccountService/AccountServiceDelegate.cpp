@@ -67,12 +67,11 @@ int runAccountService(int argc, const char* const* argv) {
              *error);
     return 1;
   }
-  std::optional<IdleExit> idleExit;
-  if (const auto seconds = IdleExit::secondsFromEnvironment())
-    idleExit.emplace(*listener, *seconds);
+  std::optional<IdleExit> idleExit(std::in_place, *listener, IdleExit::secondsFromEnvironment());
+  RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
   logLevel(3, "starting runloop");
   const int status = RunLoop::main().run();
-  // A run loop that ends is a failure, unless the service was no longer needed.
+  // A run loop that ends is a failure, unless the service was no longer needed or told to stop.
   if (status != IdleExit::kLeft) std::exit(1);
   idleExit.reset();
   listener->stop();

@@ -212,6 +212,10 @@ std::optional<Dictionary> AccountServiceInterface::composedHeadersIfAtHand(
     bool includeOrvHeaders) const {
   const auto storage = CookieStorage::storageForClientIfAtHand(storeClient());
   if (!storage) return std::nullopt;
+  // Before the passwords, each of which is made once: a client whose jar makes a reader wait is
+  // answered from its queue, identity and all.
+  const auto cookies = storage->httpHeadersForURLIfIdle(url);
+  if (!cookies) return std::nullopt;
   Dictionary ofMachine;
   std::optional<Dictionary> ofAccount;
   if (includeOrvHeaders && url) {
@@ -230,8 +234,7 @@ std::optional<Dictionary> AccountServiceInterface::composedHeadersIfAtHand(
       if (!ofAccount) return std::nullopt;
     }
   }
-  const auto cookies = storage->httpHeadersForURLIfIdle(url);
-  return cookies ? std::optional(merged(*cookies, ofMachine, ofAccount)) : std::nullopt;
+  return merged(*cookies, ofMachine, ofAccount);
 }
 
 void AccountServiceInterface::httpHeadersForURL(std::optional<URL> url,

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/Base/Clock.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/VendBase/HSOperationQueue.h"
@@ -30,6 +31,16 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
   State(XPCListener& listenerToWatch, double secondsToWait)
       : listener(listenerToWatch), seconds(secondsToWait) {}
 
+  void giveUpName(std::function<bool(const XPCListener::Load&)> decide, const char* reason) {
+    listener.giveUpNameIf(std::move(decide), [self = shared_from_this(), reason](bool gaveUp) {
+      RunLoop::main().post([self, gaveUp, reason] {
+        if (gaveUp) logLevel(2, "%@: Leaving, as %s", kClassName, reason);
+        self->lookAgain(gaveUp ? kLeavingSeconds : self->seconds,
+                        gaveUp ? &State::stopIfAnswered : &State::leaveIfIdle);
+      });
+    });
+  }
+
   void lookAgain(double after, void (State::*next)()) {
     if (hasEnded) return;
     timer = RunLoop::main().addTimer(after, [self = shared_from_this(), next] {
@@ -39,18 +50,18 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
 
   // The bus reader decides, so that no call comes in between the decision and giving up the name.
   void leaveIfIdle() {
-    listener.giveUpNameIf(
+    giveUpName(
         [self = shared_from_this()](const XPCListener::Load& load) {
           const bool wasCalled = std::exchange(self->callsBefore, load.calls) != load.calls;
           return !wasCalled && load.callers == 0 && nothingRuns();
         },
-        [self = shared_from_this()](bool gaveUp) {
-          RunLoop::main().post([self, gaveUp] {
-            if (gaveUp) logLevel(2, "%@: Leaving, as nobody needs the service", kClassName);
-            self->lookAgain(gaveUp ? kLeavingSeconds : self->seconds,
-                            gaveUp ? &State::stopIfAnswered : &State::leaveIfIdle);
-          });
-        });
+        "nobody needs the service");
+  }
+
+  void leaveNow() {
+    if (latest) return;
+    latest = Clock::shared().monotonicSeconds() + kPatienceSeconds;
+    giveUpName([](const XPCListener::Load&) { return true; }, "the service is told to stop");
   }
 
   // What came in at the last moment may have opened a transaction: then that is waited for, too.
@@ -58,7 +69,9 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     listener.tellLoad([self = shared_from_this()](const XPCListener::Load& load) {
       const bool isAnswered = load.waitingCalls == 0 && nothingRuns();
       RunLoop::main().post([self, isAnswered] {
-        if (!isAnswered)
+        const bool isLate = self->latest && Clock::shared().monotonicSeconds() > *self->latest;
+        if (isLate) logLevel(1, "%@: Leaving although calls wait", kClassName);
+        if (!isAnswered && !isLate)
           self->lookAgain(kLeavingSeconds, &State::stopIfAnswered);
         else if (!self->hasEnded)
           RunLoop::main().stop(kLeft);
@@ -69,6 +82,7 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
   XPCListener& listener;
   const double seconds;
   bool hasEnded = false;
+  std::optional<double> latest;  // monotonic seconds, once it is told to leave
   std::shared_ptr<RunLoop::Timer> timer;
   std::uint64_t callsBefore = 0;  // the listener's thread only
 };
@@ -85,9 +99,13 @@ std::optional<double> IdleExit::secondsFromEnvironment() {
   return seconds > 0 ? std::optional(seconds) : std::nullopt;
 }
 
-IdleExit::IdleExit(XPCListener& listener, double seconds)
-    : _state(std::make_shared<State>(listener, seconds)) {
-  _state->lookAgain(seconds, &State::leaveIfIdle);
+IdleExit::IdleExit(XPCListener& listener, std::optional<double> seconds)
+    : _state(std::make_shared<State>(listener, seconds.value_or(0))) {
+  if (seconds) _state->lookAgain(*seconds, &State::leaveIfIdle);
+}
+
+void IdleExit::leaveNow() {
+  _state->leaveNow();
 }
 
 IdleExit::~IdleExit() {

@@ -13,7 +13,10 @@ namespace tallow {
 // called, and no call is lost in between: the name is given up first, what still came in is
 // answered, and only then does the main run loop stop, with kLeft.
 //
-// Owned by the host; main run loop only. Off unless asked for.
+// Whoever asks the process to end (SIGTERM) has it leave in the same way, busy or not; what has not
+// been answered after kPatienceSeconds is not waited for.
+//
+// Owned by the host; main run loop only. Leaving when idle is off unless asked for.
 class IdleExit {
  public:
   static constexpr const char* kClassName = "IdleExit";
@@ -21,15 +24,19 @@ class IdleExit {
   static constexpr const char* kVariable = "TALLOW_IDLE_EXIT";
   // What the main run loop is stopped with.
   static constexpr int kLeft = 64;
+  static constexpr double kPatienceSeconds = 20;
 
   // The variable's value; nothing when it is off, and, logged, when it is no number.
   static std::optional<double> secondsFromEnvironment();
 
-  // The listener must have been resumed, and outlives this object.
-  IdleExit(XPCListener& listener, double seconds);
+  // The listener must have been resumed, and outlives this object. Without `seconds` it leaves only
+  // when it is told to.
+  IdleExit(XPCListener& listener, std::optional<double> seconds);
   ~IdleExit();
   IdleExit(const IdleExit&) = delete;
   IdleExit& operator=(const IdleExit&) = delete;
+
+  void leaveNow();
 
  private:
   struct State;

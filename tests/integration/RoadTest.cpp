@@ -47,7 +47,8 @@ class BagUpdates {
 TEST(Road, BagCookiesAndStorefrontSurviveAKill) {
   RunningService service;
   ASSERT_FALSE(service.store().stage(
-      R"({"ping": {"storefront": "143441-1,29", "setCookie": "ping=1; Path=/; Max-Age=9999"}})"));
+      R"({"ping": {"storefront": "143441-1,29", "setCookie": "ping=1; Path=/; Max-Age=9999",
+          "maxAge": 3600}})"));
   EXPECT_EQ(buyURL(service), service.storeURL("https", "/store/buyProduct"));
   ASSERT_TRUE(service.store().waitForRequests("/ping", 1));
 
@@ -70,6 +71,24 @@ TEST(Road, BagCookiesAndStorefrontSurviveAKill) {
   for (const char* each : {"a=1", "b=2", "ping=1"})
     EXPECT_NE(cookies.string()->find(each), std::string::npos) << each;
   EXPECT_EQ(service.store().requests("/bag").size(), loads) << "no network";
+}
+
+TEST(Road, ACallUnderWayIsAnsweredBeforeAStoppedServiceLeaves) {
+  RunningService service;
+  ASSERT_FALSE(service.store().stage(R"({"bag": {"hang": true}})"));
+  const auto other = RunningService::connect();
+  std::optional<bool> isValid;
+  std::thread caller([&] {
+    if (const auto loaded = other->loadURLBagWithType(1)) isValid = loaded->valid;
+  });
+  ASSERT_TRUE(service.store().waitForRequests("/bag", 1));
+  const pid_t stopped = service.pid();
+  ::kill(stopped, SIGTERM);
+  while (service.pid() == stopped) std::this_thread::yield();
+  ASSERT_FALSE(service.store().stage(R"({"reset": true})"));
+  caller.join();
+  EXPECT_EQ(isValid, true);
+  EXPECT_EQ(buyURL(service), service.storeURL("https", "/store/buyProduct")) << "started again";
 }
 
 TEST(Road, ObserversHearOfUpdatesAndFailures) {

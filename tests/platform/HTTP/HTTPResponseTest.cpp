@@ -84,14 +84,12 @@ TEST(HTTPResponseTest, MalformedDirectivesDoNotCount) {
   EXPECT_EQ(maxAge("community=\"a, max-age=10, \\\", max-age=11\", max-age=12"), 12);
 }
 
-TEST(HTTPResponseTest, NoStoreIsStricterThanAnyMaxAge) {
-  EXPECT_EQ(maxAge("no-store"), 0);
-  EXPECT_EQ(maxAge("No-Cache"), 0);
-  EXPECT_EQ(maxAge("max-age=60, no-store"), 0);
-  EXPECT_EQ(maxAge("no-cache, max-age=60"), 0);
-  // Of single fields only.
+// What bags and pings go by is how long an answer says that it holds, not whether it may be stored.
+TEST(HTTPResponseTest, OtherDirectivesLeaveTheMaxAgeAsStated) {
+  EXPECT_EQ(maxAge("no-store"), std::nullopt);
+  EXPECT_EQ(maxAge("max-age=60, no-store"), 60);
+  EXPECT_EQ(maxAge("no-cache, max-age=60"), 60);
   EXPECT_EQ(maxAge("no-cache=\"Set-Cookie, Via\", max-age=60"), 60);
-  EXPECT_EQ(maxAge("no-storeroom, max-age=60"), 60);
 }
 
 }  // namespace
