@@ -20,6 +20,15 @@ die() {
   exit 1
 }
 
+# The clone may be another user's than the one who tests it.
+export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0="$root"
+
+# Dies unless git knows the repository's files: a check that looks at none of them would pass.
+need_tracked_files() {
+  git ls-files --error-unmatch -- README.md >/dev/null 2>&1 ||
+    die "needs git, and a clone of the repository: it looks at the files that git knows"
+}
+
 # install_packages PURPOSE...: installs what scripts/packages lists for these purposes and is missing.
 # Asks apt for nothing, not even for its lists, when everything is there.
 install_packages() {

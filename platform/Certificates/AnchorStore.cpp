@@ -29,27 +29,29 @@ using DirectoryPointer = std::unique_ptr<DIR, int (*)(DIR*)>;
 using BIOPointer = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using X509Pointer = std::unique_ptr<X509, decltype(&X509_free)>;
 
-// Adds every certificate of a PEM text to `store`. False when something in it does not decode.
+// Adds every certificate of a PEM text to `store`. False, and none, when something in it does not
+// decode.
 bool addCertificates(const Data& pem, X509_STORE& store, std::size_t& count) {
   const BIOPointer bio(BIO_new_mem_buf(pem.bytes(), static_cast<int>(pem.length())), &BIO_free);
   if (!bio) return false;
-  std::size_t found = 0;
-  for (;;) {
+  std::vector<X509Pointer> found;
+  for (bool hasEnded = false; !hasEnded;) {
     X509* certificate =
         X509_new_ex(static_cast<OSSL_LIB_CTX*>(certificateCryptoContext()), nullptr);
     if (certificate == nullptr) return false;
     // The reader leaves the empty certificate alone when the text has ended, and frees and clears
     // it when the text is damaged.
     const bool read = PEM_read_bio_X509(bio.get(), &certificate, nullptr, nullptr) != nullptr;
-    const X509Pointer owned(certificate, &X509_free);
-    if (!read) {
-      const bool end = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
-      return end && found > 0;
-    }
-    if (X509_STORE_add_cert(&store, owned.get()) != 1) return false;
-    ++found;
+    X509Pointer owned(certificate, &X509_free);
+    if (!read && ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) return false;
+    hasEnded = !read;
+    if (read) found.push_back(std::move(owned));
+  }
+  for (const X509Pointer& each : found) {
+    if (X509_STORE_add_cert(&store, each.get()) != 1) return false;
     ++count;
   }
+  return !found.empty();
 }
 
 }  // namespace

@@ -132,6 +132,10 @@ std::string problemOfCertificate(X509* certificate, bool isLeaf) {
   const bool statesUsage = (flags & EXFLAG_KUSAGE) != 0;
   const bool signs = (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) != 0;
   if (statesUsage ? !signs : issues) return "its key is not meant for signing documents";
+  // RFC 5280 section 4.2.1.12: whoever states purposes may be used for those only.
+  if ((flags & EXFLAG_XKUSAGE) != 0 &&
+      (X509_get_extended_key_usage(certificate) & (XKU_CODE_SIGN | XKU_ANYEKU)) == 0)
+    return "its purposes do not include signing";
   return "";
 }
 

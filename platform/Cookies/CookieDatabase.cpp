@@ -148,7 +148,8 @@ std::optional<Error> CookieDatabase::Connection::connect(const std::string& name
   sqlite3_busy_timeout(opened, kBusyMilliseconds);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(opened, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  if (auto problem = execute("PRAGMA cache_size = -64; PRAGMA cell_size_check = ON"))
+  if (auto problem = execute(
+          "PRAGMA cache_size = -64; PRAGMA cell_size_check = ON; PRAGMA secure_delete = ON"))
     return problem;
   return readFormat();
 }

@@ -47,7 +47,9 @@ class Preferences {
 
   // Read-modify-write of the current user's values of one domain (any host) as one transaction that
   // excludes every other writer, in other processes too. `change` reads and sets through `Editor`;
-  // it must not call back into Preferences. True when the change is on disk.
+  // it must not call back into Preferences. True when the change is on disk; else nothing has been
+  // changed, and whoever wants it changed has to ask again: what was computed from one state must
+  // not replace what others have written since.
   class Editor {
    public:
     virtual ~Editor() = default;

@@ -281,6 +281,16 @@ void PreferencesFile::Database::leaveLogAlone() const {
   sqlite3_db_config(connection.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }
 
+namespace {
+
+bool hasLog(const std::filesystem::path& path) {
+  std::error_code error;
+  const auto bytes = std::filesystem::file_size(path.native() + "-wal", error);
+  return !error && bytes > 0;
+}
+
+}  // namespace
+
 PreferencesFile::PreferencesFile(std::unique_ptr<Database> database)
     : _database(std::move(database)) {}
 
@@ -299,8 +309,9 @@ Result<std::unique_ptr<PreferencesFile>> PreferencesFile::openLocked(
   std::optional<Error> error = database->connect(path, path.c_str(), SQLITE_OPEN_READWRITE);
   if (!error) error = database->prepareFormat();
   if (error) database->leaveLogAlone();
-  if (error && isFailure(*error, Failure::Refused)) {
-    // The log cannot be used. What the file itself holds can perhaps still be read.
+  if (error && isFailure(*error, Failure::Refused) && !hasLog(path)) {
+    // No log can be made. What the file itself holds can still be read; with a log that cannot be
+    // used, that would be an older state, or half of two.
     auto immutable = std::make_unique<Database>();
     if (!immutable->connect(path, immutableName(path).c_str(),
                             SQLITE_OPEN_READONLY | SQLITE_OPEN_URI) &&

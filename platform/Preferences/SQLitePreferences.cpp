@@ -49,14 +49,21 @@ class SQLitePreferences::UpdateEditor final : public Editor {
   Value value(std::string_view key) override {
     const Place place = placeFor(key);
     const auto changed = changes.find(place);
-    return changed != changes.end() ? changed->second.value : _preferences.read(place);
+    if (changed != changes.end()) return changed->second.value;
+    const Result<Value> stored = _preferences.tryToRead(place);
+    hasFailed = hasFailed || !stored;
+    return stored ? *stored : Value();
   }
   void setValue(std::string_view key, const Value& value) override {
     const Place place = placeFor(key);
-    if (auto change = changeFor(place, value)) changes.insert_or_assign(place, *std::move(change));
+    auto change = changeFor(place, value);
+    hasFailed = hasFailed || !change;
+    if (change) changes.insert_or_assign(place, *std::move(change));
   }
 
   Changes changes;
+  // Something could not be read, or is too large to be written: what was computed is worth nothing.
+  bool hasFailed = false;
 
  private:
   Place placeFor(std::string_view key) const {
@@ -157,17 +164,22 @@ bool SQLitePreferences::synchronize(std::string_view, User, Host) {
 bool SQLitePreferences::update(std::string_view domain,
                                const std::function<void(Editor&)>& change) {
   const std::lock_guard lock(_mutex);
-  // Where the file cannot be locked, the change is made in memory.
-  const bool isLocked = beginWriting();
+  if (!beginWriting()) return false;
   UpdateEditor editor(*this, domain);
   change(editor);
-  for (auto& [place, changed] : editor.changes) {
-    _pending.insert_or_assign(place, std::move(changed));
+  const Changes before = _pending;
+  if (editor.hasFailed) {
+    if (_isWriting) _file->rollback();
+    _isWriting = false;
+    return false;
   }
-  if (!isLocked) return false;
+  for (const auto& [place, changed] : editor.changes) _pending.insert_or_assign(place, changed);
   // A damaged file that was found while reading has ended the transaction.
-  if (!_isWriting) return writePending();
-  return commitPending() || (!_file && writePending());
+  const bool isWritten =
+      _isWriting ? commitPending() || (!_file && writePending()) : writePending();
+  // What was computed from one state of the file is not written over a later one.
+  if (!isWritten) _pending = before;
+  return isWritten;
 }
 
 std::size_t SQLitePreferences::pendingChanges() const {
@@ -239,15 +251,19 @@ void SQLitePreferences::close() {
   clearCache();
 }
 
-// A value that is pending here is newer than what is stored. Any failure is logged, and nil.
 Value SQLitePreferences::read(const Place& place) {
+  const Result<Value> stored = tryToRead(place);
+  return stored ? *stored : Value();
+}
+
+// A value that is pending here is newer than what is stored.
+Result<Value> SQLitePreferences::tryToRead(const Place& place) {
   if (const auto pending = _pending.find(place); pending != _pending.end()) {
     return pending->second.value;
   }
-  if (!ensureOpen(false)) return {};
+  if (!ensureOpen(false)) return Value();
   const Result<Value> stored = readFromFile(place);
-  if (stored) return *stored;
-  static_cast<void>(recoverFrom(stored.error(), "read"));
+  if (stored || !recoverFrom(stored.error(), "read")) return stored;
   // What the damaged file is known to have held is pending now.
   const auto kept = _pending.find(place);
   return kept != _pending.end() ? kept->second.value : Value();
@@ -338,6 +354,8 @@ bool SQLitePreferences::recoverFrom(const Error& error, const char* action) {
   logLevel(1, "%@: cannot %s %@: %@", kClassName, action, path.native(),
            error.localizedDescription());
   if (error.code != static_cast<std::int64_t>(PreferencesFile::Failure::Corrupt)) return false;
+  // What is read without its log may only look damaged.
+  if (_file && !_file->isWritable()) return false;
   // What this process knows goes into the new file.
   for (const auto& [place, value] : _cache) {
     if (value.isNil() || _pending.contains(place)) continue;

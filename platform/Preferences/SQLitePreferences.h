@@ -68,7 +68,9 @@ class SQLitePreferences final : public Preferences {
   bool fileExists() const;
   bool open();
   void close();
+  // Any failure is logged, and nil.
   Value read(const Place& place);
+  Result<Value> tryToRead(const Place& place);
   Result<Value> readFromFile(const Place& place);
   std::optional<Error> dropCacheIfOthersWrote();
   void remember(const Place& place, const Value& value, std::size_t bytes);

@@ -171,8 +171,10 @@ void addProcess(Builder& builder) {
     builder.add(kAllow, "clone", {masked(0, CLONE_THREAD | kNamespaceFlags, CLONE_THREAD)});
     builder.add(kRefuse, "clone", {masked(0, CLONE_THREAD, 0)});
   }
-  builder.add(kAllow, "kill", {equals(0, SystemCallFilter::kSelf)});
-  builder.add(kRefuse, "kill", {differs(0, SystemCallFilter::kSelf)});
+  for (const char* name : {"kill", "tgkill"}) {
+    builder.add(kAllow, name, {equals(0, SystemCallFilter::kSelf)});
+    builder.add(kRefuse, name, {differs(0, SystemCallFilter::kSelf)});
+  }
   builder.add(kAllow, "prlimit64", {equals(0, 0)});
   builder.add(kRefuse, "prlimit64", {differs(0, 0)});
 }

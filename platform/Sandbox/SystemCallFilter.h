@@ -15,7 +15,8 @@ namespace tallow {
 // fails with ENOSYS. Error domain "Sandbox", code = errno.
 //
 // Calls whose arguments decide are always there and always checked: clone (threads only), socket
-// and socketpair, mmap and mprotect (never writable and executable), ioctl, kill, prlimit64.
+// and socketpair, mmap and mprotect (never writable and executable at once, nor made executable
+// later), ioctl, kill and tgkill, prlimit64.
 class SystemCallFilter {
  public:
   struct Rules {

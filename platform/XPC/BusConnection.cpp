@@ -28,7 +28,9 @@ Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
 }
 
 BusConnection::BusConnection(std::unique_ptr<sdbus::IConnection> connection)
-    : _connection(std::move(connection)), _wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    : _connection(std::move(connection)), _wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (_wakeUp < 0) throw sdbus::createError(errno, "cannot make an event file");
+}
 
 BusConnection::~BusConnection() {
   stop();
@@ -79,7 +81,9 @@ void BusConnection::_read(const std::function<void()>& disconnected) {
 }
 
 void BusConnection::readArrived() {
-  while (bus::processOne(*_connection)) continue;
+  // Not without an end: who calls again and again would keep the service from stopping.
+  constexpr int kMostMessages = 4096;
+  for (int i = 0; i < kMostMessages && bus::processOne(*_connection); ++i) continue;
 }
 
 void BusConnection::_readUntilIdle() {

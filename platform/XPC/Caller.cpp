@@ -94,11 +94,11 @@ std::shared_ptr<HSAccountStoreObserver> Caller::takeAccountObserverAt(const std:
 }
 
 bool Caller::setDialogAgentAt(const std::string& path) {
-  removeDialogAgent();
   const auto& client = _connection.storeClient;
   auto agent = std::make_shared<RemoteDialogAgent>(_uniqueName, path,
                                                    client ? client->identifier.value_or("") : "");
   if (!HSDialogCenter::shared().addAgent(agent)) return false;
+  removeDialogAgent();
   _dialogAgent = std::move(agent);
   return true;
 }

@@ -60,9 +60,13 @@ Caller* CallerTable::_addCaller(const std::string& sender) {
 }
 
 void CallerTable::_makeSureThatItReads(Caller& caller) {
-  if (caller.counts()->answeredBytes.load(std::memory_order_relaxed) < kAnsweredBytesBeforeAsking ||
-      !_unreadAnswers.canAsk())
+  if (caller.counts()->answeredBytes.load(std::memory_order_relaxed) < kAnsweredBytesBeforeAsking)
     return;
+  // Where nobody can tell what is unread, a caller that goes on calling is taken to have read.
+  if (!_unreadAnswers.canAsk()) {
+    caller.counts()->answeredBytes = 0;
+    return;
+  }
   caller.suspend();
   _unreadAnswers.ask(caller.uniqueName(),
                      [this, uniqueName = caller.uniqueName()](std::optional<std::uint64_t> unread) {
@@ -96,7 +100,13 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
     _callerHasLeft(uniqueName);
     return;
   }
-  if (!_count(found->second, *outcome.uid)) {
+  if (!outcome.descriptor && outcome.process.isUnseen) {
+    // A passing failure. Not kept either.
+    --_unknownCallers;
+    _callers.erase(found);
+    logLevel(2, "%@: refusing a call of %@: %@", kClassName, uniqueName, outcome.refusal);
+    caller->refuse({kLimitsExceeded, std::move(outcome.refusal)});
+  } else if (!_count(found->second, *outcome.uid)) {
     // Not kept: its next call is looked at afresh.
     _callers.erase(found);
     caller->refuse({kLimitsExceeded, "This user has too many connections to the service."});

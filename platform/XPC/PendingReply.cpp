@@ -18,6 +18,10 @@ bool PendingReplyBase::claim() {
   return true;
 }
 
+void PendingReplyBase::logDrop() {
+  logLevel(2, "PendingReply: a call is not answered, since its caller does not read its answers");
+}
+
 void PendingReplyBase::logFailure(const sdbus::Error& error) {
   logLevel(2, "PendingReply: cannot answer a call: %@", error.getMessage());
 }

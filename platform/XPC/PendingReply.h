@@ -53,6 +53,7 @@ class PendingReplyBase {
   bool claim();
   CallCounts& counts() const { return *_counts; }
   static void logFailure(const sdbus::Error& error);
+  static void logDrop();
 
  private:
   std::shared_ptr<BusConnection> _connection;  // outlives the message in the derived class
@@ -75,7 +76,11 @@ class PendingReply final : public PendingReplyBase {
   }
 
   void answer(const Results&... results) {
-    if (!claim() || !counts().mayBeAnswered()) return;
+    if (!claim()) return;
+    if (!counts().mayBeAnswered()) {
+      logDrop();
+      return;
+    }
     try {
       wire::takeWrittenBytes();
       _result.returnResults(results...);
@@ -93,7 +98,10 @@ class PendingReply final : public PendingReplyBase {
 
  private:
   void _return(const sdbus::Error& error) {
-    if (!counts().mayBeAnswered()) return;
+    if (!counts().mayBeAnswered()) {
+      logDrop();
+      return;
+    }
     counts().addAnswer(0);
     try {
       _result.returnError(error);

@@ -20,6 +20,7 @@ struct ProcessIdentity {
   std::string userUnit;    // "x.service" of the user's manager
   std::string flatpak;     // application id
   std::string doubt;
+  bool isUnseen = false;  // it could not be looked at just now; the next time may be better
 
   // Asks the kernel about `pid`. `pidfd` refers to the process when the bus daemon has passed one,
   // else it is negative. May be slow (network file systems); any thread.

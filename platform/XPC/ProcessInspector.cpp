@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -110,13 +111,18 @@ void answer(const Question& question) {
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   static std::atomic<int> running{0};
   for (Question question; receive(socket, question); question = {}) {
-    if (running.fetch_add(1) < kMaxQuestionsAtOnce) {
+    // A question that cannot be taken now has its socket closed unanswered.
+    if (running.fetch_add(1) >= kMaxQuestionsAtOnce) {
+      running.fetch_sub(1);
+      continue;
+    }
+    try {
       std::thread([asked = std::move(question)] {
         answer(asked);
         running.fetch_sub(1);
       }).detach();
-    } else {
-      running.fetch_sub(1);  // its socket is closed unanswered
+    } catch (const std::system_error&) {  // the system has no thread left
+      running.fetch_sub(1);
     }
   }
   _exit(0);
@@ -132,6 +138,7 @@ class HelpedProcessInspector final : public ProcessInspector {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
       process.doubt = "no files are left to look at it";
+      process.isUnseen = true;
       return process;
     }
     const FileDescriptor here(ends[0]);
@@ -148,6 +155,7 @@ class HelpedProcessInspector final : public ProcessInspector {
       process = {};
       process.pid = pid;
       process.doubt = "it could not be looked at";
+      process.isUnseen = true;
     }
     return process;
   }

@@ -7,6 +7,17 @@
 
 namespace tallow {
 
+namespace {
+
+// Whether the bus daemon will never say.
+bool isRefusal(const std::string& errorName) {
+  for (const char* refusal : {"UnknownMethod", "UnknownInterface", "UnknownObject", "AccessDenied"})
+    if (errorName == std::string("org.freedesktop.DBus.Error.") + refusal) return true;
+  return false;
+}
+
+}  // namespace
+
 UnreadAnswers::UnreadAnswers(sdbus::IConnection& connection)
     : _busDaemon(bus::makeProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")) {}
 
@@ -24,8 +35,8 @@ void UnreadAnswers::ask(const std::string& uniqueName,
               done(bytes->second.get<std::uint32_t>());
               return;
             }
-            // A caller that has left is no reason to give up.
-            if (!error || bus::errorName(*error) != "org.freedesktop.DBus.Error.NameHasNoOwner") {
+            // A caller that has left, or a bus that was busy, is no reason to give up.
+            if (!error || isRefusal(bus::errorName(*error))) {
               *canAsk = false;
               logLevel(3, "UnreadAnswers: the bus does not say what its clients have not read");
             }
