@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "bench/AccountFigures.h"
 #include "bench/BenchBus.h"
 #include "bench/IdentityFigures.h"
 #include "bench/PushFigures.h"
@@ -113,6 +114,7 @@ int main() {
   measureHeaders(bus);
   measureIdentityHeaders(bus);
   measurePushes(bus);
+  measureAccountQuery(bus);
   measureManyClients();
   measurePasswordSettings();
   measureColdStart(bus);
