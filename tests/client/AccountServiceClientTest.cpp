@@ -128,6 +128,55 @@ TEST_F(AccountServiceClientTest, CarriesItsIdentityAndObserverOverToAnotherServi
   EXPECT_FALSE(client.observeURLBag({}));
 }
 
+TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
+  constexpr std::uint64_t kLargest = 18446744073709551615u;
+  std::mutex lock;
+  std::condition_variable changed;
+  std::deque<std::optional<Dictionary>> told;
+  const auto next = [&] {
+    std::unique_lock waiting(lock);
+    changed.wait(waiting, [&] { return !told.empty(); });
+    auto first = told.front();
+    told.pop_front();
+    return first;
+  };
+  EXPECT_EQ(*client.primaryAccount(), std::nullopt);
+  ASSERT_FALSE(client.observeAccounts([&](const std::optional<Dictionary>& account) {
+    const std::lock_guard guard(lock);
+    told.push_back(account);
+    changed.notify_all();
+  }));
+  const Dictionary answer{{"dsPersonId", kLargest}, {"identifier", "\u00e9"}, {"token", "t"}};
+  const auto added = client.addAccountWithAuthenticationResponse(answer, true);
+  ASSERT_TRUE(added && *added);
+  EXPECT_EQ((**added)["dsid"], Value(kLargest));
+  EXPECT_FALSE((*added)->contains("token"));
+  EXPECT_EQ(*client.accountWithDSID(kLargest), **added);
+  EXPECT_EQ(*client.accountWithDSID(kLargest - 1), std::nullopt);
+  EXPECT_EQ(*client.strongToken(), "t");
+  service(0)->accountObservers.at(0)->primaryAccountDidChange(service(0)->account);
+  EXPECT_EQ(next(), **added);
+  service(0)->accountObservers.at(0)->primaryAccountDidChange(nullptr);
+  EXPECT_EQ(next(), std::nullopt);
+
+  const auto refused = [](const std::optional<Error>& error) {
+    return error && error->code == AccountServiceClient::kInvalidArgument;
+  };
+  for (const Dictionary& nobodys :
+       {Dictionary(), Dictionary{{"dsid", 0}}, Dictionary{{"dsid", "x"}}}) {
+    EXPECT_TRUE(refused(client.addAccount(nobodys)));
+    EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(nobodys, true).error()));
+  }
+  EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(1 << 20, 'n')}}));
+  EXPECT_EQ(service(0)->account->identifier()->size(), 1u << 20);
+
+  restartService();
+  service(1)->waitForCalls(1);
+  EXPECT_THAT(service(1)->calls(), ElementsAre("addAccountStoreObserver")) << "though nobody calls";
+  EXPECT_FALSE(client.observeAccounts({}));
+  EXPECT_TRUE(service(1)->accountObservers.empty());
+}
+
 TEST_F(AccountServiceClientTest, FindsABusThatCameBack) {
   EXPECT_TRUE(*client.isValid());
   bus.stop();
