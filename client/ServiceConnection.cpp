@@ -43,7 +43,9 @@ void ServiceConnection::_exchange(Observer& kept, Observer observer, Remove remo
     _session.reset();
     throw;
   }
-  if (kept && !_keeper.joinable()) _keeper = std::thread([this] { _keepObserving(); });
+  // It is told which service knows the observer already: another may be there before it looks.
+  if (kept && !_keeper.joinable())
+    _keeper = std::thread([this, known = _session->uniqueName()] { _keepObserving(known); });
 }
 
 void ServiceConnection::observe(AccountServiceClient::BagObserver observer) {
@@ -101,16 +103,15 @@ void ServiceConnection::_ownerHasChanged(const std::string& owner) {
   _ownerChanged.notify_all();
 }
 
-void ServiceConnection::_keepObserving() {
+void ServiceConnection::_keepObserving(std::string known) {
   std::unique_lock lock(_ownerMutex);
-  std::optional<std::string> seen = _owner;
   while (!_isEnding) {
-    if (_owner == seen) {
+    if (!_owner || *_owner == known) {
       _ownerChanged.wait(lock);
       continue;
     }
-    seen = _owner;
-    if (!_owner || _owner->empty()) continue;
+    known = *_owner;
+    if (known.empty()) continue;
     lock.unlock();
     try {
       session();

@@ -56,7 +56,7 @@ class ServiceConnection {
   // that the one before is no more, and with `add` of the new one.
   template <class Observer, class Remove, class Add>
   void _exchange(Observer& kept, Observer observer, Remove remove, Add add);
-  void _keepObserving();
+  void _keepObserving(std::string known);
 
   const AccountServiceClient::Instance _instance;
   const std::string _serviceName;
