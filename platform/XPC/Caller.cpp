@@ -9,7 +9,9 @@ Caller::Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName
 
 bool Caller::canWaitFor(std::size_t bytes) const {
   return _counts->waiting.load(std::memory_order_relaxed) < kMaxWaitingCalls &&
-         _counts->waitingBytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes;
+         _counts->waitingBytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes &&
+         CallCounts::totalWaitingBytes.load(std::memory_order_relaxed) + bytes <=
+             CallCounts::kMaxTotalWaitingBytes;
 }
 
 void Caller::accept(XPCConnection connection, std::shared_ptr<HSAccountService> service) {

@@ -21,7 +21,7 @@ namespace tallow {
 class Caller {
  public:
   // More calls than this wait for an answer at a time, and the next is refused; the same for the
-  // memory of their arguments.
+  // memory of their arguments, which all callers together may not let grow beyond a bound either.
   static constexpr std::uint32_t kMaxWaitingCalls = 256;
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{32} << 20;
   static constexpr std::size_t kMaxObservers = 64;

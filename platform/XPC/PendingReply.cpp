@@ -9,12 +9,14 @@ PendingReplyBase::PendingReplyBase(std::shared_ptr<BusConnection> connection,
     : _connection(std::move(connection)), _counts(std::move(counts)), _bytes(bytes) {
   _counts->waiting.fetch_add(1, std::memory_order_relaxed);
   _counts->waitingBytes.fetch_add(_bytes, std::memory_order_relaxed);
+  CallCounts::totalWaitingBytes.fetch_add(_bytes, std::memory_order_relaxed);
 }
 
 bool PendingReplyBase::claim() {
   if (_claimed.exchange(true, std::memory_order_relaxed)) return false;
   _counts->waiting.fetch_sub(1, std::memory_order_relaxed);
   _counts->waitingBytes.fetch_sub(_bytes, std::memory_order_relaxed);
+  CallCounts::totalWaitingBytes.fetch_sub(_bytes, std::memory_order_relaxed);
   return true;
 }
 

@@ -16,6 +16,10 @@ namespace tallow {
 // What the calls of one caller make the service and the bus hold. Shared by the caller and its
 // calls, which may be answered when the caller has long left. Any thread.
 struct CallCounts {
+  // Of all callers together.
+  static inline std::atomic<std::size_t> totalWaitingBytes{0};
+  static constexpr std::size_t kMaxTotalWaitingBytes = std::size_t{256} << 20;
+
   std::atomic<std::uint32_t> waiting{0};
   std::atomic<std::size_t> waitingBytes{0};
   // Of answers since it was last made sure that the caller reads them.
