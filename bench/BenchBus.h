@@ -76,6 +76,18 @@ class Bus {
     return count;
   }
 
+  // Reads the password settings; false when the answer holds none.
+  bool getsPasswordSettings() {
+    sd_bus_message* reply = nullptr;
+    if (sd_bus_call_method(_bus.get(), kService, kPath, kInterface, "getPasswordSettings", nullptr,
+                           &reply, "") < 0)
+      fail("getPasswordSettings", "no answer");
+    const bool hasSettings = sd_bus_message_enter_container(reply, 'a', "a{sv}") >= 0 &&
+                             sd_bus_message_at_end(reply, 0) == 0;
+    sd_bus_message_unref(reply);
+    return hasSettings;
+  }
+
   // The process behind a name; 0 when nobody has it.
   pid_t ownerOf(const char* name) {
     sd_bus_message* reply = nullptr;

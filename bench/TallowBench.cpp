@@ -7,11 +7,10 @@
 #include "bench/AccountFigures.h"
 #include "bench/BenchBus.h"
 #include "bench/IdentityFigures.h"
+#include "bench/PasswordSettingsFigures.h"
 #include "bench/PushFigures.h"
 
 namespace tallow::bench {
-
-#include "bench/BenchPasswordSettings.h"
 
 namespace {
 
@@ -116,7 +115,7 @@ int main() {
   measurePushes(bus);
   measureAccountQuery(bus);
   measureManyClients();
-  measurePasswordSettings();
+  measurePasswordSettings(bus);
   measureColdStart(bus);
   measureMemory(bus);
 }
