@@ -72,7 +72,6 @@ class PushServiceStoreDispatch final
   // Whether exactly these media kinds are known to be enabled for the account.
   void isRegisteredForAccount(std::optional<std::uint64_t> dsID, std::int64_t andMask,
                               Reply<bool, std::optional<Error>, bool> reply) override;
-  // PushServiceStoreMessages.cpp says what is done with which.
   void handlePushNotificationMessage(const Dictionary& message) override;
   // The same if it means no waiting for anybody; else false, and nothing has happened.
   bool handlePushNotificationMessageIfIdle(const Dictionary& message);
