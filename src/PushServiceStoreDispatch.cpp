@@ -179,6 +179,7 @@ void PushServiceStoreDispatch::registerDeviceTokenForEnvironmentNamed(
 
 void PushServiceStoreDispatch::enableAutoDownloadForEnvironmentNamed(
     std::optional<std::string> environmentName, BoolReply reply) {
+  systemLog("%s", "-[PushServiceStoreDispatch enableAutoDownloadForEnvironmentNamed:withReply:]");
   registerToken(
       RegisterPushNotificationOperation::kEnableAutoDownloads, environmentName, reply,
       [self = shared_from_this(), reply](bool success, const std::optional<Error>& error) {

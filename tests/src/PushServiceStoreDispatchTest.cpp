@@ -92,6 +92,8 @@ TEST_F(PushServiceStoreDispatchTest, WithoutATokenNothingIsSent) {
   dispatch()->enableAutoDownloadForEnvironmentNamed("x", nullptr);  // which is checked here
   EXPECT_TRUE(posted(kRegister).empty());
   EXPECT_EQ(systemLines[0],
+            "-[PushServiceStoreDispatch enableAutoDownloadForEnvironmentNamed:withReply:]");
+  EXPECT_EQ(systemLines[1],
             "-[PushServiceStoreDispatch registerDeviceTokenForEnvironmentNamed:withReply:]");
 }
 

@@ -56,7 +56,7 @@ TEST_F(MKMachineTest, TheRecoveryPartitionIsToldByTheKernelOrItsName) {
 }
 
 TEST_F(MKMachineTest, TheROMAddressIsTwelveDigitsOrNone) {
-  const std::optional<std::string> address = MKROMAddress();
+  const std::optional<std::string> address = machine->romAddress();
   if (!address) return;  // a machine without hardware of its own
   EXPECT_EQ(address->size(), 12u);
   EXPECT_EQ(address->find_first_not_of("0123456789ABCDEF"), std::string::npos);
