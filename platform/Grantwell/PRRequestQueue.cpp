@@ -3,7 +3,9 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PeerBacklog.h"
 #include "platform/XPC/PeerConnection.h"
 
 namespace tallow {
@@ -19,19 +21,28 @@ class BusRequestQueue final : public PRRequestQueue {
   explicit BusRequestQueue(std::string identifier) : _identifier(std::move(identifier)) {}
 
   void _didReceiveStorePushNotificationWithPayload(const Dictionary& payload) override {
-    WireDictionary wirePayload;
-    wirePayload.value = payload;
-    PeerConnection::call<>(
-        kPeer, "_didReceiveStorePushNotificationWithPayload", PeerConnection::kUsualPatience,
-        std::function<void(std::optional<Error>)>([identifier = _identifier](
-                                                      const std::optional<Error>& error) {
-          if (error)
-            logLevel(1, "%@: %@ has not taken a store push: %@", kClassName, identifier, *error);
-        }),
-        _identifier, std::move(wirePayload));
+    static PeerBacklog& backlog = *new PeerBacklog(kPeer.what);
+    backlog.add([identifier = _identifier,
+                 payload](PeerBacklog::Answered answered) { hand(identifier, payload, answered); },
+                PropertyList::encode(payload, PropertyList::Format::Binary).length());
   }
 
  private:
+  static void hand(const std::string& identifier, const Dictionary& payload,
+                   const PeerBacklog::Answered& answered) {
+    WireDictionary wirePayload;
+    wirePayload.value = payload;
+    std::function<void(std::optional<Error>)> done = [identifier,
+                                                      answered](const std::optional<Error>& error) {
+      if (error)
+        logLevel(1, "%@: %@ has not taken a store push: %@", kClassName, identifier, *error);
+      answered(error);
+    };
+    PeerConnection::call<>(kPeer, "_didReceiveStorePushNotificationWithPayload",
+                           PeerConnection::kUsualPatience, std::move(done), identifier,
+                           std::move(wirePayload));
+  }
+
   const std::string _identifier;
 };
 

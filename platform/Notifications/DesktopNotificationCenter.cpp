@@ -86,19 +86,27 @@ void DesktopNotificationCenter::deliverNotification(UserNotification notificatio
 }
 
 void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
+  if (_beingShown == kMaxShown)
+    return logLevel(1, "%@: too much is being shown already; not %@", kClassName, notification);
+  ++_beingShown;
+  const std::shared_ptr<void> turn(nullptr,
+                                   [self = shared_from_this()](void*) { --self->_beingShown; });
   _listen();
-  const std::function<void(std::optional<Error>, std::vector<std::string>)> asked =
-      onQueue([notification](DesktopNotificationCenter& self, const std::optional<Error>& error,
-                             const std::vector<std::string>& capabilities) {
+  const std::function<void(std::optional<Error>, std::vector<std::string>)> asked = onQueue(
+      [notification, turn](DesktopNotificationCenter& self, const std::optional<Error>& error,
+                           const std::vector<std::string>& capabilities) {
         if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
-        self._notify(notification, std::find(capabilities.begin(), capabilities.end(),
-                                             "body-markup") != capabilities.end());
+        self._notify(notification,
+                     std::find(capabilities.begin(), capabilities.end(), "body-markup") !=
+                         capabilities.end(),
+                     turn);
       });
   PeerConnection::call<std::vector<std::string>>(kPeer, "GetCapabilities",
                                                  PeerConnection::kUsualPatience, asked);
 }
 
-void DesktopNotificationCenter::_notify(const UserNotification& notification, bool bodyIsMarkup) {
+void DesktopNotificationCenter::_notify(const UserNotification& notification, bool bodyIsMarkup,
+                                        const std::shared_ptr<void>& turn) {
   const auto delegate = delegateFor(_identifier);
   const bool present =
       delegate && delegate->userNotificationCenterShouldPresentNotification(*this, notification);
@@ -108,8 +116,8 @@ void DesktopNotificationCenter::_notify(const UserNotification& notification, bo
       {"x-vantor-user-info", sdbus::Variant(JSON::encode(notification.userInfo))},
   };
   const std::function<void(std::optional<Error>, std::uint32_t)> shown =
-      onQueue([notification](DesktopNotificationCenter& self, const std::optional<Error>& error,
-                             std::uint32_t number) {
+      onQueue([notification, turn](DesktopNotificationCenter& self,
+                                   const std::optional<Error>& error, std::uint32_t number) {
         if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
         self._hasBeenShown(number, notification);
       });

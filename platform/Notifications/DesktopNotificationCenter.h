@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -33,7 +34,8 @@ class DesktopNotificationCenter final
                                                                 const UserNotification&);
 
   void _deliver(const UserNotification& notification);
-  void _notify(const UserNotification& notification, bool bodyIsMarkup);
+  void _notify(const UserNotification& notification, bool bodyIsMarkup,
+               const std::shared_ptr<void>& turn);
   void _hasBeenShown(std::uint32_t number, const UserNotification& notification);
   void _listen();
   void _addMatches(BusConnection& bus);
@@ -51,7 +53,8 @@ class DesktopNotificationCenter final
     UserNotification notification;
     std::shared_ptr<void> transaction;  // whoever answers is to find the process there
   };
-  std::map<std::uint32_t, Shown> _shown;  // on _queue
+  std::map<std::uint32_t, Shown> _shown;    // on _queue
+  std::atomic<std::size_t> _beingShown{0};  // asked for, and not yet answered
   // The bus that is listened to; kept, since the matches need it to the end.
   std::shared_ptr<BusConnection> _heard;  // on _queue
   std::vector<sdbus::Slot> _matches;      // reading thread of that bus

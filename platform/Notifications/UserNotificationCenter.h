@@ -35,7 +35,8 @@ class UserNotificationCenterDelegate {
 class UserNotificationCenter {
  public:
   enum Type : std::int64_t { kApplication = 1 };
-  // Notifications that are remembered until the person has done something; the oldest go.
+  // Notifications that are remembered until the person has done something; the oldest go. No more
+  // than that are being shown at a time; the next is logged, and dropped.
   static constexpr std::size_t kMaxShown = 64;
 
   // `identifier` is the application's, under which its desktop entry is found.

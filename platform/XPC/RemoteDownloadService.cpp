@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/VendBase/HSError.h"
+#include "platform/XPC/PeerBacklog.h"
 #include "platform/XPC/PeerConnection.h"
 
 namespace tallow {
@@ -16,9 +18,22 @@ RemoteDownloadService::RemoteDownloadService(std::shared_ptr<const HSStoreClient
     : _storeClient(std::move(storeClient)) {}
 
 void RemoteDownloadService::checkAutomaticDownloadQueue(Reply reply) {
+  static PeerBacklog& backlog = *new PeerBacklog(kPeer.what);
   const std::string client = _storeClient ? _storeClient->identifier.value_or("") : "";
-  PeerConnection::call<>(kPeer, "checkAutomaticDownloadQueue", PeerConnection::kUsualPatience,
-                         std::function<void(std::optional<Error>)>(std::move(reply)), client);
+  const bool isTaken = backlog.add(
+      [client, reply](PeerBacklog::Answered answered) {
+        PeerConnection::call<>(
+            kPeer, "checkAutomaticDownloadQueue", PeerConnection::kUsualPatience,
+            std::function<void(std::optional<Error>)>(
+                [reply, answered = std::move(answered)](const std::optional<Error>& error) {
+                  answered(error);
+                  if (reply) reply(error);
+                }),
+            client);
+      },
+      client.size());
+  if (!isTaken && reply)
+    reply(HSError(kHSErrorServiceUnavailable, std::nullopt, "The download service is busy"));
 }
 
 }  // namespace tallow

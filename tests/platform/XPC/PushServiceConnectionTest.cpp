@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
+#include <deque>
 #include <future>
 #include <thread>
 
+#include "platform/VendBase/HSError.h"
+#include "platform/XPC/PeerBacklog.h"
 #include "platform/XPC/PeerConnection.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/PrivateBus.h"
@@ -149,6 +153,42 @@ TEST_F(PushServiceConnectionTest, AnAbsentAgentInvalidatesAndOneThatLeavesInterr
   connect();
   EXPECT_EQ(invalidations, 3) << "without a bus at once";
   EXPECT_EQ(ask(), (Answer{false, std::nullopt}));
+}
+
+TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
+  const CapturedLog log;
+  PeerBacklog backlog("peer");
+  std::deque<PeerBacklog::Answered> unanswered;
+  std::vector<int> made;
+  const auto add = [&](int number, std::size_t bytes) {
+    return backlog.add(
+        [&, number](PeerBacklog::Answered answered) {
+          made.push_back(number);
+          unanswered.push_back(std::move(answered));
+        },
+        bytes);
+  };
+  constexpr int kCalls = 1000;
+  for (int i = 0; i < kCalls; ++i) EXPECT_TRUE(add(i, 1));
+  EXPECT_EQ(made.size(), PeerBacklog::kMaxUnanswered);
+  for (; !unanswered.empty(); unanswered.pop_front())
+    // Slow or refusing: the next one may fare better.
+    unanswered.front()(made.size() % 2 == 0 ? std::nullopt
+                                            : std::optional(makeError("com.example", 1, "no")));
+  EXPECT_EQ(made.size(), static_cast<std::size_t>(kCalls));
+  EXPECT_TRUE(std::is_sorted(made.begin(), made.end()));
+
+  for (std::size_t i = 0; i < PeerBacklog::kMaxUnanswered; ++i) EXPECT_TRUE(add(0, 0));
+  EXPECT_TRUE(add(1, PeerBacklog::kMaxWaitingBytes));
+  EXPECT_FALSE(add(2, 1));
+  EXPECT_TRUE(
+      log.contains(1, "PeerBacklog: The peer has too much to do already; a call is dropped"));
+  made.clear();
+  const Error gone = HSError(kHSErrorServiceUnavailable, std::nullopt, "gone");
+  for (; !unanswered.empty(); unanswered.pop_front()) unanswered.front()(gone);
+  EXPECT_TRUE(made.empty()) << "what waited has gone with it";
+  EXPECT_TRUE(add(3, 1));
+  EXPECT_EQ(made, std::vector<int>{3});
 }
 
 }  // namespace

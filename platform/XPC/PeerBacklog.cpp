@@ -1,0 +1,57 @@
+#include "platform/XPC/PeerBacklog.h"
+
+#include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PeerConnection.h"
+
+namespace tallow {
+
+namespace {
+constexpr const char* kClassName = "PeerBacklog";
+}  // namespace
+
+bool PeerBacklog::add(Call call, std::size_t bytes) {
+  {
+    const std::lock_guard lock(_lock);
+    if (_unanswered == kMaxUnanswered) {
+      if (_waiting.size() == kMaxWaiting || _waitingBytes + bytes > kMaxWaitingBytes) {
+        logLevel(1, "%@: The %s has too much to do already; a call is dropped", kClassName, _what);
+        return false;
+      }
+      _waiting.emplace_back(std::move(call), bytes);
+      _waitingBytes += bytes;
+      return true;
+    }
+    ++_unanswered;
+  }
+  make(call);
+  return true;
+}
+
+void PeerBacklog::make(const Call& call) {
+  call([this](const std::optional<Error>& error) { answered(error); });
+}
+
+void PeerBacklog::answered(const std::optional<Error>& error) {
+  std::deque<std::pair<Call, std::size_t>> dropped;
+  Call next;
+  {
+    const std::lock_guard lock(_lock);
+    if (error && PeerConnection::cannotBeReached(*error)) {
+      dropped.swap(_waiting);
+      _waitingBytes = 0;
+    }
+    if (_waiting.empty()) {
+      --_unanswered;
+    } else {
+      next = std::move(_waiting.front().first);
+      _waitingBytes -= _waiting.front().second;
+      _waiting.pop_front();
+    }
+  }
+  if (!dropped.empty())
+    logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped", kClassName,
+             _what, dropped.size());
+  if (next) make(next);
+}
+
+}  // namespace tallow
