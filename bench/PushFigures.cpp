@@ -112,11 +112,11 @@ void measurePushes(Bus& bus) {
   DownloadService& downloads = *new DownloadService;  // for the rest of the process
   measureDelivery(bus, downloads);
 
-  sendBurst();  // what the first one leaves behind for good is there then
   const double before = privateKilobytes(bus);
   const int checksBefore = downloads.checks();
   const Burst burst = sendBurst();
-  downloads.waitFor(checksBefore + burst.answered);
+  if (burst.refused > 0) fail("push burst", "pushes have been refused");
+  downloads.waitFor(checksBefore + kBurst);
   print("push_burst_answered", burst.answered, "pushes");
   print("push_burst_checked", downloads.checks() - checksBefore, "checks");
   print("push_burst_memory_after_over_before", privateKilobytes(bus) / before, "ratio");

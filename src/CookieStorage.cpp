@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <unordered_map>
+#include <utility>
 
 #include "platform/Base/Directories.h"
 #include "platform/Concurrency/WorkerPool.h"
@@ -13,6 +14,28 @@
 namespace tallow {
 
 namespace {
+
+using CookiesByURL = std::vector<std::pair<URL, std::vector<ParsedCookie>>>;
+
+// The cookies by the URL that counts as having set them.
+CookiesByURL byOrigin(std::vector<ParsedCookie> cookies, const URL& url,
+                      CookieStorage::Origin origin) {
+  CookiesByURL made;
+  if (origin == CookieStorage::Origin::Response) {
+    made.emplace_back(url, std::move(cookies));
+    return made;
+  }
+  for (ParsedCookie& cookie : cookies) {
+    const bool namesDomain = cookie.domain && !cookie.domain->empty();
+    const auto from = URL::parse("https://" + (namesDomain ? *cookie.domain : url.host()) + "/");
+    if (!from) continue;
+    auto found = std::find_if(made.begin(), made.end(),
+                              [&](const auto& entry) { return entry.first == *from; });
+    if (found == made.end()) found = made.insert(made.end(), {*from, {}});
+    found->second.push_back(std::move(cookie));
+  }
+  return made;
+}
 
 constexpr std::string_view kGroupContainer = "com.vantor.Harlow";
 
@@ -151,7 +174,8 @@ std::optional<Dictionary> CookieStorage::httpHeadersForURLIfIdle(const std::opti
 }
 
 void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
-                                                  const std::optional<URL>& fromURL) {
+                                                  const std::optional<URL>& fromURL,
+                                                  Origin origin) {
   if (!headers) return;
   logLevel(3, "%@: consumeCookiesFromURL: %@ httpHeaders: %@", kClassName, fromURL, *headers);
   std::vector<ParsedCookie> cookies;
@@ -161,10 +185,13 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
 
   const bool changed = _requestQueue.sync([&] {
     if (!_cookieStorage) return false;
-    const std::vector<CookieDecision> decisions = _cookieStorage->setCookies(cookies, *fromURL);
-    const bool anyTaken = std::any_of(decisions.begin(), decisions.end(), [](auto decision) {
-      return decision == CookieDecision::Stored || decision == CookieDecision::Removed;
-    });
+    bool anyTaken = false;
+    for (const auto& [url, ofURL] : byOrigin(std::move(cookies), *fromURL, origin)) {
+      const std::vector<CookieDecision> decisions = _cookieStorage->setCookies(ofURL, url);
+      anyTaken |= std::any_of(decisions.begin(), decisions.end(), [](auto decision) {
+        return decision == CookieDecision::Stored || decision == CookieDecision::Removed;
+      });
+    }
     if (!anyTaken) return false;
     logLevel(3, "%@: cookies changed for %@, invalidating bags", kClassName, *fromURL);
     return true;

@@ -46,8 +46,13 @@ class CookieStorage final : public ClientController,
   // end of the process, however it ends, and the client's bag is invalid. That it survives a power
   // cut, too, is seen to right afterwards: a disk may take milliseconds for that, and nobody has to
   // wait for it.
+  //
+  // The cookies of device set-up were handed over, not fetched from the URL: each counts as set
+  // over https by the domain that it names, the URL only serves those that name none.
+  enum class Origin { Response, DeviceSetUp };
   void consumeCookiesWithHTTPHeaders(const std::optional<Dictionary>& headers,
-                                     const std::optional<URL>& fromURL);
+                                     const std::optional<URL>& fromURL,
+                                     Origin origin = Origin::Response);
 
   // Empties the jar and writes it to disk. Unlike new cookies this leaves the bags alone: a bag
   // that was fetched with cookies stays good for requests without them.

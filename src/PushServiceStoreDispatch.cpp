@@ -33,6 +33,11 @@ enum PushKind : std::int64_t {
 constexpr const char* kSourceKey = "Source";
 constexpr const char* kFirstBuySource = "PushFirstBuy";
 
+// 0, which is no kind, for what is no number.
+std::int64_t kindOf(const Dictionary& push) {
+  return push[kKindKey].signedValue();
+}
+
 void logLookUp(const std::shared_ptr<const HSStoreClient>& client) {
   if (client && client->identifier)
     logLevel(3, "%s %@", "+[PushServiceStoreDispatch pushServiceStoreDispatchForClient:]",
@@ -57,14 +62,6 @@ PushServiceStoreDispatch::pushServiceStoreDispatchForClient(
     const std::shared_ptr<const HSStoreClient>& client) {
   logLookUp(client);
   return registry().entryForClient(client);
-}
-
-std::shared_ptr<PushServiceStoreDispatch>
-PushServiceStoreDispatch::pushServiceStoreDispatchForClientIfAtHand(
-    const std::shared_ptr<const HSStoreClient>& client) {
-  auto dispatch = registry().entryForClientIfAtHand(client);
-  if (dispatch) logLookUp(client);
-  return dispatch;
 }
 
 std::shared_ptr<PushServiceStoreDispatch> PushServiceStoreDispatch::initWithStoreClient(
@@ -289,16 +286,17 @@ std::optional<std::string> PushServiceStoreDispatch::pushEnvironmentFromBag() co
 
 // Pushes that come in
 
-void PushServiceStoreDispatch::handlePushNotificationMessage(const Dictionary& message) {
+bool PushServiceStoreDispatch::takePush(const Dictionary& message) const {
   logLevel(3, "%s %@ %@", "-[PushServiceStoreDispatch handlePushNotificationMessage:]",
            storeClient()->identifier, message);
-  const Value& dsID = message[kDSIDKey];
-  const Value& kind = message[kKindKey];
-  if (dsID.isNil() || kind.isNil()) {
-    logLevel(1, "%@: Received invalid payload: %@", kClassName, message);
-    return;
-  }
-  switch (kind.longLongValue().value_or(0)) {
+  if (!message[kDSIDKey].isNil() && !message[kKindKey].isNil()) return true;
+  logLevel(1, "%@: Received invalid payload: %@", kClassName, message);
+  return false;
+}
+
+void PushServiceStoreDispatch::handlePushNotificationMessage(const Dictionary& message) {
+  if (!takePush(message)) return;
+  switch (kindOf(message)) {
     case kPurchasePermission:
       if (MKOnRecoveryPartition()) return;
       logLevel(3, "%@: Passing push notification payload on to Grantwell - %@", kClassName,
@@ -312,28 +310,43 @@ void PushServiceStoreDispatch::handlePushNotificationMessage(const Dictionary& m
         postFirstBuyNotification(message);
       return;
     case kCheckDownloads:
-      checkDownloadsForDSID(dsID);
+      checkDownloadsForDSID(message[kDSIDKey], primaryAccount());
       return;
     default:
       return;
   }
 }
 
-bool PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(const Dictionary& message) {
+bool PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(
+    const Dictionary& message, const std::vector<std::shared_ptr<const HSStoreClient>>& clients) {
   // The other kinds look at files.
-  if (message[kKindKey].longLongValue() != kCheckDownloads) return false;
-  const auto store = AccountStore::accountStoreForClientIfAtHand(storeClient());
-  if (!store || !store->primaryAccountIfIdle()) return false;
-  handlePushNotificationMessage(message);
+  if (kindOf(message) != kCheckDownloads) return false;
+  struct Ready {
+    std::shared_ptr<PushServiceStoreDispatch> dispatch;
+    std::shared_ptr<HSStoreAccount> account;
+  };
+  std::vector<Ready> all;
+  for (const auto& client : clients) {
+    auto dispatch = registry().entryForClientIfAtHand(client);
+    const auto store = dispatch ? AccountStore::accountStoreForClientIfAtHand(client) : nullptr;
+    auto account = store ? store->primaryAccountIfIdle() : std::nullopt;
+    if (!account) return false;
+    all.push_back({std::move(dispatch), *std::move(account)});
+  }
+  for (const Ready& each : all) {
+    logLookUp(each.dispatch->storeClient());
+    if (each.dispatch->takePush(message))
+      each.dispatch->checkDownloadsForDSID(message[kDSIDKey], each.account);
+  }
   return true;
 }
 
-void PushServiceStoreDispatch::checkDownloadsForDSID(const Value& dsID) {
+void PushServiceStoreDispatch::checkDownloadsForDSID(
+    const Value& dsID, const std::shared_ptr<HSStoreAccount>& account) {
   const auto& identifier = storeClient()->identifier;
   if (dsID.unsignedValue() == 0)
     return logLevel(1, "%@ (%@): Ignoring push notification due to zero dsid in payload",
                     kClassName, identifier);
-  const auto account = primaryAccount();
   if (!account)
     return logLevel(1,
                     "%@ (%@): Ignoring push notification due to primary account not being present",

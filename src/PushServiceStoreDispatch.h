@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/VendBase/PushServiceStoreProtocol.h"
@@ -44,9 +45,6 @@ class PushServiceStoreDispatch final
   // without an identifier.
   static std::shared_ptr<PushServiceStoreDispatch> pushServiceStoreDispatchForClient(
       const std::shared_ptr<const HSStoreClient>& client);
-  // The same, only if it is there already and can be had without waiting; else null.
-  static std::shared_ptr<PushServiceStoreDispatch> pushServiceStoreDispatchForClientIfAtHand(
-      const std::shared_ptr<const HSStoreClient>& client);
   static ClientRegistry<PushServiceStoreDispatch>& registry();
   static std::shared_ptr<PushServiceStoreDispatch> initWithStoreClient(
       std::shared_ptr<const HSStoreClient> client);
@@ -73,8 +71,10 @@ class PushServiceStoreDispatch final
   void isRegisteredForAccount(std::optional<std::uint64_t> dsID, std::int64_t andMask,
                               Reply<bool, std::optional<Error>, bool> reply) override;
   void handlePushNotificationMessage(const Dictionary& message) override;
-  // The same if it means no waiting for anybody; else false, and nothing has happened.
-  bool handlePushNotificationMessageIfIdle(const Dictionary& message);
+  // The same for the dispatches of all these clients, if it means no waiting for anybody; else
+  // false, and nothing has happened.
+  static bool handlePushNotificationMessageIfIdle(
+      const Dictionary& message, const std::vector<std::shared_ptr<const HSStoreClient>>& clients);
   void postFirstBuyNotification(const Dictionary& message);
 
   // Accepts every connection. When that peer is lost the process ends, with status 0: such a
@@ -110,7 +110,10 @@ class PushServiceStoreDispatch final
   std::optional<std::string> pushEnvironmentFromBag() const;
   std::shared_ptr<HSStoreAccount> primaryAccount() const;
   std::optional<std::uint64_t> primaryDSID() const;
-  void checkDownloadsForDSID(const Value& dsID);
+  // With what is to be known about the account, which may be null, already at hand.
+  void checkDownloadsForDSID(const Value& dsID, const std::shared_ptr<HSStoreAccount>& account);
+  // Logs the push; false for one that is none.
+  bool takePush(const Dictionary& message) const;
 
   // Of all instances: any lost connection makes each make a new one when it next needs one.
   static inline std::atomic<bool> _connectionLost{false};

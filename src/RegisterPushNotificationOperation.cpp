@@ -47,14 +47,16 @@ Value recordedTokens() {
                                Preferences::User::Current, Preferences::Host::Any);
 }
 
-bool synchronizeRecord() {
-  if (Preferences::shared().synchronize(kDaemonDefaultsID, Preferences::User::Current,
-                                        Preferences::Host::Any))
-    return true;
+void logFailedWrite() {
   // The key's name in the singular is what has always been logged.
   logLevel(1, "%@: could not write kDefaultsAutoPushRegisteredDeviceTokenKey",
            RegisterPushNotificationOperation::kClassName);
-  return false;
+}
+
+void synchronizeRecord() {
+  if (!Preferences::shared().synchronize(kDaemonDefaultsID, Preferences::User::Current,
+                                         Preferences::Host::Any))
+    logFailedWrite();
 }
 
 }  // namespace
@@ -247,12 +249,13 @@ void RegisterPushNotificationOperation::_setRegisterSuccessSent() const {
   if (!_deviceToken || !HSDevice::shared().guid() || _isRegisterSuccessAlreadySent()) return;
   const std::string pair = pairKey();
   // In one transaction: another operation may be recording another pair.
-  Preferences::shared().update(kDaemonDefaultsID, [&](Preferences::Editor& editor) {
+  const auto change = [&](Preferences::Editor& editor) {
     const Value record = editor.value(kDefaultsAutoPushRegisteredDeviceTokensKey);
     const Dictionary* const tokens = record.dictionary();
     editor.setValue(kDefaultsAutoPushRegisteredDeviceTokensKey,
                     (tokens != nullptr ? *tokens : Dictionary()).setting(pair, *_deviceToken));
-  });
+  };
+  if (!Preferences::shared().update(kDaemonDefaultsID, change)) return logFailedWrite();
   synchronizeRecord();
 }
 

@@ -116,11 +116,11 @@ class SystemMachine final : public MKMachine {
   }
 
  private:
-  // The words that boot menus of recovery systems put on the kernel's command line.
+  // By how the boot loader has named the root file system. (A bare "recovery", as boot menus have
+  // it, is the rescue mode of the ordinary system.)
   bool kernelWasToldOfRecovery() const {
     std::istringstream words(contentsOf(_root / "proc/cmdline"));
     for (std::string word; words >> word;) {
-      if (word == "recovery" || word == "systemd.unit=recovery.target") return true;
       const bool namesRoot = word.starts_with("root=PARTLABEL=") || word.starts_with("root=LABEL=");
       if (namesRoot && saysRecovery(word)) return true;
     }

@@ -21,7 +21,7 @@ constexpr std::string_view kActionKey = "action:";
 constexpr std::string_view kCloseKey = "close:";
 
 enum Urgency : std::uint8_t { kNormal = 1, kCritical = 2 };
-enum CloseReason : std::uint32_t { kDismissedByThePerson = 2 };
+enum CloseReason : std::uint32_t { kExpired = 1, kDismissedByThePerson = 2 };
 
 std::string sourceOf(const UserNotification& notification) {
   const std::string* const source = notification.userInfo["Source"].string();
@@ -50,7 +50,7 @@ std::string escapedForMarkup(const std::string& text) {
 }
 
 std::vector<std::string> actionsOf(const UserNotification& notification) {
-  std::vector<std::string> actions = {kDefaultAction, ""};
+  std::vector<std::string> actions = {kDefaultAction, notification.title};
   const std::string source = sourceOf(notification);
   const auto add = [&](std::string_view key, const std::string& title) {
     if (title.empty()) return;
@@ -89,17 +89,20 @@ void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
   if (_beingShown == kMaxShown)
     return logLevel(1, "%@: too much is being shown already; not %@", kClassName, notification);
   ++_beingShown;
-  const std::shared_ptr<void> turn(nullptr,
-                                   [self = shared_from_this()](void*) { --self->_beingShown; });
+  const std::shared_ptr<void> turn(
+      nullptr, [self = shared_from_this(), transaction = XPCTransaction::hold()](void*) {
+        --self->_beingShown;
+      });
   _listen();
   const std::function<void(std::optional<Error>, std::vector<std::string>)> asked = onQueue(
       [notification, turn](DesktopNotificationCenter& self, const std::optional<Error>& error,
                            const std::vector<std::string>& capabilities) {
         if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
-        self._notify(notification,
-                     std::find(capabilities.begin(), capabilities.end(), "body-markup") !=
-                         capabilities.end(),
-                     turn);
+        const auto can = [&](const char* what) {
+          return std::find(capabilities.begin(), capabilities.end(), what) != capabilities.end();
+        };
+        self._serviceKeepsExpired = can("persistence");
+        self._notify(notification, can("body-markup"), turn);
       });
   PeerConnection::call<std::vector<std::string>>(kPeer, "GetCapabilities",
                                                  PeerConnection::kUsualPatience, asked);
@@ -206,10 +209,11 @@ void DesktopNotificationCenter::_actionInvoked(std::uint32_t number, const std::
       *notification);
 }
 
-// One that has only expired may still lie in the desktop's list, where its buttons work.
+// Where the service keeps what has expired, its buttons still work.
 void DesktopNotificationCenter::_closed(std::uint32_t number, std::uint32_t reason) {
-  if (reason != kDismissedByThePerson) return;
-  if (const auto notification = _take(number))
+  if (reason == kExpired && _serviceKeepsExpired) return;
+  const auto notification = _take(number);
+  if (notification && reason == kDismissedByThePerson)
     _tellDelegate(&UserNotificationCenterDelegate::userNotificationCenterDidDismissAlert,
                   *notification);
 }

@@ -54,6 +54,7 @@ class DesktopNotificationCenter final
     std::shared_ptr<void> transaction;  // whoever answers is to find the process there
   };
   std::map<std::uint32_t, Shown> _shown;    // on _queue
+  bool _serviceKeepsExpired = false;        // on _queue
   std::atomic<std::size_t> _beingShown{0};  // asked for, and not yet answered
   // The bus that is listened to; kept, since the matches need it to the end.
   std::shared_ptr<BusConnection> _heard;  // on _queue

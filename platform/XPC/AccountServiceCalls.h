@@ -73,17 +73,19 @@ class AccountServiceObject::Arguments {
 // Who calls is judged first, what the arguments are after it.
 template <class... Results, class Invoke>
 void AccountServiceObject::_call(sdbus::Result<Results...>&& result, Arguments arguments,
-                                 Invoke invoke) {
+                                 Invoke invoke, std::uint32_t maxWaiting) {
   const std::size_t bytes = arguments.bytes();
-  _callers.deliver(bus::currentMessage(getObject()), std::move(result), bytes,
-                   [arguments = std::move(arguments), invoke = std::move(invoke)](
-                       Caller& caller, std::shared_ptr<PendingReply<Results...>> reply) mutable {
-                     if (arguments.isFine()) {
-                       invoke(caller, std::move(reply));
-                     } else {
-                       reply->fail(CallerTable::kInvalidArgs, arguments.refusal());
-                     }
-                   });
+  _callers.deliver(
+      bus::currentMessage(getObject()), std::move(result), bytes,
+      [arguments = std::move(arguments), invoke = std::move(invoke)](
+          Caller& caller, std::shared_ptr<PendingReply<Results...>> reply) mutable {
+        if (arguments.isFine()) {
+          invoke(caller, std::move(reply));
+        } else {
+          reply->fail(CallerTable::kInvalidArgs, arguments.refusal());
+        }
+      },
+      maxWaiting);
 }
 
 }  // namespace tallow

@@ -116,7 +116,8 @@ class AccountServiceObject final
   void _askForAccount(sdbus::Result<std::vector<WireDictionary>>&& result, Arguments arguments,
                       std::function<void(HSAccountService&, AccountReply)> ask);
   template <class... Results, class Invoke>
-  void _call(sdbus::Result<Results...>&& result, Arguments arguments, Invoke invoke);
+  void _call(sdbus::Result<Results...>&& result, Arguments arguments, Invoke invoke,
+             std::uint32_t maxWaiting = Caller::kMaxWaitingCalls);
   template <class Operation>
   void _askAboutURL(sdbus::Result<bool>&& result, const std::string& url, Operation operation);
 

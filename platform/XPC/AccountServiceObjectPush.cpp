@@ -69,11 +69,13 @@ void AccountServiceObject::handlePushNotificationMessage(sdbus::Result<>&& resul
                                                          WireDictionary message) {
   Arguments arguments;
   auto taken = arguments.dictionary("message", std::move(message));
-  _call(std::move(result), std::move(arguments),
-        [taken = std::move(taken)](Caller& caller, auto reply) mutable {
-          caller.service().handlePushNotificationMessage(std::move(taken),
-                                                         [reply] { reply->answer(); });
-        });
+  _call(
+      std::move(result), std::move(arguments),
+      [taken = std::move(taken)](Caller& caller, auto reply) mutable {
+        caller.service().handlePushNotificationMessage(std::move(taken),
+                                                       [reply] { reply->answer(); });
+      },
+      Caller::kMaxWaitingPushes);
 }
 
 void AccountServiceObject::completeSetupWithResponse(

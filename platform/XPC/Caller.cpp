@@ -7,8 +7,8 @@ namespace tallow {
 Caller::Caller(std::shared_ptr<BusConnection> connection, std::string uniqueName)
     : _bus(std::move(connection)), _uniqueName(std::move(uniqueName)) {}
 
-bool Caller::canWaitFor(std::size_t bytes) const {
-  return _counts->waiting.load(std::memory_order_relaxed) < kMaxWaitingCalls &&
+bool Caller::canWaitFor(std::size_t bytes, std::uint32_t maxCalls) const {
+  return _counts->waiting.load(std::memory_order_relaxed) < maxCalls &&
          _counts->waitingBytes.load(std::memory_order_relaxed) + bytes <= kMaxWaitingBytes &&
          CallCounts::totalWaitingBytes.load(std::memory_order_relaxed) + bytes <=
              CallCounts::kMaxTotalWaitingBytes;

@@ -23,6 +23,8 @@ class Caller {
   // More calls than this wait for an answer at a time, and the next is refused; the same for the
   // memory of their arguments, which all callers together may not let grow beyond a bound either.
   static constexpr std::uint32_t kMaxWaitingCalls = 256;
+  // Pushes are small, come in bursts, and nobody sends one again that was refused.
+  static constexpr std::uint32_t kMaxWaitingPushes = 16'384;
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{32} << 20;
   static constexpr std::size_t kMaxObservers = 64;
 
@@ -41,7 +43,7 @@ class Caller {
 
   const std::string& uniqueName() const { return _uniqueName; }
   const std::shared_ptr<CallCounts>& counts() const { return _counts; }
-  bool canWaitFor(std::size_t bytes) const;
+  bool canWaitFor(std::size_t bytes, std::uint32_t maxCalls = kMaxWaitingCalls) const;
 
   // Calls have to be kept: it is not known who this is, or something is being asked about it.
   bool isUndecided() const { return _isUndecided; }

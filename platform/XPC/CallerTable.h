@@ -45,7 +45,7 @@ class CallerTable {
   // `bytes` is what the arguments hold.
   template <class... Results, class Invoke>
   void deliver(sd_bus_message* call, sdbus::Result<Results...>&& result, std::size_t bytes,
-               Invoke&& invoke);
+               Invoke&& invoke, std::uint32_t maxWaiting = Caller::kMaxWaitingCalls);
 
   // Makes the caller act as another client from its next call on. `done` is told the name and text
   // of an error, or nullptr.
@@ -96,7 +96,7 @@ class CallerTable {
 
 template <class... Results, class Invoke>
 void CallerTable::deliver(sd_bus_message* call, sdbus::Result<Results...>&& result,
-                          std::size_t bytes, Invoke&& invoke) {
+                          std::size_t bytes, Invoke&& invoke, std::uint32_t maxWaiting) {
   ++_calls;
   writeOut(call);
   Caller* const caller = _callerNamed(sd_bus_message_get_sender(call));
@@ -107,7 +107,7 @@ void CallerTable::deliver(sd_bus_message* call, sdbus::Result<Results...>&& resu
   if (!caller->isUndecided()) _makeSureThatItReads(*caller);
   if (!caller->isUndecided() && caller->refusal() != nullptr) {
     _refuse(*caller, result, caller->refusal()->name, caller->refusal()->text);
-  } else if (!caller->canWaitFor(bytes)) {
+  } else if (!caller->canWaitFor(bytes, maxWaiting)) {
     _refuse(*caller, result, kLimitsExceeded, "too many calls of this connection wait");
   } else {
     auto reply = std::make_shared<PendingReply<Results...>>(_connection, caller->counts(), bytes,

@@ -35,7 +35,7 @@ class BusPushServiceConnection final
 
   void resume() override {
     _bus = PeerConnection::bus();
-    if (!_bus) return _hasBeenLost(_invalidated);
+    if (!_bus) return _tell(_invalidated);
     _bus->post([weak = weak_from_this()] {
       if (const auto self = weak.lock()) self->_watchOwner();
     });
@@ -50,8 +50,7 @@ class BusPushServiceConnection final
     std::function<void(std::optional<Error>, bool, Tokens)> answered =
         [self = shared_from_this(), reply = std::move(reply)](const std::optional<Error>& error,
                                                               bool success, Tokens tokens) {
-          if (error && PeerConnection::cannotBeReached(*error))
-            self->_hasBeenLost(self->_invalidated);
+          if (error && PeerConnection::cannotBeReached(*error)) self->_tell(self->_invalidated);
           std::optional<Data> token;
           if (!error && !tokens.empty()) token = Data(std::move(tokens.front()));
           reply(!error && success, std::move(token));
@@ -76,29 +75,22 @@ class BusPushServiceConnection final
             signal >> name >> before >> now;
             // An agent that has just been started is no loss.
             const auto self = weak.lock();
-            if (self && !before.empty()) self->_hasBeenLost(self->_interrupted);
+            if (self && !before.empty()) self->_tell(self->_interrupted);
           });
     } catch (const sdbus::Error& error) {
       logLevel(1, "%@: cannot watch %@: %@", kClassName, _serviceName, error.getMessage());
-      _hasBeenLost(_invalidated);
+      _tell(_invalidated);
     }
   }
 
-  // The handler's own turn, once.
-  void _hasBeenLost(Handler& handler) {
-    Handler once;
-    {
-      const std::lock_guard lock(_mutex);
-      once = std::exchange(handler, nullptr);
-    }
-    if (once) once();
+  static void _tell(const Handler& handler) {
+    if (handler) handler();
   }
 
   const std::string _serviceName;
   std::shared_ptr<BusConnection> _bus;  // set by resume()
-  std::mutex _mutex;
-  Handler _interrupted, _invalidated;  // guarded by _mutex once resumed
-  sdbus::Slot _ownerChanged;           // reading thread
+  Handler _interrupted, _invalidated;   // fixed by resume()
+  sdbus::Slot _ownerChanged;            // reading thread
 };
 
 struct SharedFactory {

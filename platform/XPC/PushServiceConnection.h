@@ -12,7 +12,7 @@ namespace tallow {
 // A connection to the push agent, another process of the system, which holds the device's push
 // token. The bus starts the agent at the first question, and again when it has ended.
 //
-// Made by whoever asks, who keeps it until one of its handlers has run. Any thread.
+// Owned by whoever asks. Any thread.
 class PushServiceConnection {
  public:
   using Handler = std::function<void()>;
@@ -25,8 +25,8 @@ class PushServiceConnection {
   static std::shared_ptr<PushServiceConnection> initWithMachServiceName(std::string serviceName);
   virtual ~PushServiceConnection() = default;
 
-  // Before resume(). The agent has left the bus; or it cannot be reached at all. Each is called at
-  // most once, on any thread, and neither once the connection has been dropped.
+  // Before resume(). Called each time the agent has left the bus; or could not be reached at all.
+  // On any thread, and not once the connection has been dropped.
   virtual void setInterruptionHandler(Handler handler) = 0;
   virtual void setInvalidationHandler(Handler handler) = 0;
   virtual void resume() = 0;

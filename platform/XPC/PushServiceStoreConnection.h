@@ -8,7 +8,8 @@
 namespace tallow {
 
 // One connection that a listener of the push-service-store protocol is asked to accept. Nothing is
-// delivered before resume(). Any thread.
+// delivered before resume(). Any thread. No listener of this program is one: what its clients ask
+// of the protocol comes in through the account service. For a process that serves nothing else.
 class PushServiceStoreConnection {
  public:
   using Handler = std::function<void()>;

@@ -108,6 +108,8 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   // The store of the client's accounts; null when there is none.
   std::shared_ptr<AccountStore> accountStore() const;
 
+  // Whom a push that this caller hands in is for, in order.
+  std::vector<std::shared_ptr<const HSStoreClient>> pushClients() const;
   // Turns what a set-up response says of the account into one; what is wrong with it reaches the
   // system log only.
   Account accountFromSetupResponse(const Dictionary& response) const;

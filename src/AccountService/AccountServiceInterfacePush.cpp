@@ -79,27 +79,25 @@ void AccountServiceInterface::isRegisteredForAccount(
 void AccountServiceInterface::handlePushNotificationMessage(Dictionary message, Done reply) {
   nowOrOnRequestQueue(
       [&] {
-        const auto dispatch =
-            PushServiceStoreDispatch::pushServiceStoreDispatchForClientIfAtHand(storeClient());
-        if (!dispatch || !dispatch->handlePushNotificationMessageIfIdle(message)) return false;
+        if (!PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(message, pushClients()))
+          return false;
         send(reply);
         return true;
       },
       [this, message, reply] {
-        const auto deliverTo = [&](const std::shared_ptr<const HSStoreClient>& client) {
+        for (const auto& client : pushClients())
           if (const auto dispatch =
                   PushServiceStoreDispatch::pushServiceStoreDispatchForClient(client))
             dispatch->handlePushNotificationMessage(message);
-        };
-        if (storeClient()) {
-          deliverTo(storeClient());
-        } else {
-          // Whoever is no store client itself speaks for the system: both agents hear of it.
-          deliverTo(HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent));
-          deliverTo(HSStoreClient::initWithStoreClientType(kHSStoreClientTypeBookStoreAgent));
-        }
         send(reply);
       });
+}
+
+std::vector<std::shared_ptr<const HSStoreClient>> AccountServiceInterface::pushClients() const {
+  if (storeClient()) return {storeClient()};
+  // Whoever is no store client itself speaks for the system: both agents hear of it.
+  return {HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent),
+          HSStoreClient::initWithStoreClientType(kHSStoreClientTypeBookStoreAgent)};
 }
 
 // Device set-up
@@ -150,7 +148,8 @@ void AccountServiceInterface::completeSetupWithResponse(Dictionary response,
     if (response.contains("cookies")) {
       const Dictionary headers{{"Set-Cookie", response["cookies"]}};
       if (const auto storage = CookieStorage::storageForClient(storeClient()))
-        storage->consumeCookiesWithHTTPHeaders(headers, URL::parse(kSetupCookieURL));
+        storage->consumeCookiesWithHTTPHeaders(headers, URL::parse(kSetupCookieURL),
+                                               CookieStorage::Origin::DeviceSetUp);
       OrvController::sharedController().processHTTPHeaders(headers, storeClient());
     }
     // Also when the response names none: then the one that was stored goes.

@@ -132,7 +132,7 @@ class PushFixture : public ::testing::Test {
   }();
   std::shared_ptr<Agent> agent = std::make_shared<Agent>();
   int connections = 0;
-  // What the pages answer, each answer once but the last, which stays; a string is a status.
+  // What the pages answer, each answer once but the last, which stays; data is the bare body.
   std::map<std::string, std::vector<Value>> pages = {{kRegister, {Dictionary{{"status", 0}}}},
                                                      {kMediaTypes, {Dictionary{{"status", 0}}}}};
   Dictionary bag = {{"push-notifications",
@@ -200,6 +200,8 @@ class PushFixture : public ::testing::Test {
     if (answers.empty()) return ScriptedTransport::response(request, 404);
     const Value next = answers.front();
     if (answers.size() > 1) answers.erase(answers.begin());
+    if (const Data* const raw = next.data())
+      return ScriptedTransport::response(request, 200, {}, raw->view());
     return encoded(next);
   }
 

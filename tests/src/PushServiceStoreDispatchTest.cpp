@@ -1,5 +1,7 @@
 #include "src/PushServiceStoreDispatch.h"
 
+#include <fstream>
+
 #include "platform/VendBase/HSError.h"
 #include "tests/src/PushFixture.h"
 
@@ -186,8 +188,9 @@ TEST_F(PushServiceStoreDispatchTest, EachKindOfPushDoesItsOwn) {
   EXPECT_TRUE(world.log.contains(1, prefix + "primary account with expired token"));
   EXPECT_TRUE(downloadChecks.empty());
   account->setToken("t");
-  handle(124, "2");
+  handle(124, 2);
   handle(124.0, 2);
+  handle(124, "2");  // text is no kind
   EXPECT_EQ(downloadChecks, (std::vector<std::string>{"com.example.store", "com.example.store"}));
 
   const std::size_t lines = world.log.lines(1).size();
@@ -245,12 +248,27 @@ TEST_F(PushServiceStoreDispatchTest, AFirstBuyIsOfferedByTheStoreAgentAndTurnsDo
 }
 
 TEST_F(PushServiceStoreDispatchTest, TheGateOpensForTheSignedInAccountOfTheStoreAgent) {
-  // Without any client of that type there is no account either.
-  EXPECT_FALSE(PushServiceStoreDispatch::canStartAutodownloadForDSID(0));
-  EXPECT_FALSE(PushServiceStoreDispatch::canStartAutodownloadForDSID(7));
-  EXPECT_TRUE(world.log.contains(
-      1, "PushServiceStoreDispatch: Ignoring push notification due to zero dsid in payload"));
-  EXPECT_TRUE(world.log.mentions(1, "(target=7, logged_in=(null))"));
+  const auto gate = [](const Value& dsID) {
+    return PushServiceStoreDispatch::canStartAutodownloadForDSID(dsID);
+  };
+  const std::string prefix = "PushServiceStoreDispatch: Ignoring push notification due to ";
+  EXPECT_FALSE(gate(0));
+  EXPECT_TRUE(world.log.contains(1, prefix + "zero dsid in payload"));
+  EXPECT_FALSE(gate(7)) << "no client of that type, no account";
+  EXPECT_TRUE(
+      world.log.contains(1, prefix + "account identifier mismatch (target=7, logged_in=(null))"));
+  const auto clients = world.directories.dataHome / "clients.d";
+  std::filesystem::create_directories(clients);
+  std::ofstream(clients / "agent.toml") << "identifier = \"agent\"\n";
+  client = std::make_shared<HSStoreClient>(*HSStoreClient::initWithStoreClientType(0));
+  const auto account = signIn(7, false);
+  EXPECT_FALSE(gate(8));
+  EXPECT_TRUE(
+      world.log.contains(1, prefix + "account identifier mismatch (target=8, logged_in=7)"));
+  EXPECT_FALSE(gate(7));
+  EXPECT_TRUE(world.log.contains(1, prefix + "primary account not being present and/or signed in"));
+  account->setIsSignedIn(true);
+  EXPECT_TRUE(gate(7));
 }
 
 TEST_F(PushServiceStoreDispatchTest, TheOwnListenersPeerTakesTheProcessWithIt) {

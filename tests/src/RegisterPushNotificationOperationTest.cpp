@@ -97,6 +97,10 @@ TEST_F(RegisterPushNotificationOperationTest, WhatTheStoreAnswersDecides) {
                       each.message ? std::optional<std::string>(each.message) : std::nullopt))
         << description(*ran.error);
   }
+  for (const char* body : {"", "<html>"}) {
+    pages[kMediaTypes] = {Data(std::string_view(body))};
+    EXPECT_EQ(run(0).error->code, kHSErrorInvalidPropertyList) << "the request's own error";
+  }
   pages[kMediaTypes].clear();
   EXPECT_EQ(run(0).error->code, kHSErrorHTTPStatus) << "the request's own error";
 }

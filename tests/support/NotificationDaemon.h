@@ -62,20 +62,21 @@ class NotificationDaemon {
   // What the daemon itself lists of what it has shown, newest first, as JSON without spaces.
   static std::string history() { return output("dunstctl history | tr -d '[:space:]'"); }
   static void close() { output("dunstctl close"); }
-  // Takes pictures of the screen until there is something in one; false when there never is.
+  // In a picture of the screen; an empty one has one.
+  long colours() const {
+    return std::atol(
+        output("import -display " + _display + " -window root png:- | identify -format %k -")
+            .c_str());
+  }
+  // Takes pictures until there is something in one; false when there never is.
   bool showsSomething() const {
     constexpr int kPatience = 50;
     for (int i = 0; i < kPatience; ++i)
-      if (std::atol(
-              output("import -display " + _display + " -window root png:- | identify -format %k -")
-                  .c_str()) > kColoursOfEmptyScreen)
-        return true;
+      if (colours() > 1) return true;
     return false;
   }
 
  private:
-  static constexpr long kColoursOfEmptyScreen = 1;
-
   std::filesystem::path menu() const { return _folder / "menu.sh"; }
 
   static std::string output(const std::string& command) {

@@ -39,7 +39,7 @@ TEST_F(MKMachineTest, TheRecoveryPartitionIsToldByTheKernelOrItsName) {
   for (const auto& [line, isRecovery] :
        std::vector<std::pair<const char*, bool>>{{"root=UUID=1 ro quiet", false},
                                                  {"root=/dev/sda1 norecovery", false},
-                                                 {"root=/dev/sda1 ro recovery nomodeset", true},
+                                                 {"root=/dev/sda1 ro recovery nomodeset", false},
                                                  {"quiet root=PARTLABEL=Recovery", true}}) {
     write("proc/cmdline", line);
     EXPECT_EQ(machine->isOnRecoveryPartition(), isRecovery) << line;

@@ -82,6 +82,7 @@ class UserNotificationCenterTest : public ::testing::Test {
 
 TEST_F(UserNotificationCenterTest, ARealDaemonShowsItAndBringsBackWhatThePersonDoes) {
   NotificationDaemon desktop(bus);
+  EXPECT_EQ(desktop.colours(), 1) << "an empty screen";
   post("first");
   EXPECT_EQ(delegate->next(), "delivered first");
   EXPECT_TRUE(desktop.showsSomething()) << "in a picture of the screen";
@@ -125,10 +126,11 @@ TEST_F(UserNotificationCenterTest, NumbersAreGoodOnlyWithTheDaemonThatGaveThem) 
     EXPECT_EQ(delegate->next(), "delivered first");
   }
   NotificationDaemon another(bus);
-  std::system(("dbus-send --bus=" + bus.address() +
-               " --type=signal /org/freedesktop/Notifications "
-               "org.freedesktop.Notifications.ActionInvoked uint32:1 string:action:Test")
-                  .c_str());  // of a stranger
+  EXPECT_EQ(0,
+            std::system(("dbus-send --bus=" + bus.address() +
+                         " --type=signal /org/freedesktop/Notifications "
+                         "org.freedesktop.Notifications.ActionInvoked uint32:1 string:action:Test")
+                            .c_str()));  // of a stranger
   post("second");
   EXPECT_EQ(delegate->next(), "delivered second");
   another.choose("Do it (second)");

@@ -120,6 +120,11 @@ TEST_F(PushServiceConnectionTest, WhateverTheAgentAnswersIsOneReply) {
        },
        {true, 1}},
       {[](auto* call) { sd_bus_reply_method_return(call, "s", "text"); }, none},
+      // As the bus answers for one that never does.
+      {[](auto* call) {
+         sd_bus_reply_method_errorf(call, "org.freedesktop.DBus.Error.NoReply", "too late");
+       },
+       none},
       {[](auto* call) { sd_bus_reply_method_errorf(call, "com.example.Error", "no"); }, none},
       // Leaves while it is asked.
       {[](auto* call) {

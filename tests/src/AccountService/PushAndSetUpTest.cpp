@@ -29,12 +29,16 @@ TEST_F(PushAndSetUpTest, AResponseBecomesThePrimaryAccountCookiesAndStorefront) 
   setUp({{"dsid", "123"},
          {"email", "a@example.com"},
          {"account-active", "1"},
-         {"cookies", Array{"a=1; Path=/", "b=2; Domain=vantor.com; Path=/"}},
+         {"cookies", Array{"a=1; Path=/; Secure", "b=2; Domain=store.example.com; Path=/"}},
          {"storefront", "143441"}});
   EXPECT_EQ(primary()->dsID(), 123u);
   EXPECT_TRUE(primary()->isSignedIn());
   EXPECT_EQ(primary()->identifier(), "a@example.com");
-  EXPECT_EQ(CookieStorage::storageForClient(client)->cookieCount(), 2u);
+  const auto cookieFor = [&](const char* url) {
+    return CookieStorage::storageForClient(client)->httpHeadersForURL(URL::parse(url))["Cookie"];
+  };
+  EXPECT_EQ(cookieFor("https://store.vantor.com/"), Value("a=1"));
+  EXPECT_EQ(cookieFor("http://store.example.com/"), Value("b=2"));
   const auto storefront = StoreFrontController::storefrontControllerForClient(client);
   EXPECT_EQ(storefront->storeFrontID(), "143441");
   EXPECT_TRUE(systemLines.empty());
