@@ -3,6 +3,9 @@
 // in a private world by scripts/bench, which pins bus, service and this program to one processor.
 
 #include <fstream>
+#include <set>
+#include <string_view>
+#include <utility>
 
 #include "bench/AccountFigures.h"
 #include "bench/BenchBus.h"
@@ -106,16 +109,21 @@ void measureMemory(Bus& bus) {
 
 }  // namespace tallow::bench
 
-int main() {
+// All figures, or those of the groups that are named.
+int main(int argc, char** argv) {
   using namespace tallow::bench;
+  const std::pair<const char*, void (*)(Bus&)> groups[] = {
+      {"headers", measureHeaders},
+      {"identity", measureIdentityHeaders},
+      {"push", measurePushes},
+      {"accounts", measureAccountQuery},
+      {"clients", [](Bus&) { measureManyClients(); }},
+      {"password-settings", measurePasswordSettings},
+      {"cold-start", measureColdStart},
+      {"memory", measureMemory}};
   Bus bus;
   fillJar(bus);
-  measureHeaders(bus);
-  measureIdentityHeaders(bus);
-  measurePushes(bus);
-  measureAccountQuery(bus);
-  measureManyClients();
-  measurePasswordSettings(bus);
-  measureColdStart(bus);
-  measureMemory(bus);
+  const std::set<std::string_view> wanted(argv + 1, argv + argc);
+  for (const auto& [name, measure] : groups)
+    if (wanted.empty() || wanted.contains(name)) measure(bus);
 }
