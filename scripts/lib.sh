@@ -25,7 +25,7 @@ export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0="$r
 
 # Dies unless git knows the repository's files: a check that looks at none of them would pass.
 need_tracked_files() {
-  git ls-files --error-unmatch -- README.md >/dev/null 2>&1 ||
+  git ls-files --error-unmatch -- scripts/lib.sh >/dev/null 2>&1 ||
     die "needs git, and a clone of the repository: it looks at the files that git knows"
 }
 
