@@ -59,6 +59,7 @@ class DialogAgent::Agent {
  private:
   class Object;
   struct Waiting {
+    std::string service;  // who asks: its unique name
     std::uint64_t number = 0;
     Dictionary contents;
   };
@@ -70,6 +71,11 @@ class DialogAgent::Agent {
   void _add(std::uint64_t number, Dictionary contents);
   void _dismiss(std::uint64_t number);
   void _serviceHasChanged(const std::string& owner);
+  // With the lock held.
+  void _takeAway() {
+    _isGone = true;
+    eventfd_write(_gone.get(), 1);
+  }
   bool _isService(const std::string& uniqueName);
 
   const std::string _client;
@@ -81,6 +87,7 @@ class DialogAgent::Agent {
   std::uint64_t _shown = 0;      // the number of the dialog that is shown
   FileDescriptor _gone;          // of that dialog
   std::string _owner;            // the service's unique name
+  bool _isGone = false;
   bool _mustRegister = false;
   bool _isEnding = false;
 
@@ -154,7 +161,7 @@ DialogAgent::Agent::~Agent() {
     const std::lock_guard guard(_lock);
     _isEnding = true;
     _waiting.clear();
-    if (_shown != 0) eventfd_write(_gone.get(), 1);
+    if (_shown != 0) _takeAway();
   }
   _changed.notify_all();
   if (_worker.joinable()) _worker.join();
@@ -195,7 +202,7 @@ void DialogAgent::Agent::_serviceHasChanged(const std::string& owner) {
   const std::lock_guard guard(_lock);
   _owner = owner;
   _waiting.clear();  // nobody waits for these any more
-  if (_shown != 0) eventfd_write(_gone.get(), 1);
+  if (_shown != 0) _takeAway();
   _mustRegister = !owner.empty();
   _changed.notify_all();
 }
@@ -207,14 +214,14 @@ bool DialogAgent::Agent::_isService(const std::string& uniqueName) {
 
 void DialogAgent::Agent::_add(std::uint64_t number, Dictionary contents) {
   const std::lock_guard guard(_lock);
-  _waiting.push_back({number, std::move(contents)});
+  _waiting.push_back({_owner, number, std::move(contents)});
   _changed.notify_all();
 }
 
 void DialogAgent::Agent::_dismiss(std::uint64_t number) {
   const std::lock_guard guard(_lock);
   std::erase_if(_waiting, [&](const Waiting& each) { return each.number == number; });
-  if (_shown == number) eventfd_write(_gone.get(), 1);
+  if (_shown == number) _takeAway();
 }
 
 void DialogAgent::Agent::_work() {
@@ -236,6 +243,7 @@ void DialogAgent::Agent::_work() {
     _waiting.pop_front();
     _shown = next.number;
     _gone = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    _isGone = false;
     lock.unlock();
     _showOne(next);
     lock.lock();
@@ -247,10 +255,18 @@ void DialogAgent::Agent::_showOne(const Waiting& waiting) {
   const Answer answer = _show({waiting.contents, _gone.get()});
   WireSecret password;
   password.value = answer.password;
+  {
+    const std::lock_guard guard(_lock);
+    if (_isGone) return;
+  }
   try {
-    _service->answerDialog(waiting.number,
-                           answer.button ? static_cast<std::int32_t>(*answer.button) : -1,
-                           answer.accountName, password);
+    // To who has asked and to nobody else, nor to one who would be started for it.
+    bus::makeProxy(*_connection, waiting.service, kServicePath)
+        ->callMethod("answerDialog")
+        .onInterface("com.vantor.HSDialogService")
+        .withArguments(waiting.number,
+                       answer.button ? static_cast<std::int32_t>(*answer.button) : -1,
+                       answer.accountName, password);
   } catch (const sdbus::Error&) {
     // Dismissed meanwhile, or the service has gone: there is nobody to tell.
   }

@@ -107,8 +107,10 @@ Dictionary HSDialog::dictionary() const {
   std::vector<Value> list;
   for (const Button& button : buttons)
     list.emplace_back(Dictionary{{"title", button.title}, {"dismisses", button.dismisses}});
-  Dictionary made{
-      {"message", message}, {"explanation", explanation}, {"buttons", Array(std::move(list))}};
+  Dictionary made{{"client", client},
+                  {"message", message},
+                  {"explanation", explanation},
+                  {"buttons", Array(std::move(list))}};
   if (signIn)
     made = made.setting("signIn", Dictionary{{"accountName", signIn->accountName},
                                              {"fixed", signIn->isFixed},

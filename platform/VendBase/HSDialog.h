@@ -34,6 +34,7 @@ struct HSDialog {
     std::int64_t reason = 0;
   };
 
+  std::string client;  // the store client that it is for; set when it is shown
   std::string message;
   std::string explanation;
   std::vector<Button> buttons;  // at least one; the first is the one that is meant to be pressed

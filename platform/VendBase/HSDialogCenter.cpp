@@ -17,6 +17,7 @@ struct HSDialogCenter::State {
   std::vector<std::shared_ptr<HSDialogAgent>> agents;  // in the order of their registration
   std::map<std::uint64_t, Open> open;
   std::uint64_t lastNumber = 0;
+  bool isClosed = false;
 
   // With the lock held.
   std::shared_ptr<HSDialogAgent> agentFor(const std::string& client) const {
@@ -27,6 +28,7 @@ struct HSDialogCenter::State {
 
   // Why no more dialogs can be open, or nullptr. With the lock held.
   const char* refusal(const std::string& client) const {
+    if (isClosed) return "the service ends";
     if (agents.empty()) return "there is nobody to show it";
     if (open.size() >= kMaxOpenDialogs) return "too many are open";
     const auto same = std::count_if(
@@ -54,9 +56,14 @@ HSDialogCenter& HSDialogCenter::shared() {
 HSDialogCenter::HSDialogCenter() : _state(std::make_shared<State>()) {}
 
 HSDialogCenter::~HSDialogCenter() {
+  close();
+}
+
+void HSDialogCenter::close() {
   std::vector<std::uint64_t> numbers;
   {
     const std::lock_guard guard(_state->lock);
+    _state->isClosed = true;
     for (const auto& [number, open] : _state->open) numbers.push_back(number);
   }
   for (const std::uint64_t number : numbers) dismiss(_state, number, "the service ends");
@@ -91,7 +98,9 @@ std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& cl
   }
   if (timer) timer->invalidate();  // has been dismissed meanwhile
   logLevel(3, "%@: Showing dialog %lu for %@", kClassName, number, client);
-  agent->showDialog(number, dialog);
+  HSDialog shown = dialog;
+  shown.client = client;
+  agent->showDialog(number, shown);
   return number;
 }
 
@@ -135,6 +144,15 @@ bool HSDialogCenter::answer(const HSDialogAgent& agent, std::uint64_t number,
   if (taken->timer) taken->timer->invalidate();
   taken->answered(std::move(answer));
   return true;
+}
+
+void HSDialogCenter::dismissUnshown(const HSDialogAgent& agent, std::uint64_t number) {
+  {
+    const std::lock_guard guard(_state->lock);
+    const auto found = _state->open.find(number);
+    if (found == _state->open.end() || found->second.agent.get() != &agent) return;
+  }
+  dismiss(_state, number, "its agent does not answer");
 }
 
 std::size_t HSDialogCenter::agentCount() const {

@@ -63,6 +63,11 @@ class HSDialogCenter {
   // False when this agent has no open dialog of the number; then nothing has happened.
   bool answer(const HSDialogAgent& agent, std::uint64_t number, HSDialogAnswer answer);
 
+  // The same when the agent could not be asked: dismisses the dialog, and says so to the agent.
+  void dismissUnshown(const HSDialogAgent& agent, std::uint64_t number);
+  // When the service ends: dismisses what is open, and everything that is to be shown from now on.
+  void close();
+
   // For status reports.
   std::size_t agentCount() const;
   std::size_t openDialogCount() const;

@@ -1,9 +1,13 @@
 #include "platform/VendBase/HSOperationQueue.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "platform/Base/SharedInstance.h"
@@ -15,66 +19,98 @@ namespace {
 
 // An operation mostly waits for a server, so this is a bound on open exchanges, not on processors.
 constexpr std::size_t kMainQueueConcurrency = 8;
+// However slow one client's store is, others have places.
+constexpr std::size_t kOfOneClient = 4;
 
 }  // namespace
 
 struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::State> {
-  explicit State(std::size_t maxConcurrent) : maxRunning(maxConcurrent) {}
+  State(std::size_t maxConcurrent, std::size_t maxOfOneClient)
+      : maxRunning(maxConcurrent), maxRunningOfOne(maxOfOneClient) {}
 
-  // One worker's shift: runs what waits until nothing does, or another has taken its place.
+  // One worker's shift, on its thread: for which queue, and for which client just now.
+  struct Shift {
+    explicit Shift(State* of) : state(of), previous(std::exchange(current, this)) {}
+    ~Shift() { current = previous; }
+    Shift(const Shift&) = delete;
+    Shift& operator=(const Shift&) = delete;
+
+    State* const state;
+    std::optional<std::string> client;
+    Shift* const previous;
+    static inline thread_local Shift* current = nullptr;
+  };
+  using Waiting = std::deque<std::shared_ptr<HSOperation>>;
+
+  // Runs what waits until nothing may run any more, or another has taken this worker's place.
   void drain() {
-    const Shift shift(this);
-    for (;;) {
-      std::shared_ptr<HSOperation> operation;
-      {
-        const std::lock_guard guard(lock);
-        if (waiting.empty() || running - givenWay > maxRunning) {
-          --running;
-          idle.notify_all();
-          return;
-        }
-        operation = std::move(waiting.front());
-        waiting.pop_front();
-      }
+    Shift shift(this);
+    while (const std::shared_ptr<HSOperation> operation = next(shift))
       operation->runSyncReturningError(nullptr);
-    }
   }
 
-  // With the lock held: takes one more worker where one may run. Who asked starts it.
+  std::shared_ptr<HSOperation> next(Shift& shift) {
+    const std::lock_guard guard(lock);
+    if (shift.client) leave(*shift.client);
+    const auto found = running - givenWay > maxRunning ? waiting.end() : firstThatMayRun();
+    if (found == waiting.end()) {
+      --running;
+      idle.notify_all();
+      return nullptr;
+    }
+    std::shared_ptr<HSOperation> operation = std::move(*found);
+    waiting.erase(found);
+    shift.client = clientOf(*operation);
+    ++runningOf[*shift.client];
+    return operation;
+  }
+
+  // What follows, with the lock held.
+
+  // The first whose client has not all the places that one client may have.
+  Waiting::iterator firstThatMayRun() {
+    return std::find_if(waiting.begin(), waiting.end(), [&](const auto& operation) {
+      const auto found = runningOf.find(clientOf(*operation));
+      return found == runningOf.end() || found->second < maxRunningOfOne;
+    });
+  }
+  static std::string clientOf(const HSOperation& operation) {
+    return operation.storeClient() ? operation.storeClient()->identifier.value_or("") : "";
+  }
+  void leave(const std::string& client) {
+    const auto found = runningOf.find(client);
+    if (--found->second == 0) runningOf.erase(found);
+  }
+  // Takes one more worker where one may run. Who asked starts it.
   bool takeWorker() {
-    if (waiting.empty() || running - givenWay >= maxRunning) return false;
+    if (running - givenWay >= maxRunning || firstThatMayRun() == waiting.end()) return false;
     ++running;
     return true;
   }
+
   void startWorker() {
     WorkerPool::shared().async([self = shared_from_this()] { self->drain(); });
   }
 
   const std::size_t maxRunning;
+  const std::size_t maxRunningOfOne;
   mutable std::mutex lock;
   std::condition_variable idle;
-  std::deque<std::shared_ptr<HSOperation>> waiting;
-  std::size_t running = 0;   // workers; each runs one operation
-  std::size_t givenWay = 0;  // of these, whose place others may take
-
-  // The queue that this thread works for.
-  static inline thread_local State* current = nullptr;
-  struct Shift {
-    explicit Shift(State* state) : previous(std::exchange(current, state)) {}
-    ~Shift() { current = previous; }
-    Shift(const Shift&) = delete;
-    Shift& operator=(const Shift&) = delete;
-    State* const previous;
-  };
+  Waiting waiting;
+  std::size_t running = 0;                       // workers; each runs one operation
+  std::size_t givenWay = 0;                      // of these, whose place others may take
+  std::map<std::string, std::size_t> runningOf;  // by client, without those that have given way
 };
 
 HSOperationQueue::GivingWay::GivingWay() {
-  if (State::current == nullptr) return;
-  _state = State::current->shared_from_this();
+  const State::Shift* const shift = State::Shift::current;
+  if (shift == nullptr) return;
+  _state = shift->state->shared_from_this();
   bool isTaken = false;
   {
     const std::lock_guard guard(_state->lock);
     ++_state->givenWay;
+    _state->leave(*shift->client);
     isTaken = _state->takeWorker();
   }
   if (isTaken) _state->startWorker();
@@ -84,15 +120,19 @@ HSOperationQueue::GivingWay::~GivingWay() {
   if (!_state) return;
   const std::lock_guard guard(_state->lock);
   --_state->givenWay;
+  ++_state->runningOf[*State::Shift::current->client];
 }
 
 HSOperationQueue& HSOperationQueue::mainQueue() {
   return SharedInstance<HSOperationQueue>::get(
-      [] { return std::make_unique<HSOperationQueue>(kMainQueueConcurrency); });
+      [] { return std::make_unique<HSOperationQueue>(kMainQueueConcurrency, kOfOneClient); });
 }
 
 HSOperationQueue::HSOperationQueue(std::size_t maxConcurrent)
-    : _state(std::make_shared<State>(maxConcurrent)) {}
+    : HSOperationQueue(maxConcurrent, maxConcurrent) {}
+
+HSOperationQueue::HSOperationQueue(std::size_t maxConcurrent, std::size_t maxOfOneClient)
+    : _state(std::make_shared<State>(maxConcurrent, maxOfOneClient)) {}
 
 HSOperationQueue::~HSOperationQueue() = default;
 

@@ -17,6 +17,8 @@ class HSOperationQueue {
   static HSOperationQueue& mainQueue();
 
   explicit HSOperationQueue(std::size_t maxConcurrent);
+  // Of one store client, no more than `maxOfOneClient` at once: later operations of others pass.
+  HSOperationQueue(std::size_t maxConcurrent, std::size_t maxOfOneClient);
   ~HSOperationQueue();
 
   void addOperation(std::shared_ptr<HSOperation> operation);

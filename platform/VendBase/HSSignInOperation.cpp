@@ -108,6 +108,7 @@ std::optional<Error> HSSignInOperation::_signIn() {
   post.body = *std::move(body);
   request->setRequest(std::move(post));
   request->setNeedsAuthentication(false);
+  request->setFollowsRedirects(false);  // a password goes to no second address
   request->setRequiredBagType(requiredBagType());
   request->setDataProvider(provider);
   std::optional<Error> error;

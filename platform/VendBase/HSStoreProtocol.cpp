@@ -75,6 +75,7 @@ void HSStoreProtocol::_signIn(HSDialog dialog, HSDialogAnswer answer) {
     const auto signIn = std::make_shared<HSSignInOperation>(
         _operation.storeClient(), _operation.authenticationContext(), name,
         std::exchange(answer.password, Secret()));
+    signIn->setRequiredBagType(_operation.requiredBagType());
     std::optional<Error> error;
     if (_operation.runStep(*signIn, &error)) {
       _outcome.authenticatedAccountDSID = signIn->dsID();

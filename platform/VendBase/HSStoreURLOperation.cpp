@@ -130,6 +130,7 @@ void HSStoreURLOperation::getVantorMaxAge(double* maxAge) const {
 void HSStoreURLOperation::run() {
   _restartTime();
   std::optional<Error> failure = _resolveURL();
+  _restartTime();  // loading the bag has a time of its own
   if (!failure && _needsAuthentication.value_or(false)) failure = _authenticateIfExpired();
   if (!failure) failure = _fetch();
   if (!failure && _response->statusCode == kAuthenticationRequiredStatus &&
@@ -159,7 +160,7 @@ std::optional<Error> HSStoreURLOperation::_resolveURL() {
 
 // Not when a person must not be asked, nor when one just has been.
 bool HSStoreURLOperation::_mayAuthenticateOnDemand() const {
-  return _needsAuthentication.value_or(true) && !_authenticatedDSID && requiredBagType() != 0 &&
+  return _needsAuthentication.value_or(true) && !_hasAskedToSignIn && requiredBagType() != 0 &&
          (!_dataProvider || _dataProvider->allowsQuestions());
 }
 
@@ -181,6 +182,7 @@ std::optional<Error> HSStoreURLOperation::_authenticateIfExpired() {
 
 // Has the transaction service ask somebody to sign in, and waits for them.
 std::optional<Error> HSStoreURLOperation::_authenticate() {
+  _hasAskedToSignIn = true;
   struct Outcome {
     bool success = false;
     std::optional<std::uint64_t> dsID;
@@ -229,19 +231,18 @@ std::optional<Error> HSStoreURLOperation::_fetch() {
   if (!_urlKnownToBeTrusted)
     if (auto refusal = _trustFailure(hop.url)) return refusal;
 
-  bool mayRepeat = _shouldRetryOnSilentOrvAction;
   for (int redirects = 0;;) {
     Result<HTTPResponse> response = _send(hop);
     if (!response) return response.error();
     _response = std::make_unique<HTTPResponse>(std::move(*response));
     _takeIn(*_response);
     if (isCancelled()) return cancellationError();  // perhaps before it was taken in
-    if (mayRepeat && _mustRepeatAfterOrvAction(hop.url)) {
-      mayRepeat = false;  // once, whatever the next answer orders
+    if (_mustRepeatAfterOrvAction(hop.url)) {
+      _hasRepeatedAfterOrvAction = true;  // once, whatever the next answer orders
       _restartTime();
       continue;
     }
-    if (!HSRequestHop::isRedirect(*_response)) return std::nullopt;
+    if (!_followsRedirects || !HSRequestHop::isRedirect(*_response)) return std::nullopt;
     if (redirects == kMaxRedirects)
       return HSError(kHSErrorTooManyRedirects, std::nullopt, "The store redirects without end");
     Result<HSRequestHop> next = hop.hopAfterRedirect(*_response);
@@ -281,7 +282,8 @@ std::optional<Error> HSStoreURLOperation::_redirectFailure(const URL& from, cons
 
 // The action is on its way by now: the next question for headers that need it waits behind it.
 bool HSStoreURLOperation::_mustRepeatAfterOrvAction(const URL& url) {
-  if (requiredBagType() == 0 || _request.suppressOrvHeaders || !ordersOrvAction(*_response))
+  if (!_shouldRetryOnSilentOrvAction || _hasRepeatedAfterOrvAction || requiredBagType() == 0 ||
+      _request.suppressOrvHeaders || !ordersOrvAction(*_response))
     return false;
   const auto service = bagServiceProxy().accountService();
   const HSPendingReply<bool> needsAction;

@@ -94,6 +94,8 @@ class HSStoreURLOperation : public HSOperation {
     _authenticationContext = std::move(context);
   }
   const HSAuthenticationContext& authenticationContext() const { return _authenticationContext; }
+  // Yes unless set. No: a redirect is a final status, so that the body goes to no second address.
+  void setFollowsRedirects(bool follows) { _followsRedirects = follows; }
   // Sends the primary account's DSID and token with the request, where there are such.
   void setSendToken(bool send) { _sendToken = send; }
   // An answer that orders a machine-identity action is not taken where the URL needs machine
@@ -112,7 +114,7 @@ class HSStoreURLOperation : public HSOperation {
   void getVantorMaxAge(double* maxAge) const;
 
   const std::shared_ptr<HSDataProvider>& dataProvider() const { return _dataProvider; }
-  // The account that was signed in for this request, because it needed one or the store said so.
+  // The account that this request was sent for, because it needed one or the store said so.
   std::optional<std::uint64_t> authenticatedDSID() const { return _authenticatedDSID; }
 
   // For the data provider, while it acts on an answer: has a dialog shown and waits for the person;
@@ -154,6 +156,9 @@ class HSStoreURLOperation : public HSOperation {
   bool _shouldRetryOnSilentOrvAction = false;
   std::optional<bool> _needsAuthentication;
   bool _sendToken = false;
+  bool _followsRedirects = true;
+  bool _hasAskedToSignIn = false;  // somebody has been, for this request
+  bool _hasRepeatedAfterOrvAction = false;
   HSAuthenticationContext _authenticationContext;
   std::optional<std::uint64_t> _authenticatedDSID;
   bool _waitsForResponseIntake = true;

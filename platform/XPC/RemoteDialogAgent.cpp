@@ -24,7 +24,7 @@ void RemoteDialogAgent::showDialog(std::uint64_t number, const HSDialog& dialog)
       addressOf(_uniqueName, _path), "showDialog", PeerConnection::kUsualPatience,
       std::function<void(std::optional<Error>)>(
           [self = shared_from_this(), number](const std::optional<Error>& error) {
-            if (error) HSDialogCenter::shared().answer(*self, number, {});
+            if (error) HSDialogCenter::shared().dismissUnshown(*self, number);
           }),
       number, std::move(wireDialog));
 }

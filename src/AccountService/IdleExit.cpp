@@ -7,6 +7,7 @@
 #include "platform/Base/Clock.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/VendBase/HSDialogCenter.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/XPCTransaction.h"
@@ -61,6 +62,8 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
   void leaveNow() {
     if (latest) return;
     latest = Clock::shared().monotonicSeconds() + kPatienceSeconds;
+    HSDialogCenter::shared()
+        .close();  // whose calls are then answered, not left to wait for a person
     giveUpName([](const XPCListener::Load&) { return true; }, "the service is told to stop");
   }
 

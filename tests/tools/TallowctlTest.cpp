@@ -5,6 +5,7 @@
 
 #include "platform/Preferences/MemoryPreferences.h"
 #include "platform/PropertyList/JSON.h"
+#include "platform/VendBase/HSError.h"
 #include "tests/platform/XPC/ListenerFixture.h"
 #include "tools/tallowctl/Application.h"
 #include "tools/tallowctl/Terminal.h"
@@ -146,6 +147,28 @@ TEST(TallowctlTest, TellsOfItself) {
   EXPECT_THAT(run({"--help"}).output, HasSubstr("storefront"));
   EXPECT_THAT(run({"bag", "load", "--help"}).output, HasSubstr("sandbox"));
   EXPECT_THAT(*(*json({"bag", "--help"}, 0).dictionary())["help"].string(), HasSubstr("KEY"));
+}
+
+TEST_F(TallowctlServiceTest, ReadsAndChangesPasswordSettings) {
+  prepare = [](FakeAccountService& service) {
+    service.passwordSettings = Dictionary{{"a", "b"}, {"c", Array{1}}};
+  };
+  EXPECT_EQ(run({"password-settings"}).output, "a  b\nc  [1]\n");
+  EXPECT_EQ(json({"password-settings"}, 0), Value(Dictionary{{"a", "b"}, {"c", Array{1}}}));
+  EXPECT_EQ(run({"password-settings", "set", "a=b=c", "n=1", "t=\"1\"", "e="}).status, 0);
+  EXPECT_EQ(service(3)->passwordSettings,  // the second of the two connections is the one that asks
+            (Dictionary{{"a", "b=c"}, {"n", 1}, {"t", "1"}, {"e", ""}}));
+  EXPECT_EQ(run({"password-settings", "set", "=b"}).status, 2);
+  EXPECT_EQ(run({"password-settings", "set"}).status, 2);
+
+  // A refusal has no message, only a title, and may try what it likes with the terminal.
+  prepare = [](FakeAccountService& service) {
+    service.passwordSettingsError = HSError(32, "No\x1b[31m!", std::nullopt);
+  };
+  const Outcome refused = run({"password-settings", "set", "a=b"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.errors, HasSubstr("No\\x1b[31m!"));
+  EXPECT_EQ(errorIn(json({"password-settings"}, 1), "code"), Value(32));
 }
 
 TEST(TallowctlTest, KeepsPreferencesOfEveryType) {

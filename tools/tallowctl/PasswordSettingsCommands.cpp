@@ -1,5 +1,3 @@
-#include <sys/resource.h>
-
 #include <vector>
 
 #include "client/DialogAgent.h"
@@ -15,12 +13,6 @@ namespace {
 Value valueFrom(const std::string& text) {
   const Result<Value> json = JSON::decode(text);
   return json && !json->isNil() ? *json : Value(text);
-}
-
-// The words of a store's refusal; its own where it has no message, only a title.
-std::string wordsOf(const Error& error) {
-  const std::string* const title = error.userInfo["title"].string();
-  return title != nullptr ? *title : error.localizedDescription();
 }
 
 int showSettings(Application& application) {
@@ -41,19 +33,21 @@ int changeSettings(Application& application, const std::vector<std::string>& ass
       return application.output().wrongUsage("Not KEY=VALUE: " + each);
     changes = changes.setting(each.substr(0, equals), valueFrom(each.substr(equals + 1)));
   }
-  // A core file would have a password in it.
-  const rlimit none{0, 0};
-  setrlimit(RLIMIT_CORE, &none);
   return application.withClient([&](AccountServiceClient& client) {
     // Another program may be the one that asks. Where nobody can, the store's refusal says so.
-    const auto agent = DialogAgent::start(application.client(), showOnTerminal);
+    // The system-wide instance asks nobody.
+    std::optional<Result<std::unique_ptr<DialogAgent>>> agent;
+    if (application.instance() == AccountServiceClient::Instance::Agent)
+      agent = DialogAgent::start(application.client(), showOnTerminal);
+    if (agent && !*agent)
+      application.output().line("The store can ask nothing here: " +
+                                (*agent).error().localizedDescription());
     return application.show(client.updatePasswordSettings(changes), [&](const auto& update) {
       if (update.success) return application.finish(std::nullopt, "The settings are changed.");
       if (!update.error)
         return application.output().failure(
             makeError("tallowctl", 1, "The settings were not changed."));
-      return application.output().failure(
-          makeError(update.error->domain, update.error->code, wordsOf(*update.error)));
+      return application.output().failure(*update.error);
     });
   });
 }

@@ -42,7 +42,9 @@ class Silence {
     termios silent = settingsBefore;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     silent.c_lflag |= ECHONL;
-    tcsetattr(descriptor, TCSAFLUSH, &silent);
+    termios now{};
+    _isSilent = tcsetattr(descriptor, TCSAFLUSH, &silent) == 0 &&
+                tcgetattr(descriptor, &now) == 0 && (now.c_lflag & ECHO) == 0;
   }
   ~Silence() {
     if (silentTerminal < 0) return;
@@ -51,11 +53,14 @@ class Silence {
       sigaction(kEndingSignals[i], &_actionsBefore[i], nullptr);
     silentTerminal = -1;
   }
+  // A terminal that cannot be made silent is asked nothing.
+  bool isSilent() const { return _isSilent; }
   Silence(const Silence&) = delete;
   Silence& operator=(const Silence&) = delete;
 
  private:
   const int _descriptor;
+  bool _isSilent = false;
   std::array<struct sigaction, kEndingSignals.size()> _actionsBefore{};
 };
 
@@ -106,7 +111,9 @@ std::optional<std::string> Terminal::askLine(std::string_view prompt) const {
 }
 
 std::optional<Secret> Terminal::askSecret(std::string_view prompt) const {
+  forbidCoreDumps();  // not before: the service has to see who calls, and has by now
   const Silence silence(_descriptor);  // first: what is typed before it is thrown away
+  if (!silence.isSilent()) return std::nullopt;
   writeAll(_descriptor, printable(prompt));
   return readSecretLine(_descriptor, _giveUp);
 }

@@ -48,7 +48,7 @@ std::optional<std::size_t> askForButton(const Terminal& terminal, const Dictiona
   const bool isOnly = buttons->count() == 1;
   const auto line = terminal.askLine(isOnly ? "Number (empty: 1): " : "Number (empty: close): ");
   if (!line) return std::nullopt;
-  std::size_t number = isOnly ? 1 : 0;
+  std::size_t number = isOnly && line->empty() ? 1 : 0;
   std::from_chars(line->data(), line->data() + line->size(), number);
   return number >= 1 && number <= buttons->count() ? std::optional(number - 1) : std::nullopt;
 }
@@ -65,7 +65,9 @@ DialogAgent::Answer askForSignIn(const Terminal& terminal, const Dictionary& dia
   if (name.empty()) return {};
   auto password = terminal.askSecret("Password for " + name + " (empty: cancel): ");
   if (!password || password->empty()) return {buttonThat(true, dialog), {}, Secret()};
-  return {buttonThat(false, dialog), std::move(name), *std::move(password)};
+  const auto button = buttonThat(false, dialog);
+  if (!button) return {};
+  return {button, std::move(name), *std::move(password)};
 }
 
 }  // namespace
@@ -74,6 +76,8 @@ DialogAgent::Answer showOnTerminal(const DialogAgent::Dialog& dialog) {
   auto terminal = Terminal::open();
   if (!terminal) return {};
   terminal->giveUpWhenReadable(dialog.goneFile);
+  terminal->say("The store has a question for " +
+                std::string(textUnder(dialog.contents, "client")) + ":");
   sayLines(*terminal, textUnder(dialog.contents, "message"));
   sayLines(*terminal, textUnder(dialog.contents, "explanation"));
   if (dialog.contents["signIn"].dictionary() != nullptr)

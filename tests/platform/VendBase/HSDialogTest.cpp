@@ -140,13 +140,24 @@ TEST_F(DialogCenterTest, DismissesWhatNobodyAnswers) {
   const std::uint64_t withdrawn = show();
   _center.withdraw(withdrawn);
   _center.withdraw(withdrawn);
+  const std::uint64_t unshown = show();
+  _center.dismissUnshown(*_scoped.agent, unshown);
+  EXPECT_EQ(_scoped.agent->dismissed.back(), unshown) << "it may show it later";
   show();
   _center.removeAgent(_scoped.agent);
-  EXPECT_EQ(answers, (Answers{"-", "-", "-"}));
+  EXPECT_EQ(answers, (Answers{"-", "-", "-", "-"}));
   EXPECT_EQ(show(), 0u) << "there is no agent";
-  EXPECT_EQ(answers.size(), 4u);
+  EXPECT_EQ(answers.size(), 5u);
   EXPECT_TRUE(
       _log.contains(1, "HSDialogCenter: A dialog for a is not shown: there is nobody to show it"));
+}
+
+TEST_F(DialogCenterTest, AServiceThatEndsAsksNobody) {
+  show();
+  EXPECT_EQ(_scoped.agent->shown.at(0).client, "a");
+  _center.close();
+  EXPECT_EQ(show(), 0u);
+  EXPECT_EQ(answers, (Answers{"-", "-"}));
 }
 
 TEST_F(DialogCenterTest, BoundsAgentsAndOpenDialogs) {

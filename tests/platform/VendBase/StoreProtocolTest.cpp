@@ -198,6 +198,16 @@ TEST_F(StoreProtocolTest, KeepsAPasswordFromWhereItDoesNotBelong) {
     EXPECT_EQ(error ? error->code : 0, each.error) << each.url << description(each.answer);
     EXPECT_EQ(_transport.requests().size() - before, asks ? 1u : 0u);
   }
+  // Nor to where the store would have it sent on.
+  for (const int status : {302, 307, 308}) {
+    respond(status, {{"Location", "https://other.example/"}});
+    const auto operation =
+        std::make_shared<HSSignInOperation>(makeClient(), context, "n", Secret("p"));
+    std::optional<Error> error;
+    operation->runSyncReturningError(&error);
+    EXPECT_EQ(error ? error->code : 0, kHSErrorHTTPStatus);
+    EXPECT_EQ(_transport.requests().back().url.absoluteString(), kAuthenticateURL);
+  }
 }
 
 TEST_F(StoreProtocolTest, AuthenticatesOnDemandOnceAndCarriesTheToken) {
@@ -259,12 +269,19 @@ TEST_F(StoreProtocolTest, AuthenticatesUpFrontWhereTheTokenHasExpired) {
   EXPECT_EQ(sentHeader(0, "X-Vantor-Token"), "t");
   EXPECT_EQ(_transactions->contexts.size(), 3u);
 
+  // A token that the store has revoked: somebody is asked all the same, once.
+  _transactions->answer = [](const auto& reply) { reply(true, 7u, std::nullopt); };
+  answerWith({}, 401);
+  answerWith({});
+  EXPECT_EQ(run(*operation()), 0);
+  EXPECT_EQ(_transactions->contexts.size(), 4u);
+
   // Not where others could read it.
   answerWith({});
   const auto plain = operationFor("http://store.example/");
   plain->setSendToken(true);
   EXPECT_EQ(run(*plain), 0);
-  EXPECT_EQ(sentHeader(1, "X-Vantor-Token"), "(none)");
+  EXPECT_EQ(sentHeader(3, "X-Vantor-Token"), "(none)");
 }
 
 TEST_F(StoreProtocolTest, RepeatsOnceAfterAMachineIdentityAction) {
@@ -306,11 +323,30 @@ TEST_F(StoreProtocolTest, AnOpenDialogKeepsNoPlaceOnTheQueue) {
   next->setCompletionHandler([&](auto&, bool, const auto&) { ran.set_value(); });
   queue.addOperation(next);
   ran.get_future().wait();
-  EXPECT_EQ(queue.operationCount(), 1u) << "the dialog is still open";
+  EXPECT_EQ(_dialogs.center.openDialogCount(), 1u);
   // Cancelling takes it away.
   waiting->cancel();
   queue.waitUntilAllOperationsAreFinished();
   EXPECT_EQ(_dialogs.center.openDialogCount(), 0u);
+}
+
+// However much one client has the store do, another's operation finds a place.
+TEST_F(StoreProtocolTest, OneClientDoesNotTakeAllPlaces) {
+  HSOperationQueue queue(2, 1);
+  _transport.hold();
+  for (int i = 0; i < 3; ++i) queue.addOperation(operationFor("https://store.example/"));
+  auto other = std::make_shared<HSStoreClient>();
+  other->identifier = "another";
+  std::promise<void> ran;
+  const auto next = std::make_shared<HSOperation>(other);
+  next->setCompletionHandler([&](auto&, bool, const auto&) { ran.set_value(); });
+  queue.addOperation(next);
+  ran.get_future().wait();
+  _transport.setHandler(
+      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
+  _transport.release();
+  queue.waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(_transport.requests().size(), 3u);
 }
 
 }  // namespace

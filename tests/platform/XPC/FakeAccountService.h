@@ -139,6 +139,17 @@ class FakeAccountService final : public SilentAccountService {
     _answer("removeAccountStoreObserver", reply);
   }
 
+  std::optional<Dictionary> passwordSettings;
+  std::optional<Error> passwordSettingsError;
+  void getPasswordSettings(Reply<std::optional<Dictionary>, std::optional<Error>> reply) override {
+    reply(passwordSettings, passwordSettingsError);
+  }
+  void updatePasswordSettings(std::optional<Dictionary> settings,
+                              Reply<bool, std::optional<Error>> reply) override {
+    passwordSettings = std::move(settings);
+    reply(!passwordSettingsError, passwordSettingsError);
+  }
+
  private:
   static std::string _text(const std::optional<URL>& url) {
     return url ? url->absoluteString() : "nil";
