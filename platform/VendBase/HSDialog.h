@@ -11,6 +11,14 @@
 
 namespace tallow {
 
+// What a dialog that asks to sign in has beside its texts.
+struct HSDialogSignIn {
+  std::string accountName;  // to begin with
+  bool isFixed = false;     // this account and no other
+  // What for, as the request's authentication context says; 0 where it says nothing.
+  std::int64_t reason = 0;
+};
+
 // A dialog that a store asks to be shown to the person at the machine (docs/store-requests.md says
 // how an answer carries one). A plain value.
 //
@@ -26,13 +34,7 @@ struct HSDialog {
     std::string title;
     bool dismisses = false;  // what it does is what closing the dialog does
   };
-  // What a dialog that asks to sign in has beside its texts.
-  struct SignIn {
-    std::string accountName;  // to begin with
-    bool isFixed = false;     // this account and no other
-    // What for, as the request's authentication context says; 0 where it says nothing.
-    std::int64_t reason = 0;
-  };
+  using SignIn = HSDialogSignIn;
 
   std::string client;  // the store client that it is for; set when it is shown
   std::string message;

@@ -70,7 +70,7 @@ void HSDialogCenter::close() {
 }
 
 std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& client,
-                                   Answered answered) {
+                                   const Answered& answered) {
   std::uint64_t number = 0;
   std::shared_ptr<HSDialogAgent> agent;
   const char* refusal = nullptr;
@@ -88,15 +88,17 @@ std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& cl
     answered({});
     return 0;
   }
-  auto timer = RunLoop::main().addTimer(kPatienceSeconds, [state = _state, number] {
+  const auto timer = RunLoop::main().addTimer(kPatienceSeconds, [state = _state, number] {
     dismiss(state, number, "nobody has answered");
   });
+  bool isOpen = false;
   {
     const std::lock_guard guard(_state->lock);
     const auto found = _state->open.find(number);
-    if (found != _state->open.end()) found->second.timer = std::move(timer);
+    isOpen = found != _state->open.end();
+    if (isOpen) found->second.timer = timer;
   }
-  if (timer) timer->invalidate();  // has been dismissed meanwhile
+  if (!isOpen) timer->invalidate();  // has been dismissed meanwhile
   logLevel(3, "%@: Showing dialog %lu for %@", kClassName, number, client);
   HSDialog shown = dialog;
   shown.client = client;

@@ -52,7 +52,7 @@ class HSDialogCenter {
 
   // For requests: `answered` runs exactly once, perhaps before this returns. The result is the
   // dialog's number; 0 when it was dismissed at once.
-  std::uint64_t show(const HSDialog& dialog, const std::string& client, Answered answered);
+  std::uint64_t show(const HSDialog& dialog, const std::string& client, const Answered& answered);
   // Nobody waits any more: the dialog is dismissed. Does nothing when it has been answered.
   void withdraw(std::uint64_t number);
 

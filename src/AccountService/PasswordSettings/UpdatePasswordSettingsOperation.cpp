@@ -55,8 +55,8 @@ void UpdatePasswordSettingsOperation::run() {
 }
 
 UpdatePasswordSettingsOperation::Request UpdatePasswordSettingsOperation::_newOperation() const {
-  const Request made{std::make_shared<HSStoreURLOperation>(storeClient()),
-                     HSPropertyListProvider::providerWithStoreClient(storeClient())};
+  Request made{std::make_shared<HSStoreURLOperation>(storeClient()),
+               HSPropertyListProvider::providerWithStoreClient(storeClient())};
   made.operation->setNeedsAuthentication(false);
   made.operation->setURLBagKey("update-password-settings");
   made.operation->setShouldRetryOnSilentOrvAction(true);
