@@ -61,10 +61,12 @@ void BusConnection::post(std::function<void()> task) {
     _posted.push_back(std::move(task));
     _hasPosted = true;
   }
-  _wake();
+  // The reading thread itself looks again before it waits.
+  if (_reader != std::this_thread::get_id()) _wake();
 }
 
 void BusConnection::_read(const std::function<void()>& disconnected) {
+  _reader = std::this_thread::get_id();
   try {
     while (!_stopping) {
       _readUntilIdle();
@@ -89,7 +91,7 @@ void BusConnection::readArrived() {
 void BusConnection::_readUntilIdle() {
   do {
     if (_hasPosted) _runPosted();
-  } while (!_stopping && bus::processOne(*_connection));
+  } while (!_stopping && (bus::processOne(*_connection) || _hasPosted));
 }
 
 void BusConnection::_runPosted() {

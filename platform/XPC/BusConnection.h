@@ -62,6 +62,7 @@ class BusConnection {
   std::vector<std::function<void()>> _posted;
   bool _hasEnded = false;
   std::thread _thread;
+  std::atomic<std::thread::id> _reader{};  // that thread, once it runs
 };
 
 }  // namespace tallow
