@@ -37,24 +37,16 @@ OrvCrypto::Key BuiltInOrv::fingerprint(std::uint64_t dsID) const {
   return OrvCrypto::hmac(_fingerprintKey.span(), {number});
 }
 
-SecretVector BuiltInOrv::machineIdentifier(std::uint64_t dsID, const MachineSecret& secret) const {
-  OrvMessages::MachineIdentifier identifier;
-  identifier.machine = secret.machine;
-  identifier.proof = OrvMessages::MachineIdentifier::proofFor(secret.keys.identifier, dsID,
-                                                              fingerprint(dsID).span());
-  return secretCopy(identifier.encode().span());
-}
-
 std::int32_t BuiltInOrv::requestPassword(std::uint64_t dsID, SecretVector& identifier,
                                          SecretVector& password) {
   MachineSecret secret;
   if (const std::int32_t status = _secrets.load(dsID, secret); status != kOrvSuccess) return status;
   const std::uint64_t step = secret.clock.now() / (std::uint64_t{1000} * secret.periodSeconds);
   std::string digits =
-      OrvCrypto::timeBasedPassword(secret.keys.password.span(), step, OrvMessages::kPasswordDigits);
+      OrvCrypto::timeBasedPassword(secret.passwordKey.span(), step, OrvMessages::kPasswordDigits);
   password.assign(digits.begin(), digits.end());
   ::explicit_bzero(digits.data(), digits.size());
-  identifier = machineIdentifier(dsID, secret);
+  identifier = secretCopy(secret.identifier.encode().span());
   return kOrvSuccess;
 }
 
@@ -99,8 +91,12 @@ std::int32_t BuiltInOrv::finishProvisioning(std::uint32_t session, Bytes setting
   if (!settings) return kOrvNotGenuine;
 
   MachineSecret secret;
-  secret.keys = agreement.identityKeys();
-  secret.machine = settings->machine;
+  const OrvIdentityKeys keys = agreement.identityKeys();
+  secret.passwordKey = keys.password;
+  secret.syncKey = keys.sync;
+  secret.identifier.machine = settings->machine;
+  secret.identifier.proof = OrvMessages::MachineIdentifier::proofFor(keys.identifier, open.dsID,
+                                                                     fingerprint(open.dsID).span());
   secret.periodSeconds = settings->periodSeconds;
   secret.clock = StoreClock::setNow(settings->storeTime);
   return _secrets.save(open.dsID, secret);
@@ -116,16 +112,16 @@ std::int32_t BuiltInOrv::synchronizeMachine(std::uint64_t dsID, Bytes data,
   if (const std::int32_t status = _secrets.load(dsID, secret); status != kOrvSuccess) return status;
   const auto start = OrvMessages::SyncStart::decode(data);
   if (!start) return kOrvMalformed;
-  if (!OrvCrypto::areEqual(start->proof, start->proofWith(secret.keys.sync))) return kOrvNotGenuine;
+  if (!OrvCrypto::areEqual(start->proof, start->proofWith(secret.syncKey))) return kOrvNotGenuine;
   if (start->storeTime <= secret.clock.setAt()) return kOrvOutdated;
 
   OrvMessages::SyncRequest request;
   request.challenge = start->challenge;
   request.machineTime = secret.clock.now();
-  request.proof = request.proofWith(secret.keys.sync);
+  request.proof = request.proofWith(secret.syncKey);
   secret.clock = StoreClock::setNow(start->storeTime);
   if (const std::int32_t status = _secrets.save(dsID, secret); status != kOrvSuccess) return status;
-  identifier = machineIdentifier(dsID, secret);
+  identifier = secretCopy(secret.identifier.encode().span());
   clientData = secretCopy(request.encode().span());
   return kOrvSuccess;
 }

@@ -50,7 +50,6 @@ class BuiltInOrv {
   // What the store knows this machine by, for one DSID: two accounts' cannot be told to be of one
   // machine.
   OrvCrypto::Key fingerprint(std::uint64_t dsID) const;
-  SecretVector machineIdentifier(std::uint64_t dsID, const MachineSecret& secret) const;
 
   const OrvCrypto::Key _fingerprintKey;
   MachineSecretStore _secrets;

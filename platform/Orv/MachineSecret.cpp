@@ -49,10 +49,10 @@ std::uint64_t StoreClock::now() const {
 SecretBytes<MachineSecret::kBytes> MachineSecret::encode() const {
   SecretBytes<kBytes> bytes;
   ByteWriter(bytes.writable())
-      .bytes(keys.password.span())
-      .bytes(keys.identifier.span())
-      .bytes(keys.sync.span())
-      .bytes(machine)
+      .bytes(passwordKey.span())
+      .bytes(syncKey.span())
+      .bytes(identifier.machine)
+      .bytes(identifier.proof)
       .number(periodSeconds)
       .number(clock._storeTime)
       .number(clock._monotonicTime)
@@ -65,10 +65,10 @@ std::optional<MachineSecret> MachineSecret::decode(std::span<const std::uint8_t>
   if (bytes.size() != kBytes) return std::nullopt;
   MachineSecret secret;
   ByteReader(bytes)
-      .bytes(secret.keys.password.writable())
-      .bytes(secret.keys.identifier.writable())
-      .bytes(secret.keys.sync.writable())
-      .bytes(secret.machine)
+      .bytes(secret.passwordKey.writable())
+      .bytes(secret.syncKey.writable())
+      .bytes(secret.identifier.machine)
+      .bytes(secret.identifier.proof)
       .number(secret.periodSeconds)
       .number(secret.clock._storeTime)
       .number(secret.clock._monotonicTime)

@@ -4,7 +4,7 @@
 #include <optional>
 #include <span>
 
-#include "platform/Orv/OrvAgreement.h"
+#include "platform/Orv/OrvCrypto.h"
 #include "platform/Orv/OrvMessages.h"
 
 namespace tallow {
@@ -35,12 +35,13 @@ class StoreClock {
 // Everything that a machine keeps for one DSID. A plain value, wiped when it goes.
 class MachineSecret {
  public:
-  OrvIdentityKeys keys;
-  OrvMessages::ID machine{};
+  OrvCrypto::Key passwordKey, syncKey;
+  // What every request says of the machine; its proof needs no key again.
+  OrvMessages::MachineIdentifier identifier;
   std::uint32_t periodSeconds = 30;
   StoreClock clock;
 
-  static constexpr std::size_t kBytes = 3 * 32 + 16 + 4 + 3 * 8 + 16;
+  static constexpr std::size_t kBytes = 2 * 32 + 16 + 32 + 4 + 3 * 8 + 16;
   SecretBytes<kBytes> encode() const;
   static std::optional<MachineSecret> decode(std::span<const std::uint8_t> bytes);
 };

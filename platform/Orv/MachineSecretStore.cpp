@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Format.h"
@@ -31,6 +32,7 @@ constexpr std::size_t kFileBytes = kHeaderBytes + MachineSecret::kBytes + OrvCry
 constexpr std::size_t kLargestFile = 64u << 10;
 constexpr std::string_view kExtension = ".identity";
 constexpr std::size_t kMostKept = 4096;
+constexpr double kLookAgainSeconds = 1;
 
 // What is authenticated beside the secret: which file it is, and whose.
 using Alongside = std::array<std::uint8_t, kHeaderBytes + 8>;
@@ -69,7 +71,10 @@ std::optional<std::uint64_t> dsIDOf(std::string_view name) {
 
 MachineSecretStore::MachineSecretStore(std::filesystem::path folder,
                                        const OrvCrypto::Key& machineKey, Log log)
-    : _folder(std::move(folder)), _machineKey(machineKey), _log(std::move(log)) {}
+    : _folder(std::move(folder)),
+      _machineKey(machineKey),
+      _log(std::move(log)),
+      _owner(::geteuid()) {}
 
 std::string MachineSecretStore::pathOf(std::uint64_t dsID) const {
   return _folder.native() + "/" + nameOf(dsID);
@@ -77,6 +82,12 @@ std::string MachineSecretStore::pathOf(std::uint64_t dsID) const {
 
 // The file as it is, from memory if it is still the one that was read.
 std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
+  const double now = Clock::shared().monotonicSeconds();
+  const auto kept = _sealed.find(dsID);
+  if (kept != _sealed.end() && now - kept->second.lookedAt < kLookAgainSeconds) {
+    contents = kept->second.contents;
+    return kOrvSuccess;
+  }
   const std::string path = pathOf(dsID);
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) {
@@ -86,7 +97,7 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
     _log(1, format("Cannot look at %s: %s", path, std::strerror(code)));
     return kOrvNotStored;
   }
-  if (!S_ISREG(status.st_mode) || status.st_uid != ::geteuid() ||
+  if (!S_ISREG(status.st_mode) || status.st_uid != _owner ||
       (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     _sealed.erase(dsID);
     _log(1, format("Not using %s: others could have read or written it. The next provisioning "
@@ -95,7 +106,8 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
     return kOrvNotProvisioned;
   }
   const Stamp stamp{status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
-  if (const auto kept = _sealed.find(dsID); kept != _sealed.end() && kept->second.stamp == stamp) {
+  if (kept != _sealed.end() && kept->second.stamp == stamp) {
+    kept->second.lookedAt = now;
     contents = kept->second.contents;
     return kOrvSuccess;
   }
@@ -106,7 +118,7 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
   }
   contents = whole ? *whole : Data();
   if (_sealed.size() >= kMostKept) _sealed.clear();
-  _sealed.insert_or_assign(dsID, Sealed{stamp, contents});
+  _sealed.insert_or_assign(dsID, Sealed{stamp, contents, now});
   return kOrvSuccess;
 }
 

@@ -19,7 +19,8 @@ namespace tallow {
 // Mode 0600; written so that at any moment the old or the new one is there, whole; a removed one
 // stays removed.
 //
-// Only what is sealed stays in memory between two calls. Statuses are those of a machine-identity
+// Only what is sealed stays in memory between two calls; that somebody else has changed a file is
+// noticed within a second. Statuses are those of a machine-identity
 // library (OrvStatus.h). Owned by the built-in library, used by one thread at a time.
 class MachineSecretStore {
  public:
@@ -49,6 +50,7 @@ class MachineSecretStore {
   struct Sealed {
     Stamp stamp;
     Data contents;
+    double lookedAt = 0;  // when the file was last seen to be still that one; monotonic
   };
 
   std::string pathOf(std::uint64_t dsID) const;
@@ -58,6 +60,7 @@ class MachineSecretStore {
   const std::filesystem::path _folder;
   const OrvCrypto::Key _machineKey;
   const Log _log;
+  const std::uint32_t _owner;  // whose the files have to be: this process's user
   std::unordered_map<std::uint64_t, Sealed> _sealed;
 };
 

@@ -48,12 +48,6 @@ void require(bool succeeded, const char* what) {
 }
 
 // Fetched once: fetching costs more than what is done with them. They live for the process.
-EVP_MAC* hmacAlgorithm() {
-  static EVP_MAC* const algorithm = EVP_MAC_fetch(library(), OSSL_MAC_NAME_HMAC, nullptr);
-  require(algorithm != nullptr, "finding HMAC");
-  return algorithm;
-}
-
 EVP_KDF* hkdfAlgorithm() {
   static EVP_KDF* const algorithm = EVP_KDF_fetch(library(), OSSL_KDF_NAME_HKDF, nullptr);
   require(algorithm != nullptr, "finding HKDF");
@@ -69,6 +63,18 @@ EVP_CIPHER* cipher() {
 OSSL_PARAM digestParameter() {
   static char name[] = "SHA256";
   return OSSL_PARAM_construct_utf8_string(OSSL_ALG_PARAM_DIGEST, name, 0);
+}
+
+// An HMAC-SHA-256 that only lacks its key: to copy one is cheaper than to have its digest found.
+MACContext hmacContext() {
+  static EVP_MAC_CTX* const prepared = [] {
+    EVP_MAC* const algorithm = EVP_MAC_fetch(library(), OSSL_MAC_NAME_HMAC, nullptr);
+    EVP_MAC_CTX* const made = EVP_MAC_CTX_new(algorithm);
+    const OSSL_PARAM parameters[] = {digestParameter(), OSSL_PARAM_construct_end()};
+    require(made != nullptr && EVP_MAC_CTX_set_params(made, parameters) == 1, "finding HMAC");
+    return made;
+  }();
+  return MACContext(EVP_MAC_CTX_dup(prepared));
 }
 
 OSSL_PARAM bytesParameter(const char* name, Bytes bytes) {
@@ -126,11 +132,9 @@ void hkdf(Bytes inputKey, Bytes salt, Bytes info, std::span<std::uint8_t> output
 }
 
 Key hmac(Bytes key, std::initializer_list<Bytes> parts) {
-  const MACContext context(EVP_MAC_CTX_new(hmacAlgorithm()));
-  const OSSL_PARAM parameters[] = {digestParameter(), OSSL_PARAM_construct_end()};
-  require(
-      context != nullptr && EVP_MAC_init(context.get(), key.data(), key.size(), parameters) == 1,
-      "starting an HMAC");
+  const MACContext context = hmacContext();
+  require(context != nullptr && EVP_MAC_init(context.get(), key.data(), key.size(), nullptr) == 1,
+          "starting an HMAC");
   for (const Bytes part : parts)
     require(EVP_MAC_update(context.get(), part.data(), part.size()) == 1, "computing an HMAC");
   Key result;

@@ -111,6 +111,7 @@ TEST_F(BuiltInOrvTest, AProvisionedMachineProvesItselfUntilItIsReset) {
   EXPECT_EQ(passwordOf(again), store.passwordAt(now()));
   EXPECT_EQ(again.resetProvisioning(kDSID), kOrvSuccess);
   EXPECT_EQ(again.resetProvisioning(kDSID), kOrvSuccess) << "nothing to forget";
+  clock.advance(1);
   EXPECT_EQ(passwordOf(orv), "-45061") << "in the first one, too";
   EXPECT_EQ(passwordOf(again, UINT64_MAX), anonymous.passwordAt(now()));
 }
@@ -153,13 +154,13 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   Store store;
   const auto write = [this](const Data& contents) {
     ASSERT_FALSE(writeFileAtomically(file(), contents));
+    clock.advance(1);
   };
   {
     BuiltInOrv orv = machine();
     ASSERT_EQ(provision(orv, store), kOrvSuccess);
   }
   const Data good = *readFile(file());
-  const std::string password = store.passwordAt(now());
   const auto damaged = [&good](std::size_t at) {
     std::vector<std::uint8_t> bytes(good.span().begin(), good.span().end());
     bytes[at] ^= 1;
@@ -170,7 +171,7 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   for (const Data& bad : {damaged(0), damaged(20), damaged(good.length() - 1), Data(),
                           Data(good.span().first(100)), Data(std::string(100'000, 'x'))}) {
     write(good);
-    EXPECT_EQ(passwordOf(orv), password);
+    EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
     write(bad);
     EXPECT_EQ(passwordOf(orv), "-45061");
     EXPECT_FALSE(std::filesystem::exists(file()));
@@ -183,7 +184,9 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   EXPECT_EQ(passwordOf(elsewhere), "-45061") << "carried over to another machine";
 
   write(good);
+  EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
   ::chmod(file().c_str(), 0644);
+  clock.advance(1);
   EXPECT_EQ(passwordOf(orv), "-45061");
   EXPECT_NE(log.find("others could have read"), std::string::npos);
   EXPECT_TRUE(std::filesystem::exists(file())) << "until the next provisioning";

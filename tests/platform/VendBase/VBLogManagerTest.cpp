@@ -104,12 +104,14 @@ TEST(StandardErrorLogSinkTest, WritesOneWholeLine) {
   ASSERT_EQ(pipe(ends), 0);
   StandardErrorLogSink sink("/nowhere", ends[1]);
   sink.write(1, {"/src/Bag.cpp", "load", 120}, "Bag", "Bag: no \"bag\"");
-  char buffer[256];
+  sink.writeEvent("com.example.event", {{"result", "fail\n"}, {"error_code", -1}});
+  char buffer[512];
   const ssize_t length = read(ends[0], buffer, sizeof buffer);
   ASSERT_GT(length, 0);
+  const std::string head = "2026-03-01 12:30:00 +0000 tallowd[" + std::to_string(getpid()) + "] ";
   EXPECT_EQ(std::string(buffer, static_cast<std::size_t>(length)),
-            "2026-03-01 12:30:00 +0000 tallowd[" + std::to_string(getpid()) +
-                "] 1 Bag:120: Bag: no \"bag\"\n");
+            head + "1 Bag:120: Bag: no \"bag\"\n" + head +
+                R"(event com.example.event {"error_code" = -1; "result" = "fail\n"})" + "\n");
   close(ends[0]);
   close(ends[1]);
 }
