@@ -19,7 +19,8 @@ class ProvisionedMachine {
  public:
   explicit ProvisionedMachine(std::uint64_t dsIDs) : _folder(makeFolder()) {
     const std::uint8_t id[] = {1, 2, 3, 4};
-    orv = std::make_unique<BuiltInOrv>(_folder, id, [](int, const std::string&) {});
+    orv = std::make_unique<BuiltInOrv>(_folder, id, StoreClock::Boot{1},
+                                       [](int, const std::string&) {});
     for (std::uint64_t dsID = 1; dsID <= dsIDs; ++dsID) provision(dsID);
   }
   ~ProvisionedMachine() { std::filesystem::remove_all(_folder); }

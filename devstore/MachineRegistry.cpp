@@ -1,5 +1,7 @@
 #include "devstore/MachineRegistry.h"
 
+#include <strings.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -20,6 +22,8 @@ constexpr std::uint64_t kToleratedSteps = 1;  // to either side, for clocks and 
 constexpr std::size_t kMostKept = 4096;
 constexpr int kFailureType = 5001;
 constexpr std::uint8_t kSyncStateVersion = 1;
+constexpr const char* kIdentityHeaders[] = {"X-Vantor-MD", "X-Vantor-MD-M", "X-Vantor-AMD",
+                                            "X-Vantor-AMD-M", "X-Vantor-MD-S"};
 constexpr const char* kContentType = "application/x-vantor-plist";
 
 std::uint64_t nowInMilliseconds() {
@@ -40,7 +44,7 @@ Identity makeSigner() {
   return Identity::make(request, nullptr);
 }
 
-// Old ones go when there are too many; they would never have been asked for again.
+// Any one goes when there are too many: whoever still needs it is ordered to begin anew.
 template <class Map>
 void makeRoom(Map& map) {
   if (map.size() >= kMostKept) map.erase(map.begin());
@@ -71,8 +75,9 @@ Dictionary bodyOf(const ReceivedRequest& request, bool isAnonymous) {
   if (contentType == nullptr || *contentType != kContentType)
     throw Refusal(std::string("the body is not ") + kContentType);
   for (const auto& [name, value] : request.headers)
-    if (name.starts_with("X-Vantor-MD") || name.starts_with("X-Vantor-AMD"))
-      throw Refusal("an exchange must not carry " + name);
+    for (const char* identity : kIdentityHeaders)
+      if (strcasecmp(name.c_str(), identity) == 0)
+        throw Refusal("an exchange must not carry " + name);
   const Result<Value> body = PropertyList::decode(request.body);
   if (!body || body->dictionary() == nullptr) throw Refusal("the body is no dictionary");
   const bool saysAnonymous = (*body->dictionary())["dsId"] == Value(IdentityOrder::kAnonymous);
@@ -163,7 +168,8 @@ Dictionary MachineRegistry::finishProvisioning(const ReceivedRequest& received,
   _machines[settings.machine] = Machine{
       dsID, Data(std::span<const std::uint8_t>(*fingerprint)), agreement->identityKeys(), {}};
   makeRoom(_machineOfDSID);
-  _machineOfDSID[dsID] = settings.machine;
+  // Another machine of the DSID gives way when this one has shown that it got the answer.
+  _machineOfDSID.try_emplace(dsID, settings.machine);
   return {{"settingInfo", base64Text(settings.seal(agreement->settingsKey()))},
           {"transportKey", base64Text(OrvMessages::TransportKey{second.publicKey}.encode())}};
 } catch (const Refusal& refusal) {
@@ -203,6 +209,7 @@ MachineRegistry::Machine& MachineRegistry::machineIdentifiedBy(const std::string
     throw Refusal("the machine identifier is not genuine");
   if ((machine.dsID == IdentityOrder::kAnonymous) != isAnonymous)
     throw Refusal("the machine identifier is in the wrong header");
+  _machineOfDSID[machine.dsID] = identifier->machine;
   return machine;
 }
 
@@ -233,9 +240,15 @@ Dictionary MachineRegistry::verdict(const ReceivedRequest& request) {
   const std::lock_guard guard(_lock);
   const std::string* const text = request.header("X-Vantor-MD-S");
   const auto state = text == nullptr ? std::nullopt : dataFromBase64(*text);
-  const bool isSynchronised =
-      state && std::any_of(_machines.begin(), _machines.end(),
-                           [&](const auto& machine) { return isSyncState(*state, machine.first); });
+  // Of one of the machines that the very same request names.
+  const auto isOf = [&](const char* header) {
+    const std::string* const identifier = request.header(header);
+    const auto bytes = identifier == nullptr ? std::nullopt : dataFromBase64(*identifier);
+    const auto machine =
+        bytes ? OrvMessages::MachineIdentifier::decode(bytes->span()) : std::nullopt;
+    return machine && isSyncState(*state, machine->machine);
+  };
+  const bool isSynchronised = state && (isOf("X-Vantor-MD-M") || isOf("X-Vantor-AMD-M"));
   return {{"account", verdictOn(request, false)},
           {"anonymous", verdictOn(request, true)},
           {"synchronised", isSynchronised}};

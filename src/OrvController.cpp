@@ -31,6 +31,10 @@ std::optional<std::uint64_t> primaryAccountDSID(
   return account ? account->dsID() : std::nullopt;
 }
 
+std::string nameOf(const std::shared_ptr<const HSStoreClient>& storeClient) {
+  return storeClient ? storeClient->identifier.value_or("") : "";
+}
+
 std::optional<std::string> base64Text(const std::optional<std::span<const std::uint8_t>>& bytes) {
   return bytes ? std::optional(base64Encode(*bytes)) : std::nullopt;
 }
@@ -80,9 +84,11 @@ std::optional<Dictionary> OrvController::httpRequestHeadersForDSID(
 
 std::optional<Dictionary> OrvController::httpRequestHeadersForDSIDIfIdle(
     std::optional<std::uint64_t> dsID) {
-  if (!_passwordsDoNotWait) return std::nullopt;
+  if (!_isLibraryOpen || !dsID) return std::nullopt;
   std::optional<Dictionary> headers;
-  _serialQueue.trySync([&] { headers = _httpRequestHeadersForDSID(dsID); });
+  _serialQueue.trySync([&] {
+    if (OrvLibrary::shared().passwordIsAtHand(*dsID)) headers = _httpRequestHeadersForDSID(dsID);
+  });
   return headers;
 }
 
@@ -114,7 +120,7 @@ std::optional<Dictionary> OrvController::_httpRequestHeadersForDSID(
 void OrvController::_generateOTPOnCurrentThreadForDSID(std::uint64_t dsID,
                                                        const OTPHandler& withHandler) {
   const OrvLibrary& library = OrvLibrary::shared();
-  _passwordsDoNotWait = library.passwordsDoNotWait();
+  _isLibraryOpen = true;
   OrvBuffer machineIdentifier, password;
   const std::int32_t status = library.requestPassword(dsID, machineIdentifier, password);
   if (status == kOrvSuccess) {
@@ -136,14 +142,22 @@ void OrvController::processHTTPHeaders(const Dictionary& headers,
   logLevel(3, "Orv: %@", headers);
   Action action = Action::readFrom(headers);
   if (!action.isKnown()) return;
-  if (!_mayWait(forStoreClient)) {
+  const std::string client = nameOf(forStoreClient);
+  const std::optional<std::uint64_t> number = _numberOfNext(client);
+  if (!number) {
     logLevel(1, "Orv: Dropping action %@: %d actions of %@ are waiting already", action.action,
              kMostWaitingActions, forStoreClient);
     return;
   }
-  _serialQueue.async([this, action = std::move(action), forStoreClient] {
-    _process(action, forStoreClient);
-    _isDone(forStoreClient);
+  _serialQueue.async([this, action = std::move(action), forStoreClient, client, number] {
+    if (_isDropped(client, *number) && !action.is("RP")) {
+      logLevel(1, "Orv: Dropping action %@: the store does not answer", action.action);
+    } else {
+      _isExchanging = true;
+      _process(action, forStoreClient);
+      _isExchanging = false;
+    }
+    _isDone(client);
   });
 }
 
@@ -178,6 +192,7 @@ void OrvController::_startProvisioning(const std::optional<Data>& data,
   }
   logLevel(1, "%@: Provisioning failed with error %@", kClassName, error);
   sendFailure(kStartProvisioningEvent, error ? error->code : 0);
+  _dropWaitingAfter(error, nameOf(storeClient));
 }
 
 void OrvController::_synchronizeMachine(const std::optional<Data>& data,
@@ -191,6 +206,7 @@ void OrvController::_synchronizeMachine(const std::optional<Data>& data,
   } else {
     logLevel(1, "%@: Machine sync failed with error %@", kClassName, error);
     sendFailure(kSynchronizeEvent, error ? error->code : 0);
+    _dropWaitingAfter(error, nameOf(storeClient));
   }
   // The state that came, even with a failure, or none: also a failed one clears what was held.
   const std::optional<Data> returned = operation->syncState();
@@ -209,18 +225,31 @@ void OrvController::_synchronizeMachine(const std::optional<Data>& data,
 }
 
 // A store, or a process that claims to hand in what a store said, can order without an end.
-bool OrvController::_mayWait(const std::shared_ptr<const HSStoreClient>& storeClient) {
+std::optional<std::uint64_t> OrvController::_numberOfNext(const std::string& client) {
   const std::lock_guard guard(_lock);
-  int& waiting = _waitingCount[storeClient ? storeClient->identifier.value_or("") : ""];
-  if (waiting >= kMostWaitingActions) return false;
-  ++waiting;
-  return true;
+  Waiting& waiting = _waiting[client];
+  if (waiting.count >= kMostWaitingActions) return std::nullopt;
+  ++waiting.count;
+  return ++waiting.lastNumber;
 }
 
-void OrvController::_isDone(const std::shared_ptr<const HSStoreClient>& storeClient) {
+bool OrvController::_isDropped(const std::string& client, std::uint64_t number) const {
   const std::lock_guard guard(_lock);
-  const auto found = _waitingCount.find(storeClient ? storeClient->identifier.value_or("") : "");
-  if (--found->second == 0) _waitingCount.erase(found);
+  return number <= _waiting.at(client).dropUpTo;
+}
+
+void OrvController::_dropWaitingAfter(const std::optional<Error>& error,
+                                      const std::string& client) {
+  if (!error || error->domain != "HTTP") return;
+  const std::lock_guard guard(_lock);
+  Waiting& waiting = _waiting.at(client);
+  waiting.dropUpTo = waiting.lastNumber;
+}
+
+void OrvController::_isDone(const std::string& client) {
+  const std::lock_guard guard(_lock);
+  const auto found = _waiting.find(client);
+  if (--found->second.count == 0) _waiting.erase(found);
 }
 
 // State
@@ -238,7 +267,8 @@ void OrvController::setSyncState(std::optional<Data> syncState) {
 OrvController::Status OrvController::status() const {
   Status status;
   status.hasSyncState = syncState().has_value();
-  _serialQueue.trySync([&status] {
+  if (_isExchanging) return status;
+  _serialQueue.sync([&status] {
     status.library = OrvLibrary::shared().name();
     status.provisionedDSIDs = OrvLibrary::shared().provisionedDSIDs();
   });

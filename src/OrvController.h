@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Base/Error.h"
 #include "platform/Base/Value.h"
 #include "platform/Concurrency/SerialQueue.h"
 #include "platform/VendBase/HSStoreClient.h"
@@ -73,15 +74,26 @@ class OrvController {
                           const std::shared_ptr<const HSStoreClient>& storeClient);
   void _synchronizeMachine(const std::optional<Data>& data, std::optional<std::uint64_t> dsID,
                            const std::shared_ptr<const HSStoreClient>& storeClient);
-  bool _mayWait(const std::shared_ptr<const HSStoreClient>& storeClient);
-  void _isDone(const std::shared_ptr<const HSStoreClient>& storeClient);
+  // The action's number; nullopt when too many of the client wait already.
+  std::optional<std::uint64_t> _numberOfNext(const std::string& client);
+  bool _isDropped(const std::string& client, std::uint64_t number) const;
+  // A store that does not answer one exchange would not answer those that wait behind it either,
+  // and who asks for headers would wait for all of them.
+  void _dropWaitingAfter(const std::optional<Error>& error, const std::string& client);
+  void _isDone(const std::string& client);
 
   SerialQueue _serialQueue;
-  // Whether the library has been opened and says that its passwords do not wait.
-  std::atomic<bool> _passwordsDoNotWait = false;
+  std::atomic<bool> _isLibraryOpen = false;
+  std::atomic<bool> _isExchanging = false;
   mutable std::mutex _lock;
-  std::optional<Data> _syncState;            // guarded by _lock
-  std::map<std::string, int> _waitingCount;  // likewise: actions that wait or run, by client
+  std::optional<Data> _syncState;  // guarded by _lock
+  // Likewise, by client: the actions that wait or run.
+  struct Waiting {
+    int count = 0;
+    std::uint64_t lastNumber = 0;
+    std::uint64_t dropUpTo = 0;  // by number, which each action has in turn
+  };
+  std::map<std::string, Waiting> _waiting;
 };
 
 }  // namespace tallow

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Base/Base64.h"
+#include "platform/Base/Format.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/HSError.h"
 
@@ -28,10 +29,21 @@ Value base64Of(const OrvBuffer& buffer) {
   return base64Encode(buffer.span());
 }
 
+Result<URL> secureURL(HSOperation& operation, const char* urlBagKey) {
+  std::optional<URL> url = operation.urlForURLBagKey(urlBagKey, kTotalTimeoutSeconds);
+  if (!url)
+    return HSError(kHSErrorNoBagEntry, std::nullopt,
+                   format("There is no URL under the bag key %s", urlBagKey));
+  // Nothing but the connection vouches for whom the keys are agreed with.
+  if (url->scheme() != "https")
+    return HSError(kHSErrorNotTrusted, std::nullopt,
+                   format("The URL under the bag key %s is not https", urlBagKey));
+  return *std::move(url);
+}
+
 std::shared_ptr<HSStoreURLOperation> postOperation(
-    const Dictionary& body, const char* urlBagKey,
-    const std::shared_ptr<const HSStoreClient>& storeClient) {
-  HSURLRequest request;
+    const Dictionary& body, URL url, const std::shared_ptr<const HSStoreClient>& storeClient) {
+  HSURLRequest request(std::move(url));
   request.suppressOrvHeaders = true;
   request.method = "POST";
   request.body = PropertyList::encode(body, PropertyList::Format::XML);
@@ -42,9 +54,10 @@ std::shared_ptr<HSStoreURLOperation> postOperation(
   provider->setShouldTriggerDownloads(false);
 
   auto operation = std::make_shared<HSStoreURLOperation>(storeClient);
-  operation->setURLBagKey(urlBagKey);
   operation->setRequest(std::move(request));
   operation->setDataProvider(provider);
+  operation->setHandsInOrvActions(false);
+  operation->setTotalTimeoutSeconds(kTotalTimeoutSeconds);
   return operation;
 }
 

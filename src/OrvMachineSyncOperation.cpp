@@ -26,8 +26,13 @@ void OrvMachineSyncOperation::run() {
             {"machineId", OrvExchange::base64Of(machineIdentifier)},
             {"dsId", _dsID}};
   }
-  const auto operation = OrvExchange::postOperation(
-      body, _dsID == kAnonymousDSID ? "amd-sync-machine" : "md-sync-machine", storeClient());
+  Result<URL> url = OrvExchange::secureURL(
+      *this, _dsID == kAnonymousDSID ? "amd-sync-machine" : "md-sync-machine");
+  if (!url) {
+    setError(url.error());
+    return;
+  }
+  const auto operation = OrvExchange::postOperation(body, *std::move(url), storeClient());
   std::optional<Error> serverError;
   operation->setOutputHandler([&](HSStoreURLOperation&, const Value& output) {
     const Dictionary* const answer = output.dictionary();
@@ -36,6 +41,11 @@ void OrvMachineSyncOperation::run() {
     if ((*answer)["syncState"].isNil()) return;
     setSyncState(OrvExchange::decodedData(*answer, "syncState"));
     logLevel(1, "%@: Server returned syncState", kClassName);
+    if (const auto state = syncState(); state && state->length() > OrvExchange::kLongestSyncState) {
+      logLevel(1, "%@: Its %lu bytes are too many to be sent with every request", kClassName,
+               state->length());
+      setSyncState(std::nullopt);
+    }
   });
   std::optional<Error> error;
   const bool isAnswered = runSubOperation(*operation, &error);

@@ -7,6 +7,22 @@
 
 namespace tallow {
 
+namespace {
+
+// Ends the library's session, after everything else that is done with it.
+struct SessionEnd {
+  const OrvLibrary& library;
+  const std::uint32_t session;
+
+  SessionEnd(const OrvLibrary& ofLibrary, std::uint32_t toEnd)
+      : library(ofLibrary), session(toEnd) {}
+  SessionEnd(const SessionEnd&) = delete;
+  SessionEnd& operator=(const SessionEnd&) = delete;
+  ~SessionEnd() { library.endSession(session); }
+};
+
+}  // namespace
+
 OrvProvisioningOperation::OrvProvisioningOperation(std::optional<Data> initWithData,
                                                    std::optional<std::uint64_t> dsID,
                                                    std::shared_ptr<const HSStoreClient> storeClient)
@@ -15,30 +31,23 @@ OrvProvisioningOperation::OrvProvisioningOperation(std::optional<Data> initWithD
 void OrvProvisioningOperation::run() {
   const OrvLibrary& library = OrvLibrary::shared();
   std::uint32_t session = 0;
-  Dictionary body;
-  {
-    OrvBuffer clientData;
-    const std::int32_t status = library.startProvisioning(
-        _dsID.value_or(0), OrvExchange::bytesOf(_data), clientData, session);
-    if (status != kOrvSuccess) {
-      setError(OrvExchange::libraryError(status));
-      return;
-    }
-    body = {{"clientData", OrvExchange::base64Of(clientData)},
-            {"guid", HSDevice::shared().guid()},
-            {"dsId", _dsID}};
-  }
-  std::optional<Error> error = finishSession(session, body);
-  library.endSession(session);
-  setSuccess(!error);
-  setError(std::move(error));
+  OrvBuffer clientData;
+  const std::int32_t status = library.startProvisioning(
+      _dsID.value_or(0), OrvExchange::bytesOf(_data), clientData, session);
+  if (status != kOrvSuccess) return fail(OrvExchange::libraryError(status));
+  const SessionEnd end{library, session};
+  const Dictionary body = {{"clientData", OrvExchange::base64Of(clientData)},
+                           {"guid", HSDevice::shared().guid()},
+                           {"dsId", _dsID}};
+  clientData = OrvBuffer();
+  exchange(session, body);
 }
 
-std::optional<Error> OrvProvisioningOperation::finishSession(std::uint32_t session,
-                                                             const Dictionary& body) {
-  const auto operation = OrvExchange::postOperation(
-      body, _dsID == kAnonymousDSID ? "amd-finish-provisioning" : "md-finish-provisioning",
-      storeClient());
+void OrvProvisioningOperation::exchange(std::uint32_t session, const Dictionary& body) {
+  Result<URL> url = OrvExchange::secureURL(
+      *this, _dsID == kAnonymousDSID ? "amd-finish-provisioning" : "md-finish-provisioning");
+  if (!url) return fail(url.error());
+  const auto operation = OrvExchange::postOperation(body, *std::move(url), storeClient());
   operation->setSendToken(true);
   std::optional<Data> settingInfo, transportKey;
   std::optional<Error> serverError;
@@ -50,12 +59,17 @@ std::optional<Error> OrvProvisioningOperation::finishSession(std::uint32_t sessi
     serverError = OrvExchange::serverError(*answer);
   });
   std::optional<Error> error;
-  if (!runSubOperation(*operation, &error))
-    return error ? error : OrvExchange::libraryError(kOrvUnusableAnswer);
-  if (serverError) return serverError;
+  if (!runSubOperation(*operation, &error)) return fail(std::move(error));
+  if (serverError) return fail(std::move(serverError));
   const std::int32_t status = OrvLibrary::shared().finishProvisioning(
       session, OrvExchange::bytesOf(settingInfo), OrvExchange::bytesOf(transportKey));
-  return status == kOrvSuccess ? std::nullopt : std::optional(OrvExchange::libraryError(status));
+  if (status != kOrvSuccess) return fail(OrvExchange::libraryError(status));
+  setSuccess(true);
+}
+
+void OrvProvisioningOperation::fail(std::optional<Error> error) {
+  setSuccess(false);
+  setError(std::move(error));
 }
 
 }  // namespace tallow

@@ -26,8 +26,9 @@ class OrvProvisioningOperation final : public HSOperation {
   void run() override;
 
  private:
-  // The exchange with the store, once the library has begun; what went wrong with it.
-  std::optional<Error> finishSession(std::uint32_t session, const Dictionary& body);
+  // The exchange with the store, once the library has begun.
+  void exchange(std::uint32_t session, const Dictionary& body);
+  void fail(std::optional<Error> error);
 
   const std::optional<Data> _data;
   const std::optional<std::uint64_t> _dsID;

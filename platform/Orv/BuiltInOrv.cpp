@@ -1,9 +1,12 @@
 #include "platform/Orv/BuiltInOrv.h"
 
+#include <algorithm>
 #include <array>
+#include <string>
 #include <string_view>
 #include <utility>
 
+#include "platform/Base/Clock.h"
 #include "platform/Orv/ByteLayout.h"
 
 namespace tallow {
@@ -21,15 +24,30 @@ OrvCrypto::Key derived(std::span<const std::uint8_t> machineID, std::string_view
   return key;
 }
 
+// Hexadecimal digits that tell machines apart, and nothing else of them.
+std::string folderName(std::span<const std::uint8_t> machineID) {
+  const OrvCrypto::Key key = derived(machineID, "tallow-orv 1 folder");
+  std::string name;
+  for (const std::uint8_t byte : key.span().first(8)) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    name += kDigits[byte >> 4];
+    name += kDigits[byte & 15];
+  }
+  return name;
+}
+
 SecretVector secretCopy(std::span<const std::uint8_t> bytes) {
   return {bytes.begin(), bytes.end()};
 }
 
 }  // namespace
 
-BuiltInOrv::BuiltInOrv(std::filesystem::path folder, Bytes machineID, MachineSecretStore::Log log)
+BuiltInOrv::BuiltInOrv(const std::filesystem::path& folder, Bytes machineID,
+                       const StoreClock::Boot& boot, MachineSecretStore::Log log)
     : _fingerprintKey(derived(machineID, "tallow-orv 1 fingerprint")),
-      _secrets(std::move(folder), derived(machineID, "tallow-orv 1 storage"), std::move(log)) {}
+      _boot(boot),
+      _secrets(folder / folderName(machineID), derived(machineID, "tallow-orv 1 storage"),
+               std::move(log)) {}
 
 OrvCrypto::Key BuiltInOrv::fingerprint(std::uint64_t dsID) const {
   std::array<std::uint8_t, sizeof(dsID)> number;
@@ -41,13 +59,36 @@ std::int32_t BuiltInOrv::requestPassword(std::uint64_t dsID, SecretVector& ident
                                          SecretVector& password) {
   MachineSecret secret;
   if (const std::int32_t status = _secrets.load(dsID, secret); status != kOrvSuccess) return status;
-  const std::uint64_t step = secret.clock.now() / (std::uint64_t{1000} * secret.periodSeconds);
+  keepClock(dsID, secret);
+  const std::uint64_t step = secret.clock.now(_boot) / (std::uint64_t{1000} * secret.periodSeconds);
   std::string digits =
       OrvCrypto::timeBasedPassword(secret.passwordKey.span(), step, OrvMessages::kPasswordDigits);
   password.assign(digits.begin(), digits.end());
   ::explicit_bzero(digits.data(), digits.size());
   identifier = secretCopy(secret.identifier.encode().span());
   return kOrvSuccess;
+}
+
+bool BuiltInOrv::passwordIsAtHand(std::uint64_t dsID) const {
+  return _secrets.isInMemory(dsID) && !_clocksToKeep.contains(dsID);
+}
+
+// Called also where writing would take too long: then the password is not at hand the next time.
+void BuiltInOrv::keepClock(std::uint64_t dsID, MachineSecret& secret) {
+  if (!secret.clock.isOwnClockSet(_boot)) return;
+  if (_clocksToKeep.insert(dsID).second) return;
+  _clocksToKeep.erase(dsID);
+  secret.clock.compareOwnClock(_boot);
+  _secrets.save(dsID, secret);  // or not: it is logged, and tried again
+}
+
+std::vector<std::uint64_t> BuiltInOrv::provisionedDSIDs() {
+  std::vector<std::uint64_t> provisioned;
+  for (const std::uint64_t dsID : _secrets.dsIDs()) {
+    MachineSecret secret;
+    if (_secrets.load(dsID, secret) == kOrvSuccess) provisioned.push_back(dsID);
+  }
+  return provisioned;
 }
 
 std::int32_t BuiltInOrv::resetProvisioning(std::uint64_t dsID) {
@@ -74,7 +115,8 @@ std::int32_t BuiltInOrv::startProvisioning(std::uint64_t dsID, Bytes data, Secre
   do {
     session = ++_lastSession;
   } while (session == 0 || _sessions.contains(session));
-  _sessions.emplace(session, Session{dsID, machine, *agreement});
+  _sessions.emplace(session,
+                    Session{dsID, machine, *agreement, Clock::shared().monotonicSeconds()});
   return kOrvSuccess;
 }
 
@@ -98,7 +140,10 @@ std::int32_t BuiltInOrv::finishProvisioning(std::uint32_t session, Bytes setting
   secret.identifier.proof = OrvMessages::MachineIdentifier::proofFor(keys.identifier, open.dsID,
                                                                      fingerprint(open.dsID).span());
   secret.periodSeconds = settings->periodSeconds;
-  secret.clock = StoreClock::setNow(settings->storeTime);
+  // What the store said was on its way for about half of the exchange.
+  const double way = (Clock::shared().monotonicSeconds() - open.startedAt) / 2;
+  secret.clock = StoreClock::setNow(
+      settings->storeTime + static_cast<std::uint64_t>(std::max(0.0, way) * 1000), _boot);
   return _secrets.save(open.dsID, secret);
 }
 
@@ -113,13 +158,13 @@ std::int32_t BuiltInOrv::synchronizeMachine(std::uint64_t dsID, Bytes data,
   const auto start = OrvMessages::SyncStart::decode(data);
   if (!start) return kOrvMalformed;
   if (!OrvCrypto::areEqual(start->proof, start->proofWith(secret.syncKey))) return kOrvNotGenuine;
-  if (start->storeTime <= secret.clock.setAt()) return kOrvOutdated;
+  if (start->storeTime <= secret.clock.lastHeard()) return kOrvOutdated;
 
   OrvMessages::SyncRequest request;
   request.challenge = start->challenge;
-  request.machineTime = secret.clock.now();
+  request.machineTime = secret.clock.now(_boot);
   request.proof = request.proofWith(secret.syncKey);
-  secret.clock = StoreClock::setNow(start->storeTime);
+  secret.clock.hear(start->storeTime, _boot);
   if (const std::int32_t status = _secrets.save(dsID, secret); status != kOrvSuccess) return status;
   identifier = secretCopy(secret.identifier.encode().span());
   clientData = secretCopy(request.encode().span());

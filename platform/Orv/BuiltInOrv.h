@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -26,8 +27,13 @@ class BuiltInOrv {
  public:
   using Bytes = std::span<const std::uint8_t>;
 
-  // `machineID` is what is known of this machine and no other.
-  BuiltInOrv(std::filesystem::path folder, Bytes machineID, MachineSecretStore::Log log);
+  // `machineID` is what is known of this machine and no other; below `folder` it has one of its
+  // own, so that machines may share a home. `boot` is which start of the machine this is.
+  BuiltInOrv(const std::filesystem::path& folder, Bytes machineID, const StoreClock::Boot& boot,
+             MachineSecretStore::Log log);
+
+  // Whether requestPassword would do with what is in memory.
+  bool passwordIsAtHand(std::uint64_t dsID) const;
 
   std::int32_t requestPassword(std::uint64_t dsID, SecretVector& machineIdentifier,
                                SecretVector& password);
@@ -38,21 +44,28 @@ class BuiltInOrv {
   void endSession(std::uint32_t session);
   std::int32_t synchronizeMachine(std::uint64_t dsID, Bytes data, SecretVector& machineIdentifier,
                                   SecretVector& clientData);
-  std::vector<std::uint64_t> provisionedDSIDs() const { return _secrets.dsIDs(); }
+  std::vector<std::uint64_t> provisionedDSIDs();
 
  private:
   struct Session {
     std::uint64_t dsID = 0;
     OrvCrypto::KeyPair machine;
     OrvAgreement agreement;
+    double startedAt = 0;  // monotonic
   };
 
   // What the store knows this machine by, for one DSID: two accounts' cannot be told to be of one
   // machine.
   OrvCrypto::Key fingerprint(std::uint64_t dsID) const;
 
+  // After this machine's own clock has been set: writes down by how much, for the time after its
+  // next start.
+  void keepClock(std::uint64_t dsID, MachineSecret& secret);
+
   const OrvCrypto::Key _fingerprintKey;
+  const StoreClock::Boot _boot;
   MachineSecretStore _secrets;
+  std::set<std::uint64_t> _clocksToKeep;  // of these DSIDs, seen where writing was not in order
   std::map<std::uint32_t, Session> _sessions;
   std::uint32_t _lastSession = 0;
 };

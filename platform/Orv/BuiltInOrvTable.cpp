@@ -55,10 +55,13 @@ std::int32_t open(const tallow_orv_host* host, void** self) {
     host->log(1, "The machine has no usable id (/etc/machine-id): it cannot have an identity");
     return status;
   }
+  StoreClock::Boot boot{};
+  if (sd_id128_t read; sd_id128_get_boot(&read) >= 0)
+    std::copy(std::begin(read.bytes), std::end(read.bytes), boot.begin());
   const auto log = [write = host->log](int level, const std::string& line) {
     write(level, line.c_str());
   };
-  *self = std::make_unique<BuiltInOrv>(host->state_folder, machine.bytes, log).release();
+  *self = std::make_unique<BuiltInOrv>(host->state_folder, machine.bytes, boot, log).release();
   return kOrvSuccess;
 }
 
@@ -75,6 +78,10 @@ std::int32_t requestPassword(void* self, std::uint64_t dsID, std::uint8_t** iden
   handOut(machineIdentifier, identifier, identifierLength);
   handOut(digits, password, passwordLength);
   return status;
+}
+
+std::int32_t passwordIsAtHand(void* self, std::uint64_t dsID) {
+  return builtIn(self).passwordIsAtHand(dsID) ? 1 : 0;
 }
 
 std::int32_t resetProvisioning(void* self, std::uint64_t dsID) {
@@ -126,7 +133,6 @@ std::uint32_t listProvisioned(void* self, std::uint64_t* dsIDs, std::uint32_t ca
 const tallow_orv_library* builtInOrvTable() {
   static constexpr tallow_orv_library kTable = {
       TALLOW_ORV_VERSION,
-      TALLOW_ORV_PASSWORDS_DO_NOT_WAIT,
       "built-in",
       open,
       close,
@@ -137,6 +143,7 @@ const tallow_orv_library* builtInOrvTable() {
       finishProvisioning,
       endSession,
       synchronizeMachine,
+      passwordIsAtHand,
       listProvisioned,
   };
   return &kTable;

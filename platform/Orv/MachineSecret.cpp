@@ -1,8 +1,5 @@
 #include "platform/Orv/MachineSecret.h"
 
-#include <systemd/sd-id128.h>
-
-#include <algorithm>
 #include <cmath>
 
 #include "platform/Base/Clock.h"
@@ -16,34 +13,50 @@ std::uint64_t milliseconds(double seconds) {
   return seconds <= 0 ? 0 : static_cast<std::uint64_t>(std::llround(seconds * 1000));
 }
 
-OrvMessages::ID thisBoot() {
-  static const OrvMessages::ID boot = [] {
-    OrvMessages::ID id{};
-    sd_id128_t read;
-    if (sd_id128_get_boot(&read) >= 0)
-      std::copy(std::begin(read.bytes), std::end(read.bytes), id.begin());
-    return id;
-  }();
-  return boot;
+std::uint64_t monotonicNow() {
+  return milliseconds(Clock::shared().monotonicSeconds());
 }
+
+std::uint64_t wallNow() {
+  return milliseconds(Clock::shared().now().secondsSince1970);
+}
+
+// By how much the two reckonings may differ without anybody having set the clock.
+constexpr std::int64_t kUnset = 2000;
 
 }  // namespace
 
-StoreClock StoreClock::setNow(std::uint64_t storeTime) {
+StoreClock StoreClock::setNow(std::uint64_t storeTime, const Boot& boot) {
   StoreClock clock;
-  clock._storeTime = storeTime;
-  clock._monotonicTime = milliseconds(Clock::shared().monotonicSeconds());
-  clock._ahead =
-      static_cast<std::int64_t>(storeTime - milliseconds(Clock::shared().now().secondsSince1970));
-  clock._boot = thisBoot();
+  clock._lastHeard = clock._storeTime = storeTime;
+  clock._monotonicTime = monotonicNow();
+  clock._boot = boot;
+  clock._ahead = static_cast<std::int64_t>(storeTime - wallNow());
   return clock;
 }
 
-std::uint64_t StoreClock::now() const {
-  const std::uint64_t monotonic = milliseconds(Clock::shared().monotonicSeconds());
-  if (_boot == thisBoot() && _boot != OrvMessages::ID{} && monotonic >= _monotonicTime)
-    return _storeTime + (monotonic - _monotonicTime);
-  return milliseconds(Clock::shared().now().secondsSince1970) + static_cast<std::uint64_t>(_ahead);
+void StoreClock::hear(std::uint64_t storeTime, const Boot& boot) {
+  if (!isRunning(boot) || storeTime > now(boot)) *this = setNow(storeTime, boot);
+  _lastHeard = storeTime;
+}
+
+bool StoreClock::isRunning(const Boot& boot) const {
+  return _boot == boot && boot != Boot{} && monotonicNow() >= _monotonicTime;
+}
+
+std::uint64_t StoreClock::now(const Boot& boot) const {
+  if (isRunning(boot)) return _storeTime + (monotonicNow() - _monotonicTime);
+  return wallNow() + static_cast<std::uint64_t>(_ahead);
+}
+
+bool StoreClock::isOwnClockSet(const Boot& boot) const {
+  if (!isRunning(boot)) return false;
+  const auto ahead = static_cast<std::int64_t>(now(boot) - wallNow());
+  return ahead - _ahead > kUnset || _ahead - ahead > kUnset;
+}
+
+void StoreClock::compareOwnClock(const Boot& boot) {
+  _ahead = static_cast<std::int64_t>(now(boot) - wallNow());
 }
 
 SecretBytes<MachineSecret::kBytes> MachineSecret::encode() const {
@@ -54,10 +67,11 @@ SecretBytes<MachineSecret::kBytes> MachineSecret::encode() const {
       .bytes(identifier.machine)
       .bytes(identifier.proof)
       .number(periodSeconds)
+      .number(clock._lastHeard)
       .number(clock._storeTime)
       .number(clock._monotonicTime)
-      .number(clock._ahead)
-      .bytes(clock._boot);
+      .bytes(clock._boot)
+      .number(clock._ahead);
   return bytes;
 }
 
@@ -70,10 +84,11 @@ std::optional<MachineSecret> MachineSecret::decode(std::span<const std::uint8_t>
       .bytes(secret.identifier.machine)
       .bytes(secret.identifier.proof)
       .number(secret.periodSeconds)
+      .number(secret.clock._lastHeard)
       .number(secret.clock._storeTime)
       .number(secret.clock._monotonicTime)
-      .number(secret.clock._ahead)
-      .bytes(secret.clock._boot);
+      .bytes(secret.clock._boot)
+      .number(secret.clock._ahead);
   const bool isSensible =
       secret.periodSeconds > 0 && secret.periodSeconds <= OrvMessages::kLongestPeriodSeconds;
   return isSensible ? std::optional(secret) : std::nullopt;

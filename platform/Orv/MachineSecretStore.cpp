@@ -15,11 +15,11 @@
 
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
-#include "platform/Base/Directories.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Format.h"
 #include "platform/Orv/ByteLayout.h"
 #include "platform/Orv/OrvStatus.h"
+#include "platform/Orv/PrivateFolder.h"
 
 namespace tallow {
 
@@ -80,11 +80,22 @@ std::string MachineSecretStore::pathOf(std::uint64_t dsID) const {
   return _folder.native() + "/" + nameOf(dsID);
 }
 
+bool MachineSecretStore::isInMemory(std::uint64_t dsID) const {
+  const auto kept = _sealed.find(dsID);
+  return kept != _sealed.end() &&
+         Clock::shared().monotonicSeconds() - kept->second.lookedAt < kLookAgainSeconds;
+}
+
+void MachineSecretStore::complain(std::uint64_t dsID, const std::string& line) {
+  if (_complained.size() >= kMostKept) _complained.clear();
+  if (_complained.insert(dsID).second) _log(1, line);
+}
+
 // The file as it is, from memory if it is still the one that was read.
 std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
   const double now = Clock::shared().monotonicSeconds();
   const auto kept = _sealed.find(dsID);
-  if (kept != _sealed.end() && now - kept->second.lookedAt < kLookAgainSeconds) {
+  if (isInMemory(dsID)) {
     contents = kept->second.contents;
     return kOrvSuccess;
   }
@@ -100,9 +111,9 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
   if (!S_ISREG(status.st_mode) || status.st_uid != _owner ||
       (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     _sealed.erase(dsID);
-    _log(1, format("Not using %s: others could have read or written it. The next provisioning "
-                   "replaces it",
-                   path));
+    complain(dsID, format("Not using %s: others could have read or written it. The next "
+                          "provisioning replaces it",
+                          path));
     return kOrvNotProvisioned;
   }
   const Stamp stamp{status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
@@ -126,10 +137,12 @@ std::int32_t MachineSecretStore::load(std::uint64_t dsID, MachineSecret& secret)
   Data contents;
   if (const std::int32_t status = read(dsID, contents); status != kOrvSuccess) return status;
   if (hasHeader(contents) && versionOf(contents) > kVersion) {
-    _log(1, format("%s was written by a newer program, and is left alone", pathOf(dsID)));
+    complain(dsID, format("%s was written by a newer program, and is left alone. Where there is "
+                          "none, remove it, and the store provisions this machine again",
+                          pathOf(dsID)));
     return kOrvNewerFormat;
   }
-  if (!hasHeader(contents) || contents.length() != kFileBytes) {
+  if (!hasHeader(contents) || versionOf(contents) != kVersion || contents.length() != kFileBytes) {
     setAside(dsID, "it is damaged");
     return kOrvNotProvisioned;
   }
@@ -151,9 +164,11 @@ std::int32_t MachineSecretStore::save(std::uint64_t dsID, const MachineSecret& s
   std::vector<std::uint8_t> contents(kFileBytes);
   ByteWriter(contents).bytes(std::span(header).first(kHeaderBytes)).bytes(sealed.span());
 
+  if (isFromTheFuture(dsID)) return kOrvNewerFormat;
   _sealed.erase(dsID);
-  if (!ensureDirectoryExists(_folder)) {
-    _log(1, format("Cannot make the folder %s", _folder.native()));
+  _complained.erase(dsID);
+  if (!ensurePrivateFolder(_folder)) {
+    _log(1, format("Cannot make the folder %s, or others may write to it", _folder.native()));
     return kOrvNotStored;
   }
   if (const auto error = writeFileAtomically(pathOf(dsID), Data(std::move(contents)))) {
@@ -164,7 +179,9 @@ std::int32_t MachineSecretStore::save(std::uint64_t dsID, const MachineSecret& s
 }
 
 std::int32_t MachineSecretStore::remove(std::uint64_t dsID) {
+  if (isFromTheFuture(dsID)) return kOrvNewerFormat;
   _sealed.erase(dsID);
+  _complained.erase(dsID);
   const std::string path = pathOf(dsID);
   if (::unlink(path.c_str()) != 0) {
     const int code = errno;
@@ -180,10 +197,9 @@ std::int32_t MachineSecretStore::remove(std::uint64_t dsID) {
   return kOrvSuccess;
 }
 
-bool MachineSecretStore::isFromTheFuture(std::uint64_t dsID) {
-  Data contents;
-  return read(dsID, contents) == kOrvSuccess && hasHeader(contents) &&
-         versionOf(contents) > kVersion;
+bool MachineSecretStore::isFromTheFuture(std::uint64_t dsID) const {
+  const Result<Data> contents = readFile(pathOf(dsID), kLargestFile);
+  return contents && hasHeader(*contents) && versionOf(*contents) > kVersion;
 }
 
 std::vector<std::uint64_t> MachineSecretStore::dsIDs() const {

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -29,14 +30,16 @@ class MachineSecretStore {
 
   MachineSecretStore(std::filesystem::path folder, const OrvCrypto::Key& machineKey, Log log);
 
+  // Whether load() needs to look at nothing but memory.
+  bool isInMemory(std::uint64_t dsID) const;
   // kOrvNotProvisioned where there is none that can be used: none at all, a damaged one (which is
   // set aside), or one that others could read.
   std::int32_t load(std::uint64_t dsID, MachineSecret& secret);
   std::int32_t save(std::uint64_t dsID, const MachineSecret& secret);
   // Nothing there is a success.
   std::int32_t remove(std::uint64_t dsID);
-  // Whether a file is there that a newer program has written, which must not be replaced.
-  bool isFromTheFuture(std::uint64_t dsID);
+  // Whether a file is there that a newer program has written: it is neither replaced nor removed.
+  bool isFromTheFuture(std::uint64_t dsID) const;
   // Those that have a file, in order.
   std::vector<std::uint64_t> dsIDs() const;
 
@@ -56,12 +59,15 @@ class MachineSecretStore {
   std::string pathOf(std::uint64_t dsID) const;
   std::int32_t read(std::uint64_t dsID, Data& contents);
   void setAside(std::uint64_t dsID, const char* why);
+  // Says once what is wrong with a file, until it is written again.
+  void complain(std::uint64_t dsID, const std::string& line);
 
   const std::filesystem::path _folder;
   const OrvCrypto::Key _machineKey;
   const Log _log;
   const std::uint32_t _owner;  // whose the files have to be: this process's user
   std::unordered_map<std::uint64_t, Sealed> _sealed;
+  std::set<std::uint64_t> _complained;
 };
 
 }  // namespace tallow

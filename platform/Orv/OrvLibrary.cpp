@@ -6,6 +6,7 @@
 #include "platform/Base/SharedInstance.h"
 #include "platform/Orv/BuiltInOrvTable.h"
 #include "platform/Orv/OrvLibraryFile.h"
+#include "platform/Orv/PrivateFolder.h"
 #include "platform/Orv/tallow-orv.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -15,6 +16,7 @@ namespace {
 
 constexpr const char* kErrorDomain = "OrvErrorDomain";
 constexpr const char* kFolder = "orv";
+constexpr const char* kChosenLibrarysFolder = "library";  // below that
 constexpr std::uint32_t kMostListed = 10'000;
 
 void logLine(std::int32_t level, const char* line) {
@@ -30,6 +32,13 @@ std::uint32_t length(OrvLibrary::Bytes bytes) {
   return static_cast<std::uint32_t>(bytes.size());
 }
 
+// One buffer for both outputs: to be given back once.
+bool isOneBuffer(const std::uint8_t* one, const std::uint8_t* other) {
+  const bool isOne = one != nullptr && one == other;
+  if (isOne) logLevel(1, "Orv: The library hands out one buffer twice");
+  return isOne;
+}
+
 bool isComplete(const tallow_orv_library& table) {
   return table.version >= TALLOW_ORV_VERSION && table.name != nullptr && table.open != nullptr &&
          table.close != nullptr && table.release != nullptr && table.request_password != nullptr &&
@@ -39,9 +48,9 @@ bool isComplete(const tallow_orv_library& table) {
 }
 
 Result<const tallow_orv_library*> chosenTable() {
-  const std::optional<std::filesystem::path> file = OrvLibraryFile::administratorsChoice();
-  if (!file) return builtInOrvTable();
-  return OrvLibraryFile::load(*file);
+  const auto file = OrvLibraryFile::administratorsChoice();
+  if (!file) return file.error();
+  return *file ? OrvLibraryFile::load(**file) : builtInOrvTable();
 }
 
 }  // namespace
@@ -55,7 +64,9 @@ OrvLibrary& OrvLibrary::shared() {
     const Result<const tallow_orv_library*> table = chosenTable();
     std::optional<Error> error;
     if (table) {
-      auto library = open(*table, Directories::shared().stateHome / kFolder);
+      const std::filesystem::path folder = Directories::shared().stateHome / kFolder;
+      auto library =
+          open(*table, *table == builtInOrvTable() ? folder : folder / kChosenLibrarysFolder);
       if (library) return std::move(*library);
       error = library.error();
     } else {
@@ -72,7 +83,9 @@ Result<std::unique_ptr<OrvLibrary>> OrvLibrary::open(const tallow_orv_library* t
   if (table == nullptr || !isComplete(*table))
     return makeError(kErrorDomain, kOrvNoLibrary,
                      "It does not offer version 1 of the interface in full");
-  if (!ensureDirectoryExists(folder))
+  // The built-in one makes its folder when it has something to keep: a full disk is no reason to be
+  // without a library.
+  if (table != builtInOrvTable() && !ensurePrivateFolder(folder))
     return makeError(kErrorDomain, kOrvNotStored, "Cannot make the folder " + folder.native());
   const tallow_orv_host host{TALLOW_ORV_VERSION, folder.c_str(), logLine};
   void* self = nullptr;
@@ -90,8 +103,9 @@ std::string OrvLibrary::name() const {
   return _table == nullptr ? "none" : _table->name;
 }
 
-bool OrvLibrary::passwordsDoNotWait() const {
-  return _table == nullptr || (_table->flags & TALLOW_ORV_PASSWORDS_DO_NOT_WAIT) != 0;
+bool OrvLibrary::passwordIsAtHand(std::uint64_t dsID) const {
+  return _table != nullptr && _table->password_is_at_hand != nullptr &&
+         _table->password_is_at_hand(_self, dsID) != 0;
 }
 
 void OrvLibrary::release(std::uint8_t* bytes) const {
@@ -123,6 +137,7 @@ std::int32_t OrvLibrary::requestPassword(std::uint64_t dsID, OrvBuffer& machineI
   std::uint32_t identifierLength = 0, passwordLength = 0;
   const std::int32_t status = _table->request_password(
       _self, dsID, &identifierBytes, &identifierLength, &passwordBytes, &passwordLength);
+  if (isOneBuffer(identifierBytes, passwordBytes)) passwordBytes = nullptr;
   machineIdentifier = OrvBuffer(*this, identifierBytes, identifierLength);
   password = OrvBuffer(*this, passwordBytes, passwordLength);
   return judged(status, "request_password", machineIdentifier, password);
@@ -168,6 +183,7 @@ std::int32_t OrvLibrary::synchronizeMachine(std::uint64_t dsID, Bytes data,
   const std::int32_t status =
       _table->synchronize_machine(_self, dsID, address(data), length(data), &identifierBytes,
                                   &identifierLength, &clientBytes, &clientLength);
+  if (isOneBuffer(identifierBytes, clientBytes)) clientBytes = nullptr;
   machineIdentifier = OrvBuffer(*this, identifierBytes, identifierLength);
   clientData = OrvBuffer(*this, clientBytes, clientLength);
   return judged(status, "synchronize_machine", machineIdentifier, clientData);

@@ -70,8 +70,8 @@ class OrvLibrary {
 
   // For people.
   std::string name() const;
-  // Whether requestPassword never waits.
-  bool passwordsDoNotWait() const;
+  // Whether requestPassword would answer at once now.
+  bool passwordIsAtHand(std::uint64_t dsID) const;
 
   std::int32_t requestPassword(std::uint64_t dsID, OrvBuffer& machineIdentifier,
                                OrvBuffer& password) const;

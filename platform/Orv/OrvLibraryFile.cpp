@@ -7,18 +7,18 @@
 #include <cstring>
 #include <string>
 #include <utility>
-#include <vector>
 
-#include "platform/Base/Directories.h"
+#include "platform/Base/AtomicFile.h"
 #include "platform/Orv/OrvStatus.h"
 #include "platform/Orv/tallow-orv.h"
-#include "platform/Preferences/AdministratorPreferences.h"
+#include "platform/Preferences/TOML.h"
 #include "platform/VendBase/DefaultsKeys.h"
 
 namespace tallow::OrvLibraryFile {
 
 namespace {
 
+constexpr std::size_t kLargestPreferences = 1u << 20;
 constexpr const char* kSymbol = "tallow_orv_get_library";
 
 Error unusable(const std::filesystem::path& file, const std::string& why) {
@@ -27,15 +27,20 @@ Error unusable(const std::filesystem::path& file, const std::string& why) {
 
 }  // namespace
 
-std::optional<std::filesystem::path> administratorsChoice() {
-  const Directories& directories = Directories::shared();
-  std::vector<std::filesystem::path> folders;
-  for (const std::filesystem::path& folder : directories.configDirs)
-    if (folder != directories.configHome) folders.push_back(folder / "preferences");
-  const Value named = AdministratorPreferences(std::move(folders))
-                          .value(kDefaultsMachineIdentityLibraryKey, kDaemonDefaultsID);
-  const std::string* const path = named.string();
-  return path == nullptr ? std::nullopt : std::optional<std::filesystem::path>(*path);
+Result<std::optional<std::filesystem::path>> administratorsChoice(
+    const std::filesystem::path& folder) {
+  using Choice = std::optional<std::filesystem::path>;
+  const std::filesystem::path file = folder / (std::string(kDaemonDefaultsID) + ".toml");
+  const Result<Data> text = readFile(file, kLargestPreferences);
+  if (!text && (text.error().code == ENOENT || text.error().code == ENOTDIR)) return Choice();
+  if (!text) return text.error();
+  const Result<Dictionary> preferences = TOML::decode(text->view());
+  if (!preferences) return unusable(file, preferences.error().localizedDescription());
+  const Value& named = (*preferences)[kDefaultsMachineIdentityLibraryKey];
+  if (named.isNil()) return Choice();
+  if (named.string() == nullptr) return unusable(file, "names a library that is no text");
+  if (auto objection = objectionTo(file)) return *std::move(objection);
+  return Choice(*named.string());
 }
 
 std::optional<Error> objectionTo(const std::filesystem::path& file) {

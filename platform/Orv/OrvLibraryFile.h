@@ -12,10 +12,12 @@ namespace tallow {
 // A machine-identity library in a file of its own. Callable from any thread.
 namespace OrvLibraryFile {
 
-// The file that an administrator has named for everybody (the preference
-// kDefaultsMachineIdentityLibraryKey in an administrators' file; nothing below the user's own
-// configuration folder counts); nullopt where none is named.
-std::optional<std::filesystem::path> administratorsChoice();
+// The library that the administrator names: kDefaultsMachineIdentityLibraryKey in the daemon's
+// domain of the system's own preferences, wherever the environment says that preferences are.
+// nullopt where none is named; an error where there is a file that cannot be read or understood, or
+// that others than root could have written: what it names is then not known.
+Result<std::optional<std::filesystem::path>> administratorsChoice(
+    const std::filesystem::path& folder = "/etc/xdg/tallowd/preferences");
 
 // Why the file is not to be loaded, where it is not: what runs with the service's rights must lie
 // where only root can put it or replace it, folder by folder.

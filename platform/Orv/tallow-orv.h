@@ -17,9 +17,10 @@
  * - Byte buffers that a function returns belong to the library; the service reads them, and gives
  *   each back through release() exactly once. A buffer is at most TALLOW_ORV_LARGEST_BUFFER bytes;
  *   a longer one is given back unread and counts as a failure. Outputs are null, zero and zero when
- *   a function is called; one that fails leaves them so.
+ *   a function is called; one that fails leaves them so. No two outputs are one and the same
+ * buffer; one of no bytes counts as none.
  * - Every session that start_provisioning() opens is ended through end_session(), whatever becomes
- *   of it.
+ *   of it. A session is any number but 0.
  * - A DSID is an account's number at the store: TALLOW_ORV_ANONYMOUS stands for the machine without
  *   an account, 0 for an account that is not known.
  * - The service confines itself: a library may read what lies below /usr and /etc, and write below
@@ -41,14 +42,11 @@ extern "C" {
 #define TALLOW_ORV_SUCCESS 0
 #define TALLOW_ORV_NOT_PROVISIONED (-45061)
 
-/* request_password() never waits: not for a device, a lock or another process. The service may then
- * call it where it must not wait either, and answers faster. */
-#define TALLOW_ORV_PASSWORDS_DO_NOT_WAIT 0x1u
-
 /* What the service gives a library when it opens it. Lives as long as the call. */
 struct tallow_orv_host {
-  uint32_t version;         /* TALLOW_ORV_VERSION as the service was built with */
-  const char* state_folder; /* absolute; for the library alone; there, with mode 0700 */
+  uint32_t version; /* TALLOW_ORV_VERSION as the service was built with */
+  const char*
+      state_folder; /* absolute; for the library alone; there, and for others not to write */
   /* Writes a line to the service's log: level 1 failures, 2 warnings, 3 detail. Any thread, at any
    * time. No secrets. */
   void (*log)(int32_t level, const char* line);
@@ -57,7 +55,6 @@ struct tallow_orv_host {
 /* One library. The table stays as it is for the life of the process. `self` is what open() made. */
 struct tallow_orv_library {
   uint32_t version; /* TALLOW_ORV_VERSION as the library was built with */
-  uint32_t flags;   /* TALLOW_ORV_PASSWORDS_DO_NOT_WAIT, or 0 */
   const char* name; /* for people: "Example 1.2" */
 
   int32_t (*open)(const struct tallow_orv_host* host, void** self);
@@ -73,7 +70,7 @@ struct tallow_orv_library {
   int32_t (*reset_provisioning)(void* self, uint64_t dsid);
 
   /* The three steps of provisioning: what the store has sent to begin with (perhaps nothing) makes
-   * what to send it; its answer (either part perhaps nothing) ends it. A session is any number. */
+   * what to send it; its answer (either part perhaps nothing) ends it. */
   int32_t (*start_provisioning)(void* self, uint64_t dsid, const uint8_t* data,
                                 uint32_t data_length, uint8_t** client_data,
                                 uint32_t* client_data_length, uint32_t* session);
@@ -87,6 +84,11 @@ struct tallow_orv_library {
                                  uint32_t data_length, uint8_t** machine_identifier,
                                  uint32_t* machine_identifier_length, uint8_t** client_data,
                                  uint32_t* client_data_length);
+
+  /* Whether request_password() would answer at once now: without a device, a file, a lock or
+   * another process. The service then asks where it must not wait, and answers faster. May be null:
+   * never. */
+  int32_t (*password_is_at_hand)(void* self, uint64_t dsid);
 
   /* For people: writes the DSIDs that are provisioned, at most `capacity`, and returns how many
    * there are. May be null. */

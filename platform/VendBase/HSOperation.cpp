@@ -37,18 +37,19 @@ HSServiceProxy& HSOperation::bagServiceProxy() {
   return *_bagServiceProxy;
 }
 
-Value HSOperation::valueForURLBagKey(const std::string& key) {
+Value HSOperation::valueForURLBagKey(const std::string& key, std::optional<double> seconds) {
   if (_requiredBagType == 0) return Value();
   const std::shared_ptr<HSAccountService> service = bagServiceProxy().accountService();
   if (!service) return Value();
   const HSPendingReply<Value> reply;
   service->valueForURLBagKey(key, reply.callback());
-  std::optional<Value> value = waitForReply(reply);
+  std::optional<Value> value = waitForReply(reply, seconds);
   return value.has_value() ? *std::move(value) : Value();
 }
 
-std::optional<URL> HSOperation::urlForURLBagKey(const std::string& key) {
-  const Value value = valueForURLBagKey(key);
+std::optional<URL> HSOperation::urlForURLBagKey(const std::string& key,
+                                                std::optional<double> seconds) {
+  const Value value = valueForURLBagKey(key, seconds);
   const std::string* text = value.string();
   return text != nullptr ? URL::parse(*text) : std::nullopt;
 }

@@ -47,9 +47,11 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
   // store client as it is, whatever bag type this operation requires.
   HSServiceProxy& serviceProxy();
 
-  // Looks up a bag value or URL through the account service; waits for the answer.
-  Value valueForURLBagKey(const std::string& key);
-  std::optional<URL> urlForURLBagKey(const std::string& key);
+  // Looks up a bag value or URL through the account service; waits for the answer, `seconds` at
+  // most where they are given.
+  Value valueForURLBagKey(const std::string& key, std::optional<double> seconds = std::nullopt);
+  std::optional<URL> urlForURLBagKey(const std::string& key,
+                                     std::optional<double> seconds = std::nullopt);
 
   // Runs the operation on this thread, completion handler included. The result is success();
   // *error receives error().

@@ -40,6 +40,10 @@ constexpr int kAuthenticationRequiredStatus = 401;
 constexpr std::array kSetStoreFrontHeaders = {"X-Set-Vantor-Store-Front",
                                               "x-set-vantor-store-front"};
 
+// By which a response orders a machine-identity action.
+constexpr std::array kOrvActionHeaders = {"x-vantor-md-action", "x-vantor-md-data",
+                                          "x-vantor-amd-action", "x-vantor-amd-data"};
+
 Error serviceUnavailable() {
   return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
 }
@@ -150,7 +154,7 @@ void HSStoreURLOperation::run() {
 std::optional<Error> HSStoreURLOperation::_resolveURL() {
   if (!_request.urls().empty()) return std::nullopt;
   std::optional<URL> url;
-  if (_urlBagKey) url = urlForURLBagKey(*_urlBagKey);
+  if (_urlBagKey) url = urlForURLBagKey(*_urlBagKey, _remainingSeconds());
   if (!url)
     return HSError(kHSErrorNoBagEntry, std::nullopt,
                    format("There is no URL under the bag key %@", _urlBagKey));
@@ -420,8 +424,10 @@ void HSStoreURLOperation::_takeIn(const HTTPResponse& response) {
   };
   const auto service = _intakeProxy->accountService();
   if (!service) return;
-  service->consumeCookiesWithHTTPHeaders(response.headerDictionary(), response.url,
-                                         doneCallback(cookies));
+  Dictionary headers = response.headerDictionary();
+  if (!_handsInOrvActions)
+    for (const char* name : kOrvActionHeaders) headers = headers.removing(name);
+  service->consumeCookiesWithHTTPHeaders(headers, response.url, doneCallback(cookies));
   const std::optional<std::string> id = storeFrontSetBy(response);
   const bool setsStoreFront =
       id && (_delegate == nullptr || _delegate->operationShouldSetStoreFrontID(*this, *id));

@@ -101,6 +101,9 @@ class HSStoreURLOperation : public HSOperation {
   // An answer that orders a machine-identity action is not taken where the URL needs machine
   // identity: the request is sent once more when the action has been carried out.
   void setShouldRetryOnSilentOrvAction(bool retry) { _shouldRetryOnSilentOrvAction = retry; }
+  // Whether machine-identity actions that a response orders are carried out (the default). Those of
+  // a request that is itself part of such an action are not: it would never end.
+  void setHandsInOrvActions(bool hands) { _handsInOrvActions = hands; }
   // Whether the run waits until the account service has taken in a response's cookies and
   // storefront before it goes on (the default). A run under a lock that taking them in needs must
   // not wait.
@@ -161,6 +164,7 @@ class HSStoreURLOperation : public HSOperation {
   bool _hasRepeatedAfterOrvAction = false;
   HSAuthenticationContext _authenticationContext;
   std::optional<std::uint64_t> _authenticatedDSID;
+  bool _handsInOrvActions = true;
   bool _waitsForResponseIntake = true;
   std::optional<double> _totalTimeoutSeconds;
   double _deadline = 0;  // on the monotonic clock

@@ -77,11 +77,10 @@ Array identitiesStatus(const OrvController::Status& status) {
   dsIDs.insert(provisioned.begin(), provisioned.end());
   std::vector<Value> identities;
   for (const std::uint64_t dsID : dsIDs)
-    identities.emplace_back(
-        Dictionary{{"dsid", dsID},
-                   {"provisioned", status.provisionedDSIDs ? Value(provisioned.contains(dsID))
-                                                           : Value("not known")},
-                   {"syncState", status.hasSyncState}});
+    identities.emplace_back(Dictionary{
+        {"dsid", dsID},
+        {"provisioned", status.provisionedDSIDs ? Value(provisioned.contains(dsID)) : Value()},
+        {"syncState", status.hasSyncState}});
   return Array(std::move(identities));
 }
 

@@ -77,6 +77,8 @@ TEST_F(OrvControllerTest, HeadersSayWhatTheLibrarySays) {
   EXPECT_EQ(orv.httpRequestHeadersForDSID(7),
             (Dictionary{{"X-Vantor-MD-M", identifier}, {"X-Vantor-MD", password}}));
   EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), orv.httpRequestHeadersForDSID(7));
+  fake.isAtHand = false;
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), std::nullopt);
   EXPECT_EQ(orv.httpRequestHeaders(),
             (Dictionary{{"X-Vantor-AMD-M", identifier}, {"X-Vantor-AMD", password}}));
   EXPECT_EQ(orv.httpRequestHeaders(), orv.httpRequestHeadersForDSID(18446744073709551615u));
@@ -141,7 +143,9 @@ TEST_F(OrvControllerTest, ActionsAreReadByExactKeysAndFailuresAreReported) {
     EXPECT_EQ(world.log.lines(1).empty(), verb == "reset") << "nothing is logged of a reset";
   }
   EXPECT_TRUE(world.transport.requests().empty()) << "nothing to tell the store";
+  EXPECT_TRUE(world.log.contains(1, "OrvController: Starting machine sync"));
   EXPECT_TRUE(world.log.mentions(1, "OrvController: Machine sync failed with error"));
+  EXPECT_TRUE(world.log.mentions(3, "Orv: {\"x-vantor-md-action\" = \"SM\""));
 }
 
 TEST_F(OrvControllerTest, ProvisioningTellsTheStoreAndTheLibrary) {
@@ -228,6 +232,12 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
     process(order);
     EXPECT_EQ(orv.syncState(), std::nullopt);
   }
+  fake.clientData.isNull = fake.machineIdentifier.isNull = true;
+  serve(Dictionary{{"syncState", base64Encode(Data(std::string(100'000, 'x')))}});
+  process(order);
+  EXPECT_EQ(bodyOf(exchange())["clientData"], Value(""));
+  EXPECT_EQ(bodyOf(exchange())["machineId"], Value(""));
+  EXPECT_EQ(orv.syncState(), std::nullopt) << "too long to be sent with every request";
   orv.setSyncState(Data("old"));
   fake.syncStatus = -45061;
   process(order);
@@ -236,6 +246,60 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
                             "OrvController: Machine sync operation did not return syncState data, "
                             "clearing cached syncState"),
             4u);
+}
+
+// What would never end or take too long: an order in the answer to an order, an address at which
+// anybody could answer, and a store that does not answer while ten orders wait.
+TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
+  const Dictionary order = {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}};
+  const auto answers = [this](const std::string& scheme,
+                              Result<HTTPResponse> (*answer)(const HTTPRequest& request)) {
+    const Data bag = PropertyList::encode(
+        Dictionary{{"trustedDomains", Array{"example.com"}},
+                   {"md-finish-provisioning", scheme + "://store.example.com/provision"}},
+        PropertyList::Format::XML);
+    world.transport.setHandler([=](const HTTPRequest& request) {
+      if (request.url.host() != "bag.example.com") return answer(request);
+      return Result<HTTPResponse>(ScriptedTransport::response(
+          request, 200, {{"Cache-Control", "max-age=3600"}}, bag.view()));
+    });
+    ServiceWorld::forgetControllers();
+    std::filesystem::remove_all(world.directory.path());
+    world.log.clear();
+    fake.calls.clear();
+  };
+  const auto exchanges = [this] {
+    int count = 0;
+    for (const HTTPRequest& request : world.transport.requests()) count += request.method == "POST";
+    return count;
+  };
+  answers("https", [](const HTTPRequest& request) {
+    return Result<HTTPResponse>(ScriptedTransport::response(
+        request, 200, {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}},
+        PropertyList::encode(Dictionary(), PropertyList::Format::XML).view()));
+  });
+  process(order);
+  ServiceWorld::settle();
+  EXPECT_EQ(exchanges(), 1);
+
+  answers("http", [](const HTTPRequest& request) {
+    return Result<HTTPResponse>(ScriptedTransport::response(request, 200));
+  });
+  process(order);
+  EXPECT_EQ(exchanges(), 1) << "nothing is sent";
+  EXPECT_EQ(fake.calls, (Calls{"start 0 [" + std::string(3, '\0') + "]", "end 77"}));
+
+  answers("https", [](const HTTPRequest&) {
+    return Result<HTTPResponse>(makeError("HTTP", HTTPTransport::kTimedOut, "too late"));
+  });
+  world.transport.hold();
+  for (int i = 0; i < 10; ++i) orv.processHTTPHeaders(order, client);
+  orv.processHTTPHeaders({{"x-vantor-md-action", "RP"}}, client);
+  world.transport.release();
+  process(order);
+  EXPECT_LT(std::count(fake.calls.begin(), fake.calls.end(), "end 77"), 10);
+  EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "reset 0"), 1);
+  EXPECT_TRUE(world.log.mentions(1, "Orv: Dropping action SP: the store does not answer"));
 }
 
 // A store that does not answer an exchange holds up nobody but those who need this machine's

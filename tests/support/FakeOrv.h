@@ -11,6 +11,7 @@
 
 #include "platform/Orv/OrvLibrary.h"
 #include "platform/Orv/tallow-orv.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace tallow {
 
@@ -29,13 +30,15 @@ class FakeOrv {
                syncStatus = 0, openStatus = 0;
   Out machineIdentifier{"machine"}, password{"password"}, clientData{"client data"};
   bool opensSession = true;
+  bool handsOutOneBuffer = false;
+  bool isAtHand = true;
   std::function<void()> duringPassword;
 
   std::vector<std::string> calls;  // "start 7 [data]", in order
   int buffers = 0;                 // handed out and not given back
   int sessions = 0;                // open
 
-  FakeOrv() : _library(OrvLibrary::open(table(), std::filesystem::temp_directory_path())) {}
+  FakeOrv() : _library(OrvLibrary::open(table(), _folder.path() / "orv")) {}
 
   OrvLibrary& library() { return **_library; }
 
@@ -65,7 +68,6 @@ class FakeOrv {
   static tallow_orv_library makeTable() {
     tallow_orv_library table{};
     table.version = TALLOW_ORV_VERSION;
-    table.flags = TALLOW_ORV_PASSWORDS_DO_NOT_WAIT;
     table.name = "Fake";
     table.open = [](const tallow_orv_host*, void** self) -> std::int32_t {
       *self = current();
@@ -83,9 +85,15 @@ class FakeOrv {
       if (of(self).duringPassword) of(self).duringPassword();
       if (of(self).passwordStatus == 0) {
         of(self).handOut(of(self).machineIdentifier, identifier, identifierLength);
-        of(self).handOut(of(self).password, password, passwordLength);
+        if (of(self).handsOutOneBuffer)
+          *password = *identifier;
+        else
+          of(self).handOut(of(self).password, password, passwordLength);
       }
       return of(self).passwordStatus;
+    };
+    table.password_is_at_hand = [](void* self, std::uint64_t) -> std::int32_t {
+      return of(self).isAtHand ? 1 : 0;
     };
     table.reset_provisioning = [](void* self, std::uint64_t dsID) {
       of(self).calls.push_back("reset " + std::to_string(dsID));
@@ -129,6 +137,7 @@ class FakeOrv {
     return table;
   }
 
+  const TemporaryDirectory _folder;
   Result<std::unique_ptr<OrvLibrary>> _library;
 };
 

@@ -51,6 +51,11 @@ static int32_t example_request_password(void* self, uint64_t dsid, uint8_t** mac
   return TALLOW_ORV_SUCCESS;
 }
 
+static int32_t example_password_is_at_hand(void* self, uint64_t dsid) {
+  (void)self, (void)dsid;
+  return 1;
+}
+
 static int32_t example_reset_provisioning(void* self, uint64_t dsid) {
   struct example* example = self;
   (void)dsid;
@@ -101,7 +106,6 @@ static int32_t example_synchronize_machine(void* self, uint64_t dsid, const uint
 const struct tallow_orv_library* tallow_orv_get_library(uint32_t version) {
   static const struct tallow_orv_library library = {
       .version = TALLOW_ORV_VERSION,
-      .flags = TALLOW_ORV_PASSWORDS_DO_NOT_WAIT,
       .name = "Example",
       .open = example_open,
       .close = example_close,
@@ -112,6 +116,7 @@ const struct tallow_orv_library* tallow_orv_get_library(uint32_t version) {
       .finish_provisioning = example_finish_provisioning,
       .end_session = example_end_session,
       .synchronize_machine = example_synchronize_machine,
+      .password_is_at_hand = example_password_is_at_hand,
       .list_provisioned = NULL,
   };
   return version >= 1 ? &library : NULL;

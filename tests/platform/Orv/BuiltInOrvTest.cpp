@@ -54,6 +54,7 @@ class BuiltInOrvTest : public ::testing::Test {
     const std::string_view text = id;
     return {folder.path() / "orv",
             {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()},
+            boot,
             [this](int, const std::string& line) { log += line + "\n"; }};
   }
   std::int32_t provision(BuiltInOrv& orv, Store& store, std::uint64_t dsID = kDSID) {
@@ -73,14 +74,19 @@ class BuiltInOrvTest : public ::testing::Test {
     return status == kOrvSuccess ? std::string(password.begin(), password.end())
                                  : std::to_string(status);
   }
-  std::filesystem::path file() const {
-    return folder.path() / "orv" / (std::to_string(kDSID) + ".identity");
+  // Of this machine, which was the first to make one.
+  std::filesystem::path file() {
+    if (machineFolder.empty())
+      machineFolder = std::filesystem::directory_iterator(folder.path() / "orv")->path();
+    return machineFolder / (std::to_string(kDSID) + ".identity");
   }
   std::uint64_t now() const {
     return static_cast<std::uint64_t>(clock.now().secondsSince1970 * 1000);
   }
 
   TemporaryDirectory folder;
+  std::filesystem::path machineFolder;
+  StoreClock::Boot boot{1};
   mutable ManualClock clock{Date{1'800'000'000}};
   ScopedShared<Clock> sharedClock{clock};
   std::string log;
@@ -181,7 +187,16 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
 
   write(good);
   BuiltInOrv elsewhere = machine("another machine");
-  EXPECT_EQ(passwordOf(elsewhere), "-45061") << "carried over to another machine";
+  EXPECT_EQ(passwordOf(elsewhere), "-45061") << "it has a folder of its own";
+  EXPECT_TRUE(std::filesystem::exists(file())) << "and leaves this one alone";
+  Store other;
+  ASSERT_EQ(provision(elsewhere, other), kOrvSuccess);
+  for (const auto& place : std::filesystem::directory_iterator(folder.path() / "orv"))
+    if (place.path() != machineFolder) {
+      ASSERT_FALSE(writeFileAtomically(place.path() / file().filename(), good));
+    }
+  clock.advance(1);
+  EXPECT_EQ(passwordOf(elsewhere), "-45061") << "carried over";
 
   write(good);
   EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
@@ -190,6 +205,7 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   EXPECT_EQ(passwordOf(orv), "-45061");
   EXPECT_NE(log.find("others could have read"), std::string::npos);
   EXPECT_TRUE(std::filesystem::exists(file())) << "until the next provisioning";
+  EXPECT_TRUE(orv.provisionedDSIDs().empty());
   ASSERT_EQ(provision(orv, store), kOrvSuccess);
   EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
 
@@ -199,6 +215,7 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   write(newer);
   EXPECT_EQ(passwordOf(orv), std::to_string(kOrvNewerFormat));
   EXPECT_EQ(provision(orv, store), kOrvNewerFormat);
+  EXPECT_EQ(orv.resetProvisioning(kDSID), kOrvNewerFormat);
   EXPECT_EQ(*readFile(file()), newer) << "left alone";
 }
 
@@ -238,6 +255,46 @@ TEST_F(BuiltInOrvTest, PasswordsStayRightWhenTheClockIsSet) {
   EXPECT_EQ(passwordOf(orv), store.passwordAt(late));
 }
 
+TEST_F(BuiltInOrvTest, WordsThatWereLongOnTheirWayAndANewStartKeepTheClockRight) {
+  Store store;
+  {
+    BuiltInOrv orv = machine();
+    SecretVector clientData;
+    std::uint32_t session = 0;
+    ASSERT_EQ(orv.startProvisioning(kDSID, store.start.encode().span(), clientData, session),
+              kOrvSuccess);
+    const auto [info, key] = store.answerTo(clientData, kDSID);
+    clock.advance(120);  // a minute each way
+    ASSERT_EQ(orv.finishProvisioning(session, info.span(), key.span()), kOrvSuccess);
+    orv.endSession(session);
+    std::uint64_t storeNow = store.settings.storeTime + 60'000;
+    EXPECT_EQ(passwordOf(orv), store.passwordAt(storeNow));
+
+    const Data order = store.syncStart(storeNow + 10'000);
+    clock.advance(600);
+    storeNow += 600'000;
+    ASSERT_EQ(orv.synchronizeMachine(kDSID, order.span(), identifier, clientData), kOrvSuccess);
+    EXPECT_EQ(passwordOf(orv), store.passwordAt(storeNow)) << "an order that waited";
+  }
+  // Set while it runs, then started anew: the clock that the next start finds is the one that
+  // counts, by what it was off when last looked at.
+  for (const double jump : {3600.0, -3600.0}) {
+    ++boot[0];
+    BuiltInOrv orv = machine();
+    Store again;
+    ASSERT_EQ(provision(orv, again), kOrvSuccess);
+    EXPECT_TRUE(orv.passwordIsAtHand(kDSID) || !passwordOf(orv).empty());
+    clock.set(Date{clock.now().secondsSince1970 + jump});
+    EXPECT_EQ(passwordOf(orv), again.passwordAt(again.settings.storeTime));
+    EXPECT_FALSE(orv.passwordIsAtHand(kDSID)) << "there is something to write";
+    passwordOf(orv);
+    ++boot[0];
+    BuiltInOrv later = machine();
+    EXPECT_EQ(passwordOf(later), again.passwordAt(again.settings.storeTime)) << jump;
+    EXPECT_TRUE(later.passwordIsAtHand(kDSID));
+  }
+}
+
 // Killed at a moment of nobody's choosing, a machine has the old secret or the new one.
 TEST_F(BuiltInOrvTest, AKillInTheMiddleOfProvisioningLosesNothing) {
   Store before;
@@ -270,13 +327,15 @@ TEST_F(BuiltInOrvTest, AKillInTheMiddleOfProvisioningLosesNothing) {
   EXPECT_EQ(log, "");
 }
 
-TEST_F(BuiltInOrvTest, ADiskThatRefusesFailsTheProvisioningAndKeepsTheOldSecret) {
+TEST_F(BuiltInOrvTest, ADiskThatRefusesFailsTheProvisioningAndNoMore) {
   BuiltInOrv orv = machine();
   Store store;
   std::ofstream(folder.path() / "orv") << "where the folder should be";
   EXPECT_EQ(provision(orv, store), kOrvNotStored);
   EXPECT_EQ(passwordOf(orv), "-45061");
   EXPECT_NE(log.find("Cannot make the folder"), std::string::npos);
+  std::filesystem::remove(folder.path() / "orv");
+  EXPECT_EQ(provision(orv, store), kOrvSuccess);
 }
 
 }  // namespace

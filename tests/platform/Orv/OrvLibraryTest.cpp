@@ -50,6 +50,13 @@ TEST(OrvLibraryTest, WhatABadLibraryReturnsReachesNobodyAndIsGivenBack) {
   fake.calls.clear();
   EXPECT_EQ(fake.library().startProvisioning(1, {}, clientData, session), -3);
   EXPECT_EQ(fake.calls, std::vector<std::string>{"start 1 none"});
+
+  fake.handsOutOneBuffer = true;
+  OrvBuffer password;
+  EXPECT_EQ(fake.library().requestPassword(1, identifier, password), kOrvSuccess);
+  EXPECT_TRUE(password.isNil());
+  identifier = OrvBuffer();
+  EXPECT_EQ(fake.buffers, 0) << "released once";
 }
 
 TEST(OrvLibraryTest, TheExampleLibraryDoesWhatTheInterfaceAsks) {
@@ -88,6 +95,16 @@ TEST(OrvLibraryTest, OnlyWhatRootAloneCanReplaceIsLoaded) {
   EXPECT_FALSE(OrvLibraryFile::objectionTo("/usr/share/common-licenses/Artistic"));
   EXPECT_FALSE(OrvLibraryFile::load("/usr/share/common-licenses/Artistic")) << "no library";
   EXPECT_FALSE(OrvLibraryFile::load(file));
+
+  const auto choice = [&](const char* text) {
+    std::ofstream(folder.path() / "com.vantor.tallowd.toml") << text;
+    return OrvLibraryFile::administratorsChoice(folder.path());
+  };
+  EXPECT_EQ(*OrvLibraryFile::administratorsChoice("/nonexistent"), std::nullopt);
+  EXPECT_EQ(*choice("Other = 1\n"), std::nullopt);
+  EXPECT_FALSE(choice("MachineIdentityLibrary = 1\n")) << "not the built-in one instead";
+  EXPECT_FALSE(choice("MachineIdentityLibrary = \n"));
+  EXPECT_FALSE(choice("MachineIdentityLibrary = \"/usr/lib/x.so\"\n")) << "anybody's file";
   tallow_orv_library incomplete{};
   incomplete.version = TALLOW_ORV_VERSION;
   EXPECT_FALSE(OrvLibrary::open(&incomplete, folder.path()));
