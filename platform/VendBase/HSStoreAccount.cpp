@@ -52,9 +52,10 @@ std::shared_ptr<HSStoreAccount> HSStoreAccount::initWithPersistedStoreDictionary
   fields.identifier = stringOrNil(record[kIdentifierKey]);
   fields.storeFront = stringOrNil(record[kStoreFrontKey]);
   fields.creditString = stringOrNil(record[kCreditStringKey]);
-  fields.isSignedIn = record[kSignedInKey].boolValue().value_or(false);
+  if (const Value& signedIn = record[kSignedInKey]; signedIn.isNumber())
+    fields.isSignedIn = *signedIn.boolValue();
   if (const Value& kind = record[kKindKey]; isInteger(kind)) fields.kind = kind.signedValue();
-  if (const Value& bagType = record[kBagTypeKey]; isInteger(bagType))
+  if (const Value& bagType = record[kBagTypeKey]; isInteger(bagType) && bagType.signedValue() > 0)
     fields.bagType = bagType.unsignedValue();
   return account;
 }
@@ -63,10 +64,11 @@ std::optional<Dictionary> HSStoreAccount::migratePersistedStoreDictionary(
     const Dictionary& record) {
   const auto dsID = dsidFromPlistValue(record[kOldDSIDKey]);
   if (!dsID) return std::nullopt;
-  return record.removing(kOldDSIDKey)
-      .removing(kOldIdentifierKey)
-      .setting(kDSIDKey, *dsID)
-      .setting(kIdentifierKey, stringOrNil(record[kOldIdentifierKey]));
+  Dictionary migrated =
+      record.removing(kOldDSIDKey).removing(kOldIdentifierKey).setting(kDSIDKey, *dsID);
+  if (const auto identifier = stringOrNil(record[kOldIdentifierKey]))
+    migrated = migrated.setting(kIdentifierKey, *identifier);
+  return migrated;
 }
 
 std::optional<Dictionary> HSStoreAccount::persistedStoreDictionary() const {

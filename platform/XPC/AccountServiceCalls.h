@@ -48,12 +48,17 @@ class AccountServiceObject::Arguments {
     auto account =
         HSStoreAccount::initWithPersistedStoreDictionary(dictionary(name, std::move(value)));
     if (!account->dsID()) _refuse(name, "has no dsid");
+    for (const auto& text : {account->identifier(), account->storeFront(), account->creditString()})
+      _refuseLongAccountText(name, text);
     return account;
   }
 
   HSAuthenticationResponse authenticationResponse(const char* name, WireDictionary&& value) {
     HSAuthenticationResponse response(dictionary(name, std::move(value)));
     if (!response.dsID()) _refuse(name, "has neither dsPersonId nor dsid");
+    for (const auto& text :
+         {response.identifier(), response.storeFront(), response.creditString(), response.token()})
+      _refuseLongAccountText(name, text);
     return response;
   }
 
@@ -62,6 +67,11 @@ class AccountServiceObject::Arguments {
   const std::string& refusal() const { return _refusal; }
 
  private:
+  // Each account is kept, and written with all the others at every change.
+  void _refuseLongAccountText(const char* name, const std::optional<std::string>& text) {
+    if (text && text->size() > kMaxAccountTextBytes)
+      _refuse(name, "has a text of more than 4 KiB in it");
+  }
   void _refuse(const char* name, const std::string& why) {
     if (isFine()) _refusal = std::string(name) + ": " + why;
   }

@@ -65,14 +65,24 @@ class BusListener final : public XPCListener {
   void giveUpNameIf(std::function<bool(const Load&)> decide,
                     std::function<void(bool)> done) override {
     _connection->post([this, decide = std::move(decide), done = std::move(done)] {
-      const bool givesUp = decide(_load());
-      if (givesUp) _giveUpName();
-      done(givesUp);
+      if (decide(_load())) {
+        _giveUpName();
+        if (!_hasName && !decide(_load())) _takeNameBack();
+      }
+      done(!_hasName);
+    });
+  }
+
+  void takeNameBack(std::function<void(bool)> done) override {
+    _connection->post([this, done = std::move(done)] {
+      _takeNameBack();
+      done(_hasName);
     });
   }
 
   void stop() override {
     if (!_connection) return;
+    sd_notify(0, "STOPPING=1");
     _serveTheRest();
     PeerConnection::setBus(nullptr);
     _connection->stop();
@@ -95,15 +105,22 @@ class BusListener final : public XPCListener {
   Load _load() const { return {_callers->count(), _callers->waitingCalls(), _callers->calls()}; }
 
   // Once the bus has taken the name back, nothing new comes in for it; what came before is read.
-  // The reading thread.
+  // Both on the reading thread.
   void _giveUpName() {
-    if (!std::exchange(_hasName, false)) return;
-    sd_notify(0, "STOPPING=1");
     try {
-      bus::releaseName(_connection->connection(), _serviceName);
+      if (_hasName) bus::releaseName(_connection->connection(), _serviceName);
+      _hasName = false;
       _connection->readArrived();
     } catch (const sdbus::Error& error) {
-      logLevel(2, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
+      logLevel(1, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
+    }
+  }
+  void _takeNameBack() {
+    try {
+      if (!_hasName) bus::requestName(_connection->connection(), _serviceName);
+      _hasName = true;
+    } catch (const sdbus::Error& error) {
+      logLevel(1, "%@: cannot take %@ back: %@", kClassName, _serviceName, error.getMessage());
     }
   }
 

@@ -56,11 +56,14 @@ class XPCListener {
   using LoadHandler = std::function<void(const Load&)>;
   // Tells the load on the listener's thread, later, between two messages.
   virtual void tellLoad(LoadHandler told) = 0;
-  // Asks `decide` there. Where it says yes, says that the service is stopping and gives up the
-  // name; calls that came in for it before the bus took it back are served as usual. `done` is told
-  // what was decided, on that thread, and not at all when the bus has gone.
+  // Asks `decide` there. Where it says yes, gives up the name, reads the calls that came in for it
+  // before the bus took it back, and asks once more: where it says no now, the name is taken back,
+  // if nobody else has it by then. `done` is told whether the name is gone, on that thread, and not
+  // at all when the bus has gone.
   virtual void giveUpNameIf(std::function<bool(const Load&)> decide,
                             std::function<void(bool gaveUp)> done) = 0;
+  // Claims the name again after all. `done` is told whether it could, likewise.
+  virtual void takeNameBack(std::function<void(bool hasName)> done) = 0;
   // Says that the service is stopping, gives up the name, serves the calls that had come in for it
   // and ends. Calls that still wait are answered as long as the process lives. Not on the
   // listener's thread.

@@ -2,11 +2,11 @@
 
 #include <utility>
 
+#include "platform/Concurrency/WorkerPool.h"
 #include "platform/MerrowKit/MKMachine.h"
-#include "platform/Preferences/Preferences.h"
+#include "platform/MerrowKit/MKRetailDemoMode.h"
 #include "platform/QelAccounts/ACAccountStore.h"
 #include "platform/QelAccounts/QelAccounts.h"
-#include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/AccountService/AccountServiceInterface.h"
 #include "src/AccountService/AccountStore.h"
@@ -14,14 +14,6 @@
 namespace tallow {
 
 namespace {
-
-Value demoModeValue(const char* key) {
-  Preferences& preferences = Preferences::shared();
-  Value value = preferences.copyAppValue(key, kDaemonDefaultsID);
-  if (!value.isNil()) return value;
-  return preferences.copyValue(key, kDaemonDefaultsID, Preferences::User::Any,
-                               Preferences::Host::Current);
-}
 
 std::optional<std::string> stringOrNil(const Value& value) {
   return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
@@ -165,17 +157,18 @@ void AccountServiceInterface::getEligibilityForService(std::uint64_t service,
   });
 }
 
+// Without the queue: it waits for no earlier call. But not on the thread that brings calls, either:
+// preferences may have to wait for the disk, and that thread is everybody's.
 void AccountServiceInterface::retailStoreDemoMode(
     Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) {
-  const bool isDemoMode = demoModeValue(kDefaultsHarlowDemoModeKey).boolValue().value_or(false);
-  const auto name = stringOrNil(demoModeValue(kDefaultsHarlowDemoAccountName));
-  const auto password = stringOrNil(demoModeValue(kDefaultsHarlowDemoAccountPassword));
-  const bool logsInByItself =
-      demoModeValue(kDefaultsHarlowDemoAutoLogin).boolValue().value_or(false);
-  // With the password: it is the one that every demonstration machine of a shop has.
-  logLevel(3, "retailStoreDemoMode %d, vantorID %@, password %@, autoLogInFlag %d", isDemoMode,
-           name, password, logsInByItself);
-  send(reply, isDemoMode, name, password, logsInByItself);
+  WorkerPool::shared().async([reply] {
+    const MKRetailDemoMode::Settings settings = MKRetailDemoMode::shared().settings();
+    // With the password: it is the one that every demonstration machine of a shop has.
+    logLevel(3, "retailStoreDemoMode %d, vantorID %@, password %@, autoLogInFlag %d",
+             settings.demoMode, settings.accountName, settings.accountPassword, settings.autoLogin);
+    send(reply, settings.demoMode, settings.accountName, settings.accountPassword,
+         settings.autoLogin);
+  });
 }
 
 void AccountServiceInterface::nimboDSID(Reply<std::optional<std::string>> reply) {

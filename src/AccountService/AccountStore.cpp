@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/HSStoreAccount+AccountService.h"
 
 namespace tallow {
@@ -98,21 +99,31 @@ void AccountStore::setAccountsOnQueue(std::vector<Account> accounts) {
     if (const auto dsID = account->dsID()) _accountsByDSID.emplace(*dsID, account);
 }
 
+void AccountStore::addOnQueue(const Account& account) {
+  if (const auto dsID = account->dsID()) {
+    if (_accountsByDSID.contains(*dsID))
+      std::erase_if(_accounts, [&](const Account& known) { return known->dsID() == dsID; });
+    _accountsByDSID.insert_or_assign(*dsID, account);
+  }
+  _accounts.push_back(account);
+}
+
+void AccountStore::setPrimaryOnQueue(const Account& account) {
+  _primaryAccount = account;
+  ++_changes;
+}
+
 void AccountStore::addAccount(const Account& account) {
-  _requestQueue.sync([&] {
-    if (const auto dsID = account->dsID()) {
-      if (_accountsByDSID.contains(*dsID))
-        std::erase_if(_accounts, [&](const Account& known) { return known->dsID() == dsID; });
-      _accountsByDSID.insert_or_assign(*dsID, account);
-    }
-    _accounts.push_back(account);
-  });
+  _requestQueue.sync([&] { addOnQueue(account); });
   writeAccountsToPersistedStore();
 }
 
 AccountStore::Account AccountStore::makeAccountPrimary(const Account& account) {
-  const bool changed =
-      _requestQueue.sync([&] { return std::exchange(_primaryAccount, account) != account; });
+  const bool changed = _requestQueue.sync([&] {
+    if (_primaryAccount == account) return false;
+    setPrimaryOnQueue(account);
+    return true;
+  });
   if (changed) writeAccountsToPersistedStore();
   return primaryAccount();
 }
@@ -131,10 +142,14 @@ void AccountStore::removeAccountStoreObserver(
 }
 
 void AccountStore::_primaryAccountDidChange() {
-  const Account primary = primaryAccount();
+  const auto [primary, change] =
+      _requestQueue.sync([&] { return std::pair(_primaryAccount, _changes); });
   std::vector<std::shared_ptr<HSAccountStoreObserver>> observers;
   {
     const std::lock_guard lock(_observersLock);
+    // Of two changes at once the later one has the last word.
+    if (change < _toldChanges) return;
+    _toldChanges = change;
     observers = _observers;
   }
   for (const auto& observer : observers) observer->primaryAccountDidChange(primary);
@@ -144,31 +159,36 @@ void AccountStore::_primaryAccountDidChange() {
 
 AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
     const HSAuthenticationResponse& response, bool makePrimary) {
-  Account account = accountWithDSID(response.dsID());
-  if (!account) {
-    account = std::make_shared<HSStoreAccount>();
-    account->setBagType(storeClient()->requiredBagType);
-  }
-  _requestQueue.sync([&] {
+  // One block: a sign-out at the same time finds the account, with its token, in the list.
+  const Account account = _requestQueue.sync([&] {
+    Account found = _nonThreadSafeAccountForDSID(response.dsID());
+    if (!found) {
+      found = std::make_shared<HSStoreAccount>();
+      found->setBagType(storeClient()->requiredBagType);
+    }
     // First: a timer of an earlier sign-in that is just firing must not take the new token along.
-    account->retireTokenExpirationTimer();
-    account->mergeValuesFromAuthenticationResponse(response);
-    resetTokenExpirationTimerWithInterval(account, kTokenSeconds);
-    if (makePrimary) _primaryAccount = account;
+    found->retireTokenExpirationTimer();
+    found->mergeValuesFromAuthenticationResponse(response);
+    resetTokenExpirationTimerWithInterval(found, kTokenSeconds);
+    if (makePrimary) setPrimaryOnQueue(found);
+    addOnQueue(found);
+    return found;
   });
   if (account->isAuthenticated())
     // The token is in this line; that is how it has always been told what was issued to whom.
     logLevel(2, "%@: Signed in for account (%@, %@, %@)", kClassName, account->dsID(),
              account->identifier(), account->token());
-  addAccount(account);
+  writeAccountsToPersistedStore();
   if (makePrimary) _primaryAccountDidChange();
   return account;
 }
 
 void AccountStore::signInWithContext(const HSAuthenticationContext& context,
                                      SignInHandler completionHandler) {
+  // A person may take minutes, and whoever has asked may not wait for them.
   _serviceProxy.transactionService()->dsidByAuthenticatingWithContext(
-      context, [self = shared_from_this(), handler = std::move(completionHandler)](
+      context, [self = shared_from_this(), handler = std::move(completionHandler),
+                transaction = XPCTransaction::hold()](
                    bool success, std::optional<std::uint64_t> dsID, std::optional<Error> error) {
         if (!handler) return;
         // The answer comes on the thread that reads the bus, and the queue may be busy writing.

@@ -115,6 +115,8 @@ class AccountStore final : public ClientController,
 
   // On the request queue only.
   Account _nonThreadSafeAccountForDSID(std::optional<std::uint64_t> dsID) const;
+  void addOnQueue(const Account& account);
+  void setPrimaryOnQueue(const Account& account);
   void setAccountsOnQueue(std::vector<Account> accounts);
 
   // Loading; on the request queue, while the store is being made.
@@ -131,8 +133,10 @@ class AccountStore final : public ClientController,
   std::vector<Account> _accounts;                              // guarded by _requestQueue
   std::unordered_map<std::uint64_t, Account> _accountsByDSID;  // the first of each; likewise
   Account _primaryAccount;                                     // likewise
+  std::uint64_t _changes = 0;  // how often the primary account has changed; likewise
 
   std::vector<std::shared_ptr<HSAccountStoreObserver>> _observers;  // guarded by _observersLock
+  std::uint64_t _toldChanges = 0;                                   // likewise
   std::mutex _observersLock;
 
   HSServiceProxy _serviceProxy;

@@ -167,11 +167,11 @@ void AccountStore::writeAccountsToPersistedStore() {
 }
 
 void AccountStore::writeTo(Preferences::Editor& preferences) const {
-  Dictionary table;
+  std::vector<Dictionary::Entry> kept;
   for (const auto& byClientType : dictionaryOrEmpty(preferences.value(kDefaultsPrimaryAccountKey)))
     // What is no dictionary is left over from the flat record of older versions.
-    if (byClientType.value.dictionary() != nullptr)
-      table = table.setting(byClientType.key, byClientType.value);
+    if (byClientType.value.dictionary() != nullptr) kept.push_back(byClientType);
+  const Dictionary table(std::move(kept));
   const std::string type = typeKey(*storeClient());
   const auto primary = _primaryAccount ? _primaryAccount->persistedStoreDictionary() : std::nullopt;
   const Dictionary mine = dictionaryOrEmpty(table[type]).setting(bagKey(*storeClient()), primary);

@@ -46,7 +46,7 @@ struct EligibilityAnswer {
 void AccountStore::signOut() {
   logLevel(2, "%@: Signing out", kClassName);
   _requestQueue.sync([&] {
-    _primaryAccount = nullptr;
+    setPrimaryOnQueue(nullptr);
     // Their timers run on, and end what the sign-in began.
     for (const Account& account : _accounts) account->setToken(std::nullopt);
   });

@@ -1,5 +1,6 @@
 #include "src/AccountService/IdleExit.h"
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
@@ -7,6 +8,8 @@
 #include "platform/Base/Clock.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/Preferences/Preferences.h"
+#include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/HSDialogCenter.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/VBLogManager.h"
@@ -21,8 +24,12 @@ constexpr double kLeavingSeconds = 0.05;
 
 bool nothingRuns() {
   const WorkerPool::Counts pool = WorkerPool::shared().counts();
-  return XPCTransaction::count() == 0 && HSOperationQueue::mainQueue().operationCount() == 0 &&
-         pool.waiting == 0 && pool.idle == pool.threads;
+  return HSOperationQueue::mainQueue().operationCount() == 0 && pool.waiting == 0 &&
+         pool.idle == pool.threads;
+}
+
+bool nobodyNeedsIt(const XPCListener::Load& load) {
+  return load.callers == 0 && load.waitingCalls == 0 && XPCTransaction::count() == 0;
 }
 
 }  // namespace
@@ -32,16 +39,6 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
   State(XPCListener& listenerToWatch, double secondsToWait)
       : listener(listenerToWatch), seconds(secondsToWait) {}
 
-  void giveUpName(std::function<bool(const XPCListener::Load&)> decide, const char* reason) {
-    listener.giveUpNameIf(std::move(decide), [self = shared_from_this(), reason](bool gaveUp) {
-      RunLoop::main().post([self, gaveUp, reason] {
-        if (gaveUp) logLevel(2, "%@: Leaving, as %s", kClassName, reason);
-        self->lookAgain(gaveUp ? kLeavingSeconds : self->seconds,
-                        gaveUp ? &State::stopIfAnswered : &State::leaveIfIdle);
-      });
-    });
-  }
-
   void lookAgain(double after, void (State::*next)()) {
     if (hasEnded) return;
     timer = RunLoop::main().addTimer(after, [self = shared_from_this(), next] {
@@ -49,45 +46,91 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     });
   }
 
-  // The bus reader decides, so that no call comes in between the decision and giving up the name.
+  // What a full disk has refused is only in memory: as long as it is, there is no leaving.
   void leaveIfIdle() {
-    giveUpName(
-        [self = shared_from_this()](const XPCListener::Load& load) {
-          const bool wasCalled = std::exchange(self->callsBefore, load.calls) != load.calls;
-          return !wasCalled && load.callers == 0 && nothingRuns();
+    WorkerPool::shared().async([self = shared_from_this()] {
+      const bool isWritten = Preferences::shared().synchronize(
+          kDaemonDefaultsID, Preferences::User::Current, Preferences::Host::Any);
+      RunLoop::main().post([self, isWritten] {
+        if (isWritten)
+          self->giveUpNameIfIdle();
+        else
+          self->lookAgain(self->seconds, &State::leaveIfIdle);
+      });
+    });
+  }
+
+  // The bus reader decides, so that no call comes in between the decision and giving up the name.
+  void giveUpNameIfIdle() {
+    if (hasEnded || latest) return;
+    auto isFirst = std::make_shared<bool>(true);
+    listener.giveUpNameIf(
+        [self = shared_from_this(), isFirst](const XPCListener::Load& load) {
+          // The time begins anew with each call, and when the last caller has left.
+          const bool wasQuiet = self->before.calls == load.calls && self->before.callers == 0;
+          if (std::exchange(*isFirst, false)) self->before = load;
+          return wasQuiet && nobodyNeedsIt(load) && nothingRuns();
         },
-        "nobody needs the service");
+        [self = shared_from_this()](bool gaveUp) { self->nameIsGone(gaveUp); });
+  }
+
+  void nameIsGone(bool isGone) {
+    RunLoop::main().post([self = shared_from_this(), isGone] {
+      self->lookAgain(isGone ? kLeavingSeconds : self->seconds,
+                      isGone ? &State::stopIfAnswered : &State::leaveIfIdle);
+    });
   }
 
   void leaveNow() {
     if (latest) return;
+    logLevel(2, "%@: Leaving, as the service is told to stop", kClassName);
     latest = Clock::shared().monotonicSeconds() + kPatienceSeconds;
     HSDialogCenter::shared()
         .close();  // whose calls are then answered, not left to wait for a person
-    giveUpName([](const XPCListener::Load&) { return true; }, "the service is told to stop");
+    if (timer) timer->invalidate();
+    listener.giveUpNameIf([](const XPCListener::Load&) { return true; },
+                          [self = shared_from_this()](bool) { self->nameIsGone(true); });
   }
 
-  // What came in at the last moment may have opened a transaction: then that is waited for, too.
+  // Somebody who had asked for the service's address before the name was gone may call only now:
+  // then the name is taken back, and life goes on. Where another process has it by then, callers go
+  // there; this one answers what it has begun, and keeps a token for whoever is connected.
   void stopIfAnswered() {
     listener.tellLoad([self = shared_from_this()](const XPCListener::Load& load) {
-      const bool isAnswered = load.waitingCalls == 0 && nothingRuns();
-      RunLoop::main().post([self, isAnswered] {
-        const bool isLate = self->latest && Clock::shared().monotonicSeconds() > *self->latest;
-        if (isLate) logLevel(1, "%@: Leaving although calls wait", kClassName);
-        if (!isAnswered && !isLate)
-          self->lookAgain(kLeavingSeconds, &State::stopIfAnswered);
-        else if (!self->hasEnded)
-          RunLoop::main().stop(kLeft);
-      });
+      RunLoop::main().post([self, load] { self->judge(load); });
     });
+  }
+  void judge(const XPCListener::Load& load) {
+    if (hasEnded) return;
+    const bool isAnswered = load.waitingCalls == 0 && nothingRuns();
+    const bool isUnreachable = load.callers == 0 || XPCTransaction::count() == 0;
+    if (!latest && !isSuperseded && !nobodyNeedsIt(load)) {
+      listener.takeNameBack([self = shared_from_this()](bool hasName) {
+        self->isSuperseded = !hasName;
+        self->nameIsGone(!hasName);
+      });
+    } else if (isAnswered && (latest || isUnreachable)) {
+      stop("nobody needs the service");
+    } else if (latest && Clock::shared().monotonicSeconds() > *latest) {
+      logLevel(1, "%@: Leaving although calls wait", kClassName);
+      stop("nothing more is waited for");
+    } else {
+      lookAgain(kLeavingSeconds, &State::stopIfAnswered);
+    }
+  }
+
+  void stop(const char* reason) {
+    logLevel(2, "%@: Leaving, as %s", kClassName, reason);
+    RunLoop::main().stop(kLeft);
   }
 
   XPCListener& listener;
   const double seconds;
   bool hasEnded = false;
-  std::optional<double> latest;  // monotonic seconds, once it is told to leave
+  std::atomic<bool> isSuperseded{false};  // another process has the name
+  std::optional<double> latest;           // monotonic seconds, once it is told to leave
   std::shared_ptr<RunLoop::Timer> timer;
-  std::uint64_t callsBefore = 0;  // the listener's thread only
+  XPCListener::Load before;  // at the look before; the listener's thread only
 };
 
 std::optional<double> IdleExit::secondsFromEnvironment() {

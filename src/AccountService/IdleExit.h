@@ -9,9 +9,10 @@
 namespace tallow {
 
 // Ends the process when nobody has needed it for a while: no caller is connected, none has called,
-// no transaction is open, no operation and no queued work runs. The bus starts it again when it is
-// called, and no call is lost in between: the name is given up first, what still came in is
-// answered, and only then does the main run loop stop, with kLeft.
+// no transaction is open, no operation and no queued work runs, and everything is on disk. The bus
+// starts it again when it is called, and no call is lost in between: the name is given up first; if
+// somebody has called all the same, it is taken back. Only then does the main run loop stop, with
+// kLeft.
 //
 // Whoever asks the process to end (SIGTERM) has it leave in the same way, busy or not; what has not
 // been answered after kPatienceSeconds is not waited for.

@@ -167,8 +167,11 @@ TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
     EXPECT_TRUE(refused(client.addAccount(nobodys)));
     EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(nobodys, true).error()));
   }
-  EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(1 << 20, 'n')}}));
-  EXPECT_EQ(service(0)->account->identifier()->size(), 1u << 20);
+  EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(4096, 'n')}}));
+  EXPECT_EQ(service(0)->account->identifier()->size(), 4096u);
+  const Dictionary tooLong{{"dsid", 1}, {"identifier", std::string(4097, 'n')}};
+  EXPECT_TRUE(refused(client.addAccount(tooLong)));
+  EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(tooLong, true).error()));
 
   restartService();
   service(1)->waitForCalls(1);

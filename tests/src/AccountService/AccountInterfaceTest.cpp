@@ -95,13 +95,13 @@ TEST_F(AccountInterfaceTest, DemoModeIsReadLooselyForFlagsAndStrictlyForTexts) {
       set(kDefaultsHarlowDemoAccountName, each.name);
       set(kDefaultsHarlowDemoAccountPassword, each.password);
       set(kDefaultsHarlowDemoAutoLogin, each.autoLogin);
-      bool isAnswered = false;
+      std::promise<void> answered;
       interface->retailStoreDemoMode([&](bool demoMode, Text name, Text password, bool autoLogin) {
         EXPECT_EQ(std::tuple(demoMode, name, password, autoLogin),
                   std::tuple(each.demoMode, each.nameRead, each.passwordRead, each.autoLoginRead));
-        isAnswered = true;
+        answered.set_value();
       });
-      EXPECT_TRUE(isAnswered) << "before the call returned";
+      answered.get_future().wait();
     }
   }
   EXPECT_TRUE(world.log.contains(

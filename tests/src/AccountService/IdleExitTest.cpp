@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "platform/VendBase/HSStoreURLOperation.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "tests/src/AccountService/AccountsFixture.h"
 
@@ -21,16 +22,23 @@ class LoadedListener final : public XPCListener {
   void tellLoad(LoadHandler told) override { told(load); }
   void giveUpNameIf(std::function<bool(const Load&)> decide,
                     std::function<void(bool)> done) override {
-    const bool givesUp = decide(load);
-    hasName = hasName && !givesUp;
-    // A call that came in before the bus took the name back.
-    if (givesUp && lateCall) lateCall();
-    done(givesUp);
+    if (decide(load)) {
+      hasName = false;
+      // A call that came in before the bus took the name back.
+      if (lateCall) lateCall();
+      if (!decide(load)) hasName = !isTaken;
+    }
+    done(!hasName);
+  }
+  void takeNameBack(std::function<void(bool)> done) override {
+    hasName = !isTaken;
+    done(hasName);
   }
   void stop() override {}
 
   Load load;
   bool hasName = true;
+  bool isTaken = false;  // by another process, once it is given up
   std::function<void()> lateCall;
 };
 
@@ -39,6 +47,18 @@ class IdleExitTest : public AccountsTest {
   IdleExitTest() {
     // What earlier sign-ins of this program have left open.
     while (XPCTransaction::count() > 0) XPCTransaction::end();
+  }
+  // Lets time pass, with what the worker pool and the loop do on the way.
+  void pass(double seconds) {
+    for (const double part : {seconds, 0.0, 0.0}) {
+      loop.advance(part);
+      ServiceWorld::settle();
+    }
+    loop.advance(0);
+  }
+  void passUntilTheNameIsGone() {
+    for (int periods = 0; periods < 4 && listener.hasName; ++periods) pass(60);
+    EXPECT_FALSE(listener.hasName);
   }
   // Whether the main run loop has been stopped: a stop ends the next run at once.
   bool hasLeft() {
@@ -51,36 +71,85 @@ class IdleExitTest : public AccountsTest {
 
 TEST_F(IdleExitTest, LeavesOnlyWhenNobodyNeedsTheService) {
   const IdleExit idleExit(listener, 60);
-  const auto waits = [&](const char* why) {
-    ServiceWorld::settle();
-    loop.advance(60);
+  const auto staysWhile = [&](const char* why) {
+    pass(60);
     EXPECT_TRUE(listener.hasName) << why;
+    EXPECT_EQ(loop.pendingTimers(), 1u) << why;
   };
   listener.load.calls = 1;
-  waits("it has been called meanwhile");
+  staysWhile("it has been called meanwhile");
   listener.load.callers = 1;
-  waits("a caller is connected");
+  staysWhile("a caller is connected");
   listener.load.callers = 0;
+  staysWhile("the caller has left only now");
   XPCTransaction::begin();
-  waits("a transaction is open");
+  staysWhile("a transaction is open");
   XPCTransaction::end();
-  // The last call has come in too late to keep the name; it is answered all the same, and what it
-  // has begun is waited for.
-  listener.lateCall = [&] {
-    listener.load.waitingCalls = 1;
-    XPCTransaction::begin();
-  };
+  world.preferences.setWritesFail(true);
+  staysWhile("something is not on disk");
+  world.preferences.setWritesFail(false);
+  const auto operation = std::make_shared<HSStoreURLOperation>(client);
+  operation->setRequest(HSURLRequest(*URL::parse("https://store.example.com/")));
+  operation->setURLKnownToBeTrusted(true);
+  operation->setRequiredBagType(0);
+  world.transport.hold();
+  HSOperationQueue::mainQueue().addOperation(operation);
+  world.transport.waitForRequests(1);
   loop.advance(60);
-  EXPECT_FALSE(listener.hasName);
-  loop.advance(10);
-  EXPECT_EQ(loop.pendingTimers(), 1u) << "a call waits";
-  listener.load.waitingCalls = 0;
-  loop.advance(10);
-  EXPECT_EQ(loop.pendingTimers(), 1u) << "a transaction is open";
+  EXPECT_TRUE(listener.hasName) << "an operation runs";
+  world.transport.release();
+  finishOperations();
+
+  // Calls that come in too late to keep the name have it taken back: at once, and a little later.
+  listener.load.callers = 1;
+  pass(0);  // the look that the operation has delayed
+  listener.load.callers = 0;
+  staysWhile("the caller has left only now");
+  listener.lateCall = [&] { XPCTransaction::begin(); };
+  staysWhile("somebody has signed in at the last moment");
+  listener.lateCall = nullptr;
   XPCTransaction::end();
-  loop.advance(1);
+  passUntilTheNameIsGone();
+  listener.load.callers = 1;
+  pass(1);
+  EXPECT_TRUE(listener.hasName) << "somebody knew its address";
+  listener.load.callers = 0;
+
+  passUntilTheNameIsGone();
+  listener.load.waitingCalls = 0;
+  pass(1);
   EXPECT_EQ(loop.pendingTimers(), 0u);
   EXPECT_TRUE(hasLeft());
+}
+
+TEST_F(IdleExitTest, KeepsWhatItHoldsForWhoIsConnectedWhenAnotherProcessHasTheName) {
+  const IdleExit idleExit(listener, 60);
+  listener.isTaken = true;
+  passUntilTheNameIsGone();
+  listener.load.callers = listener.load.waitingCalls = 1;
+  XPCTransaction::begin();
+  pass(1);
+  listener.load.waitingCalls = 0;
+  pass(1);
+  EXPECT_EQ(loop.pendingTimers(), 1u) << "the caller's token is here";
+  listener.load.callers = 0;
+  pass(1);
+  EXPECT_TRUE(hasLeft());
+  XPCTransaction::end();
+}
+
+TEST_F(IdleExitTest, LeavesWhenToldToAfterAnsweringWithoutWaitingForTokens) {
+  IdleExit idleExit(listener, std::nullopt);
+  listener.load.callers = listener.load.waitingCalls = 1;
+  XPCTransaction::begin();
+  idleExit.leaveNow();
+  pass(1);
+  EXPECT_FALSE(listener.hasName);
+  EXPECT_EQ(loop.pendingTimers(), 1u) << "a call waits";
+  listener.load.waitingCalls = 0;
+  pass(1);
+  EXPECT_TRUE(hasLeft());
+  XPCTransaction::end();
 }
 
 TEST_F(IdleExitTest, IsOffUnlessAskedForInSeconds) {
