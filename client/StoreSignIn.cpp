@@ -24,7 +24,9 @@ HTTPHeaderList headerList(const Dictionary& headers) {
 }  // namespace
 
 Result<URL> StoreSignIn::_address() {
-  const Result<Value> value = _service.valueForURLBagKey(kURLBagKey);
+  Result<Value> value = _service.valueForURLBagKey(kURLBagKey);
+  // A bag that has just been loaded may be made invalid again by what its own ping brings.
+  if (value && value->isNil()) value = _service.valueForURLBagKey(kURLBagKey);
   if (!value) return value.error();
   const std::string* text = value->string();
   const std::optional<URL> url = text != nullptr ? URL::parse(*text) : std::nullopt;
@@ -55,17 +57,23 @@ Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
   request.method = "POST";
   request.headers = headerList(*headers);
   request.headers.emplace_back("Content-Type", "application/x-vantor-plist");
+  const Result<std::optional<std::string>> storeFront = _service.storeFront();
+  if (!storeFront) return storeFront.error();
+  if (*storeFront) request.headers.emplace_back("X-Vantor-Store-Front", **storeFront);
   request.body = *std::move(body);
   request.bypassCaches = true;
   const Result<HTTPResponse> response = HTTPTransport::shared().perform(std::move(request));
   if (!response) return response.error();
-  if (auto error = _service.consumeCookiesWithHTTPHeaders(response->headerDictionary(), url))
-    return *error;
   const Result<Value> answer = PropertyList::decode(response->body);
   const Dictionary* dictionary = answer ? answer->dictionary() : nullptr;
   if (response->statusCode != 200 || dictionary == nullptr)
     return HSError(kHSErrorInvalidResponse, std::nullopt,
                    format("The store's answer cannot be used (status %d)", response->statusCode));
+  // Somebody else's session is not taken in; a refusal has none.
+  const Result<std::uint64_t> dsID = HSSignInOperation::dsIDFromAnswer(*dictionary, _context);
+  if (!dsID) return dsID.error();
+  if (auto error = _service.consumeCookiesWithHTTPHeaders(response->headerDictionary(), url))
+    return *error;
   return *dictionary;
 }
 
@@ -75,11 +83,9 @@ Result<std::uint64_t> StoreSignIn::signInWithCredentials(
   if (!address) return address.error();
   const Result<Dictionary> answer = _answerOfStore(*address, credentials);
   if (!answer) return answer.error();
-  const Result<std::uint64_t> dsID = HSSignInOperation::dsIDFromAnswer(*answer, _context);
-  if (!dsID) return dsID.error();
   const auto account = _service.addAccountWithAuthenticationResponse(*answer, true);
   if (!account) return account.error();
-  return *dsID;
+  return *HSSignInOperation::dsIDFromAnswer(*answer, _context);
 }
 
 }  // namespace tallow

@@ -97,8 +97,8 @@ class TransactionAgent::Object final
     StoreSignIn signIn(service, context);
     std::optional<Error> refusal;
     for (int attempt = 1;; ++attempt) {
-      const std::optional<Credentials> credentials =
-          _ask(context, refusal ? std::optional(refusal->localizedDescription()) : std::nullopt);
+      const std::optional<Credentials> credentials = _ask(
+          client, context, refusal ? std::optional(refusal->localizedDescription()) : std::nullopt);
       // Whoever gives up after a refusal has not been let in; whoever gives up before did not want.
       if (!credentials && refusal) return *refusal;
       if (!credentials) return std::optional<std::uint64_t>();

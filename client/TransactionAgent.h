@@ -26,10 +26,11 @@ class TransactionAgent {
     std::string accountName;
     Secret password;
   };
-  // `complaint` is the store's own words about the attempt before. May take as long as it likes;
-  // nothing: the person does not want to.
+  // `client` is for whom, its identifier. `complaint` is the store's own words about the attempt
+  // before. May take as long as it likes; nothing: the person does not want to.
   using Ask = std::function<std::optional<Credentials>(
-      const HSAuthenticationContext& context, const std::optional<std::string>& complaint)>;
+      const std::string& client, const HSAuthenticationContext& context,
+      const std::optional<std::string>& complaint)>;
 
   static constexpr int kMaxAttempts = 3;
   // Sign-ins that wait while one is going on; more are refused.

@@ -9,7 +9,8 @@ namespace tallow::devstore {
 Result<std::unique_ptr<TransactionAgent>> startScriptedTransactionService(std::string accountName) {
   return TransactionAgent::start(
       AccountServiceClient::Instance::Agent,
-      [accountName = std::move(accountName)](const HSAuthenticationContext& context,
+      [accountName = std::move(accountName)](const std::string&,
+                                             const HSAuthenticationContext& context,
                                              const std::optional<std::string>& complaint)
           -> std::optional<TransactionAgent::Credentials> {
         if (complaint) return std::nullopt;

@@ -36,6 +36,15 @@ int showAccount(const Application& application, const OptionalAccount& account,
   return account ? kDone : kServiceSaidNo;
 }
 
+// A number may also be a name: telephone numbers are.
+Result<OptionalAccount> accountNamed(AccountServiceClient& client, const std::string& text) {
+  if (const auto dsID = dsIDFromText(text)) {
+    auto account = client.accountWithDSID(*dsID);
+    if (!account || *account) return account;
+  }
+  return client.accountWithVantorID(text);
+}
+
 template <class Question>
 void addAccountQuestion(Application& application, const char* name, const char* description,
                         Question question, const char* nobody) {
@@ -89,10 +98,8 @@ void addAccounts(Application& application) {
       .add(application.root(), "account", "Show one account",
            [&application, which] {
              return application.withClient([&](AccountServiceClient& client) {
-               const auto number = dsIDFromText(*which);
                return application.show(
-                   number ? client.accountWithDSID(*number) : client.accountWithVantorID(*which),
-                   [&](const OptionalAccount& account) {
+                   accountNamed(client, *which), [&](const OptionalAccount& account) {
                      return showAccount(application, account, "There is no such account.");
                    });
              });
@@ -141,10 +148,12 @@ void addCredit(Application& application) {
                 client.parseCreditStringForProtocol(Dictionary{
                     {"creditDisplay", *text}, {"dsid", dsID->empty() ? Value() : Value(*dsID)}}),
                 "Taken in.");
-          return application.show(client.primaryAccount(), [&](const OptionalAccount& account) {
+          const auto whose = dsID->empty() ? client.primaryAccount()
+                                           : client.accountWithDSID(*dsIDFromText(*dsID));
+          return application.show(whose, [&](const OptionalAccount& account) {
             const std::string* known = account ? (*account)["creditstring"].string() : nullptr;
             return showText(application, known != nullptr ? std::optional(*known) : std::nullopt,
-                            account ? "No credit is known." : "Nobody is signed in.");
+                            account ? "No credit is known." : "There is no such account.");
           });
         });
       });

@@ -21,11 +21,14 @@ Error noTerminal() {
 }
 
 // Asks on the terminal until the store believes it or the person gives up with an empty password.
-std::optional<Credentials> askOnTerminal(const HSAuthenticationContext& context,
+std::optional<Credentials> askOnTerminal(const std::string& client,
+                                         const HSAuthenticationContext& context,
                                          const std::optional<std::string>& complaint) {
   const auto terminal = Terminal::open();
   if (!terminal) return std::nullopt;
   if (complaint) terminal->say(*complaint);
+  // It may be another client of the service that asks just now.
+  terminal->say("Signing in for " + client + '.');
   if (context.title) terminal->say(*context.title);
   if (context.message) terminal->say(*context.message);
   std::optional<std::string> name = context.identifier;
@@ -39,7 +42,7 @@ std::optional<Credentials> askOnTerminal(const HSAuthenticationContext& context,
 // The one password that came in with the command, for the first question only.
 TransactionAgent::Ask askOnce(std::optional<Secret> password) {
   auto left = std::make_shared<std::optional<Secret>>(std::move(password));
-  return [left](const HSAuthenticationContext& context,
+  return [left](const std::string&, const HSAuthenticationContext& context,
                 const std::optional<std::string>& complaint) -> std::optional<Credentials> {
     if (complaint || !context.identifier || !*left) return std::nullopt;
     return Credentials{*context.identifier, *std::exchange(*left, std::nullopt)};
@@ -62,14 +65,19 @@ int signIn(Application& application, const SignInOptions& options) {
   if (options.passwordFromStandardInput) {
     if (options.name.empty())
       return application.output().wrongUsage("--password-stdin needs a NAME");
-    ask = askOnce(Terminal::readSecretLine(STDIN_FILENO));
+    auto password = Terminal::readSecretLine(STDIN_FILENO);
+    if (!password || password->empty())
+      return application.output().wrongUsage(
+          "Standard input has no password: one line of at most 1023 bytes");
+    ask = askOnce(std::move(password));
   } else if (!Terminal::open()) {
     return application.output().failure(noTerminal());
   }
   return application.withClient([&](AccountServiceClient& client) {
     // Where somebody else is the transaction service already, they ask.
     const auto agent = TransactionAgent::start(application.instance(), ask);
-    if (!agent && agent.error().code != AccountServiceClient::kRefused)
+    if (!agent &&
+        (agent.error().code != AccountServiceClient::kRefused || options.passwordFromStandardInput))
       return application.output().failure(agent.error());
     const HSAuthenticationContext context = [&] {
       HSAuthenticationContext made;
