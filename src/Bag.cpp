@@ -110,11 +110,14 @@ void Bag::loadOnAccessQueue(const LoadBlock& block) {
   const bool updated = ran && _dictionary;
   const std::optional<Error> updateError =
       operation->error() ? operation->error() : acceptanceError;
+  // Before anybody hears of it: the ping may bring a cookie or a storefront, which make the bag
+  // invalid again, and whoever has loaded it is to have it.
+  const bool valid = isValid();
   WorkerPool::shared().async([bag = shared_from_this(), updated, updateError, newContents] {
     if (const auto delegate = bag->delegate())
       delegate->bagDidUpdateWithSuccess(bag, updated, updateError, newContents);
   });
-  block(*this, isValid(), /*alreadyValid=*/false, _dictionary, runError);
+  block(*this, valid, /*alreadyValid=*/false, _dictionary, runError);
 }
 
 Dictionary Bag::validDictionary() {
