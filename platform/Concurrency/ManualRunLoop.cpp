@@ -22,7 +22,10 @@ struct ManualRunLoop::State {
 ManualRunLoop::ManualRunLoop(ManualClock& clock)
     : _clock(clock), _state(std::make_unique<State>()) {}
 
-ManualRunLoop::~ManualRunLoop() = default;
+// What a timer's block holds often holds the timer, too: nobody else would let go of either.
+ManualRunLoop::~ManualRunLoop() {
+  for (const auto& [due, timer] : std::exchange(_state->timers, {})) timer->invalidate();
+}
 
 void ManualRunLoop::advance(double seconds) {
   const double end = _clock.monotonicSeconds() + seconds;
