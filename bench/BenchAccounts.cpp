@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/Base/SharedInstance.h"
 #include "platform/Preferences/SQLitePreferences.h"
@@ -42,8 +44,13 @@ class World {
     const ScopedShared<Preferences> scope(*preferences);
     auto client = std::make_shared<HSStoreClient>();
     client->identifier = client->agentPreferencesDomain = "com.vantor.bench";
+    // All at once, as they are found on disk: each change writes every account.
+    std::vector<Value> records;
+    for (std::uint64_t dsID = 1; dsID <= accounts; ++dsID)
+      records.emplace_back(*account(dsID)->persistedStoreDictionary());
+    preferences->setValue(kDefaultsKnownAccountsKey, Array(std::move(records)), "com.vantor.bench",
+                          Preferences::User::Current, Preferences::Host::Any);
     store = AccountStore::initWithStoreClient(client);
-    for (std::uint64_t dsID = 1; dsID <= accounts; ++dsID) store->addAccount(account(dsID));
     store->makeAccountPrimary(store->accountWithDSID(1));
   }
   ~World() { std::filesystem::remove_all(folder); }
