@@ -23,6 +23,8 @@ constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 class DialogAgentTest : public ListenerTest {
  protected:
   DialogAgentTest() { allowDialogs(); }
+  // Before the centre goes: callers that leave ask for it.
+  ~DialogAgentTest() override { listener->stop(); }
 
   void allowDialogs(bool allow = true) {
     writeDescriptor("self.toml", "identifier = \"com.example.self\"\n" +
