@@ -45,7 +45,7 @@ Result<URL> StoreSignIn::_address() {
 // Redirects are not followed: a password goes to no second address.
 Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
                                                const TransactionAgent::Credentials& credentials) {
-  const std::string url = address.absoluteString();
+  const std::string& url = address.absoluteString();
   const Result<Dictionary> headers = _service.httpHeadersForURL(url, _context.dsID, true);
   if (!headers) return headers.error();
   std::optional<Data> body =

@@ -123,7 +123,7 @@ void BagController::_forceLoadBagForUpdate() {
 }
 
 void BagController::pingClientID(const Dictionary& bag) {
-  const Value pingURLs = bag["pingUrls"];
+  const Value& pingURLs = bag["pingUrls"];
   if (pingURLs.isNil()) {
     logLevel(3, "%@: Not pinging clientID, no pingUrls", kClassName);
     return;

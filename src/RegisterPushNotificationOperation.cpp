@@ -170,7 +170,7 @@ Data RegisterPushNotificationOperation::_requestBodyDataForRegisterSuccessOperat
   return encodedBody(body, "RequestBodyRegisterSuccess");
 }
 
-Data RegisterPushNotificationOperation::_requestBodyDataForRegisterMediaTypesOperation() {
+Data RegisterPushNotificationOperation::_requestBodyDataForRegisterMediaTypesOperation() const {
   Dictionary body;
   addTo(body, "guid", HSDevice::shared().guid());
   if (_registerType == kEnableAutoDownloads) {

@@ -58,7 +58,7 @@ class RegisterPushNotificationOperation final : public HSOperation,
   void _runRegisterSuccessRequest();
   void _runRegisterMediaTypesRequest();
   Data _requestBodyDataForRegisterSuccessOperation();
-  Data _requestBodyDataForRegisterMediaTypesOperation();
+  Data _requestBodyDataForRegisterMediaTypesOperation() const;
 
   bool _isRegisterSuccessAlreadySent() const;
   bool _isFirstTimeRegisterSuccess() const;

@@ -22,8 +22,8 @@ class BusRequestQueue final : public PRRequestQueue {
 
   void _didReceiveStorePushNotificationWithPayload(const Dictionary& payload) override {
     static PeerBacklog& backlog = *new PeerBacklog(kPeer.what);
-    backlog.add([identifier = _identifier,
-                 payload](PeerBacklog::Answered answered) { hand(identifier, payload, answered); },
+    backlog.add([identifier = _identifier, payload](
+                    const PeerBacklog::Answered& answered) { hand(identifier, payload, answered); },
                 PropertyList::encode(payload, PropertyList::Format::Binary).length());
   }
 

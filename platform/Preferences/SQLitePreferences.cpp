@@ -262,7 +262,7 @@ Result<Value> SQLitePreferences::tryToRead(const Place& place) {
     return pending->second.value;
   }
   if (!ensureOpen(false)) return Value();
-  const Result<Value> stored = readFromFile(place);
+  Result<Value> stored = readFromFile(place);
   if (stored || !recoverFrom(stored.error(), "read")) return stored;
   // What the damaged file is known to have held is pending now.
   const auto kept = _pending.find(place);

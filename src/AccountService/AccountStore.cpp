@@ -160,7 +160,7 @@ void AccountStore::_primaryAccountDidChange() {
 AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
     const HSAuthenticationResponse& response, bool makePrimary) {
   // One block: a sign-out at the same time finds the account, with its token, in the list.
-  const Account account = _requestQueue.sync([&] {
+  Account account = _requestQueue.sync([&] {
     Account found = _nonThreadSafeAccountForDSID(response.dsID());
     if (!found) {
       found = std::make_shared<HSStoreAccount>();

@@ -76,6 +76,7 @@ Array identitiesStatus(const OrvController::Status& status) {
     provisioned.insert(status.provisionedDSIDs->begin(), status.provisionedDSIDs->end());
   dsIDs.insert(provisioned.begin(), provisioned.end());
   std::vector<Value> identities;
+  identities.reserve(dsIDs.size());
   for (const std::uint64_t dsID : dsIDs)
     identities.emplace_back(Dictionary{
         {"dsid", dsID},

@@ -63,6 +63,7 @@ int listAccounts(Application& application) {
     if (!primary) return application.output().failure(primary.error());
     return application.show(client.accounts(), [&](const std::vector<Dictionary>& accounts) {
       std::vector<Value> rows;
+      rows.reserve(accounts.size());
       for (const Dictionary& account : accounts)
         rows.emplace_back(
             account.setting("primary", *primary && (**primary)["dsid"] == account["dsid"]));
