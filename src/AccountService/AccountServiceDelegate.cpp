@@ -8,9 +8,14 @@
 #include <optional>
 
 #include "platform/Base/Secret.h"
+#include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/RunLoop.h"
+#include "platform/Concurrency/WorkerPool.h"
+#include "platform/Cookies/CookieJar.h"
 #include "platform/Notifications/UserNotificationCenter.h"
+#include "platform/Preferences/Preferences.h"
 #include "platform/Sandbox/Sandbox.h"
+#include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/ProcessInspector.h"
@@ -26,6 +31,20 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
     return std::make_shared<AccountServiceInterface>(std::move(storeClient));
   };
 }
+
+namespace {
+
+// Who starts the service waits for its first answer. What nearly every answer needs is opened on
+// other threads while this one is busy with the bus; whoever needs it sooner waits for it there.
+void openWhatTheFirstCallNeeds() {
+  WorkerPool::shared().async([] { HSCertificate::prepare(); });
+  WorkerPool::shared().async([] {
+    Preferences::shared().copyAppValue(kDefaultsStorefrontKey, kDaemonDefaultsID);
+    CookieJar::shared();
+  });
+}
+
+}  // namespace
 
 int runAccountService(int argc, const char* const* argv) {
   forbidCoreDumps();  // passwords and tokens pass through here
@@ -43,6 +62,8 @@ int runAccountService(int argc, const char* const* argv) {
   }
   const bool isDaemon = argc == 2 && std::strcmp(argv[1], "daemon") == 0;
   logLevel(3, "%s %@", "int main(int, const char **)", isDaemon ? "daemon" : "");
+
+  openWhatTheFirstCallNeeds();
 
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.
