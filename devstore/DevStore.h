@@ -52,7 +52,7 @@ class DevStore {
   std::vector<ReceivedRequest> requests(std::string_view path = {}) const;
   // Waits until `count` requests for `path` have been received; false when they have not in time.
   bool waitForRequests(std::string_view path, std::size_t count,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
   void forgetRequests();
 
  private:

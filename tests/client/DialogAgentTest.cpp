@@ -122,6 +122,7 @@ TEST_F(DialogAgentTest, RegistersWithAServiceThatIsStartedLater) {
 
 TEST_F(DialogAgentTest, RefusesWhatAnAgentMustNotDo) {
   TestCaller caller;
+  caller.connection().enterEventLoopAsync();  // refuses what it is asked to show
   const sdbus::ObjectPath path("/nobody/home");
   const auto answerDialog = [&](std::uint64_t to, int button, const std::string& name) {
     return caller

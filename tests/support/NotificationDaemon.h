@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -23,10 +24,14 @@ namespace tallow {
 class NotificationDaemon {
  public:
   static constexpr const char* kName = "org.freedesktop.Notifications";
+  // How long it shows what is not urgent: no test is slower.
+  static constexpr int kTimeoutSeconds = 600;
 
   explicit NotificationDaemon(const PrivateBus& bus) : _bus(bus), _folder(bus.folder() / "dunst") {
     std::filesystem::create_directories(_folder);
-    std::ofstream(_folder / "dunstrc") << "[global]\n    dmenu = " << menu().native() << "\n";
+    std::ofstream(_folder / "dunstrc")
+        << "[global]\n    dmenu = " << menu().native()
+        << "\n[urgency_normal]\n    timeout = " << kTimeoutSeconds << "\n";
     _display = _startDisplay();
     setenv("DISPLAY", _display.c_str(), 1);
     _daemon = _start({"dunst", "-config", _folder / "dunstrc"}, -1);
@@ -70,8 +75,8 @@ class NotificationDaemon {
   }
   // Takes pictures until there is something in one; false when there never is.
   bool showsSomething() const {
-    constexpr int kPatience = 50;
-    for (int i = 0; i < kPatience; ++i)
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < end)
       if (colours() > 1) return true;
     return false;
   }

@@ -103,7 +103,7 @@ TEST_F(UserNotificationCenterTest, ARealDaemonShowsItAndBringsBackWhatThePersonD
   for (const char* part :
        {"\"urgent\"", "\"a<b>text</b>&more\"", "\"com.example.app\"",
         "\"timeout\":{\"type\":\"x\",\"data\":0}",  // of the urgent one: it does not go by itself
-        "\"timeout\":{\"type\":\"x\",\"data\":10000000}"})
+        "\"timeout\":{\"type\":\"x\",\"data\":600000000}"})
     EXPECT_NE(history.find(part), std::string::npos) << part << " in " << history;
   EXPECT_TRUE(delegate->hasNothingMore()) << "each once";
 }

@@ -33,15 +33,15 @@ TEST(JSONTest, HostileTextsAreRefusedAndCostLittle) {
   };
   EXPECT_TRUE(JSON::decode(nested(512)));
   EXPECT_FALSE(JSON::decode(nested(513)));
-  EXPECT_FALSE(JSON::decode(nested(1'000'000)));
-  EXPECT_FALSE(JSON::decode(std::string(1'000'000, '[')));
+  EXPECT_FALSE(JSON::decode(nested(100'000)));
+  EXPECT_FALSE(JSON::decode(std::string(100'000, '[')));
   EXPECT_FALSE(JSON::decode("\"" + std::string(17u << 20, 'a') + "\""));
   std::string manyKeys = "{";
-  for (int index = 0; index < 100'000; ++index) manyKeys += "\"" + std::to_string(index) + "\":1,";
+  for (int index = 0; index < 20'000; ++index) manyKeys += "\"" + std::to_string(index) + "\":1,";
   const auto decoded = JSON::decode(manyKeys + "\"last\":1}");
   ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->dictionary()->count(), 100'001u);
-  EXPECT_GT(JSON::encode(*decoded).size(), 800'000u);
+  EXPECT_EQ(decoded->dictionary()->count(), 20'001u);
+  EXPECT_GT(JSON::encode(*decoded).size(), 160'000u);
 }
 
 }  // namespace

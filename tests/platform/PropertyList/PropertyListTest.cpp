@@ -87,18 +87,6 @@ TEST(PropertyListTest, WhatAFormatCannotCarryIsReplaced) {
             Value(Dictionary{{"\xEF\xBF\xBD", 1}}));
 }
 
-TEST(PropertyListTest, LargeListsKeepTheirOrderAndKeys) {
-  std::vector<Dictionary::Entry> entries;
-  std::vector<Value> elements;
-  for (int index = 0; index < 20'000; ++index) {
-    entries.push_back({"key" + std::to_string(index), index});
-    elements.emplace_back(index);
-  }
-  const Value large = Dictionary{{"array", Array(elements)}, {"dictionary", Dictionary(entries)}};
-  for (const Format format : {Format::XML, Format::Binary})
-    EXPECT_EQ(roundTrip(large, format), large);
-}
-
 TEST(PropertyListTest, XMLIsReadAsItIsMeant) {
   EXPECT_EQ(decodedXML("<string>a<!-- no -->b<![CDATA[<&>]]>&lt;&#65;&#x1F600;</string>"),
             Value("ab<&><A\xF0\x9F\x98\x80"));
@@ -135,16 +123,16 @@ TEST(PropertyListTest, BytesBeyondTheLimitAreNotLookedAt) {
 
 TEST(PropertyListTest, MegabytesOfHonestContentsAreAccepted) {
   std::vector<Dictionary::Entry> entries;
-  for (int index = 0; index < 60'000; ++index) {
+  std::vector<Value> elements;
+  for (int index = 0; index < 15'000; ++index) {
     entries.push_back(
         {"service-key-" + std::to_string(index), "https://store.example.com/a?b=1&c=2"});
+    elements.emplace_back(index);
   }
-  const Value large = Dictionary(std::move(entries));
-  const Data list = PropertyList::encode(large, Format::XML);
-  ASSERT_GT(list.length(), 4u << 20);
-  const auto decoded = PropertyList::decode(list);
-  ASSERT_TRUE(decoded) << description(decoded.error());
-  EXPECT_TRUE(*decoded == large);
+  const Value large = Dictionary{{"array", Array(elements)}, {"dictionary", Dictionary(entries)}};
+  ASSERT_GT(PropertyList::encode(large, Format::XML).length(), 1u << 20);
+  for (const Format format : {Format::XML, Format::Binary})
+    EXPECT_TRUE(roundTrip(large, format) == large);
 }
 
 TEST(PropertyListDeathTest, NilIsAProgrammersError) {
