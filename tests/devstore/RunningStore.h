@@ -10,7 +10,7 @@
 
 #include "devstore/DevStore.h"
 #include "platform/PropertyList/PropertyList.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow::devstore {
 
@@ -42,7 +42,7 @@ class RunningStore {
     return value && value->dictionary() != nullptr ? *value->dictionary() : Dictionary();
   }
 
-  TemporaryDirectory directory;
+  TemporaryFolder directory;
   std::unique_ptr<DevStore> store;
   std::unique_ptr<httplib::Client> http, https;
 

@@ -13,7 +13,7 @@
 #include "client/AccountServiceClient.h"
 #include "devstore/DevStore.h"
 #include "tests/support/PrivateBus.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -123,7 +123,7 @@ class RunningService {
     return std::make_unique<PrivateBus>(std::vector{services});
   }
 
-  TemporaryDirectory _root;
+  TemporaryFolder _root;
   std::unique_ptr<devstore::DevStore> _store;
   std::unique_ptr<PrivateBus> _bus;
   std::unique_ptr<AccountServiceClient> _client;

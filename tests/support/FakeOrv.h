@@ -11,7 +11,7 @@
 
 #include "platform/Orv/OrvLibrary.h"
 #include "platform/Orv/tallow-orv.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -137,7 +137,7 @@ class FakeOrv {
     return table;
   }
 
-  const TemporaryDirectory _folder;
+  const TemporaryFolder _folder;
   Result<std::unique_ptr<OrvLibrary>> _library;
 };
 

@@ -21,7 +21,7 @@
 #include "src/CookieStorage.h"
 #include "src/StoreFrontController.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -73,7 +73,7 @@ class ServiceWorld {
 
   ManualClock clock{Date{1'800'000'000}};
   MemoryPreferences preferences;
-  TemporaryDirectory directory;
+  TemporaryFolder directory;
   Directories directories = directoriesIn(directory.path());
   ScriptedTransport transport;
   CapturedLog log;

@@ -13,7 +13,7 @@
 #include "platform/Certificates/AnchorStore.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/CertificateAuthority.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -81,7 +81,7 @@ class HSCertificateTest : public ::testing::Test {
     return made;
   }
 
-  TemporaryDirectory _folder;
+  TemporaryFolder _folder;
   Directories _directories;
   ScopedShared<Directories> _sharedDirectories{_directories};
   ManualClock _clock{kNow};

@@ -15,7 +15,7 @@
 #include <string>
 
 #include "tests/support/LoopbackServer.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -362,7 +362,7 @@ class CurlTransportTLSTest : public ::testing::Test {
   }
 
   const TestChain _chain;
-  TemporaryDirectory _folder;
+  TemporaryFolder _folder;
   const std::filesystem::path _caFile = _folder.path() / "ca.pem";
   CertificateOptions _options;
   CurlTransport _transport{{.additionalCAFile = _caFile.string()}};

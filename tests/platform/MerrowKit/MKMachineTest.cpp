@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -17,7 +17,7 @@ class MKMachineTest : public ::testing::Test {
     std::filesystem::create_directories((root.path() / path).parent_path());
     std::ofstream(root.path() / path, std::ios::binary) << text;
   }
-  TemporaryDirectory root;
+  TemporaryFolder root;
   std::unique_ptr<MKMachine> machine = MKMachine::make(root.path());
 };
 

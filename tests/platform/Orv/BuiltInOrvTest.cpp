@@ -12,7 +12,7 @@
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -84,7 +84,7 @@ class BuiltInOrvTest : public ::testing::Test {
     return static_cast<std::uint64_t>(clock.now().secondsSince1970 * 1000);
   }
 
-  TemporaryDirectory folder;
+  TemporaryFolder folder;
   std::filesystem::path machineFolder;
   StoreClock::Boot boot{1};
   mutable ManualClock clock{Date{1'800'000'000}};

@@ -7,7 +7,7 @@
 #include "platform/Orv/OrvLibraryFile.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeOrv.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -60,7 +60,7 @@ TEST(OrvLibraryTest, WhatABadLibraryReturnsReachesNobodyAndIsGivenBack) {
 }
 
 TEST(OrvLibraryTest, TheExampleLibraryDoesWhatTheInterfaceAsks) {
-  const TemporaryDirectory folder;
+  const TemporaryFolder folder;
   const auto table = OrvLibraryFile::loadUnchecked(EXAMPLE_ORV);
   ASSERT_TRUE(table) << table.error().localizedDescription();
   const auto library = OrvLibrary::open(*table, folder.path() / "orv");
@@ -85,7 +85,7 @@ TEST(OrvLibraryTest, TheExampleLibraryDoesWhatTheInterfaceAsks) {
 }
 
 TEST(OrvLibraryTest, OnlyWhatRootAloneCanReplaceIsLoaded) {
-  const TemporaryDirectory folder;
+  const TemporaryFolder folder;
   const std::filesystem::path file = folder.path() / "library.so";
   std::ofstream(file) << "no library";
   EXPECT_TRUE(OrvLibraryFile::objectionTo(file)) << "below a folder that everybody writes to";

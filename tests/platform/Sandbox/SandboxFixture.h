@@ -19,7 +19,7 @@
 #include "platform/Sandbox/LandlockRuleset.h"
 #include "platform/Sandbox/Sandbox.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -119,7 +119,7 @@ class SandboxTest : public ::testing::Test {
     return _directories.dataDirs[1] / "sandbox/com.vantor.tallowd.toml";
   }
 
-  TemporaryDirectory _folder;
+  TemporaryFolder _folder;
   Directories _directories;
   ScopedShared<Directories> _sharedDirectories{_directories};
 };
