@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/CurlAuthority.h"
 #include "fuzz/FuzzTarget.h"
 #include "fuzz/Require.h"
 #include "platform/Base/URL.h"
-#include "tests/support/CurlAuthority.h"
 
 using tallow::URL;
 

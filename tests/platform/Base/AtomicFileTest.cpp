@@ -4,15 +4,14 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <fstream>
 #include <set>
 #include <string>
+
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -21,25 +20,17 @@ namespace fs = std::filesystem;
 
 class AtomicFileTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "tallow-file-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    _folder = pattern;
-    _file = _folder / "state";
-  }
-  void TearDown() override { fs::remove_all(_folder); }
-
   static void put(const fs::path& path, std::string_view text) { std::ofstream(path) << text; }
   std::set<std::string> names() const {
     std::set<std::string> result;
-    for (const auto& entry : fs::directory_iterator(_folder)) {
+    for (const auto& entry : fs::directory_iterator(_folder.path())) {
       result.insert(entry.path().filename().string());
     }
     return result;
   }
 
-  fs::path _folder;
-  fs::path _file;
+  const TemporaryFolder _folder;
+  const fs::path _file = _folder / "state";
 };
 
 TEST_F(AtomicFileTest, WritesAndReplacesPrivately) {
@@ -87,41 +78,12 @@ TEST_F(AtomicFileTest, AFailedWriteLeavesTheOldContentsAndNothingElse) {
   EXPECT_THAT(names(), testing::ElementsAre("state", "taken"));
 }
 
-TEST_F(AtomicFileTest, BeingKilledLeavesOldOrNewWhole) {
-  const std::string old(50'000, 'o');
-  const std::string replacement(70'000, 'n');
-  ASSERT_EQ(writeFileAtomically(_file, Data(old)), std::nullopt);
-  for (int round = 0; round < 20; ++round) {
-    std::array<int, 2> pipe{};
-    ASSERT_EQ(::pipe(pipe.data()), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      const Data first(replacement);
-      const Data second(old);
-      while (true) {
-        writeFileAtomically(_file, first);
-        if (write(pipe[1], "x", 1) != 1) _exit(1);
-        writeFileAtomically(_file, second);
-      }
-    }
-    close(pipe[1]);
-    char byte = 0;
-    for (int writes = 0; writes <= round % 4; ++writes) ASSERT_EQ(read(pipe[0], &byte, 1), 1);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    close(pipe[0]);
-    const auto contents = readFile(_file);
-    ASSERT_TRUE(contents);
-    EXPECT_TRUE(contents->view() == old || contents->view() == replacement);
-  }
-}
-
 TEST_F(AtomicFileTest, ReadsOnlyRegularFilesOfBoundedSize) {
   put(_file, "12345");
   EXPECT_EQ(readFile(_file, 5)->view(), "12345");
   EXPECT_EQ(readFile(_file, 4).error().code, EFBIG);
   EXPECT_EQ(readFile(_folder / "missing").error().code, ENOENT);
-  EXPECT_EQ(readFile(_folder).error().code, EISDIR);
+  EXPECT_EQ(readFile(_folder.path()).error().code, EISDIR);
   fs::create_symlink("state", _folder / "link");
   EXPECT_EQ(readFile(_folder / "link").error().code, ELOOP);
   // Neither waits for a writer nor reads what a device has to give.

@@ -23,42 +23,29 @@ void onFourThreads(const Work& work) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(BaseConcurrentTest, SharedFacilitiesAreMadeOnce) {
-  onFourThreads([](int) {
-    EXPECT_GT(Clock::shared().now().secondsSince1970, 0);
-    EXPECT_LT(Random::shared().unit(), 1);
-    EXPECT_FALSE(Directories::shared().configDirs.empty());
-    EXPECT_EQ(URL::parse("https://b\xC3\xBC"
-                         "cher.example/")
-                  ->host(),
-              "xn--bcher-kva.example");
-  });
-}
-
-TEST(BaseConcurrentTest, OneExpressionServesManyThreads) {
+TEST(BaseConcurrentTest, FirstUsesAndSharedObjectsAreForManyThreads) {
   const auto expression = RegularExpression::compile("(\\d+)-\\1$", {});
-  ASSERT_TRUE(expression);
-  onFourThreads([&](int thread) {
-    const std::string number = std::to_string(thread * 1111 + 7);
-    for (int round = 0; round < 200; ++round) {
-      EXPECT_EQ(expression->firstMatchIn(number + "-" + number), RegularExpression::Match::Found);
-      EXPECT_EQ(expression->firstMatchIn(number + "-x" + number),
-                RegularExpression::Match::NotFound);
-    }
-  });
-}
-
-TEST(BaseConcurrentTest, ValuesAreReadAndCopiedByAll) {
   const Value shared = Dictionary{{"a", Array{1, "two", Data("three")}}, {"b", "text"}};
-  onFourThreads([&](int thread) {
-    for (int round = 0; round < 200; ++round) {
-      const Value copy = shared;
-      const Dictionary changed = copy.dictionary()->setting("c", thread);
-      EXPECT_EQ(changed["c"], Value(thread));
-      const auto format = round % 2 == 0 ? PropertyList::Format::XML : PropertyList::Format::Binary;
-      EXPECT_EQ(*PropertyList::decode(PropertyList::encode(copy, format)), shared);
-    }
-  });
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, number = std::to_string(thread * 1111 + 7)] {
+      EXPECT_GT(Clock::shared().now().secondsSince1970, 0);
+      EXPECT_LT(Random::shared().unit(), 1);
+      EXPECT_FALSE(Directories::shared().configDirs.empty());
+      EXPECT_EQ(URL::parse("https://b%C3%BCcher.example/")->host(), "xn--bcher-kva.example");
+      for (int round = 0; round < 200; ++round) {
+        EXPECT_EQ(expression->firstMatchIn(number + "-" + number), RegularExpression::Match::Found);
+        EXPECT_EQ(expression->firstMatchIn(number + "-x" + number),
+                  RegularExpression::Match::NotFound);
+        const Value copy = shared;
+        EXPECT_EQ(copy.dictionary()->setting("c", round)["c"], Value(round));
+        const auto format =
+            round % 2 == 0 ? PropertyList::Format::XML : PropertyList::Format::Binary;
+        EXPECT_EQ(*PropertyList::decode(PropertyList::encode(copy, format)), shared);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/TemporaryFolder.h"
+
 namespace tallow {
 namespace {
 
@@ -36,41 +38,38 @@ class DirectoriesTest : public testing::Test {
   std::map<std::string, std::optional<std::string>> _previous;
 };
 
-TEST_F(DirectoriesTest, DefaultsLieBelowHome) {
-  setenv("HOME", "/home/somebody", 1);
-  const Directories directories = Directories::fromEnvironment();
-  EXPECT_EQ(directories.configHome, "/home/somebody/.config/tallowd");
-  EXPECT_EQ(directories.dataHome, "/home/somebody/.local/share/tallowd");
-  EXPECT_EQ(directories.cacheHome, "/home/somebody/.cache/tallowd");
-  EXPECT_EQ(directories.stateHome, "/home/somebody/.local/state/tallowd");
-  EXPECT_THAT(directories.configDirs,
-              testing::ElementsAre("/home/somebody/.config/tallowd", "/etc/xdg/tallowd"));
-  EXPECT_THAT(directories.dataDirs,
-              testing::ElementsAre("/home/somebody/.local/share/tallowd",
-                                   "/usr/local/share/tallowd", "/usr/share/tallowd"));
-}
-
-TEST_F(DirectoriesTest, RelativeAndEmptyValuesAreIgnored) {
+TEST_F(DirectoriesTest, LieWhereTheEnvironmentSaysElseBelowHome) {
   setenv("HOME", "/h", 1);
+  Directories directories = Directories::fromEnvironment();
+  EXPECT_EQ(directories.configHome, "/h/.config/tallowd");
+  EXPECT_EQ(directories.dataHome, "/h/.local/share/tallowd");
+  EXPECT_EQ(directories.cacheHome, "/h/.cache/tallowd");
+  EXPECT_EQ(directories.stateHome, "/h/.local/state/tallowd");
+  EXPECT_THAT(directories.configDirs,
+              testing::ElementsAre("/h/.config/tallowd", "/etc/xdg/tallowd"));
+  EXPECT_THAT(directories.dataDirs,
+              testing::ElementsAre("/h/.local/share/tallowd", "/usr/local/share/tallowd",
+                                   "/usr/share/tallowd"));
+  // Relative and empty values do not count.
   setenv("XDG_CONFIG_HOME", "relative", 1);
   setenv("XDG_STATE_HOME", "", 1);
   setenv("XDG_CACHE_HOME", "/cache", 1);
   setenv("XDG_CONFIG_DIRS", "relative::/one:./x:/two:", 1);
   setenv("XDG_DATA_DIRS", "relative", 1);
-  const Directories directories = Directories::fromEnvironment();
+  directories = Directories::fromEnvironment();
   EXPECT_EQ(directories.configHome, "/h/.config/tallowd");
   EXPECT_EQ(directories.stateHome, "/h/.local/state/tallowd");
   EXPECT_EQ(directories.cacheHome, "/cache/tallowd");
   EXPECT_THAT(directories.configDirs,
               testing::ElementsAre("/h/.config/tallowd", "/one/tallowd", "/two/tallowd"));
   EXPECT_THAT(directories.dataDirs, testing::ElementsAre("/h/.local/share/tallowd"));
-}
-
-TEST_F(DirectoriesTest, WithoutAUsableHomeTheUserDatabaseTells) {
+  // Without a usable home the user database tells.
+  unsetenv("XDG_CACHE_HOME");
   const fs::path expected = fs::path(getpwuid(getuid())->pw_dir) / ".cache/tallowd";
-  EXPECT_EQ(Directories::fromEnvironment().cacheHome, expected);
-  setenv("HOME", "not/absolute", 1);
-  EXPECT_EQ(Directories::fromEnvironment().cacheHome, expected);
+  for (const char* home : {"not/absolute", ""}) {
+    setenv("HOME", home, 1);
+    EXPECT_EQ(Directories::fromEnvironment().cacheHome, expected) << home;
+  }
 }
 
 TEST(PathComponentTest, NothingThatLeavesTheFolderIsSafe) {
@@ -87,9 +86,7 @@ TEST(PathComponentTest, NothingThatLeavesTheFolderIsSafe) {
 }
 
 TEST(EnsureDirectoryTest, MakesMissingFoldersForTheOwnerOnly) {
-  std::string pattern = (fs::temp_directory_path() / "tallow-folder-XXXXXX").string();
-  ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-  const fs::path folder = pattern;
+  const TemporaryFolder folder;
   const mode_t previous = umask(0);
   EXPECT_TRUE(ensureDirectoryExists(folder / "a/b//c/"));
   umask(previous);
@@ -103,7 +100,6 @@ TEST(EnsureDirectoryTest, MakesMissingFoldersForTheOwnerOnly) {
   EXPECT_FALSE(ensureDirectoryExists(folder / "dangling/d"));
   EXPECT_FALSE(ensureDirectoryExists("/proc/self/nothing/here"));
   EXPECT_FALSE(ensureDirectoryExists(""));
-  fs::remove_all(folder);
 }
 
 }  // namespace

@@ -4,9 +4,8 @@
 #include <array>
 #include <limits>
 
-#include "platform/Base/Clock.h"
+#include "platform/Base/Date.h"
 #include "platform/Base/Random.h"
-#include "platform/Base/SharedInstance.h"
 
 namespace tallow {
 namespace {
@@ -20,22 +19,6 @@ TEST(DateTest, DescriptionIsAlwaysUTC) {
   EXPECT_EQ(description(Date{253402300800}), "253402300800");
   EXPECT_EQ(description(Date{std::numeric_limits<double>::infinity()}), "inf");
   EXPECT_EQ(description(Date{std::numeric_limits<double>::quiet_NaN()}), "nan");
-}
-
-TEST(ClockTest, TheSharedClockCanBeSet) {
-  const double before = Clock::shared().now().secondsSince1970;
-  EXPECT_GT(before, 1.7e9);
-  ManualClock clock(Date{1000});
-  {
-    const ScopedShared<Clock> scope(clock);
-    clock.advance(5);
-    EXPECT_EQ(Clock::shared().now(), Date{1005});
-    EXPECT_EQ(Clock::shared().monotonicSeconds(), 5);
-    clock.set(Date{1});
-    EXPECT_EQ(Clock::shared().now(), Date{1});
-    EXPECT_EQ(Clock::shared().monotonicSeconds(), 5);
-  }
-  EXPECT_GE(Clock::shared().now().secondsSince1970, before);
 }
 
 class AllOnes final : public Random {

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/CurlAuthority.h"
-
 namespace tallow {
 namespace {
 
@@ -42,7 +40,7 @@ struct HostCase {
   bool isAddress = false;
 };
 
-// Every spelling that gets past the parser is also given to the library to connect to.
+// That the transport asks these very hosts is seen in its own test.
 TEST(URLTest, HostIsTheOneThatTheLibraryConnectsTo) {
   const std::vector<HostCase> cases = {
       {"https://good.example/", "good.example", "good.example"},
@@ -73,10 +71,6 @@ TEST(URLTest, HostIsTheOneThatTheLibraryConnectsTo) {
     EXPECT_EQ(url->host(), expected.host) << expected.text;
     EXPECT_EQ(url->canonicalHost(), expected.canonical) << expected.text;
     EXPECT_EQ(url->hostIsIPAddress(), expected.isAddress) << expected.text;
-    const std::string host =
-        url->host().find(':') != std::string::npos ? "[" + url->host() + "]" : url->host();
-    EXPECT_EQ(authorityCurlConnectsTo(expected.text), host + ":" + std::to_string(url->port()))
-        << expected.text;
   }
 }
 
@@ -104,10 +98,6 @@ TEST(URLTest, InternationalHostsAreLookedUpInASCII) {
       EXPECT_EQ(url->canonicalHost(), expected.canonical);
       EXPECT_EQ(url->hostIsIPAddress(), expected.isAddress);
     }
-  }
-  for (const HostCase& expected : cases) {
-    EXPECT_EQ(authorityCurlConnectsTo(expected.text),
-              std::string(expected.host) + (expected.isAddress ? ":80" : ":443"));
   }
   std::setlocale(LC_CTYPE, "C");
   // Characters that map to separators or to nothing, malformed UTF-8.

@@ -168,32 +168,5 @@ TEST(RunLoopDeathTest, TheMainLoopRunsOnTheMainThreadOnly) {
   EXPECT_DEATH(std::thread([] { RunLoop::main().run(); }).join(), "another thread");
 }
 
-TEST(ManualRunLoopTest, FiresWhatIsDueAtItsMoment) {
-  ManualClock clock{Date{1000}};
-  ManualRunLoop loop(clock);
-  std::vector<double> moments;
-  const auto note = [&] { moments.push_back(clock.now().secondsSince1970); };
-  loop.addTimer(900, note);
-  loop.addTimer(10, [&] {
-    note();
-    loop.addTimer(20, note);
-    loop.post(note);
-  });
-  loop.advance(9.5);
-  EXPECT_TRUE(moments.empty());
-  loop.advance(100);
-  EXPECT_THAT(moments, ElementsAre(1010, 1010, 1030));
-  EXPECT_EQ(clock.now().secondsSince1970, 1109.5);
-  EXPECT_EQ(loop.pendingTimers(), 1u);
-  clock.set(Date{5000});  // timers do not care for the wall clock
-  loop.advance(790.5);
-  EXPECT_EQ(loop.pendingTimers(), 0u);
-  loop.onSignal(SIGTERM, note);
-  loop.raise(SIGTERM);
-  EXPECT_EQ(moments.size(), 4u);
-  loop.advance(0);
-  EXPECT_EQ(moments.size(), 5u);
-}
-
 }  // namespace
 }  // namespace tallow

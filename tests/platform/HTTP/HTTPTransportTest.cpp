@@ -209,32 +209,5 @@ TYPED_TEST(HTTPTransportContract, ManyAskAtOnce) {
   EXPECT_EQ(answered, kThreads * kRequests);
 }
 
-TEST(ScriptedTransportTest, AnswersInTheScriptsOrderAndRemembersRequests) {
-  ScriptedTransport transport;
-  transport.enqueue(ScriptedTransport::fail(HTTPTransport::kTimedOut));
-  transport.enqueue(
-      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 204); });
-  HTTPRequest request(*URL::parse("https://store.example.com/"));
-  request.method = "POST";
-  EXPECT_EQ(transport.perform(request).error().code, HTTPTransport::kTimedOut);
-  EXPECT_EQ(transport.perform(request)->statusCode, 204);
-  EXPECT_EQ(transport.perform(request).error().code, HTTPTransport::kCannotConnect);
-  ASSERT_EQ(transport.requests().size(), 3U);
-  EXPECT_EQ(transport.requests()[1].method, "POST");
-}
-
-TEST(ScriptedTransportTest, HeldRequestsAreAnsweredWhenReleased) {
-  ScriptedTransport transport;
-  transport.hold();
-  std::promise<int> status;
-  transport.start(HTTPRequest(*URL::parse("https://store.example.com/")),
-                  [&](Result<HTTPResponse> result) { status.set_value(result->statusCode); });
-  transport.waitForRequests(1);
-  transport.enqueue(
-      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
-  transport.release();
-  EXPECT_EQ(status.get_future().get(), 200);
-}
-
 }  // namespace
 }  // namespace tallow

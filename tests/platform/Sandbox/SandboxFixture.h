@@ -5,14 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
-#include <utility>
 
 #include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
@@ -47,9 +45,7 @@ inline void confine() {
 // this object waits for it. Made before the test has other threads.
 class Child {
  public:
-  explicit Child(const std::function<void()>& body) {
-    if (pipe(pipeEnds().data()) != 0) std::abort();
-    _process = fork();
+  explicit Child(const std::function<void()>& body) : _process(fork()) {
     if (_process < 0) std::abort();
     if (_process > 0) return;
     body();
@@ -57,35 +53,15 @@ class Child {
     _exit(::testing::Test::HasFailure() ? 1 : 0);
   }
   ~Child() {
-    wait();
-    for (const int end : pipeEnds()) close(end);
+    int status = 0;
+    EXPECT_GT(waitpid(_process, &status, 0), 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // Gives the process a number that it is waiting for in number().
-  void tell(int number) {
-    EXPECT_EQ(write(pipeEnds()[1], &number, sizeof(number)), ssize_t{sizeof(number)});
-  }
-  // Waits for the end now, while what the process uses is still there.
-  void wait() {
-    if (_process < 0) return;
-    int status = 0;
-    EXPECT_GT(waitpid(std::exchange(_process, -1), &status, 0), 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-  }
-  static int number() {
-    int number = 0;
-    EXPECT_EQ(read(pipeEnds()[0], &number, sizeof(number)), ssize_t{sizeof(number)});
-    return number;
-  }
-
  private:
-  static std::array<int, 2>& pipeEnds() {
-    static std::array<int, 2> ends = {};
-    return ends;
-  }
-  pid_t _process = -1;
+  const pid_t _process;
 };
 
 // A service's folders in a temporary place, and files of others beside them.

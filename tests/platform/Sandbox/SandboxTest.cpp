@@ -24,17 +24,10 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "platform/Base/AtomicFile.h"
-#include "platform/Certificates/HSCertificate.h"
-#include "platform/Cookies/CookieJar.h"
-#include "platform/HTTP/CurlTransport.h"
-#include "platform/Preferences/Preferences.h"
+#include "platform/Base/FileDescriptor.h"
 #include "tests/platform/Sandbox/SandboxFixture.h"
-#include "tests/support/CertificateAuthority.h"
-#include "tests/support/LoopbackServer.h"
 
 namespace tallow {
 namespace {
@@ -135,30 +128,31 @@ TEST_F(SandboxTest, ForksAndTracesNothing) {
 #endif
 
 TEST_F(SandboxTest, ConnectsAndNeverListens) {
-  Child child([] {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  sockaddr_in any = {};
+  any.sin_family = AF_INET;
+  any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in taken = any;
+  const auto generic = [](sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); };
+  socklen_t length = sizeof(taken);
+  const FileDescriptor server(socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(bind(server.get(), generic(taken), length), 0);
+  ASSERT_EQ(listen(server.get(), 1), 0);
+  ASSERT_EQ(getsockname(server.get(), generic(taken), &length), 0);
+  const Child child([&] {
     const int bound = socket(AF_INET, SOCK_STREAM, 0);
     const Result<int> version = LandlockRuleset::kernelVersion();
     const bool confinesPorts = version && *version >= 4;
     confine();
     if (confinesPorts) {
-      EXPECT_THAT(errorOf(bind(bound, generic, sizeof(address))), kRefused);
+      EXPECT_THAT(errorOf(bind(bound, generic(any), length)), kRefused);
     }
     const int listener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_GE(listener, 0);
     EXPECT_THAT(errorOf(listen(listener, 1)), kRefused);
     EXPECT_THAT(errorOf(accept(listener, nullptr, nullptr)), kRefused);
-
-    address.sin_port = htons(static_cast<std::uint16_t>(Child::number()));
-    EXPECT_EQ(errorOf(connect(socket(AF_INET, SOCK_STREAM, 0), generic, sizeof(address))), 0);
-    EXPECT_EQ(errorOf(connect(socket(AF_INET, SOCK_DGRAM, 0), generic, sizeof(address))), 0);
+    EXPECT_EQ(errorOf(connect(socket(AF_INET, SOCK_STREAM, 0), generic(taken), length)), 0);
+    EXPECT_EQ(errorOf(connect(socket(AF_INET, SOCK_DGRAM, 0), generic(taken), length)), 0);
   });
-  const LoopbackServer server(LoopbackServer::silent());
-  child.tell(server.port());
-  child.wait();
 }
 
 TEST_F(SandboxTest, KnowsFewKindsOfSockets) {
@@ -222,66 +216,6 @@ TEST_F(SandboxTest, UnknownCallsLookUnknown) {
     EXPECT_EQ(errorOf(syscall(SYS_clone3, nullptr, 0)), ENOSYS);
     EXPECT_EQ(errorOf(syscall(SYS_landlock_create_ruleset, nullptr, 0, 1)), ENOSYS);
   });
-}
-
-// What the service does with certificates, files and threads, behind the profile.
-TEST_F(SandboxTest, TheServiceWorksInside) {
-  const TestChain chain;
-  std::ofstream(_directories.configDirs[1] / "anchors/root.pem") << chain.root.pem();
-  const Data bag(std::string_view("bag"));
-  const Data signature = chain.leaf.key().sign(bag);
-  confined([&] {
-    const CapturedLog log;
-    HSCertificate certificate;
-    certificate.setCertificateData(chain.certificates());
-    EXPECT_TRUE(certificate.checkData(bag, signature)) << certificate.reason();
-
-    EXPECT_TRUE(ensureDirectoryExists(_directories.dataHome / "Cookies"));
-    auto jar = CookieJar::open(_directories.dataHome / "Cookies/Test.cookies");
-    ASSERT_TRUE(jar);
-    EXPECT_FALSE((*jar)->synchronize());
-    using User = Preferences::User;
-    using Host = Preferences::Host;
-    Preferences& preferences = Preferences::shared();
-    preferences.setValue("key", "value", "domain", User::Current, Host::Any);
-    EXPECT_TRUE(preferences.synchronize("domain", User::Current, Host::Any));
-    Value read;
-    std::thread([&] { read = preferences.copyAppValue("key", "domain"); }).join();
-    EXPECT_EQ(read, Value("value"));
-    EXPECT_TRUE(log.lines(1).empty());
-  });
-}
-
-// And with the network, certificates of the additional file included.
-TEST_F(SandboxTest, TheTransportWorksInside) {
-  const TestChain chain;
-  CertificateOptions options = CertificateOptions::signer("Server");
-  options.extensions = {{"subjectAltName", "IP:127.0.0.1"}};
-  options.notBefore = Date{0};
-  options.notAfter = Date{4'000'000'000};
-  std::ofstream(outside("ca.pem")) << chain.root.pem();
-  setenv("TALLOW_CA_FILE", outside("ca.pem").c_str(), 1);
-  Child child([] {
-    confine();
-    const std::string port = std::to_string(Child::number());
-    CurlTransport transport(CurlTransport::Options::fromEnvironment());
-    const auto codeFor = [&](const std::string& host) {
-      const auto result =
-          transport.perform(HTTPRequest(*URL::parse("https://" + host + ":" + port + "/")));
-      return result ? 0 : result.error().code;
-    };
-    EXPECT_EQ(codeFor("127.0.0.1"), 0);
-    // The certificate speaks of the address alone; to get that far takes the name's address.
-    EXPECT_EQ(codeFor("localhost"), HTTPTransport::kTLS);
-  });
-  unsetenv("TALLOW_CA_FILE");
-  const LoopbackServer server(
-      LoopbackServer::answering(LoopbackServer::response(200, "", "")),
-      LoopbackServer::TLS{chain.intermediate.issue(TestKey::ellipticCurve("P-256"), options),
-                          {chain.intermediate},
-                          0});
-  child.tell(server.port());
-  child.wait();
 }
 
 }  // namespace

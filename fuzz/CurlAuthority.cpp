@@ -1,4 +1,4 @@
-#include "tests/support/CurlAuthority.h"
+#include "fuzz/CurlAuthority.h"
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
