@@ -26,39 +26,18 @@ class AccountServiceClientTest : public ListenerTest {
   AccountServiceClient client{AccountServiceClient::Instance::Agent};
 };
 
-// What an observer hears, one after the other.
-class Updates {
- public:
-  AccountServiceClient::BagObserver observer() {
-    return [this](bool success, const std::optional<Error>&) {
-      const std::lock_guard lock(_mutex);
-      _heard.push_back(success);
-      _changed.notify_all();
-    };
-  }
-  bool next() {
-    std::unique_lock lock(_mutex);
-    _changed.wait(lock, [&] { return !_heard.empty(); });
-    const bool success = _heard.front();
-    _heard.pop_front();
-    return success;
-  }
-
- private:
-  std::mutex _mutex;
-  std::condition_variable _changed;
-  std::deque<bool> _heard;
-};
-
 TEST_F(AccountServiceClientTest, AsksAndTells) {
-  prepare = [](FakeAccountService& service) {
-    service.bagValue = Dictionary{{"list", Array{1, "two", Date{3.5}, Data("four"), 5.5, true}}};
-    service.headers = Dictionary{{"Cookie", "a=b"}};
+  const Value list = Array{1, "two", Date{3.5}, Data("four"), 5.5, true};
+  const Dictionary cookies{{"Cookie", "a=b; c=d"}, {"X-Test", "1"}};
+  prepare = [&](FakeAccountService& service) {
+    service.bag = Dictionary{{"key", list}};
+    service.headers = [&](const auto&) { return cookies; };
     service.loadError = makeError("Bag", 14, "not signed");
+    service.allowsGUID = [](const URL&) { return true; };
   };
   EXPECT_TRUE(*client.isValid());
-  EXPECT_EQ(*client.valueForURLBagKey("key"), service(0)->bagValue);
-  EXPECT_EQ(**client.dictionary(), *service(0)->bagValue.dictionary());
+  EXPECT_EQ(*client.valueForURLBagKey("key"), list);
+  EXPECT_EQ(**client.dictionary(), (Dictionary{{"key", list}}));
   EXPECT_TRUE(*client.urlIsTrustedByURLBag(kURL));
   EXPECT_FALSE(*client.needsSilentOrvActionForURL(""));
   EXPECT_TRUE(*client.shouldSendGUIDWithRequestForURL(kURL));
@@ -66,17 +45,28 @@ TEST_F(AccountServiceClientTest, AsksAndTells) {
   const auto load = client.loadURLBagWithType(2);
   EXPECT_FALSE(load->valid);
   EXPECT_EQ(load->error, makeError("Bag", 14, "not signed"));
-  EXPECT_EQ(*client.httpHeadersForURL(kURL, 18446744073709551615u, true), service(0)->headers);
+  EXPECT_EQ(*client.httpHeadersForURL(kURL, 18446744073709551615u, true), cookies);
   const Dictionary headers{{"Set-Cookie", Array{"a=b", "c=d"}}, {"Date", "today"}};
   EXPECT_FALSE(client.consumeCookiesWithHTTPHeaders(headers, kURL));
-  EXPECT_EQ(service(0)->consumedHeaders, headers);
+  EXPECT_EQ(service(0)->consumed().at(0).headers, headers);
   EXPECT_EQ(*client.storeFront(), std::nullopt);
   EXPECT_FALSE(client.setStoreFrontID("143441"));
   EXPECT_EQ(*client.storeFront(), "143441");
+  EXPECT_FALSE(client.setStoreFrontID(std::nullopt));
   EXPECT_FALSE(client.deleteAllCookies());
   EXPECT_FALSE(client.invalidateAllBags());
   EXPECT_THAT(*client.describe(), HasSubstr("com.example.self"));
-  EXPECT_EQ(acceptedCount(), 1u);
+  const std::string url = kURL;
+  EXPECT_THAT(
+      service(0)->calls(),
+      ElementsAre("isValid", "valueForURLBagKey key", "dictionary", "urlIsTrustedByURLBag " + url,
+                  "needsSilentOrvActionForURL nil", "shouldSendGUIDWithRequestForURL " + url,
+                  "regexWithKey pattern text", "loadURLBagWithType 2",
+                  "httpHeadersForURL " + url + " 18446744073709551615 orv",
+                  "consumeCookiesWithHTTPHeaders " + url, "storeFront", "setStoreFrontID 143441",
+                  "storeFront", "setStoreFrontID nil", "deleteAllCookies", "invalidateAllBags"));
+  EXPECT_EQ(acceptedCount(), 1u) << "one object for all calls of a connection";
+  EXPECT_EQ(accepted(0).pid, getpid());
 }
 
 TEST_F(AccountServiceClientTest, TellsErrorsApart) {
@@ -108,9 +98,10 @@ TEST_F(AccountServiceClientTest, CarriesItsIdentityAndObserverOverToAnotherServi
   writeDescriptor("self.toml", "identifier = \"com.example.self\"\nmay-act-as-others = true\n" +
                                    recognisingThisProcess());
   writeDescriptor("other.toml", "identifier = \"com.example.other\"");
-  Updates updates;
+  Heard<bool> updates;
   ASSERT_FALSE(client.actAs("com.example.other"));
-  ASSERT_FALSE(client.observeURLBag(updates.observer()));
+  ASSERT_FALSE(client.observeURLBag(
+      [&](bool success, const std::optional<Error>&) { updates.note(success); }));
   const std::size_t before = acceptedCount();
   EXPECT_EQ(accepted(before - 1).storeClient->identifier, "com.example.other");
   service(before - 1)->observers.at(0)->urlBagDidUpdateWithSuccess(true, std::nullopt);
@@ -130,22 +121,10 @@ TEST_F(AccountServiceClientTest, CarriesItsIdentityAndObserverOverToAnotherServi
 
 TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
   constexpr std::uint64_t kLargest = 18446744073709551615u;
-  std::mutex lock;
-  std::condition_variable changed;
-  std::deque<std::optional<Dictionary>> told;
-  const auto next = [&] {
-    std::unique_lock waiting(lock);
-    changed.wait(waiting, [&] { return !told.empty(); });
-    auto first = told.front();
-    told.pop_front();
-    return first;
-  };
+  Heard<std::optional<Dictionary>> told;
   EXPECT_EQ(*client.primaryAccount(), std::nullopt);
-  ASSERT_FALSE(client.observeAccounts([&](const std::optional<Dictionary>& account) {
-    const std::lock_guard guard(lock);
-    told.push_back(account);
-    changed.notify_all();
-  }));
+  ASSERT_FALSE(client.observeAccounts(
+      [&](const std::optional<Dictionary>& account) { told.note(account); }));
   const Dictionary answer{{"dsPersonId", kLargest}, {"identifier", "\u00e9"}, {"token", "t"}};
   const auto added = client.addAccountWithAuthenticationResponse(answer, true);
   ASSERT_TRUE(added && *added);
@@ -154,10 +133,10 @@ TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
   EXPECT_EQ(*client.accountWithDSID(kLargest), **added);
   EXPECT_EQ(*client.accountWithDSID(kLargest - 1), std::nullopt);
   EXPECT_EQ(*client.strongToken(), "t");
-  service(0)->accountObservers.at(0)->primaryAccountDidChange(service(0)->account);
-  EXPECT_EQ(next(), **added);
+  service(0)->accountObservers.at(0)->primaryAccountDidChange(service(0)->signedInAccount);
+  EXPECT_EQ(told.next(), **added);
   service(0)->accountObservers.at(0)->primaryAccountDidChange(nullptr);
-  EXPECT_EQ(next(), std::nullopt);
+  EXPECT_EQ(told.next(), std::nullopt);
 
   const auto refused = [](const std::optional<Error>& error) {
     return error && error->code == AccountServiceClient::kInvalidArgument;
@@ -168,7 +147,7 @@ TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
     EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(nobodys, true).error()));
   }
   EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(4096, 'n')}}));
-  EXPECT_EQ(service(0)->account->identifier()->size(), 4096u);
+  EXPECT_EQ(service(0)->knownAccounts.back()->identifier()->size(), 4096u);
   const Dictionary tooLong{{"dsid", 1}, {"identifier", std::string(4097, 'n')}};
   EXPECT_TRUE(refused(client.addAccount(tooLong)));
   EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(tooLong, true).error()));

@@ -17,33 +17,12 @@
 #include "devstore/AuthenticateEndpoint.h"
 #include "platform/Base/AtomicFile.h"
 #include "tests/integration/RunningService.h"
+#include "tests/support/Heard.h"
 
 namespace tallow {
 namespace {
 
 using Instance = AccountServiceClient::Instance;
-
-// What an observer of the accounts hears, in order; 0 for nobody.
-class PrimaryAccounts {
- public:
-  explicit PrimaryAccounts(AccountServiceClient& client) {
-    EXPECT_FALSE(client.observeAccounts([this](const std::optional<Dictionary>& account) {
-      const std::lock_guard lock(_lock);
-      _told.push_back(account ? (*account)["dsid"].unsignedValue() : 0);
-      _changed.notify_all();
-    }));
-  }
-  std::vector<std::uint64_t> waitFor(std::size_t count) {
-    std::unique_lock lock(_lock);
-    _changed.wait_for(lock, std::chrono::seconds(30), [&] { return _told.size() >= count; });
-    return _told;
-  }
-
- private:
-  std::mutex _lock;
-  std::condition_variable _changed;
-  std::vector<std::uint64_t> _told;
-};
 
 Dictionary answerFor(std::uint64_t dsID) {
   return {{"dsPersonId", dsID}, {"identifier", "name " + std::to_string(dsID)}, {"token", "t"}};
@@ -64,7 +43,10 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   EXPECT_EQ(absent->error->domain, "HSErrorDomain");
   EXPECT_THAT(absent->error->localizedDescription(), testing::HasSubstr("transaction service"));
 
-  PrimaryAccounts told(client);
+  Heard<std::uint64_t> told;  // the primary accounts; 0 for nobody
+  ASSERT_FALSE(client.observeAccounts([&](const std::optional<Dictionary>& account) {
+    told.note(account ? (*account)["dsid"].unsignedValue() : 0);
+  }));
   std::vector<std::optional<std::string>> complaints;
   auto agent = TransactionAgent::start(
       Instance::Agent, [&](const std::string& forClient, const HSAuthenticationContext& context,
@@ -84,7 +66,7 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   EXPECT_EQ((*signIn->account)["dsid"], Value(42));
   EXPECT_FALSE(signIn->account->contains("token"));
   EXPECT_EQ(complaints.size(), 2u) << "asked again, with the store's words";
-  EXPECT_EQ(told.waitFor(1).at(0), 42u);
+  EXPECT_EQ(told.next(), 42u);
   EXPECT_THAT(client.strongToken()->value_or(""), testing::StartsWith("token-42-"));
 
   // The store signs somebody else in than was wanted.
@@ -102,7 +84,7 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   EXPECT_TRUE(service.store().waitForRequests("/accounts/logout", 1));
   EXPECT_EQ(primaryOf(client), 0u);
   EXPECT_EQ(client.accounts()->size(), 1u);
-  EXPECT_EQ(told.waitFor(2).back(), 0u) << "heard by the observer that was carried over";
+  EXPECT_EQ(told.next(), 0u) << "heard by the observer that was carried over";
   EXPECT_TRUE(client.getEligibilityForService(1)->eligible);
 }
 

@@ -4,11 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 
 #include "platform/Base/AtomicFile.h"
 #include "tests/integration/RunningService.h"
+#include "tests/support/Heard.h"
 
 namespace tallow {
 namespace {
@@ -17,32 +16,6 @@ std::string buyURL(RunningService& service) {
   const Result<Value> value = service.client().valueForURLBagKey("buyProduct");
   return value && value->string() != nullptr ? *value->string() : "";
 }
-
-// Counts the updates of the bag, and waits for them.
-class BagUpdates {
- public:
-  explicit BagUpdates(AccountServiceClient& client) {
-    EXPECT_FALSE(client.observeURLBag([this](bool success, const std::optional<Error>&) {
-      const std::lock_guard lock(_lock);
-      _updates.push_back(success);
-      _changed.notify_all();
-    }));
-  }
-  bool waitFor(std::size_t count) {
-    std::unique_lock lock(_lock);
-    return _changed.wait_for(lock, std::chrono::seconds(30),
-                             [&] { return _updates.size() >= count; });
-  }
-  bool at(std::size_t index) {
-    const std::lock_guard lock(_lock);
-    return _updates.at(index);
-  }
-
- private:
-  std::mutex _lock;
-  std::condition_variable _changed;
-  std::vector<bool> _updates;
-};
 
 TEST(Road, BagCookiesAndStorefrontSurviveAKill) {
   RunningService service;
@@ -93,15 +66,15 @@ TEST(Road, ACallUnderWayIsAnsweredBeforeAStoppedServiceLeaves) {
 
 TEST(Road, ObserversHearOfUpdatesAndFailures) {
   RunningService service;
-  BagUpdates updates(service.client());
+  Heard<bool> updates;
+  ASSERT_FALSE(service.client().observeURLBag(
+      [&](bool success, const std::optional<Error>&) { updates.note(success); }));
   buyURL(service);
-  ASSERT_TRUE(updates.waitFor(1));
-  EXPECT_TRUE(updates.at(0));
+  EXPECT_TRUE(updates.next());
   ASSERT_FALSE(service.store().stage(R"({"bag": {"status": 500}})"));
   ASSERT_FALSE(service.client().invalidateAllBags());
   EXPECT_EQ(buyURL(service), "");
-  ASSERT_TRUE(updates.waitFor(2));
-  EXPECT_FALSE(updates.at(1));
+  EXPECT_FALSE(updates.next());
 }
 
 TEST(Road, WhatAHostileStoreSendsIsRefusedAndTheOldBagStays) {

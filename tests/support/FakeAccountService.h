@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -10,15 +12,17 @@
 
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/VendBase/HSServiceProxy.h"
-#include "tests/support/SilentAccountService.h"
 
 namespace tallow {
 
-// An account service for tests of code that asks or feeds one. Answers on the calling thread, with
-// what the test has set; writes down every call, by operation name, and everything handed in.
-// The answers are set before use; calls may come from any thread.
-class FakeAccountService final : public SilentAccountService {
+// An account service for tests of code that asks or feeds one. Answers on the calling thread with
+// what the test has set before, unless it is told to keep its answers; writes down every call and
+// everything handed in. Calls may come from any thread. Of what is not written down here, the reply
+// is dropped.
+class FakeAccountService final : public HSAccountService {
  public:
+  using OptionalText = std::optional<std::string>;
+  using OptionalError = std::optional<Error>;
   struct ConsumedHeaders {
     Dictionary headers;
     std::optional<URL> fromURL;
@@ -38,112 +42,123 @@ class FakeAccountService final : public SilentAccountService {
     return Dictionary();
   };
   std::function<bool(const URL&)> needsOrvAction = [](const URL&) { return false; };
-  std::optional<Error> loadError;
+  OptionalError loadError;
+  std::vector<Account> knownAccounts;
+  Account signedInAccount;
+  OptionalError signInError;
   std::optional<Dictionary> passwordSettings;
-  std::optional<Error> passwordSettingsError;
+  OptionalError passwordSettingsError;
   // Called at the start of every operation, on the calling thread, with the operation's name: may
   // block, to play a service that is busy.
   std::function<void(const std::string& operation)> onCall;
   // Operations whose reply is dropped unanswered.
   std::vector<std::string> unanswered;
 
+  // What it was asked: "valueForURLBagKey key".
   std::vector<std::string> calls() const { return copyOf(_calls); }
+  void waitForCalls(std::size_t count) const {
+    std::unique_lock lock(_lock);
+    _called.wait(lock, [&] { return _taken >= count; });
+  }
+  // Answers are kept until answerKept() or dropKept().
+  void keepAnswers(bool keep) {
+    const std::lock_guard guard(_lock);
+    _keeps = keep;
+  }
+  void answerKept() {
+    for (const auto& answer : takeKept()) answer();
+  }
+  void dropKept() { takeKept(); }
+
   std::vector<ConsumedHeaders> consumed() const { return copyOf(_consumed); }
   std::vector<HeaderQuestion> headerQuestions() const { return copyOf(_headerQuestions); }
-  std::vector<std::optional<std::string>> storeFrontsSet() const { return copyOf(_storeFrontsSet); }
-  std::optional<std::string> storeFrontID() const { return copyOf(_storeFrontID); }
-  void setStoreFront(std::optional<std::string> id) { _storeFrontID = std::move(id); }
+  std::vector<OptionalText> storeFrontsSet() const { return copyOf(_storeFrontsSet); }
+  OptionalText storeFrontID() const { return copyOf(_storeFrontID); }
+  void setStoreFront(OptionalText id) { _storeFrontID = std::move(id); }
+  std::vector<Dictionary> protocols() const { return copyOf(_protocols); }
+  std::vector<std::shared_ptr<HSURLBagObserver>> observers;
+  std::vector<std::shared_ptr<HSAccountStoreObserver>> accountObservers;
 
   void valueForURLBagKey(std::string key, Reply<Value> reply) override {
-    answer("valueForURLBagKey", reply, bagIsValid ? bag[key] : Value());
+    answer("valueForURLBagKey", key, reply, bagIsValid ? bag[key] : Value());
   }
   void urlIsTrustedByURLBag(std::optional<URL> url, Reply<bool> reply) override {
-    answer("urlIsTrustedByURLBag", reply, bagIsValid && url && trusts(*url));
+    answer("urlIsTrustedByURLBag", text(url), reply, bagIsValid && url && trusts(*url));
   }
   void needsSilentOrvActionForURL(std::optional<URL> url, Reply<bool> reply) override {
-    answer("needsSilentOrvActionForURL", reply, url && needsOrvAction(*url));
+    answer("needsSilentOrvActionForURL", text(url), reply, url && needsOrvAction(*url));
   }
-  void loadURLBagWithType(std::uint64_t /*bagType*/,
-                          Reply<bool, bool, std::optional<Error>> reply) override {
-    answer("loadURLBagWithType", reply, bagIsValid, !loadError, loadError);
+  void loadURLBagWithType(std::uint64_t type, Reply<bool, bool, OptionalError> reply) override {
+    answer("loadURLBagWithType", std::to_string(type), reply, bagIsValid && !loadError, true,
+           loadError);
   }
-  void invalidateAllBags(Done reply) override { answer("invalidateAllBags", reply); }
-  void regexWithKey(std::string /*key*/, std::string /*matchesString*/,
-                    Reply<bool> reply) override {
-    answer("regexWithKey", reply, false);
+  void invalidateAllBags(Done reply) override { answer("invalidateAllBags", "", reply); }
+  void regexWithKey(std::string key, std::string matches, Reply<bool> reply) override {
+    answer("regexWithKey", key + " " + matches, reply, true);
   }
-  void isValid(Reply<bool> reply) override { answer("isValid", reply, bagIsValid); }
+  void isValid(Reply<bool> reply) override { answer("isValid", "", reply, bagIsValid); }
   void dictionary(Reply<std::optional<Dictionary>> reply) override {
-    answer("dictionary", reply, std::optional<Dictionary>(bag));
+    answer("dictionary", "", reply, bag.empty() ? std::nullopt : std::optional(bag));
   }
-  void addURLBagObserver(std::shared_ptr<HSURLBagObserver> /*observer*/, Done reply) override {
-    answer("addURLBagObserver", reply);
+  void addURLBagObserver(std::shared_ptr<HSURLBagObserver> observer, Done reply) override {
+    observers.push_back(std::move(observer));
+    answer("addURLBagObserver", "", reply);
   }
-  void removeURLBagObserver(std::shared_ptr<HSURLBagObserver> /*observer*/, Done reply) override {
-    answer("removeURLBagObserver", reply);
+  void removeURLBagObserver(std::shared_ptr<HSURLBagObserver> observer, Done reply) override {
+    std::erase(observers, observer);
+    answer("removeURLBagObserver", "", reply);
   }
   void shouldSendGUIDWithRequestForURL(std::optional<URL> url, Reply<bool> reply) override {
-    answer("shouldSendGUIDWithRequestForURL", reply, bagIsValid && url && allowsGUID(*url));
+    answer("shouldSendGUIDWithRequestForURL", text(url), reply,
+           bagIsValid && url && allowsGUID(*url));
   }
   void consumeCookiesWithHTTPHeaders(Dictionary responseHeaders, std::optional<URL> fromURL,
                                      Done reply) override {
-    enter("consumeCookiesWithHTTPHeaders");
-    {
-      const std::lock_guard guard(_lock);
-      _consumed.push_back({std::move(responseHeaders), std::move(fromURL)});
-    }
+    enter("consumeCookiesWithHTTPHeaders", text(fromURL));
+    add(_consumed, {std::move(responseHeaders), std::move(fromURL)});
     leave("consumeCookiesWithHTTPHeaders", reply);
   }
   void httpHeadersForURL(std::optional<URL> url, std::optional<std::uint64_t> forDSID,
                          bool includeOrvHeaders, Reply<Dictionary> reply) override {
     const HeaderQuestion question{std::move(url), forDSID, includeOrvHeaders};
+    add(_headerQuestions, question);
+    answer("httpHeadersForURL",
+           text(question.url) + (forDSID ? " " + std::to_string(*forDSID) : "") +
+               (includeOrvHeaders ? " orv" : ""),
+           reply, headers(question));
+  }
+  void deleteAllCookies(Done reply) override { answer("deleteAllCookies", "", reply); }
+  void storeFront(Reply<OptionalText> reply) override {
+    answer("storeFront", "", reply, storeFrontID());
+  }
+  void setStoreFrontID(OptionalText id, Done reply) override {
+    enter("setStoreFrontID", id.value_or("nil"));
+    add(_storeFrontsSet, id);
     {
       const std::lock_guard guard(_lock);
-      _headerQuestions.push_back(question);
-    }
-    answer("httpHeadersForURL", reply, headers(question));
-  }
-  void deleteAllCookies(Done reply) override { answer("deleteAllCookies", reply); }
-  void storeFront(Reply<std::optional<std::string>> reply) override {
-    answer("storeFront", reply, storeFrontID());
-  }
-  void setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) override {
-    enter("setStoreFrontID");
-    {
-      const std::lock_guard guard(_lock);
-      _storeFrontID = storeFrontID;
-      _storeFrontsSet.push_back(std::move(storeFrontID));
+      _storeFrontID = std::move(id);
     }
     leave("setStoreFrontID", reply);
   }
 
-  // Accounts: what has been set before is what is answered.
-  std::vector<Account> knownAccounts;
-  Account signedInAccount;
-  std::optional<Error> signInError;
-
   void accounts(Reply<std::vector<Account>> reply) override {
-    answer("accounts", reply, knownAccounts);
+    answer("accounts", "", reply, knownAccounts);
   }
-  void strongTokenForAccount(Account /*account*/,
-                             Reply<std::optional<std::string>> reply) override {
-    answer("strongTokenForAccount", reply,
+  void strongTokenForAccount(Account, Reply<OptionalText> reply) override {
+    answer("strongTokenForAccount", "", reply,
            signedInAccount ? signedInAccount->token() : std::nullopt);
   }
   void authIsExpired(Reply<bool> reply) override {
-    answer("authIsExpired", reply, !signedInAccount || !signedInAccount->hasValidStrongToken());
+    answer("authIsExpired", "", reply, !signedInAccount || !signedInAccount->hasValidStrongToken());
   }
   void primaryAccount(Reply<Account> reply) override {
-    answer("primaryAccount", reply, signedInAccount);
+    answer("primaryAccount", "", reply, signedInAccount);
   }
   void accountWithDSID(std::optional<std::uint64_t> dsID, Reply<Account> reply) override {
     Account found;
     for (const Account& account : knownAccounts)
       if (!found && account->dsID() == dsID) found = account;
-    answer("accountWithDSID", reply, found);
-  }
-  void accountWithVantorID(std::optional<std::string> /*vantorID*/, Reply<Account> reply) override {
-    answer("accountWithVantorID", reply, Account());
+    answer("accountWithDSID", std::to_string(dsID.value_or(0)), reply, found);
   }
   void addAccountWithAuthenticationResponse(HSAuthenticationResponse response, bool makePrimary,
                                             Reply<Account> reply) override {
@@ -151,120 +166,111 @@ class FakeAccountService final : public SilentAccountService {
     account->mergeValuesFromAuthenticationResponse(response);
     knownAccounts.push_back(account);
     if (makePrimary) signedInAccount = account;
-    answer("addAccountWithAuthenticationResponse", reply, account);
+    answer("addAccountWithAuthenticationResponse", "", reply, account);
   }
   void addAccount(Account account, Done reply) override {
     knownAccounts.push_back(std::move(account));
-    answer("addAccount", reply);
+    answer("addAccount", "", reply);
   }
-  void signInWithContext(HSAuthenticationContext /*context*/,
-                         Reply<bool, Account, std::optional<Error>> reply) override {
-    answer("signInWithContext", reply, signedInAccount != nullptr, signedInAccount, signInError);
+  void signInWithContext(HSAuthenticationContext,
+                         Reply<bool, Account, OptionalError> reply) override {
+    answer("signInWithContext", "", reply, signedInAccount != nullptr, signedInAccount,
+           signInError);
   }
   void signOut(Done reply) override {
     signedInAccount = nullptr;
-    answer("signOut", reply);
+    answer("signOut", "", reply);
   }
   void parseCreditStringForProtocol(Dictionary protocol, Done reply) override {
-    enter("parseCreditStringForProtocol");
-    {
-      const std::lock_guard guard(_lock);
-      _protocols.push_back(std::move(protocol));
-    }
+    enter("parseCreditStringForProtocol", "");
+    add(_protocols, std::move(protocol));
     leave("parseCreditStringForProtocol", reply);
   }
-  std::vector<Dictionary> protocols() const { return copyOf(_protocols); }
-  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> /*observer*/,
+  void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
                                Done reply) override {
-    answer("addAccountStoreObserver", reply);
+    accountObservers.push_back(std::move(observer));
+    answer("addAccountStoreObserver", "", reply);
   }
-  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> /*observer*/,
+  void removeAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer,
                                   Done reply) override {
-    answer("removeAccountStoreObserver", reply);
+    std::erase(accountObservers, observer);
+    answer("removeAccountStoreObserver", "", reply);
   }
-  void eligibilityForService(std::uint64_t /*service*/, Reply<std::optional<bool>> reply) override {
-    answer("eligibilityForService", reply, std::optional<bool>());
-  }
-  void getEligibilityForService(std::uint64_t /*service*/,
-                                Reply<bool, std::optional<Error>> reply) override {
-    answer("getEligibilityForService", reply, false, std::optional<Error>());
-  }
-  void retailStoreDemoMode(
-      Reply<bool, std::optional<std::string>, std::optional<std::string>, bool> reply) override {
-    answer("retailStoreDemoMode", reply, false, std::nullopt, std::nullopt, false);
-  }
-  void nimboDSID(Reply<std::optional<std::string>> reply) override {
-    answer("nimboDSID", reply, std::optional<std::string>());
-  }
-  void recommendedVantorIDForAccountSignIn(Reply<std::optional<std::string>> reply) override {
-    answer("recommendedVantorIDForAccountSignIn", reply, std::optional<std::string>());
-  }
-
-  void getPasswordSettings(Reply<std::optional<Dictionary>, std::optional<Error>> reply) override {
-    answer("getPasswordSettings", reply, passwordSettings, passwordSettingsError);
+  void getPasswordSettings(Reply<std::optional<Dictionary>, OptionalError> reply) override {
+    answer("getPasswordSettings", "", reply, passwordSettings, passwordSettingsError);
   }
   void updatePasswordSettings(std::optional<Dictionary> settings,
-                              Reply<bool, std::optional<Error>> reply) override {
-    answer("updatePasswordSettings", reply, settings.has_value(), passwordSettingsError);
+                              Reply<bool, OptionalError> reply) override {
+    passwordSettings = std::move(settings);
+    answer("updatePasswordSettings", "", reply, !passwordSettingsError, passwordSettingsError);
   }
 
-  // Push and device set-up succeed.
-  void registerDeviceTokenForEnvironmentNamed(std::string,
-                                              Reply<bool, std::optional<Error>> reply) override {
-    answer("registerDeviceTokenForEnvironmentNamed", reply, true, std::nullopt);
-  }
-  void getEnabledMediaTypes(Reply<bool, std::optional<Error>, std::int64_t> reply) override {
-    answer("getEnabledMediaTypes", reply, true, std::nullopt, 0);
-  }
-  void enableAutoDownloadForEnvironmentNamed(std::string,
-                                             Reply<bool, std::optional<Error>> reply) override {
-    answer("enableAutoDownloadForEnvironmentNamed", reply, true, std::nullopt);
-  }
-  void disableAutoDownload(Reply<bool, std::optional<Error>> reply) override {
-    answer("disableAutoDownload", reply, true, std::nullopt);
-  }
+  void accountWithVantorID(OptionalText, Reply<Account>) override {}
+  void eligibilityForService(std::uint64_t, Reply<std::optional<bool>>) override {}
+  void getEligibilityForService(std::uint64_t, Reply<bool, OptionalError>) override {}
+  void retailStoreDemoMode(Reply<bool, OptionalText, OptionalText, bool>) override {}
+  void nimboDSID(Reply<OptionalText>) override {}
+  void recommendedVantorIDForAccountSignIn(Reply<OptionalText>) override {}
+  void registerDeviceTokenForEnvironmentNamed(std::string, Reply<bool, OptionalError>) override {}
+  void getEnabledMediaTypes(Reply<bool, OptionalError, std::int64_t>) override {}
+  void enableAutoDownloadForEnvironmentNamed(std::string, Reply<bool, OptionalError>) override {}
+  void disableAutoDownload(Reply<bool, OptionalError>) override {}
   void isRegisteredForAccount(std::uint64_t, std::int64_t,
-                              Reply<bool, std::optional<Error>, bool> reply) override {
-    answer("isRegisteredForAccount", reply, true, std::nullopt, false);
-  }
-  void handlePushNotificationMessage(Dictionary, Done reply) override {
-    answer("handlePushNotificationMessage", reply);
-  }
-  void completeSetupWithResponse(Dictionary, Reply<bool, std::optional<Error>> reply) override {
-    answer("completeSetupWithResponse", reply, true, std::nullopt);
-  }
+                              Reply<bool, OptionalError, bool>) override {}
+  void handlePushNotificationMessage(Dictionary, Done) override {}
+  void completeSetupWithResponse(Dictionary, Reply<bool, OptionalError>) override {}
 
  private:
+  static std::string text(const std::optional<URL>& url) {
+    return url ? url->absoluteString() : "nil";
+  }
   template <class T>
   T copyOf(const T& member) const {
     const std::lock_guard guard(_lock);
     return member;
   }
-  void enter(const char* operation) {
-    {
-      const std::lock_guard guard(_lock);
-      _calls.emplace_back(operation);
-    }
+  template <class T>
+  void add(std::vector<T>& list, T element) {
+    const std::lock_guard guard(_lock);
+    list.push_back(std::move(element));
+  }
+  std::vector<std::function<void()>> takeKept() {
+    const std::lock_guard guard(_lock);
+    return std::exchange(_kept, {});
+  }
+  void enter(const std::string& operation, const std::string& arguments) {
+    add(_calls, arguments.empty() ? operation : operation + " " + arguments);
     if (onCall) onCall(operation);
   }
   template <class Reply, class... Results>
-  void leave(const char* operation, const Reply& reply, Results&&... results) {
-    for (const std::string& name : unanswered)
-      if (name == operation) return;
-    if (reply) reply(std::forward<Results>(results)...);
+  void leave(const char* operation, const Reply& reply, Results... results) {
+    const bool drops =
+        !reply || std::find(unanswered.begin(), unanswered.end(), operation) != unanswered.end();
+    {
+      const std::lock_guard guard(_lock);
+      ++_taken;
+      _called.notify_all();
+      if (_keeps && !drops) return _kept.push_back([=] { reply(results...); });
+    }
+    if (!drops) reply(std::move(results)...);
   }
   template <class Reply, class... Results>
-  void answer(const char* operation, const Reply& reply, Results&&... results) {
-    enter(operation);
-    leave(operation, reply, std::forward<Results>(results)...);
+  void answer(const char* operation, const std::string& arguments, const Reply& reply,
+              Results... results) {
+    enter(operation, arguments);
+    leave(operation, reply, std::move(results)...);
   }
 
   mutable std::mutex _lock;
+  mutable std::condition_variable _called;
+  std::size_t _taken = 0;  // calls whose answers have been kept, or are on their way
+  bool _keeps = false;
+  std::vector<std::function<void()>> _kept;
   std::vector<std::string> _calls;
   std::vector<ConsumedHeaders> _consumed;
   std::vector<HeaderQuestion> _headerQuestions;
-  std::vector<std::optional<std::string>> _storeFrontsSet;
-  std::optional<std::string> _storeFrontID;
+  std::vector<OptionalText> _storeFrontsSet;
+  OptionalText _storeFrontID;
   std::vector<Dictionary> _protocols;
 };
 

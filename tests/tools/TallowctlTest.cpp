@@ -58,14 +58,15 @@ using TallowctlServiceTest = ListenerTest;
 
 TEST_F(TallowctlServiceTest, AsksTheServiceAndShowsItsAnswers) {
   prepare = [](FakeAccountService& service) {
-    service.bagValue =
-        Dictionary{{"buy", "https://store.example/buy"}, {"evil", "\033[31m\xC2\x9B"}};
-    service.headers = Dictionary{{"Cookie", "a=b; c=d"}, {"X-Test", "1"}};
+    service.bag = Dictionary{{"buy", "https://store.example/buy"}, {"evil", "\033[31m\xC2\x9B"}};
+    service.headers = [](const auto&) {
+      return Dictionary{{"Cookie", "a=b; c=d"}, {"X-Test", "1"}};
+    };
   };
   const Outcome bag = run({"bag"});
   EXPECT_EQ(bag.output, "buy   https://store.example/buy\nevil  \\x1b[31m\\x9b\n");
   EXPECT_THAT(bag.errors, IsEmpty());
-  EXPECT_EQ(json({"bag"}, 0), service(0)->bagValue);
+  EXPECT_EQ(json({"bag"}, 0), Value(service(0)->bag));
   EXPECT_EQ(run({"headers", kURL, "--dsid", "7", "--identity"}).output,
             "Cookie: a=b; c=d\nX-Test: 1\n");
   EXPECT_THAT(service(2)->calls(),
@@ -73,11 +74,11 @@ TEST_F(TallowctlServiceTest, AsksTheServiceAndShowsItsAnswers) {
   EXPECT_EQ(run({"trusted", kURL}).output, "yes\n");
   EXPECT_EQ(json({"bag", "valid"}, 0), true);
   EXPECT_EQ(run({"consume", kURL, "Set-Cookie: a=b", "Date:  now", "Set-Cookie: c=d"}).status, 0);
-  EXPECT_EQ(service(5)->consumedHeaders,
+  EXPECT_EQ(service(5)->consumed().at(0).headers,
             (Dictionary{{"Set-Cookie", Array{"a=b", "c=d"}}, {"Date", "now"}}));
   EXPECT_EQ(json({"storefront"}, 0), Value());
   EXPECT_EQ(run({"storefront", "143441"}).status, 0);
-  EXPECT_EQ(service(7)->storeFrontID, "143441");
+  EXPECT_EQ(service(7)->storeFrontID(), "143441");
   EXPECT_EQ(run({"storefront", "--clear"}).status, 0);
   EXPECT_EQ(service(8)->calls().at(0), "setStoreFrontID nil");
   EXPECT_THAT(run({"status"}).output, HasSubstr("com.example.self"));
@@ -239,8 +240,9 @@ TEST(TerminalTest, AsksForASecretWithoutEcho) {
 
 TEST_F(TallowctlServiceTest, ShowsAccountsAndTakesNoPasswordAsAnArgument) {
   prepare = [](FakeAccountService& service) {
-    service.account = std::make_shared<HSStoreAccount>();
-    service.account->mergeValuesFromAuthenticationResponse(HSAuthenticationResponse(
+    service.signedInAccount = std::make_shared<HSStoreAccount>();
+    service.knownAccounts = {service.signedInAccount};
+    service.signedInAccount->mergeValuesFromAuthenticationResponse(HSAuthenticationResponse(
         {{"dsid", 18446744073709551615u}, {"identifier", "a\033b"}, {"token", "t"}}));
   };
   EXPECT_THAT(run({"whoami"}).output, HasSubstr("identifier  a\\x1bb"));

@@ -2,58 +2,34 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
-
 #include "platform/XPC/PeerConnection.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/Heard.h"
 #include "tests/support/NotificationDaemon.h"
 
 namespace tallow {
 namespace {
 
-// Writes down what it hears, and waits for it.
 class Delegate final : public UserNotificationCenterDelegate {
  public:
   void userNotificationCenterDidDeliverNotification(UserNotificationCenter&,
                                                     const UserNotification& shown) override {
-    note("delivered " + shown.title);
+    heard.note("delivered " + shown.title);
   }
   void userNotificationCenterDidActivateNotification(UserNotificationCenter&,
                                                      const UserNotification& shown) override {
-    note("activated " + shown.title + " of " + description(shown.userInfo["Source"]));
+    heard.note("activated " + shown.title + " of " + description(shown.userInfo["Source"]));
   }
   void userNotificationCenterDidDismissAlert(UserNotificationCenter&,
                                              const UserNotification& shown) override {
-    note("dismissed " + shown.title);
+    heard.note("dismissed " + shown.title);
   }
   bool userNotificationCenterShouldPresentNotification(UserNotificationCenter&,
                                                        const UserNotification& shown) override {
     return shown.title == "urgent";
   }
 
-  // The next thing that it hears; "" when nothing comes.
-  std::string next() {
-    std::unique_lock lock(_lock);
-    if (!_changed.wait_for(lock, std::chrono::seconds(30), [&] { return _read < _heard.size(); }))
-      return "";
-    return _heard[_read++];
-  }
-  bool hasNothingMore() {
-    const std::lock_guard lock(_lock);
-    return _read == _heard.size();
-  }
-
- private:
-  void note(std::string what) {
-    const std::lock_guard lock(_lock);
-    _heard.push_back(std::move(what));
-    _changed.notify_all();
-  }
-  std::mutex _lock;
-  std::condition_variable _changed;
-  std::vector<std::string> _heard;
-  std::size_t _read = 0;
+  Heard<std::string> heard;
 };
 
 class UserNotificationCenterTest : public ::testing::Test {
@@ -84,28 +60,28 @@ TEST_F(UserNotificationCenterTest, ARealDaemonShowsItAndBringsBackWhatThePersonD
   NotificationDaemon desktop(bus);
   EXPECT_EQ(desktop.colours(), 1) << "an empty screen";
   post("first");
-  EXPECT_EQ(delegate->next(), "delivered first");
+  EXPECT_EQ(delegate->heard.next(), "delivered first");
   EXPECT_TRUE(desktop.showsSomething()) << "in a picture of the screen";
   const std::string menu = desktop.choose("Do it (first)");
   EXPECT_NE(menu.find("#Do it (first)"), std::string::npos) << menu;
   EXPECT_NE(menu.find("#Leave it (first)"), std::string::npos) << menu;
-  EXPECT_EQ(delegate->next(), "activated first of Test");
+  EXPECT_EQ(delegate->heard.next(), "activated first of Test");
 
   post("second");
-  EXPECT_EQ(delegate->next(), "delivered second");
+  EXPECT_EQ(delegate->heard.next(), "delivered second");
   desktop.choose("Leave it (second)");
-  EXPECT_EQ(delegate->next(), "dismissed second");
+  EXPECT_EQ(delegate->heard.next(), "dismissed second");
   post("urgent");
-  EXPECT_EQ(delegate->next(), "delivered urgent");
+  EXPECT_EQ(delegate->heard.next(), "delivered urgent");
   NotificationDaemon::close();
-  EXPECT_EQ(delegate->next(), "dismissed urgent");
+  EXPECT_EQ(delegate->heard.next(), "dismissed urgent");
   const std::string history = NotificationDaemon::history();
   for (const char* part :
        {"\"urgent\"", "\"a<b>text</b>&more\"", "\"com.example.app\"",
         "\"timeout\":{\"type\":\"x\",\"data\":0}",  // of the urgent one: it does not go by itself
         "\"timeout\":{\"type\":\"x\",\"data\":600000000}"})
     EXPECT_NE(history.find(part), std::string::npos) << part << " in " << history;
-  EXPECT_TRUE(delegate->hasNothingMore()) << "each once";
+  EXPECT_TRUE(delegate->heard.hasNothingMore()) << "each once";
 }
 
 TEST_F(UserNotificationCenterTest, WithoutADaemonThePostingIsLogged) {
@@ -115,7 +91,7 @@ TEST_F(UserNotificationCenterTest, WithoutADaemonThePostingIsLogged) {
       "UserNotificationCenter: cannot show <UserNotification \"nobody\" {\"Source\" = \"Test\"; "
       "\"n\" = 1}>: The desktop's notification service is not available (HSErrorDomain error "
       "106)"));
-  EXPECT_TRUE(delegate->hasNothingMore());
+  EXPECT_TRUE(delegate->heard.hasNothingMore());
 }
 
 // A daemon that reuses numbers after a restart, and keys that are not this notification's.
@@ -123,7 +99,7 @@ TEST_F(UserNotificationCenterTest, NumbersAreGoodOnlyWithTheDaemonThatGaveThem) 
   {
     NotificationDaemon desktop(bus);
     post("first");
-    EXPECT_EQ(delegate->next(), "delivered first");
+    EXPECT_EQ(delegate->heard.next(), "delivered first");
   }
   NotificationDaemon another(bus);
   EXPECT_EQ(0,
@@ -132,9 +108,9 @@ TEST_F(UserNotificationCenterTest, NumbersAreGoodOnlyWithTheDaemonThatGaveThem) 
                          "org.freedesktop.Notifications.ActionInvoked uint32:1 string:action:Test")
                             .c_str()));  // of a stranger
   post("second");
-  EXPECT_EQ(delegate->next(), "delivered second");
+  EXPECT_EQ(delegate->heard.next(), "delivered second");
   another.choose("Do it (second)");
-  EXPECT_EQ(delegate->next(), "activated second of Test");
+  EXPECT_EQ(delegate->heard.next(), "activated second of Test");
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <iterator>
@@ -12,7 +8,9 @@
 
 #include "platform/Preferences/SQLitePreferences.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Unprivileged.h"
 
 namespace tallow {
 namespace {
@@ -37,46 +35,6 @@ mode_t modeOf(const fs::path& path) {
   EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
   return status.st_mode & 07777u;
 }
-
-// Every write of this process fails as on a full disk.
-class FullDisk {
- public:
-  FullDisk() : _oldHandler(signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &_old);
-    const rlimit none{0, _old.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &none);
-  }
-  ~FullDisk() {
-    setrlimit(RLIMIT_FSIZE, &_old);
-    signal(SIGXFSZ, _oldHandler);
-  }
-
- private:
-  rlimit _old{};
-  void (*_oldHandler)(int);
-};
-
-// Makes permissions count for a test that root runs: `folder` and this process become nobody's.
-class Unprivileged {
- public:
-  explicit Unprivileged(const fs::path& folder) {
-    constexpr uid_t kNobody = 65534;
-    if (geteuid() != 0) return;
-    EXPECT_EQ(chown(folder.c_str(), kNobody, kNobody), 0);
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-      EXPECT_EQ(chown(entry.path().c_str(), kNobody, kNobody), 0);
-    }
-    EXPECT_EQ(seteuid(kNobody), 0);
-    _isRoot = true;
-  }
-  ~Unprivileged() {
-    if (!_isRoot) return;
-    EXPECT_EQ(seteuid(0), 0);
-  }
-
- private:
-  bool _isRoot = false;
-};
 
 class PreferencesFaultTest : public ::testing::Test {
  protected:
@@ -144,31 +102,6 @@ TEST_F(PreferencesFaultTest, AFullDiskKeepsTheChangeInMemoryUntilThereIsRoom) {
     editor.setValue("other", std::string(17u << 20, 'x'));  // could not be read back
   }));
   EXPECT_TRUE(stored("small").isNil());
-}
-
-TEST_F(PreferencesFaultTest, AFileSystemWithoutRoomLosesNothing) {
-  fs::create_directory(_state);
-  if (mount("tmpfs", _state.c_str(), "tmpfs", 0, "size=512k,mode=700") != 0) {
-    GTEST_SKIP() << "may not mount a small file system";
-  }
-  const fs::path filler = _state / "filler";
-  {
-    const auto preferences = open();
-    write(*preferences, "key", "old");
-    std::ofstream(filler) << std::string(1u << 20, 'x');  // takes what there is
-    const std::string large(100'000, 'y');
-    write(*preferences, "key", large);
-    EXPECT_EQ(read(*preferences, "key"), Value(large));
-    EXPECT_FALSE(synchronize(*preferences));
-    EXPECT_EQ(stored("key"), Value("old"));
-    fs::remove(filler);
-    write(*preferences, "other", 1);  // the next write takes both along
-    EXPECT_EQ(stored("key"), Value(large));
-    std::ofstream(filler) << std::string(1u << 20, 'x');
-    EXPECT_EQ(stored("key"), Value(large));
-  }
-  EXPECT_EQ(stored("key"), Value(std::string(100'000, 'y')));  // opens on a full disk, too
-  EXPECT_EQ(umount(_state.c_str()), 0);
 }
 
 TEST_F(PreferencesFaultTest, AReadOnlyFolderIsReadAndWritesWait) {

@@ -85,7 +85,8 @@ TEST_F(HSStoreURLOperationTest, WithoutABagAsksNothingThatNeedsOne) {
   for (const auto& question : _service->headerQuestions()) EXPECT_FALSE(question.includeOrvHeaders);
   const std::set<std::string> allowed = {"storeFront", "httpHeadersForURL",
                                          "consumeCookiesWithHTTPHeaders", "setStoreFrontID"};
-  for (const std::string& call : _service->calls()) EXPECT_TRUE(allowed.contains(call)) << call;
+  for (const std::string& call : _service->calls())
+    EXPECT_TRUE(allowed.contains(call.substr(0, call.find(' ')))) << call;
 }
 
 TEST_F(HSStoreURLOperationTest, RefusesWhatTheBagDoesNotTrust) {

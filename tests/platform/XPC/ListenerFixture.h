@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -19,8 +18,9 @@
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/XPC/WireTypes.h"
 #include "platform/XPC/XPCListener.h"
-#include "tests/platform/XPC/FakeAccountService.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/FakeAccountService.h"
+#include "tests/support/Heard.h"
 #include "tests/support/PrivateBus.h"
 
 namespace tallow {
@@ -134,16 +134,12 @@ class FloodingCaller {
 // A caller that exports a com.vantor.HSURLBagObserver at /observer.
 class ObservingCaller : public TestCaller {
  public:
-  using Update = std::pair<bool, std::optional<Error>>;
-
   ObservingCaller() : _object(sdbus::createObject(connection(), "/observer")) {
     _object->registerMethod("urlBagDidUpdateWithSuccess")
         .onInterface("com.vantor.HSURLBagObserver")
         .implementedAs([this](bool success, const std::vector<WireError>& error) {
-          const std::lock_guard lock(_mutex);
-          _updates.emplace_back(success,
-                                error.empty() ? std::nullopt : std::optional(error.front().value));
-          _updated.notify_all();
+          updates.note(
+              {success, error.empty() ? std::nullopt : std::optional(error.front().value)});
         })
         .withNoReply();
     _object->finishRegistration();
@@ -151,19 +147,10 @@ class ObservingCaller : public TestCaller {
   }
   ~ObservingCaller() { connection().leaveEventLoop(); }
 
-  Update next() {
-    std::unique_lock lock(_mutex);
-    _updated.wait(lock, [&] { return !_updates.empty(); });
-    Update update = std::move(_updates.front());
-    _updates.pop_front();
-    return update;
-  }
+  Heard<std::pair<bool, std::optional<Error>>> updates;
 
  private:
   std::unique_ptr<sdbus::IObject> _object;
-  std::mutex _mutex;
-  std::condition_variable _updated;
-  std::deque<Update> _updates;
 };
 
 // The listener on a private bus, serving fakes; the test itself is known by a descriptor.
