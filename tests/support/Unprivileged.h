@@ -21,7 +21,8 @@ class Unprivileged {
     _isRoot = true;
   }
   ~Unprivileged() {
-    if (_isRoot) EXPECT_EQ(seteuid(0), 0);
+    if (!_isRoot) return;
+    EXPECT_EQ(seteuid(0), 0);
   }
   Unprivileged(const Unprivileged&) = delete;
   Unprivileged& operator=(const Unprivileged&) = delete;
