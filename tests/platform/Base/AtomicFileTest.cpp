@@ -2,15 +2,14 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <fstream>
 #include <set>
 #include <string>
 
+#include "tests/support/FullDisk.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -56,13 +55,11 @@ TEST_F(AtomicFileTest, WritingOverALinkReplacesTheLink) {
 
 TEST_F(AtomicFileTest, AFailedWriteLeavesTheOldContentsAndNothingElse) {
   put(_file, "old");
-  std::signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit small{1000, before.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &small);
-  const auto error = writeFileAtomically(_file, Data(std::string(5000, 'n')));
-  setrlimit(RLIMIT_FSIZE, &before);
+  std::optional<Error> error;
+  {
+    const FullDisk full(1000);
+    error = writeFileAtomically(_file, Data(std::string(5000, 'n')));
+  }
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain, "File");
   EXPECT_EQ(error->code, EFBIG);

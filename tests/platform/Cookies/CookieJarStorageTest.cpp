@@ -1,13 +1,8 @@
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <charconv>
-#include <csignal>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -15,6 +10,9 @@
 
 #include "platform/Base/Directories.h"
 #include "tests/platform/Cookies/JarFixture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/FullDisk.h"
+#include "tests/support/Unprivileged.h"
 
 namespace tallow {
 namespace {
@@ -45,33 +43,11 @@ class CookieJarStorageTest : public JarFixture {
   }
   std::size_t countSetAside() const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
       if (entry.path().native().find(".cookies.corrupt") != std::string::npos) ++count;
     }
     return count;
   }
-};
-
-// Makes every write past `bytes` of a file fail, as a full disk would, root's too.
-class FullDisk {
- public:
-  explicit FullDisk(rlim_t bytes) {
-    _handler = std::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &_before);
-    rlimit limit = _before;
-    limit.rlim_cur = bytes;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FullDisk() {
-    ::setrlimit(RLIMIT_FSIZE, &_before);
-    std::signal(SIGXFSZ, _handler);
-  }
-  FullDisk(const FullDisk&) = delete;
-  FullDisk& operator=(const FullDisk&) = delete;
-
- private:
-  rlimit _before{};
-  void (*_handler)(int) = SIG_DFL;
 };
 
 TEST_F(CookieJarStorageTest, BringsBackEveryProperty) {
@@ -89,7 +65,9 @@ TEST_F(CookieJarStorageTest, BringsBackEveryProperty) {
     EXPECT_TRUE(isPrivate(file()) && isPrivate(beside("-wal")) && isPrivate(beside("-shm")));
     clock.advance(5);
   }
+  ::chmod(file().c_str(), 0644);
   const auto jar = open();
+  EXPECT_TRUE(isPrivate(file())) << "others' rights are taken away";
   EXPECT_EQ(jar->count(), 3U);
   const auto cookies = jar->cookiesForURL(url("https://www.store.example/x"), true);
   ASSERT_EQ(cookieHeaderValue(cookies), "__Secure-a=1; second=\xFF\xC3; third=4");
@@ -239,7 +217,7 @@ TEST_F(CookieJarStorageTest, GoesOnInMemoryWhenTheDiskIsFull) {
   setCookie(*jar, "a=1", kStore);
   setCookie(*jar, "b=2", kStore);
   {
-    const FullDisk full(0);
+    const FullDisk full;
     EXPECT_EQ(setCookie(*jar, "c=3", kStore), CookieDecision::Stored);
     EXPECT_TRUE(log.mentions(1, "Cannot write"));
     setCookie(*jar, "a=; Max-Age=0", kStore);
@@ -251,7 +229,7 @@ TEST_F(CookieJarStorageTest, GoesOnInMemoryWhenTheDiskIsFull) {
   setCookie(*jar, "d=5", kStore);
   EXPECT_EQ(header(*open(), kStore), "b=4; c=3; d=5");
   {
-    const FullDisk full(0);
+    const FullDisk full;
     jar->deleteAllCookies();
     setCookie(*jar, "e=6", kStore);
   }
@@ -260,11 +238,11 @@ TEST_F(CookieJarStorageTest, GoesOnInMemoryWhenTheDiskIsFull) {
 }
 
 TEST_F(CookieJarStorageTest, BeginsInMemoryWhereNoFileCanBeMade) {
-  std::filesystem::remove(folder);
+  std::filesystem::remove(folder.path());
   const auto jar = open();
   EXPECT_TRUE(log.mentions(1, "its cookies are kept in memory"));
   setCookie(*jar, "a=1", kStore);
-  std::filesystem::create_directory(folder);
+  std::filesystem::create_directory(folder.path());
   setCookie(*jar, "b=2", kStore);
   EXPECT_EQ(header(*open(), kStore), "a=1; b=2");
 }
@@ -281,44 +259,20 @@ TEST_F(CookieJarStorageTest, FailsOnWhatIsNoReadableFile) {
   EXPECT_FALSE(std::filesystem::exists(folder / "other"));
 }
 
-TEST_F(CookieJarStorageTest, TakesOthersRightsAway) {
-  { open(); }
-  ::chmod(file().c_str(), 0644);
-  { open(); }
-  EXPECT_EQ(std::filesystem::status(file()).permissions(), std::filesystem::perms(0600));
-}
-
-// What a child process without root's rights reports of a check: its exit code.
-template <class Check>
-int withoutPrivileges(Check check) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    constexpr uid_t kNobody = 65534;
-    if (::geteuid() == 0 && (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)) ::_exit(99);
-    ::_exit(check() ? 0 : 1);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST_F(CookieJarStorageTest, ReadsWhereItMayNotWrite) {
+  setCookie(*open(), "a=1", kStore);
+  const Unprivileged scope(folder.path());
+  using std::filesystem::permissions, std::filesystem::perms;
+  permissions(file(), perms(0444));
+  permissions(folder.path(), perms(0555));
   {
     const auto jar = open();
-    setCookie(*jar, "a=1", kStore);
+    EXPECT_EQ(header(*jar, kStore), "a=1");
+    setCookie(*jar, "b=2", kStore);
+    EXPECT_EQ(header(*jar, kStore), "a=1; b=2");
+    EXPECT_TRUE(jar->synchronize());
   }
-  std::filesystem::permissions(file(), std::filesystem::perms(0444));
-  std::filesystem::permissions(folder, std::filesystem::perms(0555));
-  EXPECT_EQ(0, withoutPrivileges([&] {
-              const auto jar = CookieJar::open(file());
-              if (!jar || header(**jar, kStore) != "a=1") return false;
-              setCookie(**jar, "b=2", kStore);
-              return header(**jar, kStore) == "a=1; b=2" && (*jar)->synchronize().has_value();
-            }));
-  std::filesystem::permissions(folder, std::filesystem::perms(0755));
-  std::filesystem::permissions(file(), std::filesystem::perms(0));
-  EXPECT_EQ(0, withoutPrivileges([&] { return !CookieJar::open(file()); }));
-  std::filesystem::permissions(file(), std::filesystem::perms(0600));
+  permissions(folder.path(), perms(0700));
   EXPECT_EQ(header(*open(), kStore), "a=1");
 }
 
@@ -337,7 +291,7 @@ TEST_F(CookieJarStorageTest, SeesWhatOthersStoreInTheSameFile) {
 
   // What one could not write joins what the other has written meanwhile.
   {
-    const FullDisk full(0);
+    const FullDisk full;
     setCookie(*one, "d=5", kStore);
     setCookie(*one, "e=6", kStore);
   }
@@ -368,10 +322,7 @@ TEST_F(CookieJarStorageTest, WaitsForNobodyForever) {
 TEST_F(CookieJarStorageTest, SurvivesBeingKilledAtAnyMoment) {
   std::mt19937 random(20240601);
   for (int round = 0; round < 25; ++round) {
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ChildProcess child([this](const ChildProcess::Say& say) {
       const auto jar = CookieJar::open(file());
       for (int i = 0; jar; ++i) {
         const std::string number = std::to_string(i);
@@ -379,21 +330,16 @@ TEST_F(CookieJarStorageTest, SurvivesBeingKilledAtAnyMoment) {
                             *parseSetCookie("b=" + number)},
                            url(kStore));
         if (i % 40 == 39) (*jar)->synchronize();
-        if (::write(ends[1], &i, sizeof i) != sizeof i) break;
+        say(i);
       }
-      ::_exit(1);
-    }
-    ::close(ends[1]);
-    int told = -1;
+    });
+    std::int64_t told = -1;
     for (auto wanted = std::uniform_int_distribution(1, 300)(random); wanted > 0; --wanted) {
-      ASSERT_EQ(::read(ends[0], &told, sizeof told), ssize_t(sizeof told));
+      const auto next = child.next();
+      ASSERT_TRUE(next);
+      told = *next;
     }
-    ::kill(child, SIGKILL);
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    while (::read(ends[0], &told, sizeof told) == ssize_t(sizeof told)) {
-    }
-    ::close(ends[0]);
-
+    told = child.kill(told);
     const auto jar = open();
     const auto cookies = jar->cookiesForURL(url(kStore), false);
     ASSERT_EQ(cookies.size(), 2U);

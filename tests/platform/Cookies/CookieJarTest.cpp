@@ -185,15 +185,6 @@ TEST_F(CookieJarTest, LeavesAReadersCookiesAsTheyAre) {
   EXPECT_EQ(held[4]->value, "old");
 }
 
-TEST_F(CookieJarTest, EmptiesItself) {
-  setCookie(*jar, "a=1", "http://store.example/");
-  jar->deleteAllCookies();
-  EXPECT_EQ(jar->count(), 0U);
-  EXPECT_EQ(header(*jar, "http://store.example/"), "");
-  setCookie(*jar, "b=2", "http://store.example/");
-  EXPECT_EQ(header(*jar, "http://store.example/"), "b=2");
-}
-
 TEST_F(CookieJarTest, StandsHostileHosts) {
   std::string host;
   while (host.size() < 60'000) host += "a.";

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -13,6 +12,7 @@
 #include "platform/Base/SharedInstance.h"
 #include "platform/Cookies/CookieJar.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -40,12 +40,6 @@ inline std::string header(CookieJar& jar, std::string_view to) {
 // A folder of its own, a clock that stands still, and every log line caught.
 class JarFixture : public ::testing::Test {
  protected:
-  JarFixture() {
-    std::string name = (std::filesystem::temp_directory_path() / "jar.XXXXXX").native();
-    folder = ::mkdtemp(name.data());
-  }
-  ~JarFixture() override { std::filesystem::remove_all(folder); }
-
   std::filesystem::path file() const { return folder / "com.example.store.cookies"; }
   std::unique_ptr<CookieJar> open(CookieJar::Limits limits = {}) {
     auto jar = CookieJar::open(file(), limits);
@@ -53,7 +47,7 @@ class JarFixture : public ::testing::Test {
     return jar ? std::move(*jar) : nullptr;
   }
 
-  std::filesystem::path folder;
+  TemporaryFolder folder;
   ManualClock clock{Date{1'700'000'000}};
   ScopedShared<Clock> sharedClock{clock};
   CapturedLog log;

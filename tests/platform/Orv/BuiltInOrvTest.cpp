@@ -2,16 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <fstream>
 #include <functional>
 
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -303,23 +301,16 @@ TEST_F(BuiltInOrvTest, AKillInTheMiddleOfProvisioningLosesNothing) {
     ASSERT_EQ(provision(orv, before), kOrvSuccess);
   }
   for (int round = 0; round < 10; ++round) {
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ChildProcess child([this](const ChildProcess::Say& say) {
       BuiltInOrv orv = machine();
       Store store;
       for (int i = 0;; ++i) {
         provision(orv, store);
-        if (i == 3 + round && ::write(ready[1], "x", 1) != 1) ::_exit(1);
+        say(i);
       }
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    });
+    while (child.next().value_or(3 + round) < 3 + round) continue;
+    EXPECT_GE(child.kill(3 + round), 3 + round);
     BuiltInOrv orv = machine();
     EXPECT_EQ(passwordOf(orv).size(), 8u) << "a whole secret";
     EXPECT_EQ(orv.provisionedDSIDs(), std::vector<std::uint64_t>{kDSID});

@@ -36,37 +36,15 @@ TEST(OrvCryptoTest, PasswordsAreThoseOfTheStandard) {
         << seconds;
 }
 
-// RFC 5869 appendix A, the SHA-256 cases.
+// RFC 5869 appendix A, case 1.
 TEST(OrvCryptoTest, DerivedKeysAreThoseOfTheStandard) {
-  std::string longInput, longSalt, longInfo;
-  for (int i = 0; i < 80; ++i) {
-    longInput += static_cast<char>(i);
-    longSalt += static_cast<char>(0x60 + i);
-    longInfo += static_cast<char>(0xb0 + i);
-  }
   const std::vector<std::uint8_t> input(22, 0x0b);
-  const auto salt = fromHex("000102030405060708090a0b0c");
-  const auto info = fromHex("f0f1f2f3f4f5f6f7f8f9");
-  const struct {
-    Bytes input, salt, info;
-    const char* output;
-  } kVectors[] = {
-      {input, salt, info,
-       "3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf34007208d5b887185865"},
-      {bytesOf(longInput), bytesOf(longSalt), bytesOf(longInfo),
-       "b11e398dc80327a1c8e7f78c596a49344f012eda2d4efad8a050cc4c19afa97c59045a99cac7827271cb41c65e5"
-       "9"
-       "0e09da3275600c2f09b8367793a9aca3db71cc30c58179ec3e87c14c01d5c1f3434f1d87"},
-      {input,
-       {},
-       {},
-       "8da4e775a563c18f715f802a063c5a31b8a11f5c5ee1879ec3454e5f3c738d2d9d201395faa4b61a96c8"}};
-  for (const auto& vector : kVectors) {
-    const std::vector<std::uint8_t> expected = fromHex(vector.output);
-    std::vector<std::uint8_t> output(expected.size());
-    OrvCrypto::hkdf(vector.input, vector.salt, vector.info, output);
-    EXPECT_EQ(output, expected);
-  }
+  const auto expected = fromHex(
+      "3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf34007208d5b887185865");
+  std::vector<std::uint8_t> output(expected.size());
+  OrvCrypto::hkdf(input, fromHex("000102030405060708090a0b0c"), fromHex("f0f1f2f3f4f5f6f7f8f9"),
+                  output);
+  EXPECT_EQ(output, expected);
 }
 
 // RFC 7748 section 5.2 (once), and keys that would make the secret known to everybody.
