@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/Base/Clock.h"
-#include "platform/Concurrency/RunLoop.h"
+#include "platform/Concurrency/ManualRunLoop.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeDialogAgent.h"
 
@@ -70,27 +70,6 @@ TEST(HSDialogTest, ShowsTextsHarmless) {
 
 class DialogCenterTest : public testing::Test {
  protected:
-  // Keeps timers for the test to fire.
-  class Loop final : public RunLoop {
-   public:
-    int run() override { return 0; }
-    void stop(int /*status*/) override {}
-    void post(std::function<void()> block) override { block(); }
-    void onSignal(int /*signalNumber*/, std::function<void()> /*block*/) override {}
-    std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override {
-      EXPECT_EQ(seconds, HSDialogCenter::kPatienceSeconds);
-      timers.push_back(std::make_shared<Kept>(std::move(block)));
-      return timers.back();
-    }
-    struct Kept final : Timer {
-      explicit Kept(std::function<void()> kept) : block(std::move(kept)) {}
-      void invalidate() override { block = nullptr; }
-      bool isValid() const override { return block != nullptr; }
-      std::function<void()> block;
-    };
-    std::vector<std::shared_ptr<Kept>> timers;
-  };
-
   // Shows a dialog; what comes back is in `answers`, "-" for a dismissal.
   std::uint64_t show(const std::string& client = "a") {
     return _scoped.center.show(_dialog, client, [this](const HSDialogAnswer& answer) {
@@ -98,7 +77,8 @@ class DialogCenterTest : public testing::Test {
     });
   }
 
-  Loop _loop;
+  ManualClock _clock{Date{0}};
+  ManualRunLoop _loop{_clock};
   ScopedShared<RunLoop> _sharedLoop{_loop};
   CapturedLog _log;
   const HSDialog _dialog = dialog({{"message", "m"}});
@@ -118,7 +98,7 @@ TEST_F(DialogCenterTest, AnswersOnceAndOnlyToTheAgentThatWasAsked) {
   EXPECT_TRUE(_center.answer(*other, number, press("y")));
   EXPECT_FALSE(_center.answer(*other, number, press("z"))) << "the second time";
   EXPECT_EQ(answers, Answers{"y"});
-  EXPECT_FALSE(_loop.timers.at(0)->isValid());
+  EXPECT_EQ(_loop.pendingTimers(), 0u);
   EXPECT_EQ(_center.openDialogCount(), 0u);
 }
 
@@ -135,7 +115,7 @@ TEST_F(DialogCenterTest, AsksTheLatestAgentOfTheClientElseTheLatest) {
 
 TEST_F(DialogCenterTest, DismissesWhatNobodyAnswers) {
   const std::uint64_t late = show();
-  _loop.timers.at(0)->block();
+  _loop.advance(HSDialogCenter::kPatienceSeconds);
   EXPECT_EQ(_scoped.agent->dismissed, std::vector{late});
   const std::uint64_t withdrawn = show();
   _center.withdraw(withdrawn);

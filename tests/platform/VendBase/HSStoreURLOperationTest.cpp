@@ -24,7 +24,7 @@ TEST_F(HSStoreURLOperationTest, CarriesTheStandardHeaders) {
   EXPECT_EQ(sentHeader(0, "X-Vantor-Store-Front"), "143441-1,29");
   EXPECT_EQ(sentHeader(0, "Cookie"), "a=b");
   EXPECT_EQ(sentHeader(0, "X-Identity"), "yes");
-  EXPECT_EQ(sentHeader(0, "X-Vantor-GUID"), _device.value);
+  EXPECT_EQ(sentHeader(0, "X-Vantor-GUID"), _device.itsGUID);
   EXPECT_EQ(_service->headerQuestions().at(0).url, url("https://store.example/a"));
 }
 
@@ -77,7 +77,7 @@ TEST_F(HSStoreURLOperationTest, WithoutABagAsksNothingThatNeedsOne) {
   request.alwaysSendGUID = true;
   operation->setRequest(request);
   EXPECT_EQ(run(*operation), 0);
-  EXPECT_EQ(sentHeader(1, "X-Vantor-GUID"), _device.value);
+  EXPECT_EQ(sentHeader(1, "X-Vantor-GUID"), _device.itsGUID);
   EXPECT_EQ(sentHeader(1, "X-Vantor-Store-Front"), "1");
   respond(200);
   EXPECT_EQ(run(*baglessOperationFor("https://store.example/a")), 0);

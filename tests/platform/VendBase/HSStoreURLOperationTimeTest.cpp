@@ -133,32 +133,37 @@ TEST_F(HSStoreURLOperationTimeTest, DoesNotWaitForAnIntakeThatItBlocksItself) {
   EXPECT_EQ(_service->storeFrontID(), "7");
 }
 
-TEST_F(HSStoreURLOperationTimeTest, CancelEndsARunningExchange) {
-  _transport.hold();
-  const auto operation = operationFor("https://store.example/");
-  operation->setShouldRetryOnNetworkError(true);
-  std::thread canceller([&] {
-    _transport.waitForRequests(1);
-    operation->cancel();
-  });
-  EXPECT_EQ(run(*operation), kHSErrorCancelled);
-  canceller.join();
-  EXPECT_EQ(_transport.requests().size(), 1u);
-}
+TEST_F(HSStoreURLOperationTimeTest, CancelEndsWhateverItWaitsFor) {
+  const auto expectCancelled = [&](const std::function<void()>& waitUntilItWaits) {
+    const auto operation = operationFor("https://store.example/");
+    operation->setShouldRetryOnNetworkError(true);
+    std::thread canceller([&] {
+      waitUntilItWaits();
+      operation->cancel();
+    });
+    EXPECT_EQ(run(*operation), kHSErrorCancelled);
+    canceller.join();
+  };
+  std::promise<void> asked, release;
+  _service->onCall = [&](const std::string&) {
+    asked.set_value();
+    release.get_future().wait();
+  };
+  expectCancelled([&] { asked.get_future().wait(); });
+  release.set_value();
+  WorkerPool::shared().waitUntilIdle();  // the service is still on its way out of the call
+  EXPECT_TRUE(_transport.requests().empty());
+  _service->onCall = nullptr;
 
-TEST_F(HSStoreURLOperationTimeTest, CancelEndsAPause) {
   fail(HTTPTransport::kConnectionLost);
   std::promise<void> pausing;
   _runLoop.onTimer = [&] { pausing.set_value(); };
-  const auto operation = operationFor("https://store.example/");
-  operation->setShouldRetryOnNetworkError(true);
-  std::thread canceller([&] {
-    pausing.get_future().wait();
-    operation->cancel();
-  });
-  EXPECT_EQ(run(*operation), kHSErrorCancelled);
-  canceller.join();
+  expectCancelled([&] { pausing.get_future().wait(); });
   EXPECT_EQ(_transport.requests().size(), 1u);
+
+  _transport.hold();
+  expectCancelled([&] { _transport.waitForRequests(2); });
+  EXPECT_EQ(_transport.requests().size(), 2u);
 }
 
 TEST_F(HSStoreURLOperationTimeTest, CancelledDuringTheIntakeHasNoOutput) {
@@ -181,24 +186,6 @@ TEST_F(HSStoreURLOperationTimeTest, TakesALateResponseInAllTheSame) {
   operation->setOutputHandler(
       [&](auto&, const auto&) { EXPECT_EQ(_service->storeFrontID(), "7"); });
   EXPECT_EQ(run(*operation), 0);
-}
-
-TEST_F(HSStoreURLOperationTimeTest, CancelEndsAWaitForTheService) {
-  std::promise<void> asked, release;
-  _service->onCall = [&](const std::string&) {
-    asked.set_value();
-    release.get_future().wait();
-  };
-  const auto operation = operationFor("https://store.example/");
-  std::thread canceller([&] {
-    asked.get_future().wait();
-    operation->cancel();
-  });
-  EXPECT_EQ(run(*operation), kHSErrorCancelled);
-  canceller.join();
-  release.set_value();
-  WorkerPool::shared().waitUntilIdle();  // the service is still on its way out of the call
-  EXPECT_TRUE(_transport.requests().empty());
 }
 
 }  // namespace

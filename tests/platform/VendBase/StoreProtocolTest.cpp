@@ -130,7 +130,7 @@ TEST_F(StoreProtocolTest, SignsInThroughADialogUntilTheStoreBelievesIt) {
   EXPECT_EQ(_dialogs.agent->shown[1].signIn->accountName, "b@example.com");
   EXPECT_NE(_dialogs.agent->shown[1].explanation.find("Wrong"), std::string::npos);
   EXPECT_EQ(sent(1).url.absoluteString(), kAuthenticateURL);
-  EXPECT_EQ(sentBody(1), (Dictionary{{"guid", *_device.value},
+  EXPECT_EQ(sentBody(1), (Dictionary{{"guid", *_device.itsGUID},
                                      {"identifier", "b@example.com"},
                                      {"password", "w<r&o>ng"},
                                      {"reason", 7}}));

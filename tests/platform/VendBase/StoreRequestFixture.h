@@ -16,10 +16,10 @@
 #include "platform/Base/SharedInstance.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/HTTP/ScriptedTransport.h"
-#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSStoreURLOperation.h"
 #include "tests/support/FakeAccountService.h"
+#include "tests/support/FakeMachine.h"
 
 namespace tallow {
 
@@ -56,11 +56,6 @@ class StoreRequestFixture : public testing::Test {
       std::function<void()> block;
     };
     ManualClock& _clock;
-  };
-  class FakeDevice final : public HSDevice {
-   public:
-    std::optional<std::string> guid() override { return value; }
-    std::optional<std::string> value = "0123456789ABCDEF0123456789ABCDEF";
   };
   class FakeRandom final : public Random {
    public:
@@ -131,7 +126,7 @@ class StoreRequestFixture : public testing::Test {
   ManualClock _clock{Date{1'000'000}};
   FakeRunLoop _runLoop{_clock};
   ScriptedTransport _transport;
-  FakeDevice _device;
+  FakeMachine _device;
   FakeRandom _random;
   std::shared_ptr<FakeAccountService> _service = std::make_shared<FakeAccountService>();
 
@@ -139,7 +134,6 @@ class StoreRequestFixture : public testing::Test {
   ScopedShared<Clock> _scopedClock{_clock};
   ScopedShared<RunLoop> _scopedRunLoop{_runLoop};
   ScopedShared<HTTPTransport> _scopedTransport{_transport};
-  ScopedShared<HSDevice> _scopedDevice{_device};
   ScopedShared<Random> _scopedRandom{_random};
   ScopedAccountService _scopedService{_service};
 };
