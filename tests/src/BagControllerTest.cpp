@@ -28,15 +28,12 @@ class BagControllerTest : public ::testing::Test {
  protected:
   // Bags come from bag.example.com, pings go to ping.example.com and are answered as set here.
   void serveBagWithPings(const Array& pingURLs) {
-    const Data bag = PropertyList::encode(Dictionary{{"pingUrls", pingURLs}, {"a", 1}},
-                                          PropertyList::Format::XML);
-    world.transport.setHandler([this, bag](const HTTPRequest& request) -> Result<HTTPResponse> {
-      if (request.url.host() == "bag.example.com")
-        return ScriptedTransport::response(request, 200, bagHeaders, bag.view());
+    const auto ping = [this](const HTTPRequest& request) {
       pinged.push_back(request.url.path());
       if (request.url.path() == "/fails") return ScriptedTransport::response(request, 500);
       return ScriptedTransport::response(request, 200, pingHeaders);
-    });
+    };
+    world.serveBag({{"pingUrls", pingURLs}, {"a", 1}}, ping, bagHeaders);
   }
   std::shared_ptr<BagController> controller() {
     return BagController::bagControllerForClient(client);

@@ -27,21 +27,16 @@ class OrvControllerTest : public ::testing::Test {
   void serve(const Value& answer, int status = 200, const char* text = nullptr) {
     const Data list = text != nullptr ? Data(std::string_view(text))
                                       : PropertyList::encode(answer, PropertyList::Format::XML);
-    const Data bag = PropertyList::encode(
-        Dictionary{{"trustedDomains", Array{"example.com"}},
-                   {"amd-domains", Array{"store.example.com"}},
-                   {"buyProduct", "https://store.example.com/buy"},
-                   {"md-finish-provisioning", "https://store.example.com/md-provision"},
-                   {"amd-finish-provisioning", "https://store.example.com/amd-provision"},
-                   {"md-sync-machine", "https://store.example.com/md-sync"},
-                   {"amd-sync-machine", "https://store.example.com/amd-sync"}},
-        PropertyList::Format::XML);
-    world.transport.setHandler([=](const HTTPRequest& request) {
-      if (request.url.host() == "bag.example.com")
-        return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
-                                           bag.view());
-      return ScriptedTransport::response(request, status, {}, list.view());
-    });
+    world.serveBag({{"trustedDomains", Array{"example.com"}},
+                    {"amd-domains", Array{"store.example.com"}},
+                    {"buyProduct", "https://store.example.com/buy"},
+                    {"md-finish-provisioning", "https://store.example.com/md-provision"},
+                    {"amd-finish-provisioning", "https://store.example.com/amd-provision"},
+                    {"md-sync-machine", "https://store.example.com/md-sync"},
+                    {"amd-sync-machine", "https://store.example.com/amd-sync"}},
+                   [=](const HTTPRequest& request) {
+                     return ScriptedTransport::response(request, status, {}, list.view());
+                   });
   }
   void process(const Dictionary& headers) {
     orv.processHTTPHeaders(headers, client);
@@ -252,17 +247,10 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
 // anybody could answer, and a store that does not answer while ten orders wait.
 TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
   const Dictionary order = {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}};
-  const auto answers = [this](const std::string& scheme,
-                              Result<HTTPResponse> (*answer)(const HTTPRequest& request)) {
-    const Data bag = PropertyList::encode(
-        Dictionary{{"trustedDomains", Array{"example.com"}},
-                   {"md-finish-provisioning", scheme + "://store.example.com/provision"}},
-        PropertyList::Format::XML);
-    world.transport.setHandler([=](const HTTPRequest& request) {
-      if (request.url.host() != "bag.example.com") return answer(request);
-      return Result<HTTPResponse>(ScriptedTransport::response(
-          request, 200, {{"Cache-Control", "max-age=3600"}}, bag.view()));
-    });
+  const auto answers = [this](const std::string& scheme, const ScriptedTransport::Answer& answer) {
+    world.serveBag({{"trustedDomains", Array{"example.com"}},
+                    {"md-finish-provisioning", scheme + "://store.example.com/provision"}},
+                   answer);
     ServiceWorld::forgetControllers();
     std::filesystem::remove_all(world.directory.path());
     world.log.clear();
@@ -274,24 +262,21 @@ TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
     return count;
   };
   answers("https", [](const HTTPRequest& request) {
-    return Result<HTTPResponse>(ScriptedTransport::response(
+    return ScriptedTransport::response(
         request, 200, {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}},
-        PropertyList::encode(Dictionary(), PropertyList::Format::XML).view()));
+        PropertyList::encode(Dictionary(), PropertyList::Format::XML).view());
   });
   process(order);
   ServiceWorld::settle();
   EXPECT_EQ(exchanges(), 1);
 
-  answers("http", [](const HTTPRequest& request) {
-    return Result<HTTPResponse>(ScriptedTransport::response(request, 200));
-  });
+  answers("http",
+          [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
   process(order);
   EXPECT_EQ(exchanges(), 1) << "nothing is sent";
   EXPECT_EQ(fake.calls, (Calls{"start 0 [" + std::string(3, '\0') + "]", "end 77"}));
 
-  answers("https", [](const HTTPRequest&) {
-    return Result<HTTPResponse>(makeError("HTTP", HTTPTransport::kTimedOut, "too late"));
-  });
+  answers("https", ScriptedTransport::fail(HTTPTransport::kTimedOut));
   world.transport.hold();
   for (int i = 0; i < 10; ++i) orv.processHTTPHeaders(order, client);
   orv.processHTTPHeaders({{"x-vantor-md-action", "RP"}}, client);

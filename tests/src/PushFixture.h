@@ -10,16 +10,15 @@
 #include <vector>
 
 #include "platform/Grantwell/PRRequestQueue.h"
-#include "platform/MerrowKit/MKMachine.h"
 #include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/VendBase/DefaultsKeys.h"
-#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/HSStoreAccount.h"
 #include "platform/VendBase/SystemLog.h"
 #include "platform/XPC/PushServiceConnection.h"
 #include "src/AccountService/AccountStore.h"
 #include "src/PushServiceStoreDispatch.h"
+#include "tests/support/FakeMachine.h"
 #include "tests/support/ServiceWorld.h"
 
 namespace tallow {
@@ -117,13 +116,6 @@ class PushFixture : public ::testing::Test {
         bodies.push_back(*PropertyList::decode(request.body));
     return bodies;
   }
-  std::size_t requestsFor(const std::string& path) const {
-    std::size_t count = 0;
-    for (const HTTPRequest& request : world.transport.requests())
-      count += request.url.path() == path ? 1 : 0;
-    return count;
-  }
-
   ServiceWorld world;
   std::shared_ptr<HSStoreClient> client = [] {
     auto made = ServiceWorld::client();
@@ -142,7 +134,7 @@ class PushFixture : public ::testing::Test {
                      Dictionary{{"register-media-types", "https://store.example.com/media"}}},
                     {"enabled-media-types", "https://store.example.com/enabled"},
                     {"trustedDomains", Array{"store.example.com"}}};
-  bool onRecoveryPartition = false;
+  FakeMachine machine;
   std::vector<std::string> downloadChecks;  // the clients for which it was asked
   std::vector<std::pair<std::string, Dictionary>> permissions;
   std::vector<UserNotification> notifications;
@@ -172,16 +164,6 @@ class PushFixture : public ::testing::Test {
     }
     PushFixture& fixture;
   };
-  struct Device final : HSDevice {
-    std::optional<std::string> guid() override { return kGUID; }
-  };
-  struct Machine final : MKMachine {
-    explicit Machine(PushFixture& owner) : fixture(owner) {}
-    std::optional<std::string> serialNumber() override { return "SN1"; }
-    std::optional<std::string> romAddress() override { return std::nullopt; }
-    bool isOnRecoveryPartition() override { return fixture.onRecoveryPartition; }
-    PushFixture& fixture;
-  };
   struct Lines final : SystemLog {
     explicit Lines(PushFixture& owner) : fixture(owner) {}
     void write(std::string_view line) override { fixture.systemLines.emplace_back(line); }
@@ -205,11 +187,7 @@ class PushFixture : public ::testing::Test {
     return encoded(next);
   }
 
-  Device _device;
-  Machine _machine{*this};
   Lines _lines{*this};
-  ScopedShared<HSDevice> _sharedDevice{_device};
-  ScopedShared<MKMachine> _sharedMachine{_machine};
   ScopedShared<SystemLog> _sharedLines{_lines};
 
  protected:

@@ -196,7 +196,7 @@ TEST_F(PushServiceStoreDispatchTest, EachKindOfPushDoesItsOwn) {
   const std::size_t lines = world.log.lines(1).size();
   const Dictionary permission{{"0", 0}, {"1", 7}, {"nested", Dictionary{{"a", Array{1}}}}};
   dispatch()->handlePushNotificationMessage(permission);
-  onRecoveryPartition = true;
+  machine.recovers = true;
   dispatch()->handlePushNotificationMessage(permission);
   ASSERT_EQ(permissions.size(), 1u);
   EXPECT_EQ(permissions[0].first, kPRRequestQueueHarlowStoreIdentifier);

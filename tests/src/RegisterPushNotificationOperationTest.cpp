@@ -44,7 +44,7 @@ TEST_F(RegisterPushNotificationOperationTest, BodiesHoldWhatThereIs) {
   const Dictionary announcement{{"device-name", "Mac"},
                                 {"environment", "production"},
                                 {"guid", kGUID},
-                                {"serial-number", "SN1"},
+                                {"serial-number", "SERIAL"},
                                 {"token", Data("token")}};
   EXPECT_EQ(posted(kRegister), std::vector<Value>{announcement});
   EXPECT_EQ(record(), (Dictionary{{pair("7"), Data("token")}}));

@@ -69,6 +69,16 @@ class ServiceWorld {
     });
   }
 
+  // Answers requests for the bag with this one, unsigned, and all others with `answer`.
+  void serveBag(const Dictionary& bag, ScriptedTransport::Answer answer,
+                HTTPHeaderList headers = {{"Cache-Control", "max-age=3600"}}) {
+    const Data bytes = PropertyList::encode(bag, PropertyList::Format::XML);
+    transport.setHandler([=](const HTTPRequest& request) -> Result<HTTPResponse> {
+      if (request.url.host() != "bag.example.com") return answer(request);
+      return ScriptedTransport::response(request, 200, headers, bytes.view());
+    });
+  }
+
   static void settle() { WorkerPool::shared().waitUntilIdle(); }
 
   ManualClock clock{Date{1'800'000'000}};

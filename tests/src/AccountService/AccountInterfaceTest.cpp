@@ -2,23 +2,15 @@
 
 #include <future>
 
-#include "platform/MerrowKit/MKMachine.h"
 #include "platform/VendBase/HSError.h"
 #include "src/AccountService/AccountServiceInterface.h"
 #include "tests/src/AccountService/AccountsFixture.h"
+#include "tests/support/FakeMachine.h"
 
 namespace tallow {
 namespace {
 
 using Text = std::optional<std::string>;
-
-class Machine final : public MKMachine {
- public:
-  std::optional<std::string> serialNumber() override { return std::nullopt; }
-  std::optional<std::string> romAddress() override { return std::nullopt; }
-  bool isOnRecoveryPartition() override { return recovers; }
-  bool recovers = false;
-};
 
 class AccountInterfaceTest : public AccountsTest {
  protected:
@@ -109,8 +101,7 @@ TEST_F(AccountInterfaceTest, DemoModeIsReadLooselyForFlagsAndStrictlyForTexts) {
 }
 
 TEST_F(AccountInterfaceTest, OtherAccountsOfTheMachineSuggestADSIDAndAName) {
-  Machine machine;
-  const ScopedShared<MKMachine> scope(machine);
+  FakeMachine machine;
   const auto dsID = [&] { return answerOf<Text>(&HSAccountService::nimboDSID); };
   EXPECT_EQ(dsID(), std::nullopt);
   struct {

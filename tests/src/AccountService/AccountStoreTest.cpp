@@ -198,15 +198,9 @@ TEST_F(AccountsTest, SigningInAsksTheTransactionServiceAndPassesOnWhatItSays) {
 }
 
 TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnswers) {
-  world.transport.setHandler([](const HTTPRequest& request) -> Result<HTTPResponse> {
-    const Data bag = PropertyList::encode(Dictionary{{"logout", "https://store.example.com/out"},
-                                                     {"trustedDomains", Array{"example.com"}}},
-                                          PropertyList::Format::XML);
-    if (request.url.host() == "bag.example.com")
-      return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
-                                         bag.view());
-    return ScriptedTransport::response(request, 500);
-  });
+  world.serveBag(
+      {{"logout", "https://store.example.com/out"}, {"trustedDomains", Array{"example.com"}}},
+      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 500); });
   const auto observer = std::make_shared<Observer>();
   store()->addAccountStoreObserver(observer);
   const auto signedIn = store()->addAccountWithAuthenticationResponse(response(42), true);
@@ -258,16 +252,11 @@ TEST_F(AccountsTest, CreditGoesToTheAccountThatTheAnswerNames) {
 TEST_F(AccountsTest, EligibilityIsAskedWithoutTheServicesNameAndRememberedAlsoWhenItFails) {
   std::string body;
   int status = 200;
-  world.transport.setHandler([&](const HTTPRequest& request) -> Result<HTTPResponse> {
-    if (request.url.host() != "bag.example.com")
-      return ScriptedTransport::response(request, status, {}, body);
-    const Data bag = PropertyList::encode(
-        Dictionary{{"getSubscriptionStatusSrv", "https://a.example.com/status"},
-                   {"trustedDomains", Array{"example.com"}}},
-        PropertyList::Format::XML);
-    return ScriptedTransport::response(request, 200, {{"Cache-Control", "max-age=3600"}},
-                                       bag.view());
-  });
+  world.serveBag({{"getSubscriptionStatusSrv", "https://a.example.com/status"},
+                  {"trustedDomains", Array{"example.com"}}},
+                 [&](const HTTPRequest& request) {
+                   return ScriptedTransport::response(request, status, {}, body);
+                 });
   struct {
     int status;
     const char* body;

@@ -3,30 +3,15 @@
 #include <deque>
 #include <future>
 
-#include "platform/MerrowKit/MKMachine.h"
-#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "src/AccountService/PasswordSettings/PasswordSettingsController.h"
 #include "tests/support/FakeDialogAgent.h"
+#include "tests/support/FakeMachine.h"
 #include "tests/support/ServiceWorld.h"
 
 namespace tallow {
 namespace {
-
-class FakeDevice final : public HSDevice {
- public:
-  std::optional<std::string> guid() override { return value; }
-  std::optional<std::string> value = "GUID";
-};
-
-class FakeMachine final : public MKMachine {
- public:
-  std::optional<std::string> serialNumber() override { return serial; }
-  std::optional<std::string> romAddress() override { return rom; }
-  bool isOnRecoveryPartition() override { return false; }
-  std::optional<std::string> serial = "SERIAL", rom = "ROM";
-};
 
 // A store with password settings, and a person in front of the dialog agent.
 class PasswordSettingsTest : public testing::Test {
@@ -87,10 +72,7 @@ class PasswordSettingsTest : public testing::Test {
   std::deque<Value> answers;       // of the store, to what is asked
   std::vector<Dictionary> bodies;  // that it got
   ServiceWorld _world;
-  FakeDevice _device;
   FakeMachine _machine;
-  ScopedShared<HSDevice> _sharedDevice{_device};
-  ScopedShared<MKMachine> _sharedMachine{_machine};
   ScopedDialogCenter _dialogs;
   std::shared_ptr<HSStoreClient> _client = ServiceWorld::client();
   std::shared_ptr<AccountServiceInterface> _service =
@@ -121,7 +103,7 @@ TEST_F(PasswordSettingsTest, ReadsWhatTheStoreKeeps) {
     EXPECT_EQ(outcome.error->userInfo[kHSErrorTitleKey], Value("GetPasswordSettings failed"));
     EXPECT_EQ(outcome.error->userInfo[kHSErrorMessageKey], Value(each.message));
   }
-  EXPECT_EQ(bodies.at(0), (Dictionary{{"guid", "GUID"}}));
+  EXPECT_EQ(bodies.at(0), (Dictionary{{"guid", *_machine.itsGUID}}));
   EXPECT_TRUE(_world.log.contains(1, "GetPasswordSettingsOperation output text"));
   const Outcome failed = get();  // 503
   EXPECT_FALSE(failed.settings);
@@ -158,9 +140,9 @@ TEST_F(PasswordSettingsTest, TheFirstMissingValueEndsTheBodyOfAnUpdate) {
       {{}, "S", "R", every, {}},
   };
   for (const auto& each : cases) {
-    _device.value = each.guid;
-    _machine.serial = each.serial;
-    _machine.rom = each.rom;
+    _machine.itsGUID = each.guid;
+    _machine.itsSerial = each.serial;
+    _machine.itsROM = each.rom;
     answers = {Dictionary()};
     EXPECT_TRUE(update(each.settings).success);
     EXPECT_EQ(bodies.back(), each.body);
