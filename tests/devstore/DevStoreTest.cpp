@@ -216,18 +216,5 @@ TEST(DevStoreTest, RefusesToStartWhereItMustNot) {
   EXPECT_THAT(reason(options), HasSubstr("cannot be listened on"));
 }
 
-TEST(DevStoreTest, SurvivesOddRequests) {
-  RunningStore running;
-  EXPECT_EQ(status(running.http->Get("/" + std::string(8000, 'a'))), 414);
-  EXPECT_EQ(status(running.http->Get("/" + std::string(509, 'a') + "%0a%00")), 404);
-  EXPECT_TRUE(running.http->Post("/store/page"));
-  EXPECT_EQ(status(running.http->Post("/control", std::string(100'000, '['), "application/json")),
-            400);
-  EXPECT_EQ(
-      status(running.http->Post("/ping", httplib::MultipartFormDataItems{{"a", "b", "c", "d"}})),
-      413);
-  EXPECT_EQ(status(running.http->Get("/ping")), 200);
-}
-
 }  // namespace
 }  // namespace tallow::devstore

@@ -111,19 +111,5 @@ TEST_F(Push, ThePersonAtTheDesktopTurnsDownloadsOn) {
             Value(Array{"mac-software", "ebook"}));
 }
 
-TEST_F(Push, SetUpFeedsAccountCookiesAndStorefront) {
-  EXPECT_FALSE(service.client().completeSetupWithResponse({{"dsid", 7},
-                                                           {"account-active", "1"},
-                                                           {"email", "b@example.com"},
-                                                           {"cookies", Array{"x=1", "y=2"}},
-                                                           {"storefront", "143441-1"}}));
-  EXPECT_EQ((**service.client().primaryAccount())["dsid"], Value(7));
-  EXPECT_EQ(*service.client().storeFront(), "143441-1");
-  EXPECT_EQ((*service.client().httpHeadersForURL("http://store.vantor.com/a", {}, false))["Cookie"],
-            Value("x=1; y=2"));
-  service.kill();
-  EXPECT_EQ((**service.client().primaryAccount())["identifier"], Value("b@example.com"));
-}
-
 }  // namespace
 }  // namespace tallow

@@ -9,48 +9,42 @@ URL url(const char* text) {
   return *URL::parse(text);
 }
 
-TEST(BagPolicy, TrustIsASuffixOfTheHostWithoutLabelBoundary) {
-  const Dictionary bag{{"trustedDomains", Array{7, "store.example.com"}}};
-  EXPECT_TRUE(BagPolicy::urlIsTrusted(bag, url("https://store.example.com/a")));
-  EXPECT_TRUE(BagPolicy::urlIsTrusted(bag, url("http://eu.store.example.com/")));
-  EXPECT_TRUE(BagPolicy::urlIsTrusted(bag, url("http://mystore.example.com/")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(bag, url("https://store.example.com.evil.net/")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(bag, url("https://STORE.EXAMPLE.COM/")));
-  const Dictionary dotted{{"trustedDomains", Array{".example.com"}}};
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(dotted, url("https://example.com/")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(dotted, url("https://badexample.com/")));
-  EXPECT_TRUE(BagPolicy::urlIsTrusted(dotted, url("https://a.example.com/")));
-}
-
-TEST(BagPolicy, TrustReadsTheHostThatWouldBeFetched) {
-  const Dictionary bag{{"trustedDomains", Array{".example.com"}}};
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(bag, url("https://a.example.com@evil.net/")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(bag, url("https://evil.net/?.example.com")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted(bag, url("https://evil.net#.example.com")));
-  for (const char* text : {"https://evil.net\\.example.com/", "https://evil.net\t.example.com/"}) {
-    const auto parsed = URL::parse(text);
-    EXPECT_TRUE(!parsed || parsed->host().find("evil.net") != 0 ||
-                !BagPolicy::urlIsTrusted(bag, *parsed))
-        << text;
-  }
-}
-
-TEST(BagPolicy, DataURLsAreTrustedAndWrongTypesTrustNothing) {
-  EXPECT_TRUE(BagPolicy::urlIsTrusted({}, url("data:text/plain,x")));
-  EXPECT_FALSE(BagPolicy::urlIsTrusted({}, url("https://example.com/")));
-  EXPECT_FALSE(
-      BagPolicy::urlIsTrusted({{"trustedDomains", Array{""}}}, url("https://example.com/")))
-      << "nothing is no suffix";
-  EXPECT_FALSE(
-      BagPolicy::urlIsTrusted({{"trustedDomains", "example.com"}}, url("https://example.com/")));
+TEST(BagPolicy, TrustIsASuffixOfTheHostThatWouldBeFetchedWithoutLabelBoundary) {
+  const struct {
+    Value domains;
+    const char* url;
+    bool isTrusted;
+  } cases[] = {
+      {Array{7, "store.example.com"}, "https://store.example.com/a", true},
+      {Array{7, "store.example.com"}, "http://eu.store.example.com/", true},
+      {Array{7, "store.example.com"}, "http://mystore.example.com/", true},
+      {Array{7, "store.example.com"}, "https://store.example.com.evil.net/", false},
+      {Array{7, "store.example.com"}, "https://STORE.EXAMPLE.COM/", false},
+      {Array{".example.com"}, "https://example.com/", false},
+      {Array{".example.com"}, "https://badexample.com/", false},
+      {Array{".example.com"}, "https://a.example.com/", true},
+      {Array{".example.com"}, "https://a.example.com@evil.net/", false},
+      {Array{".example.com"}, "https://evil.net/?.example.com", false},
+      {Array{".example.com"}, "https://evil.net#.example.com", false},
+      {Array{""}, "https://example.com/", false},  // nothing is no suffix
+      {"example.com", "https://example.com/", false},
+      {Value(), "https://example.com/", false},
+      {Value(), "data:text/plain,x", true},
+  };
+  for (const auto& each : cases)
+    EXPECT_EQ(BagPolicy::urlIsTrusted({{"trustedDomains", each.domains}}, url(each.url)),
+              each.isTrusted)
+        << each.url;
 }
 
 TEST(BagPolicy, AnonymousMachineDataGoesToHostsLikeThePatterns) {
   const Dictionary bag{{"amd-domains", Array{3, "*.example.com", "p?-buy.example.net"}}};
-  EXPECT_TRUE(BagPolicy::urlRequiresAMD(bag, url("https://A.B.EXAMPLE.COM/")));
-  EXPECT_TRUE(BagPolicy::urlRequiresAMD(bag, url("https://p3-buy.example.net/")));
-  EXPECT_FALSE(BagPolicy::urlRequiresAMD(bag, url("https://example.com/")));
-  EXPECT_FALSE(BagPolicy::urlRequiresAMD(bag, url("https://p33-buy.example.net/")));
+  const std::pair<const char*, bool> cases[] = {{"https://A.B.EXAMPLE.COM/", true},
+                                                {"https://p3-buy.example.net/", true},
+                                                {"https://example.com/", false},
+                                                {"https://p33-buy.example.net/", false}};
+  for (const auto& [text, isAsked] : cases)
+    EXPECT_EQ(BagPolicy::urlRequiresAMD(bag, url(text)), isAsked) << text;
   EXPECT_FALSE(BagPolicy::urlRequiresAMD({{"amd-domains", "*"}}, url("https://example.com/")));
 }
 
@@ -68,18 +62,25 @@ TEST(BagPolicy, AccountMachineDataGoesToTheNamedURLsUpToTheirQuery) {
 }
 
 TEST(BagPolicy, GUIDRules) {
-  const URL https = url("https://example.com/a");
-  EXPECT_TRUE(BagPolicy::sendGUIDWithURL({}, https));
-  EXPECT_FALSE(BagPolicy::sendGUIDWithURL({}, url("http://example.com/a")));
-  EXPECT_FALSE(BagPolicy::sendGUIDWithURL({}, url("HTTPS://example.com/a")));
   const auto rules = [](Dictionary dictionary) { return Dictionary{{"guid-urls", dictionary}}; };
-  EXPECT_TRUE(BagPolicy::sendGUIDWithURL({{"guid-urls", 1}}, https));
-  EXPECT_FALSE(BagPolicy::sendGUIDWithURL(rules({{"schemes", Array{"https"}}}), https));
-  EXPECT_TRUE(BagPolicy::sendGUIDWithURL(
-      rules({{"schemes", Array{4, "https"}}, {"regex", Array{9, "(", "EXAMPLE\\.com/a"}}}), https));
-  EXPECT_FALSE(
-      BagPolicy::sendGUIDWithURL(rules({{"schemes", Array{"ftp"}}, {"regex", Array{"."}}}), https));
-  EXPECT_TRUE(BagPolicy::sendGUIDWithURL(rules({{"schemes", 1}, {"regex", Array{"."}}}), https));
+  const struct {
+    Dictionary bag;
+    const char* url;
+    bool sends;
+  } cases[] = {
+      {{}, "https://example.com/a", true},
+      {{}, "http://example.com/a", false},
+      {{}, "HTTPS://example.com/a", false},
+      {{{"guid-urls", 1}}, "https://example.com/a", true},
+      {rules({{"schemes", Array{"https"}}}), "https://example.com/a", false},
+      {rules({{"schemes", Array{4, "https"}}, {"regex", Array{9, "(", "EXAMPLE\\.com/a"}}}),
+       "https://example.com/a", true},
+      {rules({{"schemes", Array{"ftp"}}, {"regex", Array{"."}}}), "https://example.com/a", false},
+      {rules({{"schemes", 1}, {"regex", Array{"."}}}), "https://example.com/a", true},
+  };
+  for (const auto& each : cases)
+    EXPECT_EQ(BagPolicy::sendGUIDWithURL(each.bag, url(each.url)), each.sends)
+        << description(each.bag) << each.url;
 }
 
 }  // namespace

@@ -321,7 +321,7 @@ TEST_F(CookieJarStorageTest, WaitsForNobodyForever) {
 // pair.
 TEST_F(CookieJarStorageTest, SurvivesBeingKilledAtAnyMoment) {
   std::mt19937 random(20240601);
-  for (int round = 0; round < 25; ++round) {
+  for (int round = 0; round < 10; ++round) {
     ChildProcess child([this](const ChildProcess::Say& say) {
       const auto jar = CookieJar::open(file());
       for (int i = 0; jar; ++i) {

@@ -86,7 +86,7 @@ TEST_F(PreferencesProcessTest, SeeEachOthersWritesAtTheNextRead) {
 }
 
 TEST_F(PreferencesProcessTest, KeepWhatWasAcknowledgedWhenKilled) {
-  constexpr int kKills = 15, kMostLines = 60;
+  constexpr int kKills = 8, kMostLines = 60;
   std::minstd_rand random(4711);
   for (int round = 0; round < kKills; ++round) {
     ChildProcess neighbour([this](const ChildProcess::Say& say) { writeForEver(say); });

@@ -170,11 +170,5 @@ TEST_F(AccountServiceInterfaceTest, AClientWithoutIdentifierGetsNilAnswersNotSil
   done([&](auto reply) { interface->setStoreFrontID("1", reply); });
 }
 
-TEST_F(AccountServiceInterfaceTest, StorefrontRoundTrip) {
-  done([&](auto reply) { interface->setStoreFrontID("143441", reply); });
-  EXPECT_EQ(answerOf<std::optional<std::string>>([&](auto reply) { interface->storeFront(reply); }),
-            "143441");
-}
-
 }  // namespace
 }  // namespace tallow
