@@ -68,16 +68,6 @@ TEST(DevStoreTest, StagingSaysWhatIsWrongAndThenTakesNothing) {
       403);
 }
 
-TEST(DevStoreTest, StagedAnswersComeInTurnAndEndWithReset) {
-  RunningStore running;
-  running.stage(R"({"page": [{"status": 503, "times": 2}, {"status": 404}], "ping": null})");
-  std::vector<int> statuses;
-  for (int i = 0; i < 4; ++i) statuses.push_back(status(running.http->Get("/store/any")));
-  EXPECT_THAT(statuses, ElementsAre(503, 503, 404, 404));
-  running.stage(R"({"reset": true})");
-  EXPECT_EQ(status(running.http->Get("/store/any")), 200);
-}
-
 TEST(DevStoreTest, HeadersAndBodiesAreAsStaged) {
   RunningStore running;
   const auto page = running.https->Get("/store/page");

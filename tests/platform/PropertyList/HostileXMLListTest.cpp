@@ -81,53 +81,27 @@ TEST(HostileXMLListTest, OnlyOneWholeListIsAList) {
 }
 
 TEST(HostileXMLListTest, WrongValuesAreRefusedNotGuessed) {
-  for (const char* value : {"<integer></integer>",
-                            "<integer/>",
-                            "<integer>x</integer>",
-                            "<integer>1x</integer>",
-                            "<integer>--1</integer>",
-                            "<integer>1 2</integer>",
-                            "<integer>010</integer>",
-                            "<integer>18446744073709551616</integer>",
-                            "<integer>-9223372036854775809</integer>",
-                            "<integer>1<!-- -->2</integer>",
-                            "<real>x</real>",
-                            "<real/>",
-                            "<real>1,5</real>",
-                            "<date>yesterday</date>",
-                            "<date>2026-03-01</date>",
-                            "<date>2026-03-01T12:30:00+01:00</date>",
-                            "<date>2026-13-01T12:30:00Z</date>",
-                            "<date>2026-02-30T12:30:00Z</date>",
-                            "<date>2026-02-28T24:00:00Z</date>",
-                            "<true>no</true>",
-                            "<string><b>x</b></string>",
-                            "<string>&nbsp;</string>",
-                            "<string>&#0;</string>",
-                            "<string>&#xD800;</string>",
-                            "<string>&#x110000;</string>",
-                            "<string>\xFF</string>",
-                            "<string>\xC0\x80</string>",
-                            "<string>\xED\xA0\x80</string>",
-                            "<uid>1</uid>",
-                            "<set/>",
-                            "<null/>",
-                            "<Array/>",
-                            "<dict><string>k</string><true/></dict>",
-                            "<dict><key>a</key></dict>",
-                            "<dict><key>a</key><key>b</key></dict>",
-                            "<dict><true/></dict>",
-                            "<array><key>a</key></array>",
-                            "<key>a</key>",
-                            "<dict><key/><true/></dict>",
-                            "<dict><key>\xFF</key><true/></dict>",
-                            "<array x=\"1\"/>",
-                            "<array></dict>",
-                            "<array>x</array>",
-                            "</array>",
-                            "<!ENTITY x \"y\"><dict/>"}) {
-    EXPECT_FALSE(isAccepted(value)) << value;
-  }
+  const char* const kWrong[] = {
+      // Numbers.
+      "<integer></integer>", "<integer/>", "<integer>x</integer>", "<integer>1x</integer>",
+      "<integer>--1</integer>", "<integer>1 2</integer>", "<integer>010</integer>",
+      "<integer>18446744073709551616</integer>", "<integer>-9223372036854775809</integer>",
+      "<integer>1<!-- -->2</integer>", "<real>x</real>", "<real/>", "<real>1,5</real>",
+      // Dates.
+      "<date>yesterday</date>", "<date>2026-03-01</date>", "<date>2026-03-01T12:30:00+01:00</date>",
+      "<date>2026-13-01T12:30:00Z</date>", "<date>2026-02-30T12:30:00Z</date>",
+      "<date>2026-02-28T24:00:00Z</date>",
+      // Texts.
+      "<true>no</true>", "<string><b>x</b></string>", "<string>&nbsp;</string>",
+      "<string>&#0;</string>", "<string>&#xD800;</string>", "<string>&#x110000;</string>",
+      "<string>\xFF</string>", "<string>\xC0\x80</string>", "<string>\xED\xA0\x80</string>",
+      // Kinds and structures.
+      "<uid>1</uid>", "<set/>", "<null/>", "<Array/>", "<dict><string>k</string><true/></dict>",
+      "<dict><key>a</key></dict>", "<dict><key>a</key><key>b</key></dict>", "<dict><true/></dict>",
+      "<array><key>a</key></array>", "<key>a</key>", "<dict><key/><true/></dict>",
+      "<dict><key>\xFF</key><true/></dict>", "<array x=\"1\"/>", "<array></dict>",
+      "<array>x</array>", "</array>", "<!ENTITY x \"y\"><dict/>"};
+  for (const char* value : kWrong) EXPECT_FALSE(isAccepted(value)) << value;
   EXPECT_FALSE(isAccepted(std::string_view("<string>a\0b</string>", 20)));
   EXPECT_FALSE(isAccepted("<!DOCTYPE plist [<!ENTITY a \"" + repeated("x", 1000) +
                           "\">]><string>&a;</string>"));
