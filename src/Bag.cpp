@@ -12,6 +12,7 @@
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/RecentFailures.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/BagLoadOperation.h"
 #include "src/BagPolicy.h"
@@ -113,6 +114,8 @@ void Bag::loadOnAccessQueue(const LoadBlock& block) {
   // Before anybody hears of it: the ping may bring a cookie or a storefront, which make the bag
   // invalid again, and whoever has loaded it is to have it.
   const bool valid = isValid();
+  if (updateError && !newContents)
+    RecentFailures::shared().note(*updateError, _storeClient->identifier.value_or(""));
   WorkerPool::shared().async([bag = shared_from_this(), updated, updateError, newContents] {
     if (const auto delegate = bag->delegate())
       delegate->bagDidUpdateWithSuccess(bag, updated, updateError, newContents);
@@ -166,6 +169,10 @@ void Bag::invalidate() {
 
 std::optional<Date> Bag::validUntilDate() const {
   return _validationQueue.sync([this] { return _validUntilDate; });
+}
+
+std::optional<Bag::Source> Bag::source() const {
+  return _validationQueue.sync([&] { return _source; });
 }
 
 void Bag::setValidUntilDate(std::optional<Date> date) {
@@ -234,6 +241,7 @@ std::optional<Dictionary> Bag::bagDictionaryWithServerResponseDictionary(
   if (result) {
     VBLogManager::sharedManager().logPropertyList(3, *result, "Bag");
     _validationQueue.sync([&] {
+      _source = Source{bootstrapURL};
       if (_validUntilDate && _validUntilDate == validUntilDate) return;
       _validUntilDate = validUntilDate;
       _writePersistedStoreToDiskWithDictionary(response, bootstrapURL);
@@ -354,6 +362,7 @@ void Bag::_loadFromPersistedStore() {
   if (accepted) {
     logLevel(1, "%@: Loaded bag type %li from persisted store valid until %@ (%.2f seconds)",
              kClassName, _bagType, validUntil, validUntil ? validUntil->secondsSince(now) : 0.0);
+    _validationQueue.sync([&] { _source->isPersistedCopy = true; });
     _dictionary = std::move(accepted);
     return;
   }

@@ -81,6 +81,12 @@ class Bag : public std::enable_shared_from_this<Bag> {
   bool isValid() const;
   void invalidate();
   std::optional<Date> validUntilDate() const;
+  // Where the contents came from, for status reports; nil where there are none.
+  struct Source {
+    std::optional<URL> bootstrapURL;
+    bool isPersistedCopy = false;  // read from disk at the start
+  };
+  std::optional<Source> source() const;
   void setValidUntilDate(std::optional<Date> date);
 
   // Whether the pattern under the key matches anywhere in the string, without regard to case.
@@ -129,6 +135,7 @@ class Bag : public std::enable_shared_from_this<Bag> {
 
   mutable SerialQueue _validationQueue;
   std::optional<Date> _validUntilDate;  // guarded by _validationQueue
+  std::optional<Source> _source;        // likewise
 };
 
 // "<Bag type 1 of IDENTIFIER>".

@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <list>
 #include <mutex>
+#include <set>
 
+#include "platform/Base/Activity.h"
 #include "platform/Concurrency/WorkerPool.h"
 
 namespace tallow {
@@ -38,8 +40,32 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
     Waiter* waiter = nullptr;
   };
 
-  explicit State(std::string name) : label(std::move(name)) {}
+  // All queues, for status reports.
+  struct Registry {
+    std::mutex mutex;
+    std::set<const State*> queues;
+  };
+  static Registry& registry() {
+    static Registry& all = *std::make_unique<Registry>().release();  // queues outlive statics
+    return all;
+  }
 
+  explicit State(std::string name) : label(std::move(name)) {
+    const std::lock_guard lock(registry().mutex);
+    registry().queues.insert(this);
+  }
+  ~State() {
+    const std::lock_guard lock(registry().mutex);
+    registry().queues.erase(this);
+  }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  std::size_t depth() const {
+    const std::lock_guard lock(mutex);
+    const bool isRunning = owner.load(std::memory_order_relaxed) != pthread_t{};
+    return entries.size() + (isRunning ? 1 : 0);
+  }
   bool isCurrent() const { return owner.load(std::memory_order_relaxed) == pthread_self(); }
 
   bool tryTake() {
@@ -62,7 +88,8 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
   std::atomic<std::uint32_t> turn{0};
   // The thread that has the turn. Compared with oneself only, so relaxed order is enough.
   std::atomic<pthread_t> owner{};
-  std::mutex mutex;  // guards entries; taken only when the turn is contended, and by async
+  // Guards entries; taken only when the turn is contended, and by async.
+  mutable std::mutex mutex;
   std::list<Entry> entries;
 
  private:
@@ -140,6 +167,7 @@ void SerialQueue::State::submit(std::function<void()> block) {
 }
 
 void SerialQueue::State::scheduleDrain() {
+  const Activity::Scope nobody(nullptr);  // each block brings its own
   WorkerPool::shared().async([self = shared_from_this()] { self->drain(); });
 }
 
@@ -179,7 +207,7 @@ const std::string& SerialQueue::label() const {
 }
 
 void SerialQueue::async(std::function<void()> block) {
-  _state->submit(std::move(block));
+  _state->submit(Activity::carriedTo(std::move(block)));
 }
 
 bool SerialQueue::isCurrent() const {
@@ -187,9 +215,16 @@ bool SerialQueue::isCurrent() const {
 }
 
 std::size_t SerialQueue::depth() const {
-  const std::lock_guard lock(_state->mutex);
-  const bool isRunning = _state->owner.load(std::memory_order_relaxed) != pthread_t{};
-  return _state->entries.size() + (isRunning ? 1 : 0);
+  return _state->depth();
+}
+
+std::map<std::string, std::size_t> SerialQueue::busyQueues() {
+  std::map<std::string, std::size_t> busy;
+  State::Registry& all = State::registry();
+  const std::lock_guard lock(all.mutex);
+  for (const State* const queue : all.queues)
+    if (const std::size_t depth = queue->depth(); depth > 0) busy[queue->label] += depth;
+  return busy;
 }
 
 SerialQueue::Turn::Turn(const SerialQueue& queue) : _state(queue._state) {

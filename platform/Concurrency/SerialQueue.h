@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -48,6 +49,8 @@ class SerialQueue {
   bool isCurrent() const;
   // Blocks that wait or run, for status reports.
   std::size_t depth() const;
+  // The same of all queues of the process where there are any, by label.
+  static std::map<std::string, std::size_t> busyQueues();
 
  private:
   struct State;

@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Base/Activity.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -216,7 +217,7 @@ WorkerPool::~WorkerPool() {
 }
 
 void WorkerPool::async(std::function<void()> block) {
-  _state->submit(std::move(block));
+  _state->submit(Activity::carriedTo(std::move(block)));
 }
 
 void WorkerPool::waitUntilIdle() {

@@ -10,8 +10,10 @@
 #include <string>
 #include <utility>
 
+#include "platform/Base/Activity.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/VendBase/RecentFailures.h"
 
 namespace tallow {
 
@@ -40,37 +42,45 @@ struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::
     Shift* const previous;
     static inline thread_local Shift* current = nullptr;
   };
-  using Waiting = std::deque<std::shared_ptr<HSOperation>>;
+  struct Added {
+    std::shared_ptr<HSOperation> operation;
+    std::shared_ptr<const Activity> activity;  // of who has added it
+  };
+  using Waiting = std::deque<Added>;
 
   // Runs what waits until nothing may run any more, or another has taken this worker's place.
   void drain() {
     Shift shift(this);
-    while (const std::shared_ptr<HSOperation> operation = next(shift))
-      operation->runSyncReturningError(nullptr);
+    while (const std::optional<Added> added = next(shift)) {
+      const Activity::Scope scope(added->activity);
+      std::optional<Error> error;
+      if (!added->operation->runSyncReturningError(&error) && error)
+        RecentFailures::shared().note(*error, clientOf(*added->operation));
+    }
   }
 
-  std::shared_ptr<HSOperation> next(Shift& shift) {
+  std::optional<Added> next(Shift& shift) {
     const std::lock_guard guard(lock);
     if (shift.client) leave(*shift.client);
     const auto found = running - givenWay > maxRunning ? waiting.end() : firstThatMayRun();
     if (found == waiting.end()) {
       --running;
       idle.notify_all();
-      return nullptr;
+      return std::nullopt;
     }
-    std::shared_ptr<HSOperation> operation = std::move(*found);
+    Added added = std::move(*found);
     waiting.erase(found);
-    shift.client = clientOf(*operation);
+    shift.client = clientOf(*added.operation);
     ++runningOf[*shift.client];
-    return operation;
+    return added;
   }
 
   // What follows, with the lock held.
 
   // The first whose client has not all the places that one client may have.
   Waiting::iterator firstThatMayRun() {
-    return std::find_if(waiting.begin(), waiting.end(), [&](const auto& operation) {
-      const auto found = runningOf.find(clientOf(*operation));
+    return std::find_if(waiting.begin(), waiting.end(), [&](const Added& added) {
+      const auto found = runningOf.find(clientOf(*added.operation));
       return found == runningOf.end() || found->second < maxRunningOfOne;
     });
   }
@@ -89,6 +99,7 @@ struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::
   }
 
   void startWorker() {
+    const Activity::Scope nobody(nullptr);  // each operation brings its own
     WorkerPool::shared().async([self = shared_from_this()] { self->drain(); });
   }
 
@@ -139,7 +150,7 @@ HSOperationQueue::~HSOperationQueue() = default;
 void HSOperationQueue::addOperation(std::shared_ptr<HSOperation> operation) {
   {
     const std::lock_guard guard(_state->lock);
-    _state->waiting.push_back(std::move(operation));
+    _state->waiting.push_back({std::move(operation), Activity::current()});
     if (!_state->takeWorker()) return;
   }
   _state->startWorker();

@@ -7,12 +7,13 @@
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 
-#include <array>
 #include <cstdlib>
 #include <span>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "platform/VendBase/LogText.h"
 
 namespace tallow {
 
@@ -52,15 +53,29 @@ bool JournalLogSink::standardErrorIsJournal() {
   return format("%lu:%lu", status.st_dev, status.st_ino) == stream;
 }
 
-void JournalLogSink::write(int level, const SourceLocation& where, std::string_view file,
-                           std::string_view line) {
-  const std::array<std::string, 7> fields = {
-      format("MESSAGE=%@", line),         format("PRIORITY=%d", priorityFor(level)),
-      format("TALLOW_LEVEL=%d", level),   format("SYSLOG_IDENTIFIER=%s", VBLogManager::kIdentifier),
-      format("CODE_FILE=%@", file),       format("CODE_FUNC=%s", where.function),
-      format("CODE_LINE=%d", where.line),
+std::vector<std::string> JournalLogSink::fieldsOf(const VBLogManager::Line& line) {
+  std::vector<std::string> fields = {
+      format("MESSAGE=%@", line.text),
+      format("PRIORITY=%d", priorityFor(line.level)),
+      format("TALLOW_LEVEL=%d", line.level),
+      format("SYSLOG_IDENTIFIER=%s", VBLogManager::kIdentifier),
+      format("CODE_FILE=%@", line.file),
+      format("CODE_FUNC=%s", line.where.function),
+      format("CODE_LINE=%d", line.where.line),
   };
-  if (!send(fields)) _fallback.write(level, where, file, line);
+  if (line.activity) {
+    fields.push_back(format("TALLOW_CLIENT=%@", LogText::escaped(line.activity->client)));
+    fields.push_back(format("TALLOW_OPERATION=%@", LogText::escaped(line.activity->operation)));
+  }
+  if (line.error != nullptr) {
+    fields.push_back(format("TALLOW_ERROR_DOMAIN=%@", LogText::escaped(line.error->domain)));
+    fields.push_back(format("TALLOW_ERROR_CODE=%ld", line.error->code));
+  }
+  return fields;
+}
+
+void JournalLogSink::write(const VBLogManager::Line& line) {
+  if (!send(fieldsOf(line))) _fallback.write(line);
 }
 
 void JournalLogSink::writeEvent(std::string_view name, const Dictionary& arguments) {

@@ -14,10 +14,9 @@ namespace tallow {
 StandardErrorLogSink::StandardErrorLogSink(std::filesystem::path propertyListFolder, int descriptor)
     : _descriptor(descriptor), _files(std::move(propertyListFolder)) {}
 
-void StandardErrorLogSink::write(int level, const SourceLocation& where, std::string_view file,
-                                 std::string_view line) {
+void StandardErrorLogSink::write(const VBLogManager::Line& line) {
   writeLine(format("%@ %s[%d] %d %@:%d: %@\n", Clock::shared().now(), VBLogManager::kIdentifier,
-                   getpid(), level, file, where.line, line));
+                   getpid(), line.level, line.file, line.where.line, line.text));
 }
 
 void StandardErrorLogSink::writeEvent(std::string_view name, const Dictionary& arguments) {

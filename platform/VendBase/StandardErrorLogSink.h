@@ -16,8 +16,7 @@ class StandardErrorLogSink final : public VBLogManager::Sink {
  public:
   explicit StandardErrorLogSink(std::filesystem::path propertyListFolder, int descriptor = 2);
 
-  void write(int level, const SourceLocation& where, std::string_view file,
-             std::string_view line) override;
+  void write(const VBLogManager::Line& line) override;
   void writePropertyList(int level, std::string_view fileName, const Value& value) override;
   void writeEvent(std::string_view name, const Dictionary& arguments) override;
 

@@ -70,9 +70,10 @@ std::shared_ptr<VBLogManager::Sink> VBLogManager::_sink() const {
 }
 
 void VBLogManager::_write(int level, const SourceLocation& where, std::string_view format,
-                          std::span<const FormatArgument> arguments) {
-  const std::string line = LogText::escaped(formatText(format, arguments));
-  if (const auto sink = _sink()) sink->write(level, where, LogText::fileName(where.file), line);
+                          std::span<const FormatArgument> arguments, const Error* error) {
+  const std::string text = LogText::escaped(formatText(format, arguments));
+  if (const auto sink = _sink())
+    sink->write({level, where, LogText::fileName(where.file), text, Activity::current(), error});
 }
 
 void VBLogManager::_writePropertyList(int level, const Value& value, const std::string& fileName) {

@@ -2,11 +2,14 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
+#include "platform/Base/Activity.h"
+#include "platform/Base/Error.h"
 #include "platform/Base/Format.h"
 #include "platform/Base/SourceLocation.h"
 #include "platform/Base/Value.h"
@@ -23,20 +26,28 @@ struct LogFormat {
 };
 
 // The shared log. Levels: 1 failures and unexpected data, 2 warnings, 3 progress and detail. Lines
-// go to the journal with structured fields (CODE_FILE, CODE_FUNC, CODE_LINE, TALLOW_LEVEL), or to
-// standard error where there is no journal. A line below the threshold costs one atomic read:
+// go to the journal with structured fields (JournalLogSink), or to standard error where there is no
+// journal. A line below the threshold costs one atomic read:
 // nothing is formatted. Callable from any thread.
 //
 // Control characters and line breaks in arguments are written escaped, so that no peer can forge a
 // line.
 class VBLogManager {
  public:
+  // One line, with what is known of it beside its text.
+  struct Line {
+    int level;
+    const SourceLocation& where;
+    std::string_view file;  // of the source, as it is named in the log
+    std::string_view text;
+    std::shared_ptr<const Activity> activity = nullptr;  // whose call it was; may be null
+    const Error* error = nullptr;                        // the first that it tells; may be null
+  };
   // Where lines end up; replaceable by tests and by the service's host.
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void write(int level, const SourceLocation& where, std::string_view file,
-                       std::string_view line) = 0;
+    virtual void write(const Line& line) = 0;
     // A whole property list, for a person to read, under the name of a log file.
     virtual void writePropertyList(int level, std::string_view fileName, const Value& value) = 0;
     // Something that happened, for whoever counts such things.
@@ -62,7 +73,8 @@ class VBLogManager {
                 const Args&... arguments) {
     if (!isEnabled(level)) return;
     const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};
-    _write(level, withFormat.where, withFormat.format.text(), {packed, sizeof...(Args)});
+    _write(level, withFormat.where, withFormat.format.text(), {packed, sizeof...(Args)},
+           errorAmong(arguments...));
   }
 
   // Dumps `value` at `level` to the log file named by the format.
@@ -79,9 +91,20 @@ class VBLogManager {
   void logEvent(std::string_view name, const Dictionary& arguments);
 
  private:
+  static const Error* errorAmong() { return nullptr; }
+  template <class First, class... Rest>
+  static const Error* errorAmong(const First& first, const Rest&... rest) {
+    if constexpr (std::is_same_v<First, Error>) {
+      return &first;
+    } else if constexpr (std::is_same_v<First, std::optional<Error>>) {
+      if (first) return &*first;
+    }
+    return errorAmong(rest...);
+  }
+
   VBLogManager();
   void _write(int level, const SourceLocation& where, std::string_view format,
-              std::span<const FormatArgument> arguments);
+              std::span<const FormatArgument> arguments, const Error* error = nullptr);
   void _readThresholdFromEnvironment();
   std::shared_ptr<Sink> _sink() const;
   void _writePropertyList(int level, const Value& value, const std::string& fileName);

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Base/Activity.h"
 #include "platform/VendBase/HSAuthenticationResponse.h"
 #include "platform/VendBase/HSStoreAccount.h"
 #include "platform/XPC/AccountServiceObject.h"
@@ -85,12 +86,16 @@ template <class... Results, class Invoke>
 void AccountServiceObject::_call(sdbus::Result<Results...>&& result, Arguments arguments,
                                  Invoke invoke, std::uint32_t maxWaiting) {
   const std::size_t bytes = arguments.bytes();
+  sd_bus_message* const call = bus::currentMessage(getObject());
   _callers.deliver(
-      bus::currentMessage(getObject()), std::move(result), bytes,
-      [arguments = std::move(arguments), invoke = std::move(invoke)](
+      call, std::move(result), bytes,
+      // The name lives as long as the message, which the reply keeps.
+      [arguments = std::move(arguments), invoke = std::move(invoke),
+       operation = sd_bus_message_get_member(call)](
           Caller& caller, std::shared_ptr<PendingReply<Results...>> reply) mutable {
         if (arguments.isFine()) {
-          invoke(caller, std::move(reply));
+          const Activity::Scope scope(caller.identifier(), operation);
+          invoke(caller, reply);
         } else {
           reply->fail(CallerTable::kInvalidArgs, arguments.refusal());
         }

@@ -195,14 +195,15 @@ void AccountServiceObject::actAs(sdbus::Result<>&& result, std::string identifie
 }
 
 void AccountServiceObject::Describe(sdbus::Result<std::string>&& result) {
-  _call(std::move(result), {}, [this](Caller&, auto reply) {
+  _call(std::move(result), {}, [this](Caller& asking, auto reply) {
     // The rest of the status asks the system's objects, which may be busy.
-    WorkerPool::shared().async([status = _status, connections = _callers.describe(), reply] {
-      const auto text = JSON::decode(*status ? (*status)() : "{}");
-      const Dictionary* const told = text ? text->dictionary() : nullptr;
-      const Dictionary all = told == nullptr ? Dictionary() : *told;
-      reply->answer(JSON::encode(all.setting("connections", connections)));
-    });
+    WorkerPool::shared().async(
+        [status = _status, reply, callers = _callers.describeTo(asking.connection().uid)] {
+          const auto text = JSON::decode(*status ? (*status)() : "{}");
+          const Dictionary* const told = text ? text->dictionary() : nullptr;
+          const Dictionary all = told == nullptr ? Dictionary() : *told;
+          reply->answer(JSON::encode(all.setting("callers", callers)));
+        });
   });
 }
 

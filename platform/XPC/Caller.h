@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -52,6 +53,11 @@ class Caller {
   // Accepted only.
   const XPCConnection& connection() const { return _connection; }
   HSAccountService& service() const { return *_service; }
+  // Of its store client; empty where it has none.
+  std::string_view identifier() const {
+    const auto& client = _connection.storeClient;
+    return client && client->identifier ? std::string_view(*client->identifier) : "";
+  }
 
   void keep(KeptCall call) { _kept.push_back(std::move(call)); }
   // Each decides about the caller, and about the calls that were kept.

@@ -5,6 +5,7 @@
 
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/VendBase/ClientDescriptors.h"
+#include "platform/VendBase/RecentFailures.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -111,7 +112,8 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
     _callers.erase(found);
     caller->refuse({kLimitsExceeded, "This user has too many connections to the service."});
   } else if (!outcome.descriptor) {
-    logLevel(2, "%@: refusing %@: %@", kClassName, uniqueName, outcome.refusal);
+    RecentFailures::shared().note(
+        makeError(kAccessDenied, -1, uniqueName + " is refused: " + outcome.refusal));
     caller->refuse({kAccessDenied, std::move(outcome.refusal)});
   } else {
     logLevel(3, "%@: %@ is %@, known by %@", kClassName, uniqueName, description(outcome.process),
@@ -189,9 +191,10 @@ std::size_t CallerTable::waitingCalls() const {
   return count;
 }
 
-Array CallerTable::describe() const {
+Array CallerTable::describeTo(std::uint32_t uid) const {
   std::vector<Value> list;
   for (const auto& [name, entry] : _callers) {
+    if (uid != 0 && entry.uid != uid) continue;
     const Caller& caller = *entry.caller;
     Dictionary line{{"name", name},
                     {"uid", entry.uid},

@@ -56,8 +56,8 @@ class CallerTable {
   // takes their answers. In the handler of `call`.
   static void writeOut(sd_bus_message* call);
 
-  // What Describe() says of the callers.
-  Array describe() const;
+  // What Describe() says of the callers to a user: all to root, else the user's own.
+  Array describeTo(std::uint32_t uid) const;
   std::size_t waitingCalls() const;
   std::size_t count() const { return _callers.size(); }
   std::uint64_t calls() const { return _calls; }

@@ -43,7 +43,7 @@ class XPCListener {
   // there or the name is taken.
   virtual std::optional<Error> resume() = 0;
   // What the status interface's Describe() answers, one JSON object, to which the listener adds its
-  // "connections"; asked on a worker thread. Before resume.
+  // "callers" (other users' only for root); asked on a worker thread. Before resume.
   virtual void setStatusProvider(std::function<std::string()> provider) = 0;
   // Called once, on the listener's thread, when the bus has gone away. Before resume.
   virtual void setInvalidationHandler(std::function<void()> handler) = 0;

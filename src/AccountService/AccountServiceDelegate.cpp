@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 
+#include "platform/Base/Clock.h"
 #include "platform/Base/Secret.h"
 #include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/RunLoop.h"
@@ -80,7 +81,9 @@ int runAccountService(int argc, const char* const* argv) {
                                  : XPCListener::initWithMachServiceName("com.vantor.tallowd",
                                                                         XPCListener::Bus::Session);
   listener->setDelegate(&delegate);
-  listener->setStatusProvider([isDaemon] { return serviceStatusText(isDaemon); });
+  listener->setStatusProvider([isDaemon, startedAt = Clock::shared().monotonicSeconds()] {
+    return serviceStatusText(isDaemon, startedAt);
+  });
   // Nobody can reach a service whose bus has gone; a new bus starts a new one.
   listener->setInvalidationHandler([] { RunLoop::main().stop(0); });
   if (const auto error = listener->resume()) {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/VendBase/RecentFailures.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/HSStoreAccount+AccountService.h"
 
@@ -190,6 +191,7 @@ void AccountStore::signInWithContext(const HSAuthenticationContext& context,
       context, [self = shared_from_this(), handler = std::move(completionHandler),
                 transaction = XPCTransaction::hold()](
                    bool success, std::optional<std::uint64_t> dsID, std::optional<Error> error) {
+        if (error) RecentFailures::shared().note(*error, *self->storeClient()->identifier);
         if (!handler) return;
         // The answer comes on the thread that reads the bus, and the queue may be busy writing.
         WorkerPool::shared().async([self, handler, success, dsID, error = std::move(error)] {

@@ -4,7 +4,11 @@
 #include <set>
 #include <vector>
 
+#include "platform/Base/Clock.h"
+#include "platform/Concurrency/SerialQueue.h"
 #include "platform/PropertyList/JSON.h"
+#include "platform/VendBase/HSOperationQueue.h"
+#include "platform/VendBase/RecentFailures.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/AccountStore.h"
 #include "src/BagController.h"
@@ -17,12 +21,26 @@ namespace tallow {
 
 namespace {
 
+// More are counted by nobody who reads a status.
+constexpr std::size_t kMostAccounts = 100;
+
+// How long a token is worth something, never the token.
+const char* tokenStatus(const HSStoreAccount& account) {
+  if (!account.isAuthenticated()) return account.isSignedIn() ? "expired" : "none";
+  return account.hasValidStrongToken() ? "valid" : "expired";
+}
+
 Dictionary bagStatus(const std::string& client, const Bag& bag) {
   const std::optional<Date> validUntil = bag.validUntilDate();
-  return Dictionary{{"client", client},
-                    {"type", bag.bagType()},
-                    {"valid", bag.isValid()},
-                    {"validUntil", validUntil}};
+  const std::optional<Bag::Source> source = bag.source();
+  return Dictionary{
+      {"client", client},
+      {"type", bag.bagType()},
+      {"valid", bag.isValid()},
+      {"validUntil", validUntil},
+      {"source",
+       source && source->bootstrapURL ? Value(source->bootstrapURL->absoluteString()) : Value()},
+      {"kept", source && source->isPersistedCopy}};
 }
 
 Array bagsStatus() {
@@ -50,19 +68,45 @@ Array storefrontsStatus() {
 }
 
 // Whose accounts they are, not what they are called.
-Array accountStoresStatus() {
-  std::vector<Value> stores;
+Array accountsStatus() {
+  std::vector<Value> accounts;
   for (const auto& [key, store] : AccountStore::registry().entries()) {
-    const auto primary = store->primaryAccount();
-    stores.emplace_back(
-        Dictionary{{"client", store->storeClient()->identifier},
-                   {"clientType", store->storeClient()->clientType},
-                   {"bagType", store->storeClient()->requiredBagType},
-                   {"accounts", store->accounts().size()},
-                   {"primary", primary ? Value(primary->dsID()) : Value()},
-                   {"token", primary != nullptr && primary->hasValidStrongToken()}});
+    for (const auto& account : store->accounts()) {
+      accounts.emplace_back(Dictionary{{"client", store->storeClient()->identifier},
+                                       {"clientType", store->storeClient()->clientType},
+                                       {"bagType", store->storeClient()->requiredBagType},
+                                       {"dsid", account->dsID()},
+                                       {"kind", account->kind()},
+                                       {"primary", store->isPrimaryAccount(*account)},
+                                       {"token", tokenStatus(*account)}});
+      if (accounts.size() == kMostAccounts) return Array(std::move(accounts));
+    }
   }
-  return Array(std::move(stores));
+  return Array(std::move(accounts));
+}
+
+Array queuesStatus() {
+  std::vector<Value> queues;
+  for (const auto& [label, depth] : SerialQueue::busyQueues())
+    queues.emplace_back(Dictionary{{"queue", label}, {"blocks", depth}});
+  if (const std::size_t count = HSOperationQueue::mainQueue().operationCount(); count > 0)
+    queues.emplace_back(Dictionary{{"queue", "store requests"}, {"blocks", count}});
+  return Array(std::move(queues));
+}
+
+Array failuresStatus() {
+  std::vector<Value> failures;
+  for (const auto& failure : RecentFailures::shared().list())
+    failures.emplace_back(Dictionary{{"date", failure.date},
+                                     {"kind", nameOf(failureKindOf(failure.error))},
+                                     {"times", failure.times},
+                                     {"client", failure.client},
+                                     {"operation", failure.operation},
+                                     {"domain", failure.error.domain},
+                                     {"code", failure.error.code},
+                                     {"text", failure.error.localizedDescription()},
+                                     {"advice", adviceFor(failureKindOf(failure.error))}});
+  return Array(std::move(failures));
 }
 
 // The machine itself, whoever is signed in, and whatever else is provisioned.
@@ -87,16 +131,21 @@ Array identitiesStatus(const OrvController::Status& status) {
 
 }  // namespace
 
-std::string serviceStatusText(bool isDaemon) {
+std::string serviceStatusText(bool isDaemon, double startedAt) {
+  const double uptime = Clock::shared().monotonicSeconds() - startedAt;
   const OrvController::Status identity = OrvController::sharedController().status();
   return JSON::encode(Dictionary{{"version", TALLOW_VERSION},
                                  {"instance", isDaemon ? "daemon" : "agent"},
+                                 {"started", Clock::shared().now().addingSeconds(-uptime)},
+                                 {"uptimeSeconds", static_cast<std::int64_t>(uptime)},
                                  {"transactions", XPCTransaction::count()},
-                                 {"accounts", accountStoresStatus()},
+                                 {"accounts", accountsStatus()},
                                  {"bags", bagsStatus()},
+                                 {"failures", failuresStatus()},
                                  {"identities", identitiesStatus(identity)},
                                  {"identityLibrary", identity.library},
                                  {"jars", jarsStatus()},
+                                 {"queues", queuesStatus()},
                                  {"storefronts", storefrontsStatus()}});
 }
 

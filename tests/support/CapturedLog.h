@@ -97,10 +97,9 @@ class CapturedLog {
 
  private:
   struct Sink final : VBLogManager::Sink {
-    void write(int level, const SourceLocation&, std::string_view file,
-               std::string_view line) override {
+    void write(const VBLogManager::Line& line) override {
       const std::lock_guard lock(mutex);
-      lines.push_back({level, std::string(file), std::string(line)});
+      lines.push_back({line.level, std::string(line.file), std::string(line.text)});
       logged.notify_all();
     }
     void writePropertyList(int, std::string_view fileName, const Value& value) override {

@@ -7,6 +7,7 @@
 #include "client/AccountServiceClient.h"
 #include "platform/Base/UTF8.h"
 #include "platform/PropertyList/JSON.h"
+#include "platform/VendBase/RecentFailures.h"
 
 namespace tallow::ctl {
 
@@ -69,7 +70,10 @@ void printRows(const std::vector<std::vector<std::string>>& rows) {
 }
 
 const char* adviceFor(const Error& error) {
-  if (error.domain != AccountServiceClient::kErrorDomain) return "";
+  if (error.domain != AccountServiceClient::kErrorDomain) {
+    const FailureKind kind = failureKindOf(error);
+    return kind == FailureKind::Other ? "" : tallow::adviceFor(kind);
+  }
   switch (error.code) {
     case AccountServiceClient::kUnreachable:
       return "Is a message bus running, and is tallowd installed for it? See tallowd(8).";

@@ -4,11 +4,37 @@
 #include <cstdio>
 
 #include "platform/PropertyList/JSON.h"
+#include "platform/VendBase/RecentFailures.h"
 #include "tools/tallowctl/Application.h"
 
 namespace tallow::ctl {
 
 namespace {
+
+// The status has the advice with each failure; people are told once.
+Array withoutAdvice(const Array& failures) {
+  std::vector<Value> rows;
+  for (const Value& failure : failures)
+    if (const Dictionary* const row = failure.dictionary())
+      rows.emplace_back(row->removing("advice"));
+  return Array(std::move(rows));
+}
+
+// What to do about what the status tells, by the name of the trouble.
+Dictionary adviceIn(const Dictionary& status) {
+  Dictionary advice;
+  if (const Array* const failures = status["failures"].array())
+    for (const Value& failure : *failures)
+      if (const Dictionary* const row = failure.dictionary())
+        if (const std::string* const kind = (*row)["kind"].string())
+          advice = advice.setting(*kind, (*row)["advice"]);
+  if (const Array* const accounts = status["accounts"].array())
+    for (const Value& account : *accounts)
+      if (const Dictionary* const row = account.dictionary();
+          row != nullptr && (*row)["primary"] == true && (*row)["token"] == "expired")
+        advice = advice.setting(nameOf(FailureKind::Expired), adviceFor(FailureKind::Expired));
+  return advice;
+}
 
 int showStatus(const Output& output, const std::string& text) {
   const Result<Value> status = JSON::decode(text);
@@ -26,7 +52,13 @@ int showStatus(const Output& output, const std::string& text) {
     if (entry.value.array() == nullptr || entry.value.array()->empty()) continue;
     output.line("");
     output.line(entry.key + ":");
-    output.table(*entry.value.array());
+    output.table(entry.key == "failures" ? withoutAdvice(*entry.value.array())
+                                         : *entry.value.array());
+  }
+  if (const Dictionary advice = adviceIn(*status->dictionary()); !advice.empty()) {
+    output.line("");
+    output.line("what to do:");
+    output.table(advice);
   }
   return kDone;
 }

@@ -103,7 +103,8 @@ TEST(StandardErrorLogSinkTest, WritesOneWholeLine) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   StandardErrorLogSink sink("/nowhere", ends[1]);
-  sink.write(1, {"/src/Bag.cpp", "load", 120}, "Bag", "Bag: no \"bag\"");
+  const SourceLocation place{"/src/Bag.cpp", "load", 120};
+  sink.write({1, place, "Bag", "Bag: no \"bag\""});
   sink.writeEvent("com.example.event", {{"result", "fail\n"}, {"error_code", -1}});
   char buffer[512];
   const ssize_t length = read(ends[0], buffer, sizeof buffer);

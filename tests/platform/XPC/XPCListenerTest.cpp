@@ -192,7 +192,7 @@ TEST_F(ListenerTest, ForgetsACallerWhenItLeavesTheBus) {
   observer->urlBagDidUpdateWithSuccess(true, std::nullopt);  // goes nowhere
   TestCaller other;
   const auto [status] = other.callOn<std::string>("com.vantor.tallowd.Status", "Describe");
-  const auto connections = *(*JSON::decode(status)->dictionary())["connections"].array();
+  const auto connections = *(*JSON::decode(status)->dictionary())["callers"].array();
   ASSERT_EQ(connections.count(), 1u);
   EXPECT_EQ((*connections[0].dictionary())["identifier"], "com.example.self");
   EXPECT_EQ((*connections[0].dictionary())["pid"], getpid());

@@ -1,0 +1,140 @@
+#include "platform/VendBase/RecentFailures.h"
+
+#include <algorithm>
+
+#include "platform/Base/Activity.h"
+#include "platform/Base/Clock.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/HTTP/HTTPTransport.h"
+#include "platform/VendBase/HSError.h"
+#include "platform/VendBase/VBLogManager.h"
+
+namespace tallow {
+
+namespace {
+
+constexpr const char* kClassName = "RecentFailures";
+
+// How the cryptographic library says that a certificate's dates do not fit the clock's; nothing but
+// its text travels in an error.
+bool isAboutDates(const Error& error) {
+  const std::string text = error.localizedDescription();
+  return text.find("certificate has expired") != std::string::npos ||
+         text.find("certificate is not yet valid") != std::string::npos;
+}
+
+FailureKind kindOfStatus(std::int64_t status) {
+  switch (status) {
+    case 401:
+    case 403:
+    case 407:
+    case 423:
+    case 429:
+      return FailureKind::LockedOut;
+    case 408:
+    case 502:
+    case 503:
+    case 504:
+      return FailureKind::Offline;
+    default:
+      return FailureKind::Other;
+  }
+}
+
+FailureKind kindOfTransport(const Error& error) {
+  switch (error.code) {
+    case HTTPTransport::kCannotConnect:
+    case HTTPTransport::kTimedOut:
+    case HTTPTransport::kConnectionLost:
+      return FailureKind::Offline;
+    case HTTPTransport::kTLS:
+      return isAboutDates(error) ? FailureKind::Expired : FailureKind::Refused;
+    default:
+      return FailureKind::Other;
+  }
+}
+
+FailureKind kindOfStoreError(const Error& error) {
+  switch (error.code) {
+    case kHSErrorServiceUnavailable:
+      return FailureKind::Offline;
+    case kHSErrorHTTPStatus:
+      return kindOfStatus(error.userInfo[kHSErrorStatusKey].intValue().value_or(0));
+    case kHSErrorNotSignedIn:
+      return FailureKind::Expired;
+    case kHSErrorBagNotSigned:
+      return isAboutDates(error) ? FailureKind::Expired : FailureKind::Refused;
+    case kHSErrorNotTrusted:
+    case kHSErrorInsecureRedirect:
+    case kHSErrorSignInRefused:
+      return FailureKind::Refused;
+    default:
+      return FailureKind::Other;
+  }
+}
+
+}  // namespace
+
+FailureKind failureKindOf(const Error& error) {
+  if (error.domain == "HTTP") return kindOfTransport(error);
+  if (error.domain == kHSErrorDomain) return kindOfStoreError(error);
+  if (error.domain == "org.freedesktop.DBus.Error.AccessDenied") return FailureKind::LockedOut;
+  return FailureKind::Other;
+}
+
+const char* nameOf(FailureKind kind) {
+  constexpr const char* kNames[] = {"offline", "locked out", "expired", "refused", "failed"};
+  return kNames[static_cast<int>(kind)];
+}
+
+const char* adviceFor(FailureKind kind) {
+  switch (kind) {
+    case FailureKind::Offline:
+      return "The store, or a service beside this one, cannot be reached: look at the network and "
+             "the proxy. A kept bag serves until its date; nothing is lost.";
+    case FailureKind::LockedOut:
+      return "Somebody is not let in. A program: describe it, tallowd-clients.d(5). An account or "
+             "this machine: the store has to unlock it; trying again soon makes it worse.";
+    case FailureKind::Expired:
+      return "Somebody has to sign in again (tallowctl sign-in); where a certificate is meant, "
+             "look "
+             "at the machine's clock and renew the anchor or the store's certificate.";
+    case FailureKind::Refused:
+      return "What came is not to be trusted: install the store's anchor or authority, or look at "
+             "who answers in its place. For a sign-in: name or password is wrong.";
+    case FailureKind::Other:
+      break;
+  }
+  return "The log says more: journalctl TALLOW_LEVEL=1.";
+}
+
+RecentFailures& RecentFailures::shared() {
+  return SharedInstance<RecentFailures>::get([] { return std::make_unique<RecentFailures>(); });
+}
+
+void RecentFailures::note(const Error& error, const std::string& client) {
+  if (error.domain == kHSErrorDomain && error.code == kHSErrorCancelled) return;
+  const auto activity = Activity::current();
+  Failure failure{Clock::shared().now(), 1, activity ? activity->client : client,
+                  activity ? activity->operation : "", error};
+  logLevel(2, "%@: %s: %@ %@ %@", kClassName, nameOf(failureKindOf(error)), error, failure.client,
+           failure.operation);
+  const std::lock_guard guard(_lock);
+  const auto same = std::find_if(_failures.begin(), _failures.end(), [&](const Failure& other) {
+    return other.client == failure.client && other.operation == failure.operation &&
+           other.error.domain == error.domain && other.error.code == error.code;
+  });
+  if (same != _failures.end()) {
+    failure.times = same->times + 1;
+    _failures.erase(same);
+  }
+  _failures.push_front(std::move(failure));
+  if (_failures.size() > kMost) _failures.pop_back();
+}
+
+std::vector<RecentFailures::Failure> RecentFailures::list() const {
+  const std::lock_guard guard(_lock);
+  return {_failures.begin(), _failures.end()};
+}
+
+}  // namespace tallow
