@@ -41,6 +41,12 @@ install(FILES ${_packaging}/tallowd.sysusers DESTINATION lib/sysusers.d RENAME t
 file(GLOB _interfaces CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/interfaces/*.xml)
 install(FILES ${_interfaces} DESTINATION ${_dbus}/interfaces COMPONENT client-dev)
 
+# For authors of store clients, who test without a service.
+install(FILES ${CMAKE_SOURCE_DIR}/client/dbusmock/tallowd.py
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/tallowd/dbusmock COMPONENT client-dev)
+file(GLOB _figures CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/figures/*.svg)
+install(FILES ${_figures} DESTINATION ${CMAKE_INSTALL_DOCDIR}/figures)
+
 foreach(page tallowd.8 tallowd-clients.d.5 tallowctl.1 tallow-devstore.1)
   set(_component service)
   if(page STREQUAL "tallowctl.1")
@@ -52,6 +58,14 @@ foreach(page tallowd.8 tallowd-clients.d.5 tallowctl.1 tallow-devstore.1)
   install(FILES ${_packaging}/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${_section}
     COMPONENT ${_component})
 endforeach()
+
+set(_completions ${CMAKE_BINARY_DIR}/completions)
+install(FILES ${_completions}/tallowctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+install(FILES ${_completions}/_tallowctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tool)
+install(FILES ${_completions}/tallowctl.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
 
 file(GLOB _documents CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/*.md)
 install(FILES ${_documents} ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/CHANGELOG.md

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <string_view>
 #include <system_error>
 
@@ -29,29 +30,54 @@ using DirectoryPointer = std::unique_ptr<DIR, int (*)(DIR*)>;
 using BIOPointer = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using X509Pointer = std::unique_ptr<X509, decltype(&X509_free)>;
 
-// Adds every certificate of a PEM text to `store`. False, and none, when something in it does not
-// decode.
-bool addCertificates(const Data& pem, X509_STORE& store, std::size_t& count) {
+// The certificates of a PEM text; none when something in it does not decode.
+std::vector<X509Pointer> certificatesIn(const Data& pem) {
   const BIOPointer bio(BIO_new_mem_buf(pem.bytes(), static_cast<int>(pem.length())), &BIO_free);
-  if (!bio) return false;
+  if (!bio) return {};
   std::vector<X509Pointer> found;
   for (bool hasEnded = false; !hasEnded;) {
     X509* certificate =
         X509_new_ex(static_cast<OSSL_LIB_CTX*>(certificateCryptoContext()), nullptr);
-    if (certificate == nullptr) return false;
+    if (certificate == nullptr) return {};
     // The reader leaves the empty certificate alone when the text has ended, and frees and clears
     // it when the text is damaged.
     const bool read = PEM_read_bio_X509(bio.get(), &certificate, nullptr, nullptr) != nullptr;
     X509Pointer owned(certificate, &X509_free);
-    if (!read && ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) return false;
+    if (!read && ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) return {};
     hasEnded = !read;
     if (read) found.push_back(std::move(owned));
   }
+  return found;
+}
+
+// Adds every certificate of a PEM text to `store`. False when something in it does not decode.
+bool addCertificates(const Data& pem, X509_STORE& store, std::size_t& count) {
+  const std::vector<X509Pointer> found = certificatesIn(pem);
   for (const X509Pointer& each : found) {
     if (X509_STORE_add_cert(&store, each.get()) != 1) return false;
     ++count;
   }
   return !found.empty();
+}
+
+// An administrator may well link to a certificate that is kept elsewhere.
+Result<Data> contentsOf(const std::filesystem::path& file) {
+  std::error_code failure;
+  const std::filesystem::path target = std::filesystem::canonical(file, failure);
+  return readFile(failure ? file : target, kMaxFileBytes);
+}
+
+Date dateOf(const ASN1_TIME* time) {
+  std::tm parts = {};
+  ASN1_TIME_to_tm(time, &parts);
+  return Date{static_cast<double>(timegm(&parts))};
+}
+
+AnchorStore::Certificate described(const std::filesystem::path& file, const X509& certificate) {
+  char subject[512];
+  X509_NAME_oneline(X509_get_subject_name(&certificate), subject, sizeof(subject));
+  return {file, subject, dateOf(X509_get0_notBefore(&certificate)),
+          dateOf(X509_get0_notAfter(&certificate)), ""};
 }
 
 }  // namespace
@@ -101,10 +127,7 @@ AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
     logLevel(1, "%@: Reading only %lu of %lu trust anchor files", kClassName, kMaxFiles,
              files.size());
   for (std::size_t i = 0; i < std::min(files.size(), kMaxFiles); ++i) {
-    // An administrator may well link to a certificate that is kept elsewhere.
-    std::error_code failure;
-    const std::filesystem::path target = std::filesystem::canonical(files[i].path, failure);
-    const Result<Data> pem = readFile(failure ? files[i].path : target, kMaxFileBytes);
+    const Result<Data> pem = contentsOf(files[i].path);
     if (!pem) {
       logLevel(1, "%@: Cannot read trust anchors from %@ - %@", kClassName, files[i].path.string(),
                pem.error());
@@ -115,6 +138,25 @@ AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
   }
   ERR_pop_to_mark();
   return anchors;
+}
+
+std::vector<AnchorStore::Certificate> AnchorStore::installed() {
+  std::vector<Certificate> result;
+  ERR_set_mark();
+  for (const FileState& file : scan()) {
+    const Result<Data> pem = contentsOf(file.path);
+    const auto found = pem ? certificatesIn(*pem) : std::vector<X509Pointer>();
+    for (const X509Pointer& each : found) result.push_back(described(file.path, *each));
+    if (found.empty())
+      result.push_back(
+          {file.path,
+           "",
+           {},
+           {},
+           pem ? "damaged, or no certificate in it" : pem.error().localizedDescription()});
+  }
+  ERR_pop_to_mark();
+  return result;
 }
 
 }  // namespace tallow

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Base/Date.h"
+
 namespace tallow {
 
 // The trust anchors of signed documents: every certificate in the files anchors/*.pem of the
@@ -31,6 +33,17 @@ class AnchorStore {
   };
   // The anchors as they are now. Stays usable when the files change later.
   Anchors current();
+
+  // One certificate of an anchor file as a person would ask about it; for a file that holds none
+  // that can be read, `problem` says why.
+  struct Certificate {
+    std::filesystem::path file;
+    std::string subject;
+    Date notBefore, notAfter;
+    std::string problem;
+  };
+  // All of the files as they are now, for reports.
+  static std::vector<Certificate> installed();
 
  private:
   // What tells one state of the anchor files from another.

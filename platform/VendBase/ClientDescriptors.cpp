@@ -51,7 +51,7 @@ void addFilesOf(const std::filesystem::path& folder, Files& files) {
   }
 }
 
-Files installedFiles() {
+Files filesThatCount() {
   const Directories& directories = Directories::shared();
   Files files;
   // The directories are listed with the most important one first.
@@ -101,7 +101,7 @@ class InstalledClientDescriptors final : public ClientDescriptors {
   using List = std::vector<std::shared_ptr<const ClientDescriptor>>;
 
   std::shared_ptr<const List> current() {
-    Files files = installedFiles();
+    Files files = filesThatCount();
     const std::lock_guard lock(_mutex);
     if (!_list || files != _files) {
       _list = read(files);
@@ -158,6 +158,12 @@ class InstalledClientDescriptors final : public ClientDescriptors {
 
 ClientDescriptors& ClientDescriptors::shared() {
   return SharedInstance<ClientDescriptors>::get(&ClientDescriptors::make);
+}
+
+std::vector<std::filesystem::path> ClientDescriptors::installedFiles() {
+  std::vector<std::filesystem::path> paths;
+  for (const auto& [name, state] : filesThatCount()) paths.push_back(state.path);
+  return paths;
 }
 
 std::unique_ptr<ClientDescriptors> ClientDescriptors::make() {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "platform/VendBase/ClientDescriptor.h"
 
@@ -21,6 +23,8 @@ class ClientDescriptors {
   // Another registry over the same kind of directories (Directories::shared() at the time of each
   // reading).
   static std::unique_ptr<ClientDescriptors> make();
+  // The files that count, for reports: none that another replaces, but those that mask one.
+  static std::vector<std::filesystem::path> installedFiles();
 
   // The first that recognises the process, or null. More than one is logged.
   virtual std::shared_ptr<const ClientDescriptor> descriptorForProcess(

@@ -126,6 +126,13 @@ ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd) {
   return process;
 }
 
+std::string ProcessIdentity::doubtAboutExecutable(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return "there is no such program";
+  if (!S_ISREG(status.st_mode) || access(path.c_str(), X_OK) != 0) return "it is no program";
+  return doubtAbout(path, status, /*isDeleted=*/false);
+}
+
 std::string description(const ProcessIdentity& process) {
   const std::string& what = process.executable.empty() ? process.doubt : process.executable;
   return "pid " + std::to_string(process.pid) + " (" + what + ")";

@@ -25,6 +25,8 @@ struct ProcessIdentity {
   // Asks the kernel about `pid`. `pidfd` refers to the process when the bus daemon has passed one,
   // else it is negative. May be slow (network file systems); any thread.
   static ProcessIdentity inspect(std::int64_t pid, int pidfd);
+  // Why a process that runs the program at the path would not be known by it; empty when it would.
+  static std::string doubtAboutExecutable(const std::string& path);
 };
 
 // "pid 4711 (/usr/bin/x)", for logs and refusals.

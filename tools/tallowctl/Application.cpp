@@ -26,6 +26,8 @@ Application::Application() : _root("Talks to tallowd, the store's account servic
   addDefaultsCommands(*this);
   addIdentityCommands(*this);
   addPasswordSettingsCommands(*this);
+  addDoctorCommands(*this);
+  addCompletionCommands(*this);
   // Global options are understood wherever they stand on the line.
   _root.fallthrough();
 }

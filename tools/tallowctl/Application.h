@@ -65,5 +65,7 @@ void addStatusCommands(Application& application);
 void addDefaultsCommands(Application& application);
 void addIdentityCommands(Application& application);
 void addPasswordSettingsCommands(Application& application);
+void addDoctorCommands(Application& application);
+void addCompletionCommands(Application& application);
 
 }  // namespace tallow::ctl
