@@ -21,7 +21,6 @@ namespace tallow {
 namespace {
 
 constexpr std::uint64_t kAccounts = 10;
-constexpr std::uint64_t kManyAccounts = 1000;
 
 std::shared_ptr<HSStoreAccount> account(std::uint64_t dsID) {
   auto made = std::make_shared<HSStoreAccount>();
@@ -73,29 +72,51 @@ class World {
   std::shared_ptr<AccountStore> store;
 };
 
+// Each takes how many accounts there are.
 void lookup(benchmark::State& state) {
-  const World world(kManyAccounts);
+  const auto accounts = static_cast<std::uint64_t>(state.range(0));
+  const World world(accounts);
   std::uint64_t dsID = 0;
   for (auto _ : state) {
-    dsID = dsID % kManyAccounts + 1;
+    dsID = dsID % accounts + 1;
     benchmark::DoNotOptimize(world.store->accountWithDSID(dsID));
   }
 }
-BENCHMARK(lookup)->Name("account_lookup_1000_ns")->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(lookup)
+    ->Name("account_lookup_1000_ns")
+    ->Arg(1000)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(lookup)
+    ->Name("growth_account_lookup_ns")
+    ->RangeMultiplier(10)
+    ->Range(1, 1000)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 void write(benchmark::State& state) {
-  const World world(kAccounts);
+  const auto accounts = static_cast<std::uint64_t>(state.range(0));
+  const World world(accounts);
   const ScopedShared<Preferences> scope(*world.preferences);
   std::uint64_t dsID = 0;
   for (auto _ : state) {
-    dsID = dsID % kAccounts + 1;
+    dsID = dsID % accounts + 1;
     world.store->addAccount(account(dsID));
   }
 }
 BENCHMARK(write)
     ->Name("account_write_us")
+    ->Arg(kAccounts)
     ->UseRealTime()
     ->Repetitions(5)
+    ->ReportAggregatesOnly(true)
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(write)
+    ->Name("growth_account_write_us")
+    ->RangeMultiplier(10)
+    ->Range(1, 1000)
+    ->UseRealTime()
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true)
     ->Unit(benchmark::kMicrosecond);
 

@@ -28,7 +28,7 @@
 namespace tallow {
 namespace {
 
-constexpr std::size_t kLargeBagBytes = std::size_t{1} << 20;
+constexpr std::int64_t kLargeBagBytes = std::int64_t{1} << 20;
 
 // Folders, preferences and a network of its own, and the anchor that signed bags hang from.
 class World {
@@ -101,14 +101,14 @@ void trusted(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(bag->urlIsTrusted(url));
 }
 
-// A signed response of about a megabyte, made once.
+// A signed response of about so many bytes, made once.
 struct LargeBag {
-  LargeBag() {
-    int count = 1000;
+  explicit LargeBag(std::size_t size) {
+    int count = 4;
     do {
       bytes = PropertyList::encode(bagOfKeys(count), PropertyList::Format::XML);
       count += count / 4;
-    } while (bytes.length() < kLargeBagBytes);
+    } while (bytes.length() < size);
     signature = world.chain.leaf.key().sign(bytes);
     response = {{"certs", world.chain.certificates()}, {"signature", signature}, {"bag", bytes}};
   }
@@ -118,7 +118,7 @@ struct LargeBag {
 };
 
 void accept(benchmark::State& state) {
-  LargeBag large;
+  LargeBag large(static_cast<std::size_t>(state.range(0)));
   const auto bag = large.world.bag(bagOfKeys(1));
   // The date stays the same, so that nothing is written: the bare work writes nothing either.
   const std::optional<Date> date = bag->validUntilDate();
@@ -130,7 +130,7 @@ void accept(benchmark::State& state) {
 }
 
 void bare(benchmark::State& state) {
-  const LargeBag large;
+  const LargeBag large(static_cast<std::size_t>(state.range(0)));
   const Data& der = large.world.chain.leaf.der();
   const unsigned char* start = der.bytes();
   const std::unique_ptr<X509, decltype(&X509_free)> leaf(
@@ -153,8 +153,23 @@ void bare(benchmark::State& state) {
 
 BENCHMARK(value)->Name("bag_value_ns")->Repetitions(9)->ReportAggregatesOnly(true);
 BENCHMARK(trusted)->Name("bag_trusted_100_ns")->Repetitions(9)->ReportAggregatesOnly(true);
-BENCHMARK(accept)->Name("bag_accept_1mb")->Repetitions(9)->ReportAggregatesOnly(true);
-BENCHMARK(bare)->Name("bag_bare_1mb")->Repetitions(9)->ReportAggregatesOnly(true);
+BENCHMARK(accept)
+    ->Name("bag_accept_1mb")
+    ->Arg(kLargeBagBytes)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(bare)
+    ->Name("bag_bare_1mb")
+    ->Arg(kLargeBagBytes)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(accept)
+    ->Name("growth_bag_accept_us")
+    ->RangeMultiplier(8)
+    ->Range(1 << 10, 4 << 20)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 
 }  // namespace
 }  // namespace tallow

@@ -193,6 +193,12 @@ void registerAll() {
   addStore("cookie_store_replaced_100000_us", kLarge, true, "https");
   addStore("cookie_store_http_100000_us", kLarge, true, "http");
   addStore("cookie_store_synchronized_3000_us", kSmall, true, "https", Durable::FromPowerCut);
+  // How lookup and store grow with the jar.
+  for (const int cookies : {10, 100, 1'000, 10'000, 100'000}) {
+    const std::string size = "/" + std::to_string(cookies);
+    addLookup(("growth_cookie_lookup_ns" + size).c_str(), lookupIn(cookies, kInTurn));
+    addStore(("growth_cookie_store_us" + size).c_str(), cookies, true, "https");
+  }
   addStore("cookie_store_synchronized_100000_us", kLarge, true, "https", Durable::FromPowerCut);
 }
 

@@ -89,6 +89,21 @@ void measureColdStart(Bus& bus) {
   print("cold_start_over_minimal", median(ratios), "ratio");
 }
 
+// From the wish to have the service until its name has an owner.
+void measureNameClaimed(Bus& bus) {
+  constexpr int kRounds = 21;
+  std::vector<double> milliseconds;
+  for (int round = 0; round < kRounds; ++round) {
+    bus.killOwnerOf(kService);
+    milliseconds.push_back(timed([&] {
+                             bus.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus",
+                                      "StartServiceByName", "su", kService, 0);
+                           }) /
+                           1e3);
+  }
+  print("name_claimed_ms", median(milliseconds), "ms");
+}
+
 double kilobytesOf(pid_t pid, const std::string& field) {
   std::ifstream rollup("/proc/" + std::to_string(pid) + "/smaps_rollup");
   for (std::string line; std::getline(rollup, line);)
@@ -105,11 +120,46 @@ void measureMemory(Bus& bus) {
   print("idle_rss_kb", kilobytesOf(pid, "Rss"), "kB");
 }
 
+// How much resident memory grows by, told for a million calls of the questions that a store client
+// asks most, from fewer. Both ends are taken when idle threads have gone and freed memory is back.
+void measureMemoryGrowth(Bus& bus) {
+  constexpr int kCalls = 400'000;
+  constexpr int kWarmUp = 120'000;
+  const auto ask = [&](int calls) {
+    for (int i = 0; i < calls; i += 4) {
+      bus.headers(kCookieURL);
+      bus.call(kService, kPath, kInterface, "valueForURLBagKey", "s", "buyProduct");
+      bus.call(kService, kPath, kInterface, "urlIsTrustedByURLBag", "s", kCookieURL);
+      bus.call(kService, kPath, kInterface, "primaryAccount", "");
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(6));
+    return kilobytesOf(bus.ownerOf(kService), "Rss");
+  };
+  const double before = ask(kWarmUp);
+  print("rss_growth_per_million_calls_kb", (ask(kCalls) - before) * 1e6 / kCalls, "kB");
+}
+
+// How header answers grow with the number of callers at once.
+void measureGrowth(Bus& bus) {
+  bus.headers(kCookieURL);
+  for (const int count : {1, 4, 16, 64, 256}) {
+    std::vector<std::unique_ptr<Bus>> clients;
+    // The first one of the 256 callers that a user may have is this program itself.
+    for (int i = 0; i < std::min(count, 255); ++i) {
+      clients.push_back(std::make_unique<Bus>());
+      clients.back()->headers(kCookieURL);
+    }
+    const double perSecond =
+        callsPerSecond(clients, 25'600 / count, [](Bus& each) { each.headers(kCookieURL); });
+    print(("growth_headers_per_second/" + std::to_string(count)).c_str(), perSecond, "calls");
+  }
+}
+
 }  // namespace
 
 }  // namespace tallow::bench
 
-// All figures, or those of the groups that are named.
+// All figures but how they grow, or those of the groups that are named.
 int main(int argc, char** argv) {
   using namespace tallow::bench;
   const std::pair<const char*, void (*)(Bus&)> groups[] = {
@@ -120,10 +170,14 @@ int main(int argc, char** argv) {
       {"clients", [](Bus&) { measureManyClients(); }},
       {"password-settings", measurePasswordSettings},
       {"cold-start", measureColdStart},
-      {"memory", measureMemory}};
+      {"name", measureNameClaimed},
+      {"memory", measureMemory},
+      {"memory-growth", measureMemoryGrowth},
+      {"growth", measureGrowth}};
   Bus bus;
   fillJar(bus);
   const std::set<std::string_view> wanted(argv + 1, argv + argc);
   for (const auto& [name, measure] : groups)
-    if (wanted.empty() || wanted.contains(name)) measure(bus);
+    if (wanted.contains(name) || (wanted.empty() && std::string_view(name) != "growth"))
+      measure(bus);
 }
