@@ -56,7 +56,6 @@ TEST(HostileXMLListTest, WhatTakesTheLibraryTheSquareOfTheTextIsRefused) {
       isAccepted("<dict>" + filled + repeated("<key>11999</key><true/>", 12'000) + "</dict>"));
   EXPECT_FALSE(
       isAccepted("<dict>" + filled + repeated("<key>&#49;1999</key><true/>", 12'000) + "</dict>"));
-  EXPECT_FALSE(isAccepted("<array>" + repeated("<true/>", 2'200'000) + "</array>"));
 }
 
 TEST(HostileXMLListTest, OnlyOneWholeListIsAList) {
