@@ -1,5 +1,6 @@
 // Input: an address and, after a line end, a reference to resolve against it. Whatever parses has
-// the host that the HTTP library connects to, and stays the same address however it is passed on.
+// the host that the HTTP library connects to, and stays the same address however it is passed on. A
+// host that is trusted is the one that is fetched from.
 
 #include <algorithm>
 #include <string>
@@ -9,10 +10,13 @@
 #include "fuzz/FuzzTarget.h"
 #include "fuzz/Require.h"
 #include "platform/Base/URL.h"
+#include "src/BagPolicy.h"
 
 using tallow::URL;
 
 namespace {
+
+const tallow::Dictionary kBag{{"trustedDomains", tallow::Array{".store.example"}}};
 
 void check(const URL& url) {
   const auto again = URL::parse(url.absoluteString());
@@ -24,8 +28,9 @@ void check(const URL& url) {
   REQUIRE(std::none_of(canonical.begin(), canonical.end(), [](char c) {
     return static_cast<unsigned char>(c) <= 0x20 || (c >= 'A' && c <= 'Z') || c < 0 || c == '@';
   }));
-  // With a fragment it is the library that reads the address, which must find the same parts.
-  if (url.absoluteString().find('#') == std::string::npos) {
+  // With a fragment it is the library that reads a web address, which must find the same parts.
+  const bool isWeb = url.scheme() == "http" || url.scheme() == "https";
+  if (isWeb && url.absoluteString().find('#') == std::string::npos) {
     const auto asTheLibraryReadsIt = URL::parse(url.absoluteString() + "#");
     REQUIRE(asTheLibraryReadsIt && asTheLibraryReadsIt->host() == url.host() &&
             asTheLibraryReadsIt->port() == url.port() &&
@@ -35,13 +40,16 @@ void check(const URL& url) {
   }
   const URL longer = url.urlByAddingStringToQueryString("a=b c#d");
   REQUIRE(longer.host() == url.host() && longer.port() == url.port());
-  REQUIRE(longer.query().value_or("").ends_with("a=b%20c%23d"));
-  if (url.scheme() != "http" && url.scheme() != "https") return;
+  REQUIRE(url.host().empty() || longer.query().value_or("").ends_with("a=b%20c%23d"));
+  if (!isWeb) return;
   const bool isIPv6 = url.host().find(':') != std::string::npos;
   const std::string host = isIPv6 ? "[" + url.host() + "]" : url.host();
   const auto authority = tallow::authorityCurlConnectsTo(url.absoluteString());
   // In the "C" locale the library refuses international hosts altogether.
   REQUIRE(!authority || *authority == host + ":" + std::to_string(url.port()));
+  if (!authority || !tallow::BagPolicy::urlIsTrusted(kBag, url)) return;
+  const std::string_view fetched = std::string_view(*authority).substr(0, authority->rfind(':'));
+  REQUIRE(fetched.ends_with(".store.example"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "platform/VendBase/ClientDescriptor.h"
 
 #define TOML_EXCEPTIONS 0
+#define TOML_ASSERT static_cast<void>  // as in TOML.cpp
 #include <toml++/toml.h>
 
 #include <algorithm>
