@@ -67,7 +67,7 @@ std::shared_ptr<Remote> Caller::_observerAt(const std::string& path,
   ++_observerCount;
   Observed<Remote>& observer = observers[path];
   ++observer.timesAdded;
-  if (!observer.proxy) observer.proxy = std::make_shared<Remote>(_bus, _uniqueName, path);
+  if (!observer.proxy) observer.proxy = std::make_shared<Remote>(_bus, _uniqueName, path, _counts);
   return observer.proxy;
 }
 

@@ -60,15 +60,22 @@ Caller* CallerTable::_addCaller(const std::string& sender) {
   return caller.get();
 }
 
+void CallerTable::_makeSureThatAllRead() {
+  for (const auto& [name, entry] : _callers)
+    if (!entry.caller->isUndecided()) _makeSureThatItReads(*entry.caller);
+}
+
 void CallerTable::_makeSureThatItReads(Caller& caller) {
-  if (caller.counts()->answeredBytes.load(std::memory_order_relaxed) < kAnsweredBytesBeforeAsking)
-    return;
+  const std::size_t enough =
+      CallCounts::isMuchUnread() ? kBytesBeforeAskingWhenMuch : kAnsweredBytesBeforeAsking;
+  if (caller.counts()->answeredBytes() < enough) return;
   // Where nobody can tell what is unread, a caller that goes on calling is taken to have read.
   if (!_unreadAnswers.canAsk()) {
-    caller.counts()->answeredBytes = 0;
+    caller.counts()->setAnsweredBytes(0);
     return;
   }
   caller.suspend();
+  ++_unreadQuestions;
   _unreadAnswers.ask(caller.uniqueName(),
                      [this, uniqueName = caller.uniqueName()](std::optional<std::uint64_t> unread) {
                        _gotUnreadBytes(uniqueName, unread);
@@ -77,18 +84,22 @@ void CallerTable::_makeSureThatItReads(Caller& caller) {
 
 void CallerTable::_gotUnreadBytes(const std::string& uniqueName,
                                   std::optional<std::uint64_t> unread) {
+  --_unreadQuestions;
   const auto found = _callers.find(uniqueName);
   if (found == _callers.end()) return;
   Caller& caller = *found->second.caller;
   CallCounts& counts = *caller.counts();
-  if (unread.value_or(0) <= kMaxUnreadBytes) {
-    counts.answeredBytes = 0;
+  // Of what the others have left unread, without what is known now.
+  counts.setAnsweredBytes(0);
+  const std::size_t most = CallCounts::isMuchUnread() ? kMaxUnreadBytesWhenMuch : kMaxUnreadBytes;
+  if (unread.value_or(0) <= most) {
+    counts.setAnsweredBytes(unread.value_or(0));
     caller.resume();
     return;
   }
   logLevel(2, "%@: %@ leaves %lu bytes of answers unread", kClassName, uniqueName, *unread);
   // Asked again at its next call.
-  counts.answeredBytes = std::max<std::size_t>(*unread, kAnsweredBytesBeforeAsking);
+  counts.setAnsweredBytes(std::max<std::size_t>(*unread, kAnsweredBytesBeforeAsking));
   caller.turnAway({kLimitsExceeded, "This connection does not read its answers."});
 }
 
@@ -183,6 +194,17 @@ void CallerTable::actAs(Caller& caller, std::string identifier,
       _accept(waiting, std::move(as));
     });
   });
+}
+
+bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) const {
+  if (CallCounts::totalWaitingBytes.load(std::memory_order_relaxed) + bytes <= kMuchWaitingBytes)
+    return true;
+  const auto found = _callers.find(sender);
+  if (found == _callers.end()) return true;
+  std::size_t held = bytes;
+  for (const auto& [name, entry] : _callers)
+    if (entry.uid == found->second.uid) held += entry.caller->counts()->waitingBytes;
+  return held <= kMaxWaitingBytesPerUser;
 }
 
 std::size_t CallerTable::waitingCalls() const {

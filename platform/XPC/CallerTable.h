@@ -29,6 +29,13 @@ class CallerTable {
   // more unread has its calls refused until it has read.
   static constexpr std::size_t kAnsweredBytesBeforeAsking = std::size_t{8} << 20;
   static constexpr std::size_t kMaxUnreadBytes = std::size_t{16} << 20;
+  // The same when all callers together may have left much unread: then everybody is asked about.
+  static constexpr std::size_t kBytesBeforeAskingWhenMuch = std::size_t{1} << 20;
+  static constexpr std::size_t kMaxUnreadBytesWhenMuch = std::size_t{4} << 20;
+  // When more than the first waits in all, one user's connections may hold the second, and so may
+  // all together of whom the user is not known yet.
+  static constexpr std::size_t kMuchWaitingBytes = std::size_t{64} << 20;
+  static constexpr std::size_t kMaxWaitingBytesPerUser = std::size_t{64} << 20;
 
   static constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
   static constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
@@ -71,8 +78,11 @@ class CallerTable {
   // Null when there are too many.
   Caller* _callerNamed(const std::string& sender);
   Caller* _addCaller(const std::string& sender);
-  // May leave the caller undecided.
+  // Whether the caller's user may make the service hold so much more in arguments.
+  bool _mayHold(const std::string& sender, std::size_t bytes) const;
+  // May leave the caller undecided, and any other.
   void _makeSureThatItReads(Caller& caller);
+  void _makeSureThatAllRead();
   void _gotUnreadBytes(const std::string& uniqueName, std::optional<std::uint64_t> unread);
   void _identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
                    CallerIdentification::Outcome outcome);
@@ -87,6 +97,7 @@ class CallerTable {
   XPCListenerDelegate& _delegate;
   CallerIdentification _identification;
   UnreadAnswers _unreadAnswers;
+  std::size_t _unreadQuestions = 0;  // that the bus has not answered yet
   std::unordered_map<std::string, Entry> _callers;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
   std::size_t _unknownCallers = 0;
@@ -104,11 +115,14 @@ void CallerTable::deliver(sd_bus_message* call, sdbus::Result<Results...>&& resu
     result.returnError(bus::makeError(kLimitsExceeded, "too many connections"));
     return;
   }
+  if (CallCounts::isMuchUnread() && _unreadQuestions == 0) _makeSureThatAllRead();
   if (!caller->isUndecided()) _makeSureThatItReads(*caller);
   if (!caller->isUndecided() && caller->refusal() != nullptr) {
     _refuse(*caller, result, caller->refusal()->name, caller->refusal()->text);
   } else if (!caller->canWaitFor(bytes, maxWaiting)) {
     _refuse(*caller, result, kLimitsExceeded, "too many calls of this connection wait");
+  } else if (!_mayHold(caller->uniqueName(), bytes)) {
+    _refuse(*caller, result, kLimitsExceeded, "too much of this user waits");
   } else {
     auto reply = std::make_shared<PendingReply<Results...>>(_connection, caller->counts(), bytes,
                                                             std::move(result));

@@ -20,23 +20,46 @@ struct CallCounts {
   static inline std::atomic<std::size_t> totalWaitingBytes{0};
   static constexpr std::size_t kMaxTotalWaitingBytes = std::size_t{256} << 20;
 
+  CallCounts() = default;
+  CallCounts(const CallCounts&) = delete;
+  CallCounts& operator=(const CallCounts&) = delete;
+  ~CallCounts() { setAnsweredBytes(0); }
+
   std::atomic<std::uint32_t> waiting{0};
   std::atomic<std::size_t> waitingBytes{0};
-  // Of answers since it was last made sure that the caller reads them.
-  std::atomic<std::size_t> answeredBytes{0};
 
   // What an answer costs beside its values.
   static constexpr std::size_t kAnswerBytes = 256;
-  // A caller with more than this unread is not answered any more: when the bus holds twice as much
-  // for it, it stops to take anything from the service, for anybody.
+  // When the bus holds 127 MiB of what the service has sent, for whomever, it stops to take
+  // anything from it, for anybody. So a caller with more than the first unread is not sent anything
+  // any more; and when all together have so much, nobody with more than the last.
   static constexpr std::size_t kMaxUnreadBytes = std::size_t{64} << 20;
+  static constexpr std::size_t kMaxTotalUnreadBytes = std::size_t{96} << 20;
+  static constexpr std::size_t kMaxUnreadBytesWhenFull = std::size_t{1} << 20;
+  // From here on everybody is asked more often whether they read.
+  static constexpr std::size_t kManyTotalUnreadBytes = std::size_t{32} << 20;
 
+  // Of answers and of what observers are told, since it was last made sure that the caller reads.
+  std::size_t answeredBytes() const { return _answeredBytes.load(std::memory_order_relaxed); }
+  static bool isMuchUnread() {
+    return _totalAnsweredBytes.load(std::memory_order_relaxed) >= kManyTotalUnreadBytes;
+  }
   bool mayBeAnswered() const {
-    return answeredBytes.load(std::memory_order_relaxed) < kMaxUnreadBytes;
+    const bool isFull = _totalAnsweredBytes.load(std::memory_order_relaxed) >= kMaxTotalUnreadBytes;
+    return answeredBytes() < (isFull ? kMaxUnreadBytesWhenFull : kMaxUnreadBytes);
   }
   void addAnswer(std::size_t bytes) {
-    answeredBytes.fetch_add(kAnswerBytes + bytes, std::memory_order_relaxed);
+    _answeredBytes.fetch_add(kAnswerBytes + bytes, std::memory_order_relaxed);
+    _totalAnsweredBytes.fetch_add(kAnswerBytes + bytes, std::memory_order_relaxed);
   }
+  void setAnsweredBytes(std::size_t bytes) {
+    const std::size_t before = _answeredBytes.exchange(bytes, std::memory_order_relaxed);
+    _totalAnsweredBytes.fetch_add(bytes - before, std::memory_order_relaxed);
+  }
+
+ private:
+  static inline std::atomic<std::size_t> _totalAnsweredBytes{0};
+  std::atomic<std::size_t> _answeredBytes{0};
 };
 
 // The part of a pending reply that does not depend on its type.

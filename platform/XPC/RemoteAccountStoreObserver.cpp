@@ -19,18 +19,27 @@ class RemoteAccountStoreObserver::Proxy final : public com::vantor::HSAccountSto
 
 RemoteAccountStoreObserver::RemoteAccountStoreObserver(std::shared_ptr<BusConnection> connection,
                                                        const std::string& uniqueName,
-                                                       const std::string& path)
+                                                       const std::string& path,
+                                                       std::shared_ptr<CallCounts> counts)
     : _connection(std::move(connection)),
-      _proxy(std::make_unique<Proxy>(bus::makeProxy(_connection->connection(), uniqueName, path))) {
-}
+      _proxy(std::make_unique<Proxy>(bus::makeProxy(_connection->connection(), uniqueName, path))),
+      _counts(std::move(counts)) {}
 
 RemoteAccountStoreObserver::~RemoteAccountStoreObserver() = default;
 
 void RemoteAccountStoreObserver::primaryAccountDidChange(
     const std::shared_ptr<HSStoreAccount>& account) {
   if (_isForgotten) return;
+  if (!_counts->mayBeAnswered()) {
+    logLevel(2,
+             "RemoteAccountStoreObserver: an observer is not told, since it does not read what it "
+             "is sent");
+    return;
+  }
   try {
+    wire::takeWrittenBytes();
     _proxy->primaryAccountDidChange(wire::optionalAccount(account));
+    _counts->addAnswer(wire::takeWrittenBytes());
   } catch (const sdbus::Error& failure) {
     logLevel(2, "RemoteAccountStoreObserver: cannot tell an observer: %@", failure.getMessage());
   }

@@ -17,18 +17,26 @@ class RemoteURLBagObserver::Proxy final : public com::vantor::HSURLBagObserver_p
 };
 
 RemoteURLBagObserver::RemoteURLBagObserver(std::shared_ptr<BusConnection> connection,
-                                           const std::string& uniqueName, const std::string& path)
+                                           const std::string& uniqueName, const std::string& path,
+                                           std::shared_ptr<CallCounts> counts)
     : _connection(std::move(connection)),
-      _proxy(std::make_unique<Proxy>(bus::makeProxy(_connection->connection(), uniqueName, path))) {
-}
+      _proxy(std::make_unique<Proxy>(bus::makeProxy(_connection->connection(), uniqueName, path))),
+      _counts(std::move(counts)) {}
 
 RemoteURLBagObserver::~RemoteURLBagObserver() = default;
 
 void RemoteURLBagObserver::urlBagDidUpdateWithSuccess(bool success,
                                                       const std::optional<Error>& error) {
   if (_isForgotten) return;
+  if (!_counts->mayBeAnswered()) {
+    logLevel(
+        2, "RemoteURLBagObserver: an observer is not told, since it does not read what it is sent");
+    return;
+  }
   try {
+    wire::takeWrittenBytes();
     _proxy->urlBagDidUpdateWithSuccess(success, wire::optionalError(error));
+    _counts->addAnswer(wire::takeWrittenBytes());
   } catch (const sdbus::Error& failure) {
     logLevel(2, "RemoteURLBagObserver: cannot tell an observer: %@", failure.getMessage());
   }

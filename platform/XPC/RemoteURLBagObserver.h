@@ -6,15 +6,17 @@
 
 #include "platform/VendBase/HSURLBagObserver.h"
 #include "platform/XPC/BusConnection.h"
+#include "platform/XPC/PendingReply.h"
 
 namespace tallow {
 
 // The live proxy of a com.vantor.HSURLBagObserver that a caller exports. Sends without waiting and
-// asks for no reply; says nothing any more once its caller has left. Any thread.
+// asks for no reply; says nothing any more once its caller has left, nor to one
+// that leaves what it is sent unread: it counts among its answers. Any thread.
 class RemoteURLBagObserver final : public HSURLBagObserver {
  public:
   RemoteURLBagObserver(std::shared_ptr<BusConnection> connection, const std::string& uniqueName,
-                       const std::string& path);
+                       const std::string& path, std::shared_ptr<CallCounts> counts);
   ~RemoteURLBagObserver() override;
 
   void urlBagDidUpdateWithSuccess(bool success, const std::optional<Error>& error) override;
@@ -24,6 +26,7 @@ class RemoteURLBagObserver final : public HSURLBagObserver {
   class Proxy;
   std::shared_ptr<BusConnection> _connection;
   std::unique_ptr<Proxy> _proxy;
+  const std::shared_ptr<CallCounts> _counts;
   std::atomic<bool> _isForgotten{false};
 };
 

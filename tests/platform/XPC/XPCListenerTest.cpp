@@ -140,6 +140,33 @@ TEST_F(ListenerTest, BoundsTheMemoryOfCallsThatWait) {
   EXPECT_EQ(service(0)->calls().size(), 36u);  // 32 MiB of them
 }
 
+TEST_F(ListenerTest, BoundsTheMemoryOfCallsThatWaitForOneUser) {
+  const std::string text(900 << 10, 'x');
+  constexpr std::size_t kCalls = 30;
+  FloodingCaller flooders[3];
+  for (std::size_t i = 0; i < 3; ++i) {
+    flooders[i].send("isValid");
+    flooders[i].receive(1);
+    service(i)->keepAnswers(true);
+    for (std::size_t sent = 0; sent < kCalls; ++sent)
+      flooders[i].send("regexWithKey", "ss", "key", text.c_str());
+    while (i < 2 && service(i)->calls().size() <= kCalls) std::this_thread::yield();
+  }
+  EXPECT_EQ(flooders[2].receive(18).at(kLimitsExceeded), 18);  // 64 MiB of them all wait
+}
+
+TEST_F(ListenerTest, TellsNoObserverThatDoesNotRead) {
+  FloodingCaller observer;
+  observer.send("addURLBagObserver", "o", "/observer");
+  observer.receive(1);
+  const auto told = service(0)->observers.at(0);
+  const Error large = makeError("Bag", 1, std::string(1 << 20, 'x'));
+  for (int i = 0; i < 80; ++i) told->urlBagDidUpdateWithSuccess(false, large);
+  EXPECT_TRUE(log.mentions(2, "an observer is not told"));
+  TestCaller other;
+  other.call<bool>("isValid");
+}
+
 TEST_F(ListenerTest, BoundsConnectionsOfOneUserAndObserversOfOneConnection) {
   std::vector<std::unique_ptr<TestCaller>> callers;
   for (int i = 0; i < 256; ++i) {
