@@ -39,9 +39,9 @@ class World {
     _root = ::mkdtemp(name.data());
     _directories.cacheHome = _root / "cache";
     _directories.configHome = _root / "config";
-    _directories.configDirs = {_directories.configHome};
-    std::filesystem::create_directories(_directories.configHome / "anchors");
-    std::ofstream(_directories.configHome / "anchors" / "root.pem") << chain.root.pem();
+    _directories.configDirs = {_directories.configHome, _directories.configHome / "etc"};
+    std::filesystem::create_directories(_directories.configDirs[1] / "anchors");
+    std::ofstream(_directories.configDirs[1] / "anchors" / "root.pem") << chain.root.pem();
   }
   ~World() {
     WorkerPool::shared().waitUntilIdle();

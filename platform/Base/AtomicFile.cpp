@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/Base/Clock.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Random.h"
 
@@ -22,6 +23,8 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kFileMode = S_IRUSR | S_IWUSR;
 constexpr int kMaxCorruptCopies = 1000;
+constexpr std::string_view kTemporaryPrefix = ".tallowd-";
+constexpr std::string_view kTemporarySuffix = ".tmp";
 
 Error fileError(const fs::path& path, int code) {
   return makeError("File", code, path.string() + ": " + std::generic_category().message(code));
@@ -46,13 +49,13 @@ int writeAll(int descriptor, std::string_view contents) {
 std::string temporaryName() {
   std::array<std::uint8_t, 8> bytes{};
   Random::shared().fill(bytes);
-  std::string name = ".tallowd-";
+  std::string name(kTemporaryPrefix);
   for (const std::uint8_t byte : bytes) {
     constexpr std::string_view kDigits = "0123456789abcdef";
     name += kDigits[byte >> 4];
     name += kDigits[byte & 15];
   }
-  return name + ".tmp";
+  return name.append(kTemporarySuffix);
 }
 
 // Replaces files in one directory. The new contents are written to a file without a name where the
@@ -124,10 +127,18 @@ int moveWithoutReplacing(const fs::path& from, const fs::path& to) {
 
 }  // namespace
 
-Result<Data> readFile(const fs::path& path, std::size_t maxBytes) {
-  const FileDescriptor file(
+FileDescriptor openToRead(const fs::path& path) {
+  return FileDescriptor(
       open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+}
+
+Result<Data> readFile(const fs::path& path, std::size_t maxBytes) {
+  const FileDescriptor file = openToRead(path);
   if (!file) return fileError(path, errno);
+  return readFile(file, path, maxBytes);
+}
+
+Result<Data> readFile(const FileDescriptor& file, const fs::path& path, std::size_t maxBytes) {
   struct stat status {};
   if (fstat(file.get(), &status) != 0) return fileError(path, errno);
   if (S_ISDIR(status.st_mode)) return fileError(path, EISDIR);
@@ -161,6 +172,22 @@ std::optional<Error> writeFileAtomically(const fs::path& path, const Data& conte
   if (code == 0) code = replacement.moveTo(name.c_str());
   if (code != 0) return fileError(path, code);
   return std::nullopt;
+}
+
+void removeStaleTemporaryFiles(const fs::path& folder) {
+  constexpr double kStaleSeconds = 3600;
+  std::error_code error;
+  for (auto file = fs::directory_iterator(folder, error);
+       !error && file != fs::directory_iterator(); file.increment(error)) {
+    const std::string name = file->path().filename().string();
+    struct stat status {};
+    if (!name.starts_with(kTemporaryPrefix) || !name.ends_with(kTemporarySuffix) ||
+        lstat(file->path().c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+      continue;
+    const Date written{static_cast<double>(status.st_mtim.tv_sec)};
+    if (Clock::shared().now().secondsSince(written) > kStaleSeconds)
+      static_cast<void>(unlink(file->path().c_str()));
+  }
 }
 
 Result<fs::path> setAsideAsCorrupt(const fs::path& path) {

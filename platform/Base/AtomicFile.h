@@ -5,6 +5,7 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Result.h"
 
 namespace tallow {
@@ -15,10 +16,20 @@ namespace tallow {
 // on a FIFO or device.
 Result<Data> readFile(const std::filesystem::path& path, std::size_t maxBytes = 64u << 20);
 
+// The same in two steps, for who has to look at the very file that is read: openToRead() gives no
+// descriptor, and errno, where there is nothing to read; `path` is for messages.
+FileDescriptor openToRead(const std::filesystem::path& path);
+Result<Data> readFile(const FileDescriptor& file, const std::filesystem::path& path,
+                      std::size_t maxBytes);
+
 // Replaces the file: temporary file beside it (mode 0600), write, fsync, rename, fsync of the
 // directory. At any moment, kill -9 and power cut included, the path holds the old or the new
 // contents, whole. On failure the old contents stay and no temporary file is left behind.
 std::optional<Error> writeFileAtomically(const std::filesystem::path& path, const Data& contents);
+
+// Removes what a writeFileAtomically() in `folder` has left behind that was killed, or cut off by a
+// power cut, where it needed a name: temporary files that nobody has written to for an hour.
+void removeStaleTemporaryFiles(const std::filesystem::path& folder);
 
 // Moves a damaged file aside under NAME.corrupt (NAME.corrupt.2, ... when taken), never deletes.
 // Returns where it went.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -22,6 +24,14 @@ class Directories {
 
   // Relative values in the variables are ignored, as the base directory standard asks.
   static Directories fromEnvironment();
+  // Those of everybody, without the user's own: for whatever says what the service may do or whom
+  // it trusts, since the confined service can write to its user's folders.
+  std::span<const std::filesystem::path> systemConfigDirs() const {
+    return std::span(configDirs).subspan(std::min<std::size_t>(1, configDirs.size()));
+  }
+  std::span<const std::filesystem::path> systemDataDirs() const {
+    return std::span(dataDirs).subspan(std::min<std::size_t>(1, dataDirs.size()));
+  }
   static Directories& shared();
 };
 

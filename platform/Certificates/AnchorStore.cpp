@@ -98,7 +98,7 @@ AnchorStore::Anchors AnchorStore::current() {
 
 std::vector<AnchorStore::FileState> AnchorStore::scan() {
   std::vector<FileState> files;
-  for (const std::filesystem::path& base : Directories::shared().configDirs) {
+  for (const std::filesystem::path& base : Directories::shared().systemConfigDirs()) {
     const std::filesystem::path folder = base / "anchors";
     const DirectoryPointer directory(opendir(folder.c_str()), &closedir);
     if (!directory) continue;

@@ -12,7 +12,8 @@
 namespace tallow {
 
 // The trust anchors of signed documents: every certificate in the files anchors/*.pem of the
-// configuration directories (Directories::shared().configDirs), whatever its issuer.
+// system's configuration directories (not of the user's own, where a confined service could write
+// its own trust), whatever its issuer.
 //
 // current() looks at the files' names, sizes and times on every call (a few system calls) and reads
 // them again only when something has changed. A file that cannot be read or decoded is logged once

@@ -10,10 +10,10 @@ namespace tallow {
 
 // A chain of DER certificates that signs store documents, and the check of a signature made with
 // its leaf. The chain is judged as TLS would judge a signing chain (RFC 5280 section 6): trust
-// anchors from the files tallowd/anchors/*.pem of the configuration directories only, validity
-// dates, basic constraints, path length, key usage, no unknown critical extension, at most 10
-// certificates, no byte after the DER. Keys: RSA of 2048 bits and up (PKCS#1 v1.5 and PSS), ECDSA
-// P-256 and P-384, Ed25519; digests SHA-256 and up; SHA-1 and MD5 are refused everywhere.
+// anchors from the files tallowd/anchors/*.pem of the system's configuration directories only,
+// validity dates, basic constraints, path length, key usage, no unknown critical extension, at most
+// 10 certificates, no byte after the DER. Keys: RSA of 2048 bits and up (PKCS#1 v1.5 and PSS),
+// ECDSA P-256 and P-384, Ed25519; digests SHA-256 and up; SHA-1 and MD5 are refused everywhere.
 //
 // A value made for one check; not shared between threads.
 class HSCertificate {

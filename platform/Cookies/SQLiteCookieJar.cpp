@@ -128,25 +128,26 @@ std::optional<Error> SQLiteCookieJar::synchronize() {
     return problem;
   };
   FileDescriptor file;
+  std::uint64_t changes = 0;
   {
     const std::lock_guard lock(_mutex);
     if (!_table.isSaved()) {
       if (auto problem = _endChange(_beginChange())) return problem;
     }
     if (Clock::shared().monotonicSeconds() - _usesSavedAt >= kUsesSavedEverySeconds) _saveUses();
-    if (_isSynchronized || _database.state() != CookieDatabase::State::Writable)
+    if (_synchronizedChanges == _changes || _database.state() != CookieDatabase::State::Writable)
       return std::nullopt;
     Result<FileDescriptor> found = _database.fileToSync();
     if (!found) return failed(found.error());
     file = std::move(*found);
-    _isSynchronized = true;  // a change from now on says otherwise
+    changes = _changes;
   }
   // The disk takes milliseconds, which nobody who looks a cookie up should wait.
-  if (!file || fdatasync(file.get()) == 0) return std::nullopt;
-  Error problem = makeError(kClassName, errno, std::strerror(errno));
+  if (file && fdatasync(file.get()) != 0)
+    return failed(makeError(kClassName, errno, std::strerror(errno)));
   const std::lock_guard lock(_mutex);
-  _isSynchronized = false;
-  return failed(std::move(problem));
+  _synchronizedChanges = std::max(_synchronizedChanges, changes);
+  return std::nullopt;
 }
 
 std::size_t SQLiteCookieJar::count() {
@@ -165,10 +166,12 @@ std::optional<Error> SQLiteCookieJar::_attach() {
   return problem ? problem : _reload();
 }
 
-// What the file held and the table holds too is not lost with it: it goes to the next file.
+// What the file held and the table holds too is not lost with it: it goes to the next file. Where
+// another process has put that in place already, it knows better what is to be in it.
 void SQLiteCookieJar::_setAside() {
+  const bool isReplaced = _database.isReplaced();
   _database.setAside();
-  _table.forgetFile();
+  if (!isReplaced) _table.forgetFile();
 }
 
 std::optional<Error> SQLiteCookieJar::_reload() {
@@ -214,9 +217,9 @@ std::optional<Error> SQLiteCookieJar::_beginChange() {
 
 std::optional<Error> SQLiteCookieJar::_tryToBeginChange() {
   const bool isOpen = _database.state() == CookieDatabase::State::Writable;
-  const bool isReplaced = isOpen && _database.isReplaced();
-  if (isReplaced) _setAside();  // somebody has moved the file already
-  if (!isOpen || isReplaced) {
+  // A file that somebody has removed or replaced takes its cookies with it; what is unsaved goes to
+  // the next one.
+  if (!isOpen || _database.isReplaced()) {
     if (auto problem = _attach()) return problem;
   }
   if (auto problem = _database.begin()) return problem;
@@ -245,7 +248,7 @@ std::optional<Error> SQLiteCookieJar::_endChange(const std::optional<Error>& beg
 std::optional<Error> SQLiteCookieJar::_commit() {
   if (auto problem = _database.commit(_table.unsaved())) return problem;
   _table.markAsSaved();
-  _isSynchronized = false;
+  ++_changes;
   return std::nullopt;
 }
 

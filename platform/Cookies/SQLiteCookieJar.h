@@ -60,7 +60,8 @@ class SQLiteCookieJar final : public CookieJar {
   const Limits _limits;
   CookieDatabase _database;
   CookieTable _table;
-  bool _isSynchronized = true;
+  // How many changes have been written, and how many of them are known to survive a power cut.
+  std::uint64_t _changes = 0, _synchronizedChanges = 0;
   double _usesSavedAt;  // monotonic seconds
 };
 

@@ -74,7 +74,9 @@ MachineSecretStore::MachineSecretStore(std::filesystem::path folder,
     : _folder(std::move(folder)),
       _machineKey(machineKey),
       _log(std::move(log)),
-      _owner(::geteuid()) {}
+      _owner(::geteuid()) {
+  removeStaleTemporaryFiles(_folder);
+}
 
 std::string MachineSecretStore::pathOf(std::uint64_t dsID) const {
   return _folder.native() + "/" + nameOf(dsID);
@@ -99,16 +101,19 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
     contents = kept->second.contents;
     return kOrvSuccess;
   }
+  // Looked at and read through one descriptor: what is judged is what is read.
   const std::string path = pathOf(dsID);
+  const FileDescriptor file = openToRead(path);
   struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0) {
+  const bool isLink = !file && errno == ELOOP;
+  if (!isLink && (!file || ::fstat(file.get(), &status) != 0)) {
     const int code = errno;
     _sealed.erase(dsID);
     if (code == ENOENT || code == ENOTDIR) return kOrvNotProvisioned;
     _log(1, format("Cannot look at %s: %s", path, std::strerror(code)));
     return kOrvNotStored;
   }
-  if (!S_ISREG(status.st_mode) || status.st_uid != _owner ||
+  if (isLink || !S_ISREG(status.st_mode) || status.st_uid != _owner ||
       (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     _sealed.erase(dsID);
     complain(dsID, format("Not using %s: others could have read or written it. The next "
@@ -122,7 +127,7 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
     contents = kept->second.contents;
     return kOrvSuccess;
   }
-  Result<Data> whole = readFile(path, kLargestFile);
+  Result<Data> whole = readFile(file, path, kLargestFile);
   if (!whole && whole.error().code != EFBIG) {
     _log(1, format("Cannot read %@", whole.error()));
     return kOrvNotStored;

@@ -78,7 +78,7 @@ SQLitePreferences::Configuration SQLitePreferences::configurationFor(
     const Directories& directories) {
   Configuration configuration{
       directories.configHome / "preferences.db", {}, currentHostIdentifier()};
-  for (const std::filesystem::path& folder : directories.configDirs) {
+  for (const std::filesystem::path& folder : directories.systemConfigDirs()) {
     configuration.administratorFolders.push_back(folder / "preferences");
   }
   return configuration;
@@ -151,6 +151,8 @@ void SQLitePreferences::setValue(std::string_view key, const Value& value, std::
 // There is one file, so whatever is asked for, everything becomes durable.
 bool SQLitePreferences::synchronize(std::string_view, User, Host) {
   const std::lock_guard lock(_mutex);
+  // A file that could only be read as it was is opened afresh: it sees no other process's writes.
+  if (_file && !_file->isWritable()) close();
   if (!writePending()) return false;
   if (_isDurable || !_file) return true;
   if (const auto error = _file->makeDurable()) {

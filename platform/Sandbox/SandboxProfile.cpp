@@ -157,10 +157,7 @@ Result<SandboxProfile> SandboxProfile::named(const std::string& name) {
     if (profile) profile->isBuiltIn = text == builtIn;
     return profile;
   };
-  const Directories& directories = Directories::shared();
-  for (const std::filesystem::path& folder : directories.dataDirs) {
-    // What the confined service can write must not say how it is confined.
-    if (folder == directories.dataHome) continue;
+  for (const std::filesystem::path& folder : Directories::shared().systemDataDirs()) {
     const std::filesystem::path file = folder / "sandbox" / (name + ".toml");
     const Result<Data> text = readFile(file, kMaxProfileBytes);
     if (text) return parsed(text->view());

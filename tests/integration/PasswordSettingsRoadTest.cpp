@@ -26,7 +26,7 @@ class PasswordSettingsRoad : public testing::Test {
     // A ping's cookies would make the bag invalid at some moment of the request.
     EXPECT_FALSE(service.store().stage(R"({"ping": {"setCookie": []}})"));
     // What the machine itself may not tell, as an administrator states it.
-    const auto folder = service.configHome() / "preferences";
+    const auto folder = service.systemConfig() / "preferences";
     std::filesystem::create_directories(folder);
     std::ofstream(folder / "com.vantor.tallowd.toml")
         << "MachineSerialNumber = \"S1\"\nMachineROMAddress = \"020000000001\"\n";

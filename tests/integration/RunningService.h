@@ -49,6 +49,7 @@ class RunningService {
     return (scheme == "https" ? _store->urls().https : _store->urls().http) + path;
   }
   std::filesystem::path configHome() const { return _root.path() / "config" / "tallowd"; }
+  std::filesystem::path systemConfig() const { return _root.path() / "etc" / "tallowd"; }
   std::filesystem::path persistedBag() const {
     return _root.path() / "cache" / "tallowd" / kClient / "ProductionBag";
   }
@@ -102,13 +103,13 @@ class RunningService {
       for (char& c : variable) c = static_cast<char>(std::toupper(c));
       ::setenv(variable.c_str(), (_root.path() / kind).c_str(), 1);
     }
-    ::setenv("XDG_CONFIG_DIRS", "/nonexistent", 1);
+    ::setenv("XDG_CONFIG_DIRS", (_root.path() / "etc").c_str(), 1);
     ::setenv("XDG_DATA_DIRS", "/nonexistent", 1);
     ::setenv("TALLOW_CA_FILE", _store->tlsAuthorityFile().c_str(), 1);
     ::setenv("TALLOW_LOG", "stderr", 1);
     ::setenv("TALLOW_DEVSTORE", _store->urls().http.c_str(), 1);
-    std::filesystem::create_directories(configHome() / "anchors");
-    std::filesystem::copy_file(_store->anchorFile(), configHome() / "anchors" / "root.pem");
+    std::filesystem::create_directories(systemConfig() / "anchors");
+    std::filesystem::copy_file(_store->anchorFile(), systemConfig() / "anchors" / "root.pem");
     describeClient(scheme);
     const std::filesystem::path services = _root.path() / "services";
     std::filesystem::create_directories(services);

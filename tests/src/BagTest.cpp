@@ -165,7 +165,7 @@ class SignedBagTest : public BagTest {
   }
   const Data contents =
       PropertyList::encode(Dictionary{{"k", "signed"}}, PropertyList::Format::XML);
-  const std::filesystem::path anchor = world.directories.configHome / "anchors" / "root.pem";
+  const std::filesystem::path anchor = world.directories.configDirs[1] / "anchors" / "root.pem";
   TestChain chain;
 };
 

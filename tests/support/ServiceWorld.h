@@ -95,7 +95,7 @@ class ServiceWorld {
     made.dataHome = root / "data";
     made.cacheHome = root / "cache";
     made.stateHome = root / "state";
-    made.configDirs = {made.configHome};
+    made.configDirs = {made.configHome, root / "etc"};
     made.dataDirs = {made.dataHome};
     return made;
   }

@@ -184,8 +184,7 @@ void checkAnchors(Findings& findings) {
   for (const AnchorStore::Certificate& anchor : anchors) checkAnchor(anchor, findings);
   if (anchors.empty())
     findings.note(kAnchors, "no trust anchor is installed: signed bags are refused",
-                  "Put the store's anchor into tallowd/anchors/NAME.pem below /etc/xdg or "
-                  "~/.config.");
+                  "Put the store's anchor into tallowd/anchors/NAME.pem below /etc/xdg.");
 }
 
 void checkSandbox(Findings& findings) {

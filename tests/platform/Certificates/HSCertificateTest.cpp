@@ -35,13 +35,14 @@ class HSCertificateTest : public ::testing::Test {
  protected:
   HSCertificateTest() {
     _directories.configHome = _folder.path() / "home";
-    _directories.configDirs = {_directories.configHome, _folder.path() / "system"};
+    _directories.configDirs = {_directories.configHome, _folder.path() / "first",
+                               _folder.path() / "second"};
     for (const auto& directory : _directories.configDirs)
       std::filesystem::create_directories(directory / "anchors");
   }
 
   std::filesystem::path anchorFile(const std::string& name = "root.pem",
-                                   std::size_t directory = 0) {
+                                   std::size_t directory = 1) {
     return _directories.configDirs[directory] / "anchors" / name;
   }
   void write(const std::filesystem::path& path, const std::string& text) {
@@ -343,9 +344,9 @@ using AnchorStoreTest = HSCertificateTest;
 TEST_F(AnchorStoreTest, NoticesEveryChange) {
   const std::string other = TestChain().root.pem();
   EXPECT_NE(verdict(chain().certificates()), "");
-  write(anchorFile("b.pem", 1), other + chain().root.pem());
+  write(anchorFile("b.pem", 2), other + chain().root.pem());
   EXPECT_EQ(verdict(chain().certificates()), "");
-  write(anchorFile("b.pem", 1), other);
+  write(anchorFile("b.pem", 2), other);
   EXPECT_NE(verdict(chain().certificates()), "");
   write(anchorFile("a.pem"), chain().root.pem());
   EXPECT_EQ(verdict(chain().certificates()), "");
@@ -358,7 +359,9 @@ TEST_F(AnchorStoreTest, NoticesEveryChange) {
   std::filesystem::remove(anchorFile("link.pem"));
   write(anchorFile("root.crt"), chain().root.pem());
   EXPECT_NE(verdict(chain().certificates()), "");
-  std::filesystem::remove_all(_folder.path() / "system");
+  std::filesystem::remove_all(_folder.path() / "second");
+  write(anchorFile("own.pem", 0),
+        chain().root.pem());  // in the user's own folder, which counts not
   EXPECT_THAT(verdict(chain().certificates()), HasSubstr("no trust anchors"));
 }
 

@@ -207,6 +207,17 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
   ASSERT_EQ(provision(orv, store), kOrvSuccess);
   EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
 
+  const std::filesystem::path elsewhereFile = folder.path() / "elsewhere";
+  std::filesystem::rename(file(), elsewhereFile);
+  std::filesystem::create_symlink(elsewhereFile, file());
+  clock.advance(1);
+  EXPECT_EQ(passwordOf(orv), "-45061") << "a link";
+  // What a write that was cut off has left behind goes with the next start.
+  const auto left = file().parent_path() / ".tallowd-0123456789abcdef.tmp";
+  std::ofstream(left) << "secret";
+  machine();
+  EXPECT_FALSE(std::filesystem::exists(left));
+
   std::vector<std::uint8_t> future(good.span().begin(), good.span().end());
   future[15] = 2;
   const Data newer(std::move(future));

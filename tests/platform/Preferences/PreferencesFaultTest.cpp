@@ -112,6 +112,16 @@ TEST_F(PreferencesFaultTest, AReadOnlyFolderIsReadAndWritesWait) {
   const auto preferences = open();
   EXPECT_EQ(read(*preferences, "key"), Value("old"));
   EXPECT_TRUE(_log.lines(1).empty());
+  {
+    // Another process, which may write, has meanwhile.
+    ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(_file.c_str(), 0600), 0);
+    write(*open(), "key", "newer");
+    ASSERT_EQ(chmod(_file.c_str(), 0400), 0);
+    ASSERT_EQ(chmod(_state.c_str(), 0500), 0);
+  }
+  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_EQ(read(*preferences, "key"), Value("newer"));
   write(*preferences, "key", "new");
   EXPECT_TRUE(_log.mentions(1, "it is read-only"));
   EXPECT_EQ(read(*preferences, "key"), Value("new"));
