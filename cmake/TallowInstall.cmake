@@ -27,6 +27,8 @@ tallow_install_configured(com.vantor.tallowd.daemon.service.in ${_dbus}/system-s
 install(FILES ${_packaging}/com.vantor.tallowd.daemon.conf DESTINATION ${_dbus}/system.d)
 tallow_install_configured(tallowd.service.in lib/systemd/user)
 tallow_install_configured(tallowd-daemon.service.in lib/systemd/system)
+tallow_install_configured(tallowd-inspector@.service.in lib/systemd/system)
+install(FILES ${_packaging}/tallowd-inspector.socket DESTINATION lib/systemd/system)
 tallow_install_configured(clients.d/tallowctl.toml.in ${CMAKE_INSTALL_DATADIR}/tallowd/clients.d
   COMPONENT tool)
 install(FILES ${_packaging}/sandbox/com.vantor.tallowd.toml

@@ -55,7 +55,14 @@ std::optional<Error> confineFiles(const SandboxProfile& profile) {
 // itself, for want of a wrapper in the C library.
 std::optional<Error> dropCapabilities() {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+  __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3] = {};
+  // Who has none need not be allowed to say so.
+  const bool isKnown = syscall(SYS_capget, &header, &held[0]) == 0;
+  if (isKnown && std::none_of(std::begin(held), std::end(held), [](const auto& half) {
+        return (half.effective | half.permitted | half.inheritable) != 0;
+      }))
+    return std::nullopt;
+  const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
   if (syscall(SYS_capset, &header, &none[0]) == 0) return std::nullopt;
   const int code = errno;
   return makeError("Sandbox", code, format("cannot give up capabilities: %s", std::strerror(code)));

@@ -18,7 +18,7 @@ struct ProcessIdentity {
   std::string executable;
   std::string systemUnit;  // "x.service" of the system manager
   std::string userUnit;    // "x.service" of the user's manager
-  std::string flatpak;     // application id
+  std::string flatpak;  // application id; like a user's unit no more than a name that is taken on
   std::string doubt;
   bool isUnseen = false;  // it could not be looked at just now; the next time may be better
 

@@ -3,28 +3,38 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <system_error>
-#include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/SharedInstance.h"
+#include "platform/Concurrency/RunLoop.h"
+#include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 
 namespace {
 
+constexpr const char* kClassName = "ProcessInspector";
 constexpr int kPatienceMilliseconds = 5000;
-constexpr int kMaxQuestionsAtOnce = 32;
+constexpr std::size_t kMaxQuestionsAtOnce = 32;
+constexpr std::ptrdiff_t kMaxQuestionsOfUserAtOnce = 16;
 constexpr std::size_t kMaxAnswerBytes = 32u << 10;
 
 std::atomic<int> helperSocket{-1};
@@ -105,27 +115,89 @@ void answer(const Question& question) {
   send(question.answerSocket.get(), text.data(), text.size(), MSG_NOSIGNAL);
 }
 
-// A thread for each question: one that hangs on a network file system holds up no other.
+// A process for each question: one that hangs, on a file system that does not answer, holds up no
+// other, and is ended when nobody waits for its answer any more.
+class Helper {
+ public:
+  explicit Helper(int socket) : _socket(socket) {}
+
+  // Until the parent ends.
+  void run() {
+    for (;;) {
+      forgetEnded();
+      pollfd file{_socket, POLLIN, 0};
+      const int ready = poll(&file, 1, _running.empty() ? -1 : kLookAgainMilliseconds);
+      if (ready <= 0) continue;
+      Question question;
+      if (!receive(_socket, question)) return;
+      take(question);
+    }
+  }
+
+ private:
+  static constexpr int kLookAgainMilliseconds = 250;
+  using Steady = std::chrono::steady_clock;
+  struct Running {
+    pid_t process;
+    uid_t user;  // whose process it looks at
+    Steady::time_point end;
+  };
+
+  void forgetEnded() {
+    const auto now = Steady::now();
+    std::erase_if(_running, [now](const Running& each) {
+      if (waitpid(each.process, nullptr, WNOHANG) != 0) return true;
+      if (now >= each.end) kill(each.process, SIGKILL);
+      return false;
+    });
+  }
+
+  // A question that cannot be taken now has its socket closed unanswered.
+  void take(const Question& question) {
+    struct stat status {};
+    const std::string entry = "/proc/" + std::to_string(question.pid);
+    if (stat(entry.c_str(), &status) != 0) status.st_uid = static_cast<uid_t>(-1);
+    const auto ofUser =
+        std::count_if(_running.begin(), _running.end(),
+                      [&status](const Running& each) { return each.user == status.st_uid; });
+    if (_running.size() >= kMaxQuestionsAtOnce || ofUser >= kMaxQuestionsOfUserAtOnce) return;
+    const pid_t child = fork();
+    if (child == 0) {
+      close(_socket);  // which would else not be seen to end with this helper
+      answer(question);
+      _exit(0);
+    }
+    const auto patience = std::chrono::milliseconds(kPatienceMilliseconds);
+    if (child > 0) _running.push_back({child, status.st_uid, Steady::now() + patience});
+  }
+
+  const int _socket;
+  std::vector<Running> _running;
+};
+
 [[noreturn]] void runHelper(int socket) {
   prctl(PR_SET_NAME, "tallow-inspect");
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-  static std::atomic<int> running{0};
-  for (Question question; receive(socket, question); question = {}) {
-    // A question that cannot be taken now has its socket closed unanswered.
-    if (running.fetch_add(1) >= kMaxQuestionsAtOnce) {
-      running.fetch_sub(1);
-      continue;
-    }
-    try {
-      std::thread([asked = std::move(question)] {
-        answer(asked);
-        running.fetch_sub(1);
-      }).detach();
-    } catch (const std::system_error&) {  // the system has no thread left
-      running.fetch_sub(1);
-    }
-  }
+  Helper(socket).run();
   _exit(0);
+}
+
+// The socket, or -1 with errno.
+int connectTo(const char* path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (std::strlen(path) >= sizeof(address.sun_path)) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  std::strcpy(address.sun_path, path);
+  const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (connection >= 0 &&
+      connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    close(connection);
+    return -1;
+  }
+  return connection;
 }
 
 class HelpedProcessInspector final : public ProcessInspector {
@@ -143,9 +215,16 @@ class HelpedProcessInspector final : public ProcessInspector {
     }
     const FileDescriptor here(ends[0]);
     bool asked = false;
+    bool hasEnded = false;
     {
       const FileDescriptor there(ends[1]);
       asked = ask(helper, pid, there.get(), pidfd);
+      hasEnded = !asked && (errno == EPIPE || errno == ECONNRESET);
+    }
+    if (hasEnded) {
+      // Nobody could be recognised any more; the next call starts a service that can.
+      logLevel(1, "%@: the process that looks at callers has ended", kClassName);
+      RunLoop::main().stop(EXIT_FAILURE);
     }
     std::string text(kMaxAnswerBytes, '\0');
     pollfd file{here.get(), POLLIN, 0};
@@ -163,12 +242,20 @@ class HelpedProcessInspector final : public ProcessInspector {
 
 }  // namespace
 
+void ProcessInspector::serve(int socket) {
+  runHelper(socket);
+}
+
 ProcessInspector& ProcessInspector::shared() {
   return SharedInstance<ProcessInspector>::get(
       [] { return std::make_unique<HelpedProcessInspector>(); });
 }
 
 bool ProcessInspector::startHelper() {
+  if (const char* path = std::getenv("TALLOW_INSPECTOR"); path != nullptr && *path != '\0') {
+    helperSocket = connectTo(path);
+    return helperSocket >= 0;
+  }
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
   const pid_t child = fork();

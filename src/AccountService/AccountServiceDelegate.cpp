@@ -51,6 +51,7 @@ int runAccountService(int argc, const char* const* argv) {
   forbidCoreDumps();  // passwords and tokens pass through here
   // Who reads the log, or the other end of a socket, may go; that is told by the write's error.
   std::signal(SIGPIPE, SIG_IGN);
+  if (argc == 2 && std::strcmp(argv[1], "inspector") == 0) ProcessInspector::serve();
   // Callers are recognised by their executables, which a confined process may not look at.
   if (!ProcessInspector::startHelper())
     logLevel(1, "%@: Callers cannot be recognised by their executables: %s",

@@ -107,6 +107,9 @@ TEST_F(SandboxTest, StartsAndTouchesNoOtherProcess) {
     EXPECT_THAT(errorOf(open(("/proc/" + std::to_string(parent) + "/mem").c_str(), O_RDWR)),
                 kRefused);
     EXPECT_THAT(errorOf(kill(parent, 0)), kRefused);
+    EXPECT_THAT(errorOf(syscall(SYS_tgkill, parent, parent, 0)), kRefused);
+    EXPECT_NE(errorOf(syscall(SYS_tkill, parent, 0)), 0);
+    EXPECT_NE(errorOf(syscall(SYS_rt_tgsigqueueinfo, parent, parent, 0, nullptr)), 0);
     EXPECT_EQ(errorOf(kill(getpid(), 0)), 0);
     EXPECT_EQ(errorOf(raise(0)), 0);
     rlimit limit = {};
@@ -207,6 +210,7 @@ TEST_F(SandboxTest, KeepsWritableMemoryFromBecomingCode) {
     EXPECT_EQ(errorOf(page), 0);
     EXPECT_THAT(errorOf(mprotect(page, 4096, PROT_READ | PROT_EXEC)), kRefused);
     EXPECT_EQ(errorOf(mprotect(page, 4096, PROT_READ)), 0);
+    EXPECT_THAT(errorOf(memfd_create("code", MFD_CLOEXEC)), kRefused);
   });
 }
 
