@@ -94,7 +94,7 @@ TEST_F(HSStoreURLOperationTimeTest, TakesAResponseInBeforeItGoesOn) {
   _service->onCall = [&](const std::string& call) {
     if (call != "consumeCookiesWithHTTPHeaders") return;
     // Long enough for a run that does not wait to overtake.
-    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    for (int i = 0; i < 100; ++i) std::this_thread::yield();
     cookiesTaken = true;
   };
   respond(200, {{"X-Set-Vantor-Store-Front", "7"}}, "body");
