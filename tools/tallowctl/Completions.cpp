@@ -55,8 +55,7 @@ void Completions::_add(const CLI::App& app, const std::string& path) {
     for (const std::string& name : option->get_lnames()) {
       if (!path.empty() && name == "help") continue;
       command.options.push_back({"--" + name, option->get_description()});
-      if (option->get_items_expected_max() > 0)
-        command.valued.push_back({"--" + name, std::move(values)});
+      if (option->get_items_expected_max() > 0) command.valued.push_back({"--" + name, values});
     }
   }
   _commands.push_back(std::move(command));
