@@ -33,6 +33,7 @@ class AccountServiceClient {
     kRefused = 2,      // the service does not serve this process
     kInvalidArgument = 3,
     kFailed = 4,  // any other answer that is an error
+    kTaken = 5,   // somebody else is already what this process wants to be
   };
   static constexpr const char* kErrorDomain = "com.vantor.tallowd.Client";
   static constexpr const char* kErrorNameKey = "name";
@@ -137,7 +138,8 @@ class AccountServiceClient {
   Result<DemoMode> retailStoreDemoMode();
   Result<std::optional<std::string>> nimboDSID();
   Result<std::optional<std::string>> recommendedVantorIDForAccountSignIn();
-  // Hears of every change of the primary account from now on. As observeURLBag.
+  // Hears of every change of the primary account from now on, also of one that happened while the
+  // service was restarted. As observeURLBag.
   std::optional<Error> observeAccounts(AccountObserver observer);
 
   // Password settings. A change waits for a person whom the store wants to sign in: for up to a

@@ -3,23 +3,18 @@
 #include <utility>
 
 #include "platform/Base/Format.h"
-#include "platform/HTTP/HTTPTransport.h"
 #include "platform/PropertyList/PropertyList.h"
+#include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSSignInOperation.h"
+#include "platform/VendBase/HSStoreURLOperation.h"
 
 namespace tallow {
 
 namespace {
 
 constexpr const char* kURLBagKey = "authenticateAccount";
-
-HTTPHeaderList headerList(const Dictionary& headers) {
-  HTTPHeaderList list;
-  for (const auto& header : headers)
-    if (header.value.string() != nullptr) list.emplace_back(header.key, *header.value.string());
-  return list;
-}
+constexpr const char* kStoreFrontHeader = "X-Vantor-Store-Front";
 
 }  // namespace
 
@@ -46,7 +41,7 @@ Result<URL> StoreSignIn::_address() {
 Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
                                                const TransactionAgent::Credentials& credentials) {
   const std::string& url = address.absoluteString();
-  const Result<Dictionary> headers = _service.httpHeadersForURL(url, _context.dsID, true);
+  Result<HTTPHeaderList> headers = _standardHeaders(url);
   if (!headers) return headers.error();
   std::optional<Data> body =
       HSSignInOperation::requestBody(_context, credentials.accountName, credentials.password);
@@ -55,11 +50,8 @@ Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
                    std::nullopt);
   HTTPRequest request(address);
   request.method = "POST";
-  request.headers = headerList(*headers);
+  request.headers = *std::move(headers);
   request.headers.emplace_back("Content-Type", "application/x-vantor-plist");
-  const Result<std::optional<std::string>> storeFront = _service.storeFront();
-  if (!storeFront) return storeFront.error();
-  if (*storeFront) request.headers.emplace_back("X-Vantor-Store-Front", **storeFront);
   request.body = *std::move(body);
   request.bypassCaches = true;
   const Result<HTTPResponse> response = HTTPTransport::shared().perform(std::move(request));
@@ -72,9 +64,29 @@ Result<Dictionary> StoreSignIn::_answerOfStore(const URL& address,
   // Somebody else's session is not taken in; a refusal has none.
   const Result<std::uint64_t> dsID = HSSignInOperation::dsIDFromAnswer(*dictionary, _context);
   if (!dsID) return dsID.error();
-  if (auto error = _service.consumeCookiesWithHTTPHeaders(response->headerDictionary(), url))
-    return *error;
+  if (auto error = _takeIn(*response, url)) return *error;
   return *dictionary;
+}
+
+Result<HTTPHeaderList> StoreSignIn::_standardHeaders(const std::string& url) {
+  const Result<Dictionary> given = _service.httpHeadersForURL(url, _context.dsID, true);
+  if (!given) return given.error();
+  const Result<std::optional<std::string>> storeFront = _service.storeFront();
+  if (!storeFront) return storeFront.error();
+  HTTPHeaderList headers;
+  for (const auto& header : *given)
+    if (header.value.string() != nullptr) headers.emplace_back(header.key, *header.value.string());
+  if (*storeFront) headers.emplace_back(kStoreFrontHeader, **storeFront);
+  const auto client = ClientDescriptors::shared().clientWithIdentifier(_client);
+  if (client && !client->userAgent.empty()) headers.emplace_back("User-Agent", client->userAgent);
+  return headers;
+}
+
+std::optional<Error> StoreSignIn::_takeIn(const HTTPResponse& response, const std::string& url) {
+  if (auto error = _service.consumeCookiesWithHTTPHeaders(response.headerDictionary(), url))
+    return error;
+  const auto storeFront = HSStoreURLOperation::storeFrontSetBy(response);
+  return storeFront ? _service.setStoreFrontID(storeFront) : std::nullopt;
 }
 
 Result<std::uint64_t> StoreSignIn::signInWithCredentials(

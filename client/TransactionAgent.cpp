@@ -1,6 +1,8 @@
 #include "client/TransactionAgent.h"
 
+#include <algorithm>
 #include <atomic>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -19,6 +21,9 @@ constexpr const char* kName = "com.vantor.transactionservice";
 constexpr const char* kPath = "/com/vantor/transactionservice";
 constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+// What the bus library makes of the bus's answer that the name has an owner.
+constexpr std::string_view kTakenErrors[] = {"org.freedesktop.DBus.Error.FileExists",
+                                             "System.Error.EEXIST"};
 
 using Answer = sdbus::Result<bool, std::vector<std::uint64_t>, std::vector<WireError>>;
 
@@ -94,7 +99,7 @@ class TransactionAgent::Object final
                                                       const HSAuthenticationContext& context) {
     AccountServiceClient service(_instance);
     if (auto error = service.actAs(client)) return *error;
-    StoreSignIn signIn(service, context);
+    StoreSignIn signIn(service, client, context);
     std::optional<Error> refusal;
     for (int attempt = 1;; ++attempt) {
       const std::optional<Credentials> credentials = _ask(
@@ -147,9 +152,11 @@ Result<std::unique_ptr<TransactionAgent>> TransactionAgent::start(
     return std::unique_ptr<TransactionAgent>(
         new TransactionAgent(std::make_unique<Export>(instance, std::move(ask))));
   } catch (const sdbus::Error& error) {
-    Error made = clientErrorFrom(error);
-    if (made.code == AccountServiceClient::kFailed) made.code = AccountServiceClient::kRefused;
-    return made;
+    const std::string name = bus::errorName(error);
+    const bool isTaken = std::ranges::find(kTakenErrors, name) != std::end(kTakenErrors);
+    if (!isTaken) return clientErrorFrom(error);
+    return makeError(AccountServiceClient::kErrorDomain, AccountServiceClient::kTaken,
+                     "Another program asks people to sign in already.");
   }
 }
 

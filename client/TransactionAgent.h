@@ -17,7 +17,9 @@ namespace tallow {
 // person in. It asks the person, in whatever way its owner gives it, sends name and password to the
 // address that the client's bag names, over https and to a trusted host only, and hands the store's
 // answer in. While it lives it owns the service's name on the bus; only the account service is
-// answered.
+// answered. On the system bus only root and the group tallowd may own it.
+//
+// A program that signs in for other clients than its own needs a descriptor with may-act-as-others.
 //
 // Owned by the program that can ask. Sign-ins go one after the other, on a thread of the agent's.
 class TransactionAgent {
@@ -36,12 +38,14 @@ class TransactionAgent {
   // Sign-ins that wait while one is going on; more are refused.
   static constexpr std::size_t kMaxWaiting = 8;
 
-  // An error of AccountServiceClient's domain where there is no bus, or somebody else is the
-  // transaction service already (kRefused).
+  // An error of AccountServiceClient's domain where there is no bus, the bus does not let this user
+  // be the transaction service (kRefused), or somebody else is already (kTaken).
   static Result<std::unique_ptr<TransactionAgent>> start(AccountServiceClient::Instance instance,
                                                          Ask ask);
   // Waits for the sign-in that is going on.
   ~TransactionAgent();
+  TransactionAgent(const TransactionAgent&) = delete;
+  TransactionAgent& operator=(const TransactionAgent&) = delete;
 
  private:
   class Object;

@@ -69,12 +69,6 @@ bool mayRetry(const Error& error, std::string_view method) {
          method != "POST" && method != "PATCH";
 }
 
-std::optional<std::string> storeFrontSetBy(const HTTPResponse& response) {
-  for (const char* name : kSetStoreFrontHeaders)
-    if (auto value = response.header(name)) return value;
-  return std::nullopt;
-}
-
 // The machine-identity action that a response orders: the account's if the response speaks of one,
 // else the anonymous one. Names and values exactly as written.
 bool ordersOrvAction(const HTTPResponse& response) {
@@ -101,6 +95,12 @@ class HSStoreURLOperation::Unhurried {
   const double _began;
   const HSOperationQueue::GivingWay _way;
 };
+
+std::optional<std::string> HSStoreURLOperation::storeFrontSetBy(const HTTPResponse& response) {
+  for (const char* name : kSetStoreFrontHeaders)
+    if (auto value = response.header(name)) return value;
+  return std::nullopt;
+}
 
 HSStoreURLOperation::HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient)
     : HSOperation(std::move(initWithStoreClient)) {}

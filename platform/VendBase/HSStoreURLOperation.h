@@ -72,6 +72,9 @@ class HSStoreURLOperation : public HSOperation {
   static std::shared_ptr<HSStoreURLOperation> propertyListOperationWithURLBagKey(
       std::string key, std::shared_ptr<const HSStoreClient> storeClient);
 
+  // The storefront that a response tells its client to have from now on.
+  static std::optional<std::string> storeFrontSetBy(const HTTPResponse& response);
+
   void setRequest(HSURLRequest request) { _request = std::move(request); }
   const HSURLRequest& request() const { return _request; }
   void setURLBagKey(std::string key) { _urlBagKey = std::move(key); }

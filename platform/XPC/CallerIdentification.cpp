@@ -75,6 +75,16 @@ void CallerIdentification::identify(const std::string& uniqueName, Done done) {
       });
 }
 
+void CallerIdentification::findProcess(const std::string& name,
+                                       std::function<void(std::optional<std::uint32_t>)> found) {
+  _busDaemon->callMethodAsync("GetConnectionUnixProcessID")
+      .onInterface(kBusName)
+      .withArguments(name)
+      .uponReplyInvoke([found = std::move(found)](bus::CallError error, const std::uint32_t& pid) {
+        found(error ? std::nullopt : std::optional(pid));
+      });
+}
+
 void CallerIdentification::_gotCredentials(const std::string& uniqueName, Credentials credentials,
                                            Done done) {
   Outcome known;

@@ -31,6 +31,9 @@ class CallerIdentification {
 
   // `done` runs on the reading thread, later.
   void identify(const std::string& uniqueName, Done done);
+  // The process that owns the name, as the bus daemon knows it; nothing when nobody does.
+  void findProcess(const std::string& name,
+                   std::function<void(std::optional<std::uint32_t>)> found);
 
  private:
   struct Credentials;

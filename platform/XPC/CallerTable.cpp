@@ -7,6 +7,7 @@
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/RecentFailures.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/RemoteTransactionService.h"
 
 namespace tallow {
 
@@ -27,6 +28,7 @@ CallerTable::CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerD
                          bool ownUserOnly)
     : _connection(std::move(connection)),
       _delegate(delegate),
+      _ownUserOnly(ownUserOnly),
       _identification(_connection, ownUserOnly),
       _unreadAnswers(_connection->connection()),
       _nameOwnerChanged(
@@ -165,28 +167,48 @@ void CallerTable::_callerHasLeft(const std::string& uniqueName) {
   entry.caller->forgetObservers();
 }
 
-void CallerTable::actAs(Caller& caller, std::string identifier,
-                        std::function<void(const char*, const std::string&)> done) {
-  if (!caller.connection().mayActAsOthers) {
+void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
+  const XPCConnection& who = caller.connection();
+  const bool isItself = who.storeClient && who.storeClient->identifier == identifier;
+  if (!isItself && !who.mayActAsOthers) {
     done(kAccessDenied,
          "This client may not act as others; see may-act-as-others in "
          "tallowd-clients.d(5).");
     return;
   }
-  const std::string uniqueName = caller.uniqueName();
   caller.suspend();
+  if (isItself || _ownUserOnly || who.uid == 0) {
+    _become(who.uniqueName, std::move(identifier), std::move(done));
+    return;
+  }
+  _identification.findProcess(
+      RemoteTransactionService::kName,
+      [this, uniqueName = who.uniqueName, pid = who.pid, identifier = std::move(identifier),
+       done = std::move(done)](std::optional<std::uint32_t> transactionService) {
+        if (transactionService == pid && RemoteTransactionService::isAskedFor(identifier)) {
+          _become(uniqueName, identifier, done);
+        } else {
+          _stayAs(uniqueName, kAccessDenied,
+                  "On the system bus only root may act as another client, and a transaction "
+                  "service for the client that it is asked to sign in.",
+                  done);
+        }
+      });
+}
+
+void CallerTable::_become(const std::string& uniqueName, std::string identifier, ActedAs done) {
   WorkerPool::shared().async([this, connection = _connection, uniqueName,
                               identifier = std::move(identifier), done = std::move(done)] {
     auto client = ClientDescriptors::shared().clientWithIdentifier(identifier);
     connection->post([this, uniqueName, identifier, client = std::move(client), done] {
-      const auto found = _callers.find(uniqueName);
-      if (found == _callers.end()) return;  // has left meanwhile
-      Caller& waiting = *found->second.caller;
       if (!client) {
-        done(kNoSuchClient, "No client descriptor has the identifier \"" + identifier + "\".");
-        waiting.resume();
+        _stayAs(uniqueName, kNoSuchClient,
+                "No client descriptor has the identifier \"" + identifier + "\".", done);
         return;
       }
+      const auto found = _callers.find(uniqueName);
+      if (found == _callers.end()) return;
+      Caller& waiting = *found->second.caller;
       waiting.forgetObservers();
       XPCConnection as = waiting.connection();
       as.storeClient = client;
@@ -205,6 +227,14 @@ bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) const {
   for (const auto& [name, entry] : _callers)
     if (entry.uid == found->second.uid) held += entry.caller->counts()->waitingBytes;
   return held <= kMaxWaitingBytesPerUser;
+}
+
+void CallerTable::_stayAs(const std::string& uniqueName, const char* errorName,
+                          const std::string& errorText, const ActedAs& done) {
+  const auto found = _callers.find(uniqueName);
+  if (found == _callers.end()) return;
+  done(errorName, errorText);
+  found->second.caller->resume();
 }
 
 std::size_t CallerTable::waitingCalls() const {

@@ -55,9 +55,11 @@ class CallerTable {
                Invoke&& invoke, std::uint32_t maxWaiting = Caller::kMaxWaitingCalls);
 
   // Makes the caller act as another client from its next call on. `done` is told the name and text
-  // of an error, or nullptr.
-  void actAs(Caller& caller, std::string identifier,
-             std::function<void(const char* errorName, const std::string& errorText)> done);
+  // of an error, or nullptr. As the client that it is anybody may act; as another, whom the
+  // descriptor lets. On the system bus that would be for other users too: there it has to be root,
+  // or the transaction service, while it is asked to sign somebody in for that client.
+  using ActedAs = std::function<void(const char* errorName, const std::string& errorText)>;
+  void actAs(Caller& caller, std::string identifier, ActedAs done);
 
   // Waits until what has been sent so far is with the bus: calls are not taken faster than the bus
   // takes their answers. In the handler of `call`.
@@ -89,12 +91,17 @@ class CallerTable {
   void _callerHasLeft(const std::string& uniqueName);
   bool _count(Entry& entry, std::uint32_t uid);
   void _accept(Caller& caller, XPCConnection connection);
+  // Both of a suspended caller, which may have left.
+  void _become(const std::string& uniqueName, std::string identifier, ActedAs done);
+  void _stayAs(const std::string& uniqueName, const char* errorName, const std::string& errorText,
+               const ActedAs& done);
   template <class... Results>
   static void _refuse(Caller& caller, const sdbus::Result<Results...>& result, const char* name,
                       const std::string& text);
 
   std::shared_ptr<BusConnection> _connection;
   XPCListenerDelegate& _delegate;
+  const bool _ownUserOnly;
   CallerIdentification _identification;
   UnreadAnswers _unreadAnswers;
   std::size_t _unreadQuestions = 0;  // that the bus has not answered yet

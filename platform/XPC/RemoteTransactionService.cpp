@@ -1,5 +1,7 @@
 #include "platform/XPC/RemoteTransactionService.h"
 
+#include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,10 +11,38 @@
 namespace tallow {
 
 namespace {
-constexpr PeerConnection::Address kPeer = {"transaction service", "com.vantor.transactionservice",
+
+constexpr PeerConnection::Address kPeer = {"transaction service", RemoteTransactionService::kName,
                                            "/com/vantor/transactionservice",
                                            "com.vantor.HSTransactionService"};
+
+// The clients that are asked for, each as often as it is.
+struct Questions {
+  std::mutex lock;
+  std::multiset<std::string> clients;
+};
+
+Questions& questions() {
+  static Questions& shared = *new Questions;
+  return shared;
+}
+
+// One that lasts as long as its last reference.
+std::shared_ptr<void> questionFor(const std::string& client) {
+  const std::lock_guard guard(questions().lock);
+  const auto asked = questions().clients.insert(client);
+  return {nullptr, [asked](void*) {
+            const std::lock_guard lock(questions().lock);
+            questions().clients.erase(asked);
+          }};
+}
+
 }  // namespace
+
+bool RemoteTransactionService::isAskedFor(const std::string& identifier) {
+  const std::lock_guard guard(questions().lock);
+  return questions().clients.contains(identifier);
+}
 
 RemoteTransactionService::RemoteTransactionService(std::shared_ptr<const HSStoreClient> storeClient)
     : _storeClient(std::move(storeClient)) {}
@@ -26,9 +56,9 @@ void RemoteTransactionService::dsidByAuthenticatingWithContext(HSAuthenticationC
   wireContext.value = context.dictionaryRepresentation();
   PeerConnection::call<bool, std::vector<std::uint64_t>, std::vector<WireError>>(
       kPeer, "dsidByAuthenticatingWithContext", kPatience,
-      Answer([reply = std::move(reply)](std::optional<Error> absent, bool success,
-                                        const std::vector<std::uint64_t>& dsID,
-                                        const std::vector<WireError>& error) {
+      Answer([reply = std::move(reply), question = questionFor(client)](
+                 std::optional<Error> absent, bool success, const std::vector<std::uint64_t>& dsID,
+                 const std::vector<WireError>& error) {
         if (!reply) return;
         if (!absent && !error.empty()) absent = error.front().value;
         reply(success, dsID.empty() ? std::nullopt : std::optional(dsID.front()),

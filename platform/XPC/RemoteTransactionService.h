@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
 
 #include "platform/VendBase/HSStoreClient.h"
 #include "platform/VendBase/HSTransactionService.h"
@@ -13,6 +14,10 @@ class RemoteTransactionService final : public HSTransactionService {
  public:
   // A person reads, looks for a password, types it wrongly, types it again.
   static constexpr std::chrono::seconds kPatience{600};
+  static constexpr const char* kName = "com.vantor.transactionservice";
+
+  // Whether it is just asked to sign somebody in for the client with the identifier.
+  static bool isAskedFor(const std::string& identifier);
 
   explicit RemoteTransactionService(std::shared_ptr<const HSStoreClient> storeClient);
 

@@ -21,12 +21,16 @@ namespace tallow {
 // before other threads start).
 class PrivateBus {
  public:
-  // `serviceFolders` hold the .service files of what it may start.
-  explicit PrivateBus(const std::vector<std::filesystem::path>& serviceFolders = {}) {
+  // `serviceFolders` hold the .service files of what it may start. With a `policy`, the text of a
+  // file for system.d, it is a bus for all users on which everything else is denied, as a system
+  // bus denies it.
+  explicit PrivateBus(const std::vector<std::filesystem::path>& serviceFolders = {},
+                      const std::string& policy = {}) {
     char folder[] = "/tmp/tallow-bus-XXXXXX";
     if (mkdtemp(folder) == nullptr) throw std::runtime_error("no folder for the bus");
     _folder = folder;
-    _writeConfiguration(serviceFolders);
+    if (!policy.empty()) std::filesystem::permissions(_folder, std::filesystem::perms{0755});
+    _writeConfiguration(serviceFolders, policy);
     start();
     setenv("DBUS_SESSION_BUS_ADDRESS", _address.c_str(), 1);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
@@ -40,7 +44,7 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& address() const { return _address; }
-  // A folder of the bus's own, gone with it.
+  // A folder of the bus's own, gone with it. It looks for .service files in "services" there, too.
   const std::filesystem::path& folder() const { return _folder; }
   pid_t pid() const { return _pid; }
 
@@ -92,18 +96,34 @@ class PrivateBus {
   }
 
  private:
-  void _writeConfiguration(const std::vector<std::filesystem::path>& serviceFolders) const {
+  void _writeConfiguration(const std::vector<std::filesystem::path>& serviceFolders,
+                           const std::string& policy) const {
     std::ofstream file(_folder / "bus.conf");
     file << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
             " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
             "<busconfig>\n  <type>session</type>\n  <listen>unix:path="
          << (_folder / "bus").string() << "</listen>\n";
+    std::filesystem::create_directory(_folder / "services");
+    file << "  <servicedir>" << (_folder / "services").string() << "</servicedir>\n";
     for (const auto& folder : serviceFolders)
       file << "  <servicedir>" << folder.string() << "</servicedir>\n";
-    file << "  <policy context='default'>\n"
-            "    <allow send_destination='*' eavesdrop='true'/>\n"
-            "    <allow eavesdrop='true'/>\n    <allow own='*'/>\n  </policy>\n"
-            "  <limit name='max_connections_per_user'>2000</limit>\n"
+    if (policy.empty()) {
+      file << "  <policy context='default'>\n"
+              "    <allow send_destination='*' eavesdrop='true'/>\n"
+              "    <allow eavesdrop='true'/>\n    <allow own='*'/>\n  </policy>\n";
+    } else {
+      file << "  <policy context='default'>\n    <allow user='*'/>\n    <deny own='*'/>\n"
+              "    <deny send_type='method_call'/>\n    <allow send_type='signal'/>\n"
+              "    <allow send_requested_reply='true' send_type='method_return'/>\n"
+              "    <allow send_requested_reply='true' send_type='error'/>\n"
+              "    <allow receive_type='method_call'/>\n"
+              "    <allow receive_type='method_return'/>\n"
+              "    <allow receive_type='error'/>\n    <allow receive_type='signal'/>\n"
+              "    <allow send_destination='org.freedesktop.DBus'/>\n  </policy>\n"
+              "  <include>policy.conf</include>\n";
+      std::ofstream(_folder / "policy.conf") << policy;
+    }
+    file << "  <limit name='max_connections_per_user'>2000</limit>\n"
             "  <limit name='max_replies_per_connection'>50000</limit>\n"
             "  <limit name='reply_timeout'>600000</limit>\n</busconfig>\n";
   }

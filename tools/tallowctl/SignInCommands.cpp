@@ -77,7 +77,7 @@ int signIn(Application& application, const SignInOptions& options) {
     // Where somebody else is the transaction service already, they ask.
     const auto agent = TransactionAgent::start(application.instance(), ask);
     if (!agent &&
-        (agent.error().code != AccountServiceClient::kRefused || options.passwordFromStandardInput))
+        (agent.error().code != AccountServiceClient::kTaken || options.passwordFromStandardInput))
       return application.output().failure(agent.error());
     const HSAuthenticationContext context = [&] {
       HSAuthenticationContext made;
