@@ -58,10 +58,16 @@ void ServiceConnection::observe(AccountServiceClient::BagObserver observer) {
 
 void ServiceConnection::observeAccounts(AccountServiceClient::AccountObserver observer) {
   const sdbus::ObjectPath path{ServiceBus::kAccountObserverPath};
+  const auto watch = observer ? std::make_shared<AccountWatch>(std::move(observer)) : nullptr;
+  const auto before = [this] {
+    const std::lock_guard lock(_mutex);
+    return _accountWatch;
+  }();
   _exchange(
-      _accountObserver, std::move(observer),
+      _accountWatch, watch,
       [&](ServiceSession& service) { service.removeAccountStoreObserver(path); },
-      [&](ServiceSession& service) { service.addAccountStoreObserver(path); });
+      [&](ServiceSession& service) { service.addAccountWatch(watch); });
+  if (before) before->end();
 }
 
 std::shared_ptr<ServiceSession> ServiceConnection::session() {
@@ -81,13 +87,12 @@ std::shared_ptr<ServiceSession> ServiceConnection::_newSession() {
     _bus = std::make_shared<ServiceBus>(
         _instance, _serviceName, [this](const std::string& owner) { _ownerHasChanged(owner); });
     _bus->exportObserver(_observer);
-    _bus->exportObserver(_accountObserver);
+    _bus->exportObserver(_accountWatch);
   }
   auto session = std::make_shared<ServiceSession>(_bus, _bus->findService(_serviceName));
   if (_identifier) session->actAs(*_identifier);
   if (_observer) session->addURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
-  if (_accountObserver)
-    session->addAccountStoreObserver(sdbus::ObjectPath{ServiceBus::kAccountObserverPath});
+  if (_accountWatch) session->addAccountWatch(_accountWatch);
   return session;
 }
 

@@ -67,7 +67,7 @@ class ServiceConnection {
   std::shared_ptr<ServiceSession> _session;
   std::optional<std::string> _identifier;
   AccountServiceClient::BagObserver _observer;
-  AccountServiceClient::AccountObserver _accountObserver;
+  std::shared_ptr<AccountWatch> _accountWatch;
 
   // Never held while something is waited for.
   std::mutex _ownerMutex;

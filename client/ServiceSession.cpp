@@ -12,6 +12,12 @@ constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kServicePath = "/com/vantor/tallowd";
 // What the bus daemon itself allows a service to start, and a little.
 constexpr std::chrono::seconds kStartPatience{125};
+constexpr int kMaxAttempts = 10;
+
+std::optional<Dictionary> firstOf(const std::vector<WireDictionary>& account) {
+  return account.empty() ? std::nullopt : std::optional(account.front().value);
+}
+
 }  // namespace
 
 class ServiceBus::Observer final
@@ -38,9 +44,9 @@ class ServiceBus::Observer final
 class ServiceBus::AccountsObserver final
     : public sdbus::AdaptorInterfaces<com::vantor::HSAccountStoreObserver_adaptor> {
  public:
-  AccountsObserver(sdbus::IConnection& connection, AccountServiceClient::AccountObserver observer)
+  AccountsObserver(sdbus::IConnection& connection, std::shared_ptr<AccountWatch> watch)
       : AdaptorInterfaces(connection, sdbus::ObjectPath{kAccountObserverPath}),
-        _observer(std::move(observer)) {
+        _watch(std::move(watch)) {
     registerAdaptor();
   }
   ~AccountsObserver() { unregisterAdaptor(); }
@@ -49,10 +55,10 @@ class ServiceBus::AccountsObserver final
 
  private:
   void primaryAccountDidChange(const std::vector<WireDictionary>& account) override {
-    _observer(account.empty() ? std::nullopt : std::optional(account.front().value));
+    _watch->changed(firstOf(account));
   }
 
-  const AccountServiceClient::AccountObserver _observer;
+  const std::shared_ptr<AccountWatch> _watch;
 };
 
 ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::string& serviceName,
@@ -93,19 +99,23 @@ ServiceBus::~ServiceBus() {
   _reader.join();
 }
 
+// A service that is just leaving may own the name, be found, and be gone.
 std::string ServiceBus::findService(const std::string& serviceName) {
-  try {
-    return _ownerOf(serviceName);
-  } catch (const sdbus::Error& error) {
-    if (bus::errorName(error) != "org.freedesktop.DBus.Error.NameHasNoOwner") throw;
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return _ownerOf(serviceName);
+    } catch (const sdbus::Error& error) {
+      if (bus::errorName(error) != "org.freedesktop.DBus.Error.NameHasNoOwner" ||
+          attempt == kMaxAttempts)
+        throw;
+    }
+    std::uint32_t outcome = 0;
+    _busDaemon->callMethod("StartServiceByName")
+        .onInterface(kBusName)
+        .withTimeout(kStartPatience)
+        .withArguments(serviceName, std::uint32_t{0})
+        .storeResultsTo(outcome);
   }
-  std::uint32_t outcome = 0;
-  _busDaemon->callMethod("StartServiceByName")
-      .onInterface(kBusName)
-      .withTimeout(kStartPatience)
-      .withArguments(serviceName, std::uint32_t{0})
-      .storeResultsTo(outcome);
-  return _ownerOf(serviceName);
 }
 
 std::string ServiceBus::_ownerOf(const std::string& serviceName) {
@@ -122,9 +132,9 @@ void ServiceBus::exportObserver(const AccountServiceClient::BagObserver& observe
   if (observer) _observer = std::make_unique<Observer>(*_connection, observer);
 }
 
-void ServiceBus::exportObserver(const AccountServiceClient::AccountObserver& observer) {
+void ServiceBus::exportObserver(const std::shared_ptr<AccountWatch>& watch) {
   _accountsObserver.reset();
-  if (observer) _accountsObserver = std::make_unique<AccountsObserver>(*_connection, observer);
+  if (watch) _accountsObserver = std::make_unique<AccountsObserver>(*_connection, watch);
 }
 
 ServiceSession::ServiceSession(std::shared_ptr<ServiceBus> bus, std::string uniqueName)
@@ -133,6 +143,17 @@ ServiceSession::ServiceSession(std::shared_ptr<ServiceBus> bus, std::string uniq
       _bus(std::move(bus)),
       _uniqueName(std::move(uniqueName)) {
   registerProxy();
+}
+
+void ServiceSession::addAccountWatch(const std::shared_ptr<AccountWatch>& watch) {
+  addAccountStoreObserver(sdbus::ObjectPath{ServiceBus::kAccountObserverPath});
+  getProxy()
+      .callMethodAsync("primaryAccount")
+      .onInterface(com::vantor::HSAccountService_proxy::INTERFACE_NAME)
+      .uponReplyInvoke([watch, changes = watch->changes()](
+                           bus::CallError error, const std::vector<WireDictionary>& account) {
+        if (!error) watch->found(firstOf(account), changes);
+      });
 }
 
 ServiceSession::~ServiceSession() {

@@ -12,6 +12,7 @@
 #include "bus/com.vantor.HSURLBagObserver_adaptor.h"
 #include "bus/com.vantor.tallowd.Status_proxy.h"
 #include "client/AccountServiceClient.h"
+#include "client/AccountWatch.h"
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
@@ -34,7 +35,7 @@ class ServiceBus {
   std::string findService(const std::string& serviceName);
   // Each exports the observer at its path; an empty one takes it back.
   void exportObserver(const AccountServiceClient::BagObserver& observer);
-  void exportObserver(const AccountServiceClient::AccountObserver& observer);
+  void exportObserver(const std::shared_ptr<AccountWatch>& watch);
 
   static constexpr const char* kObserverPath = "/com/vantor/tallowd/client/bag";
   static constexpr const char* kAccountObserverPath = "/com/vantor/tallowd/client/accounts";
@@ -63,6 +64,9 @@ class ServiceSession final : public sdbus::ProxyInterfaces<com::vantor::HSAccoun
   ~ServiceSession();
   ServiceSession(const ServiceSession&) = delete;
   ServiceSession& operator=(const ServiceSession&) = delete;
+
+  // Adds the observer, and asks who is signed in: the answer is told to it on the reading thread.
+  void addAccountWatch(const std::shared_ptr<AccountWatch>& watch);
 
   const std::string& uniqueName() const { return _uniqueName; }
   const ServiceBus& bus() const { return *_bus; }

@@ -152,9 +152,13 @@ TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
   EXPECT_TRUE(refused(client.addAccount(tooLong)));
   EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(tooLong, true).error()));
 
+  // Somebody signs in where nobody tells: before the new service knows of the observer.
+  prepare = [known = service(0)->signedInAccount](FakeAccountService& service) {
+    service.signedInAccount = known;
+  };
   restartService();
-  service(1)->waitForCalls(1);
-  EXPECT_THAT(service(1)->calls(), ElementsAre("addAccountStoreObserver")) << "though nobody calls";
+  EXPECT_EQ(told.next(), **added) << "though nobody calls";
+  EXPECT_THAT(service(1)->calls(), ElementsAre("addAccountStoreObserver", "primaryAccount"));
   EXPECT_FALSE(client.observeAccounts({}));
   EXPECT_TRUE(service(1)->accountObservers.empty());
 }
