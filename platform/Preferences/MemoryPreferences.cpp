@@ -68,7 +68,9 @@ bool MemoryPreferences::update(std::string_view domain,
                                const std::function<void(Editor&)>& change) {
   const std::lock_guard lock(_mutex);
   MemoryEditor editor(*this, domain);
+  const auto before = _values;
   change(editor);
+  if (_writesFail) _values = before;
   return !_writesFail;
 }
 

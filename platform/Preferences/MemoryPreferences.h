@@ -27,8 +27,8 @@ class MemoryPreferences final : public Preferences {
 
   // What an administrator would have written.
   void setAnyUserValue(std::string_view key, const Value& value, std::string_view domain);
-  // From now on the disk refuses writes: values still change in memory, but synchronize() and
-  // update() answer false.
+  // From now on the disk refuses writes: what setValue() changes is only in memory, update()
+  // changes nothing, and synchronize() and update() answer false.
   void setWritesFail(bool fail);
 
   struct Synchronization {

@@ -4,9 +4,15 @@
 
 namespace tallow {
 
+// A NUL, which a binary list can have and a record cannot, is what it would be read back as.
 std::optional<std::string> HSAuthenticationResponse::string(std::string_view key) const {
+  constexpr std::string_view kReplacement = "\uFFFD";
   const Value& value = _responseDictionary[key];
-  return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
+  if (value.string() == nullptr) return std::nullopt;
+  std::string text = *value.string();
+  for (std::size_t at = 0; (at = text.find('\0', at)) != std::string::npos;)
+    text.replace(at, 1, kReplacement);
+  return text;
 }
 
 std::optional<std::uint64_t> HSAuthenticationResponse::dsID() const {

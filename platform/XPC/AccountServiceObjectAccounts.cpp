@@ -7,6 +7,11 @@
 
 namespace tallow {
 
+namespace {
+// Of a call that would make one account more known, and is not answered.
+constexpr const char* kTooManyAccounts = "The client knows too many accounts already.";
+}  // namespace
+
 // A question whose answer is at most one account.
 void AccountServiceObject::_askForAccount(
     sdbus::Result<std::vector<WireDictionary>>&& result, Arguments arguments,
@@ -74,11 +79,14 @@ void AccountServiceObject::addAccountWithAuthenticationResponse(
     bool makePrimary) {
   Arguments arguments;
   auto taken = arguments.authenticationResponse("response", std::move(response));
-  _askForAccount(
-      std::move(result), std::move(arguments),
-      [taken = std::move(taken), makePrimary](HSAccountService& service, AccountReply reply) {
-        service.addAccountWithAuthenticationResponse(taken, makePrimary, std::move(reply));
-      });
+  _call(std::move(result), std::move(arguments),
+        [taken = std::move(taken), makePrimary](Caller& caller, auto reply) {
+          reply->setDropError(CallerTable::kLimitsExceeded, kTooManyAccounts);
+          caller.service().addAccountWithAuthenticationResponse(
+              taken, makePrimary, [reply](const std::shared_ptr<HSStoreAccount>& account) {
+                reply->answer(wire::optionalAccount(account));
+              });
+        });
 }
 
 void AccountServiceObject::addAccount(sdbus::Result<>&& result, WireDictionary account) {
@@ -86,6 +94,7 @@ void AccountServiceObject::addAccount(sdbus::Result<>&& result, WireDictionary a
   auto taken = arguments.account("account", std::move(account));
   _call(std::move(result), std::move(arguments),
         [taken = std::move(taken)](Caller& caller, auto reply) {
+          reply->setDropError(CallerTable::kLimitsExceeded, kTooManyAccounts);
           caller.service().addAccount(taken, [reply] { reply->answer(); });
         });
 }

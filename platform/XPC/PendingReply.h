@@ -99,7 +99,14 @@ class PendingReply final : public PendingReplyBase {
       : PendingReplyBase(std::move(connection), std::move(counts), bytes),
         _result(std::move(result)) {}
   ~PendingReply() {
-    if (claim()) _return(bus::makeError(kNoReplyError, "The service dropped the call unanswered."));
+    if (claim()) _return(bus::makeError(_dropError, _dropText));
+  }
+
+  // What the caller is told when nobody answers: for calls that the service refuses in this way.
+  // Before the call is made.
+  void setDropError(const char* name, const char* text) {
+    _dropError = name;
+    _dropText = text;
   }
 
   void answer(const Results&... results) {
@@ -138,6 +145,8 @@ class PendingReply final : public PendingReplyBase {
   }
 
   sdbus::Result<Results...> _result;
+  const char* _dropError = kNoReplyError;
+  const char* _dropText = "The service dropped the call unanswered.";
 };
 
 }  // namespace tallow

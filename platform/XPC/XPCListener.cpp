@@ -2,9 +2,11 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <thread>
 #include <utility>
 
 #include "platform/VendBase/VBLogManager.h"
@@ -21,6 +23,11 @@ namespace tallow {
 namespace {
 
 constexpr const char* kClassName = "XPCListener";
+// How long a service manager is waited for.
+constexpr std::uint64_t kBarrierMicroseconds = 5'000'000;
+// How long calls are waited for that came in at the very end, and how often it is looked.
+constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::milliseconds kPause{5};
 
 class BusListener final : public XPCListener {
  public:
@@ -54,6 +61,7 @@ class BusListener final : public XPCListener {
     }
     PeerConnection::setBus(_connection);
     _connection->start(_invalidated);
+    sd_notify(0, "READY=1");
     logLevel(3, "%@: serving %@", kClassName, _serviceName);
     return std::nullopt;
   }
@@ -80,10 +88,14 @@ class BusListener final : public XPCListener {
     });
   }
 
+  bool hasServiceManager() const override { return std::getenv("NOTIFY_SOCKET") != nullptr; }
+
   void stop() override {
     if (!_connection) return;
-    sd_notify(0, "STOPPING=1");
-    _serveTheRest();
+    // Once it has taken note, a service manager starts another process for whoever calls.
+    const bool isManaged = sd_notify(0, "STOPPING=1") > 0;
+    if (isManaged) sd_notify_barrier(0, kBarrierMicroseconds);
+    _serveTheRest(isManaged);
     PeerConnection::setBus(nullptr);
     _connection->stop();
     _withdraw();
@@ -124,14 +136,35 @@ class BusListener final : public XPCListener {
     }
   }
 
-  void _serveTheRest() {
-    auto served = std::make_shared<std::promise<void>>();
-    const std::future<void> end = served->get_future();
-    _connection->post([this, served = std::move(served)] {
+  // What came in at the last moment is read, and answered if that can be done soon. Calls for which
+  // a manager has started nobody, since it saw this process run, wait for somebody to take the
+  // name.
+  void _serveTheRest(bool isManaged) {
+    const std::optional<Load> before = _onReadingThread([this] { return _load(); });
+    const std::optional<Load> after = _onReadingThread([this, isManaged] {
+      if (isManaged) _takeNameBack();
       _giveUpName();
-      served->set_value();
+      return _load();
     });
-    end.wait();  // also when the thread has ended already and the task is gone
+    if (!before || !after || after->calls == before->calls) return;
+    const auto latest = std::chrono::steady_clock::now() + kPatience;
+    for (auto load = after; load && load->waitingCalls > before->waitingCalls;
+         load = _onReadingThread([this] { return _load(); })) {
+      if (std::chrono::steady_clock::now() > latest) return;
+      std::this_thread::sleep_for(kPause);
+    }
+  }
+  // Nothing when that thread has ended already.
+  std::optional<Load> _onReadingThread(std::function<Load()> look) {
+    auto seen = std::make_shared<std::promise<Load>>();
+    std::future<Load> load = seen->get_future();
+    _connection->post(
+        [look = std::move(look), seen = std::move(seen)] { seen->set_value(look()); });
+    try {
+      return load.get();
+    } catch (const std::future_error&) {
+      return std::nullopt;
+    }
   }
 
   void _withdraw() {

@@ -64,6 +64,8 @@ class XPCListener {
                             std::function<void(bool gaveUp)> done) = 0;
   // Claims the name again after all. `done` is told whether it could, likewise.
   virtual void takeNameBack(std::function<void(bool hasName)> done) = 0;
+  // Whether a service manager looks after the process: it starts no other while this one runs.
+  virtual bool hasServiceManager() const = 0;
   // Says that the service is stopping, gives up the name, serves the calls that had come in for it
   // and ends. Calls that still wait are answered as long as the process lives. Not on the
   // listener's thread.

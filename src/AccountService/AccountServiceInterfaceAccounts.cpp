@@ -83,16 +83,17 @@ void AccountServiceInterface::addAccountWithAuthenticationResponse(
     HSAuthenticationResponse response, bool makePrimary, Reply<Account> reply) {
   onRequestQueue([this, response = std::move(response), makePrimary, reply] {
     const auto store = accountStore();
-    send(reply,
-         store ? store->addAccountWithAuthenticationResponse(response, makePrimary) : nullptr);
+    const auto account =
+        store ? store->addAccountWithAuthenticationResponse(response, makePrimary) : nullptr;
+    // One too many: the reply goes unanswered, which whoever waits for it takes as a refusal.
+    if (!store || account) send(reply, account);
   });
 }
 
 void AccountServiceInterface::addAccount(Account account, Done reply) {
   onRequestQueue([this, account = std::move(account), reply] {
     const auto store = accountStore();
-    if (store && account) store->addAccount(account);
-    send(reply);
+    if (!store || !account || store->addAccount(account)) send(reply);
   });
 }
 

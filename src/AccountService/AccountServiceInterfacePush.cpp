@@ -141,10 +141,8 @@ void AccountServiceInterface::completeSetupWithResponse(Dictionary response,
                                                         Reply<bool, std::optional<Error>> reply) {
   onRequestQueue([this, response = std::move(response), reply = std::move(reply)] {
     const auto account = accountFromSetupResponse(response);
-    if (const auto store = accountStore()) {
-      store->addAccount(account);
+    if (const auto store = accountStore(); store && store->addAccount(account))
       store->makeAccountPrimary(account);
-    }
     if (response.contains("cookies")) {
       const Dictionary headers{{"Set-Cookie", response["cookies"]}};
       if (const auto storage = CookieStorage::storageForClient(storeClient()))

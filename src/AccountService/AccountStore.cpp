@@ -114,9 +114,20 @@ void AccountStore::setPrimaryOnQueue(const Account& account) {
   ++_changes;
 }
 
-void AccountStore::addAccount(const Account& account) {
-  _requestQueue.sync([&] { addOnQueue(account); });
-  writeAccountsToPersistedStore();
+bool AccountStore::hasRoomOnQueue(std::optional<std::uint64_t> dsID) const {
+  if (_accounts.size() < kMaxAccounts || (dsID && _accountsByDSID.contains(*dsID))) return true;
+  logLevel(1, "%@: refusing account %@: %lu are known already", kClassName, dsID, _accounts.size());
+  return false;
+}
+
+bool AccountStore::addAccount(const Account& account) {
+  const bool isAdded = _requestQueue.sync([&] {
+    if (!hasRoomOnQueue(account->dsID())) return false;
+    addOnQueue(account);
+    return true;
+  });
+  if (isAdded) writeAccountsToPersistedStore();
+  return isAdded;
 }
 
 AccountStore::Account AccountStore::makeAccountPrimary(const Account& account) {
@@ -161,7 +172,8 @@ void AccountStore::_primaryAccountDidChange() {
 AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
     const HSAuthenticationResponse& response, bool makePrimary) {
   // One block: a sign-out at the same time finds the account, with its token, in the list.
-  Account account = _requestQueue.sync([&] {
+  Account account = _requestQueue.sync([&]() -> Account {
+    if (!hasRoomOnQueue(response.dsID())) return nullptr;
     Account found = _nonThreadSafeAccountForDSID(response.dsID());
     if (!found) {
       found = std::make_shared<HSStoreAccount>();
@@ -175,6 +187,7 @@ AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
     addOnQueue(found);
     return found;
   });
+  if (!account) return nullptr;
   if (account->isAuthenticated())
     // The token is in this line; that is how it has always been told what was issued to whom.
     logLevel(2, "%@: Signed in for account (%@, %@, %@)", kClassName, account->dsID(),
@@ -213,8 +226,8 @@ void AccountStore::parseCreditStringForProtocol(const Dictionary& protocol) {
     account = accountWithDSID(dsID);
   else
     account = primaryAccount();
-  const std::string* credit = protocol["creditDisplay"].string();
-  if (!account || credit == nullptr) return;
+  const auto credit = HSAuthenticationResponse(protocol).creditString();
+  if (!account || !credit) return;
   logLevel(2, "%@: Found credit string %@ for account %@", kClassName, *credit, account->dsID());
   account->setCreditString(*credit);
   writeAccountsToPersistedStore();

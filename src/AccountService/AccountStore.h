@@ -70,9 +70,13 @@ class AccountStore final : public ClientController,
   // The first with exactly this name.
   Account accountWithVantorID(const std::optional<std::string>& vantorID) const;
 
+  // How many accounts a store knows at most: with texts as long as callers may give them, these fit
+  // into what the preferences take as one value.
+  static constexpr std::size_t kMaxAccounts = 1000;
+
   // Puts the account at the end of the list, in place of any other with its DSID. The primary
-  // account stays who it is.
-  void addAccount(const Account& account);
+  // account stays who it is. False, logged, when it would be one too many.
+  bool addAccount(const Account& account);
   // Whether it is another is judged by identity: a second object of the same DSID is. Neither adds
   // the account to the list nor tells observers. Returns the primary account as it is then.
   Account makeAccountPrimary(const Account& account);
@@ -81,7 +85,8 @@ class AccountStore final : public ClientController,
   void addAccountStoreObserver(std::shared_ptr<HSAccountStoreObserver> observer);
   void removeAccountStoreObserver(const std::shared_ptr<HSAccountStoreObserver>& observer);
 
-  // Takes in what the store answered to a sign-in, and starts the account's fifteen minutes.
+  // Takes in what the store answered to a sign-in, and starts the account's fifteen minutes. Null,
+  // logged, when the account would be one too many.
   Account addAccountWithAuthenticationResponse(const HSAuthenticationResponse& response,
                                                bool makePrimary);
   // Has somebody asked to sign in. The store itself changes nothing: the account arrives through
@@ -105,6 +110,9 @@ class AccountStore final : public ClientController,
   // handler is required and is called on an operation's thread.
   void getEligibilityForService(const std::string& service, EligibilityHandler completionBlock);
 
+  // Writes once more what the disk has refused, of all stores; false when it refuses again.
+  static bool writeWhatWasRefused();
+
   // The steps of the above, of no use from outside but to their tests.
   void loadAccountsFromPersistedStore();
   void writeAccountsToPersistedStore();
@@ -115,6 +123,7 @@ class AccountStore final : public ClientController,
 
   // On the request queue only.
   Account _nonThreadSafeAccountForDSID(std::optional<std::uint64_t> dsID) const;
+  bool hasRoomOnQueue(std::optional<std::uint64_t> dsID) const;
   void addOnQueue(const Account& account);
   void setPrimaryOnQueue(const Account& account);
   void setAccountsOnQueue(std::vector<Account> accounts);
@@ -134,6 +143,7 @@ class AccountStore final : public ClientController,
   std::unordered_map<std::uint64_t, Account> _accountsByDSID;  // the first of each; likewise
   Account _primaryAccount;                                     // likewise
   std::uint64_t _changes = 0;  // how often the primary account has changed; likewise
+  bool _wasRefused = false;    // the disk lacks the last change; likewise
 
   std::vector<std::shared_ptr<HSAccountStoreObserver>> _observers;  // guarded by _observersLock
   std::uint64_t _toldChanges = 0;                                   // likewise

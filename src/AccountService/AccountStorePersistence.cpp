@@ -161,9 +161,21 @@ void AccountStore::writeAccountsToPersistedStore() {
     // the client's own processes watch.
     const bool isFlushed = preferences.synchronize(
         *storeClient()->identifier, Preferences::User::Current, Preferences::Host::Any);
-    if (!isWritten || !isFlushed)
-      logLevel(1, "%@: failed to writeAccountsToPersistedStore", kClassName);
+    _wasRefused = !isWritten || !isFlushed;
+    if (_wasRefused) logLevel(1, "%@: failed to writeAccountsToPersistedStore", kClassName);
   });
+}
+
+bool AccountStore::writeWhatWasRefused() {
+  bool isWritten = true;
+  for (const auto& [key, store] : registry().entries()) {
+    const auto wasRefused = [&] {
+      return store->_requestQueue.sync([&] { return store->_wasRefused; });
+    };
+    if (wasRefused()) store->writeAccountsToPersistedStore();
+    isWritten = !wasRefused() && isWritten;
+  }
+  return isWritten;
 }
 
 void AccountStore::writeTo(Preferences::Editor& preferences) const {

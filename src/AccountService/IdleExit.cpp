@@ -14,6 +14,7 @@
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/XPCTransaction.h"
+#include "src/AccountService/AccountStore.h"
 
 namespace tallow {
 
@@ -21,6 +22,13 @@ namespace {
 
 // How often it is looked whether the last call has been answered, once the name has been given up.
 constexpr double kLeavingSeconds = 0.05;
+
+// Once more where the disk has refused it.
+bool everythingIsWritten() {
+  return AccountStore::writeWhatWasRefused() &&
+         Preferences::shared().synchronize(kDaemonDefaultsID, Preferences::User::Current,
+                                           Preferences::Host::Any);
+}
 
 bool nothingRuns() {
   const WorkerPool::Counts pool = WorkerPool::shared().counts();
@@ -49,8 +57,7 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
   // What a full disk has refused is only in memory: as long as it is, there is no leaving.
   void leaveIfIdle() {
     WorkerPool::shared().async([self = shared_from_this()] {
-      const bool isWritten = Preferences::shared().synchronize(
-          kDaemonDefaultsID, Preferences::User::Current, Preferences::Host::Any);
+      const bool isWritten = everythingIsWritten();
       RunLoop::main().post([self, isWritten] {
         if (isWritten)
           self->giveUpNameIfIdle();
@@ -88,8 +95,14 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     HSDialogCenter::shared()
         .close();  // whose calls are then answered, not left to wait for a person
     if (timer) timer->invalidate();
-    listener.giveUpNameIf([](const XPCListener::Load&) { return true; },
-                          [self = shared_from_this()](bool) { self->nameIsGone(true); });
+    WorkerPool::shared().async([self = shared_from_this()] {
+      if (!everythingIsWritten())
+        logLevel(1, "%@: Leaving although the disk refuses changes", kClassName);
+      RunLoop::main().post([self] {
+        self->listener.giveUpNameIf([](const XPCListener::Load&) { return true; },
+                                    [self](bool) { self->nameIsGone(true); });
+      });
+    });
   }
 
   // Somebody who had asked for the service's address before the name was gone may call only now:
@@ -109,6 +122,8 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
         self->isSuperseded = !hasName;
         self->nameIsGone(!hasName);
       });
+    } else if (isAnswered && !latest && !isSuperseded && listener.hasServiceManager()) {
+      lookOnceMore();
     } else if (isAnswered && (latest || isUnreachable)) {
       stop("nobody needs the service");
     } else if (latest && Clock::shared().monotonicSeconds() > *latest) {
@@ -117,6 +132,32 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     } else {
       lookAgain(kLeavingSeconds, &State::stopIfAnswered);
     }
+  }
+
+  // Who wanted the service while it had no name is waiting for it: a service manager, which sees it
+  // run, starts no other. With the name back they are heard, and make it stay.
+  void lookOnceMore() {
+    listener.takeNameBack([self = shared_from_this()](bool hasName) {
+      self->isSuperseded = !hasName;
+      if (!hasName) {
+        self->nameIsGone(true);
+        return;
+      }
+      const std::uint64_t calls = self->before.calls;
+      self->listener.giveUpNameIf(
+          [calls](const XPCListener::Load& load) {
+            return load.calls == calls && nobodyNeedsIt(load) && nothingRuns();
+          },
+          [self](bool isGone) {
+            if (!isGone) {
+              self->nameIsGone(false);
+              return;
+            }
+            RunLoop::main().post([self] {
+              if (!self->hasEnded) self->stop("nobody needs the service");
+            });
+          });
+    });
   }
 
   void stop(const char* reason) {

@@ -1,7 +1,12 @@
 #include "platform/XPC/XPCListener.h"
 
 #include <malloc.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <array>
+#include <cstring>
 #include <future>
 #include <thread>
 
@@ -265,6 +270,82 @@ TEST_F(ListenerTest, AnswersAfterItHasStopped) {
   std::thread([this] { service(0)->answerKept(); }).join();
   EXPECT_EQ(caller.receive(1).at(""), 1);
   EXPECT_EQ(TestCaller().errorOf("isValid"), "org.freedesktop.DBus.Error.ServiceUnknown");
+}
+
+// What a service manager is told, in order.
+class ServiceManager {
+ public:
+  explicit ServiceManager(const std::string& path) : _socket(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    _thread = std::thread([this] { listen(); });
+  }
+  ~ServiceManager() { end(); }
+  ServiceManager(const ServiceManager&) = delete;
+  ServiceManager& operator=(const ServiceManager&) = delete;
+
+  Strings end() {
+    if (_thread.joinable()) {
+      unsetenv("NOTIFY_SOCKET");
+      shutdown(_socket, SHUT_RDWR);
+      _thread.join();
+      close(_socket);
+    }
+    return _told;
+  }
+
+ private:
+  // Closes what comes with a message: the sender waits for that at a barrier.
+  void listen() {
+    std::array<char, 256> text{};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> passed{};
+    for (;;) {
+      iovec part{text.data(), text.size()};
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = passed.data();
+      message.msg_controllen = passed.size();
+      const ssize_t length = recvmsg(_socket, &message, 0);
+      if (length <= 0) return;
+      _told.emplace_back(text.data(), static_cast<std::size_t>(length));
+      if (const cmsghdr* header = CMSG_FIRSTHDR(&message)) {
+        int file = -1;
+        std::memcpy(&file, CMSG_DATA(header), sizeof file);
+        close(file);
+      }
+    }
+  }
+
+  int _socket;
+  Strings _told;
+  std::thread _thread;
+};
+
+// A manager that sees the service run starts no other, so that who calls while the service has no
+// name waits for somebody to take it.
+TEST_F(ListenerTest, HearsAtItsEndWhoWantedItWhileItHadNoName) {
+  listener->stop();
+  std::ofstream(bus.folder() / "services" / "manager.service")
+      << "[D-BUS Service]\nName=" << kServiceName << "\nExec=/bin/sleep 20\n";
+  bus.reload();
+  ServiceManager manager(bus.folder() / "notify");
+  listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
+  listener->setDelegate(this);
+  ASSERT_FALSE(listener->resume());
+  std::promise<bool> isGone;
+  listener->giveUpNameIf([](const XPCListener::Load&) { return true; },
+                         [&](bool gone) { isGone.set_value(gone); });
+  ASSERT_TRUE(isGone.get_future().get());
+  FloodingCaller caller;
+  caller.send("isValid");
+  EXPECT_EQ(bus.ownerOf(kServiceName), 0) << "asked after the call, so that the bus has it";
+  listener->stop();
+  EXPECT_EQ(caller.receive(1).at(""), 1);
+  EXPECT_THAT(manager.end(), ElementsAre("READY=1", "STOPPING=1", "BARRIER=1"));
 }
 
 TEST_F(ListenerTest, SaysWhenTheNameIsTaken) {

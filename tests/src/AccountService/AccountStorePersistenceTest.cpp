@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
+#include "platform/Preferences/SQLitePreferences.h"
 #include "tests/src/AccountService/AccountsFixture.h"
+#include "tests/support/FullDisk.h"
 
 namespace tallow {
 namespace {
@@ -184,14 +186,39 @@ TEST_F(AccountsTest, WrongTypesAtEveryLevelAreReadAsNothing) {
   EXPECT_NE(store()->accountWithDSID(10'000), nullptr);
 }
 
-TEST_F(AccountsTest, WhatTheDiskRefusesStaysInMemoryAndIsWrittenNextTime) {
-  world.preferences.setWritesFail(true);
-  store()->addAccountWithAuthenticationResponse(response(1), true);
-  EXPECT_TRUE(world.log.contains(1, "AccountStore: failed to writeAccountsToPersistedStore"));
-  EXPECT_EQ(store()->primaryAccount()->dsID(), 1u);
-  world.preferences.setWritesFail(false);
+TEST_F(AccountsTest, WhatAFullDiskRefusesStaysInMemoryAndIsWrittenNextTime) {
+  std::filesystem::create_directories(world.directories.configHome);
+  SQLitePreferences files(SQLitePreferences::configurationFor(world.directories));
+  const ScopedShared<Preferences> onDisk(files);
+  store()->addAccount(account(9, "before"));
+  {
+    const FullDisk full;
+    store()->addAccountWithAuthenticationResponse(response(1), true);
+    EXPECT_TRUE(world.log.contains(1, "AccountStore: failed to writeAccountsToPersistedStore"));
+    EXPECT_EQ(store()->primaryAccount()->dsID(), 1u);
+    EXPECT_FALSE(AccountStore::writeWhatWasRefused());
+  }
   store()->addAccount(account(2, "b"));
-  EXPECT_THAT(dsIDs(*storeReadAgain()), ElementsAre(1u, 2u));
+  EXPECT_THAT(dsIDs(*storeReadAgain()), ElementsAre(1u, 9u, 2u));
+  {
+    const FullDisk full;
+    store()->signOut();
+    finishOperations();
+  }
+  EXPECT_TRUE(AccountStore::writeWhatWasRefused());
+  EXPECT_EQ(storeReadAgain()->primaryAccount(), nullptr);
+}
+
+TEST_F(AccountsTest, TextsAreTheSameBeforeAndAfterARestart) {
+  const std::string withNUL("a\0b", 3);
+  store()->addAccountWithAuthenticationResponse(
+      HSAuthenticationResponse({{"dsPersonId", 1}, {"identifier", withNUL}}), true);
+  store()->parseCreditStringForProtocol({{"creditDisplay", withNUL}});
+  for (const auto& each : {store(), storeReadAgain()}) {
+    const auto found = each->accountWithVantorID("a\uFFFDb");
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->creditString(), "a\uFFFDb");
+  }
 }
 
 }  // namespace

@@ -198,9 +198,14 @@ TEST_F(AccountsTest, SigningInAsksTheTransactionServiceAndPassesOnWhatItSays) {
 }
 
 TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnswers) {
+  bool answers = true;
   world.serveBag(
       {{"logout", "https://store.example.com/out"}, {"trustedDomains", Array{"example.com"}}},
-      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 500); });
+      [&](const HTTPRequest& request) -> Result<HTTPResponse> {
+        if (answers) return ScriptedTransport::response(request, 500);
+        EXPECT_LE(request.totalTimeoutSeconds, 60);
+        return ScriptedTransport::fail(HTTPTransport::kTimedOut)(request);
+      });
   const auto observer = std::make_shared<Observer>();
   store()->addAccountStoreObserver(observer);
   const auto signedIn = store()->addAccountWithAuthenticationResponse(response(42), true);
@@ -226,6 +231,29 @@ TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnsw
   EXPECT_EQ(loop.pendingTimers(), 1u);
   loop.advance(900);
   EXPECT_EQ(XPCTransaction::count(), open - 1) << "its timer goes on and ends what it began";
+
+  // A store that never answers is given up on.
+  answers = false;
+  const auto bag = BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
+  EXPECT_FALSE(bag->valueForKey("logout").isNil());
+  finishOperations();
+  ASSERT_TRUE(bag->isValid());
+  store()->signOut();
+  finishOperations();
+  EXPECT_FALSE(bag->isValid());
+  EXPECT_EQ(notifications.posted.size(), 2u);
+}
+
+TEST_F(AccountsTest, AStoreKnowsABoundedNumberOfAccounts) {
+  for (std::uint64_t dsID = 1; dsID < AccountStore::kMaxAccounts; ++dsID)
+    store()->addAccount(account(dsID, "n"));
+  EXPECT_NE(store()->addAccountWithAuthenticationResponse(response(5000), true), nullptr);
+  EXPECT_FALSE(store()->addAccount(account(5001, "one too many")));
+  EXPECT_EQ(store()->addAccountWithAuthenticationResponse(response(5001), true), nullptr);
+  EXPECT_TRUE(world.log.contains(1, "AccountStore: refusing account 5001: 1000 are known already"));
+  EXPECT_EQ(store()->primaryAccount()->dsID(), 5000u);
+  EXPECT_TRUE(store()->addAccount(account(7, "known, and changed")));
+  EXPECT_EQ(storeReadAgain()->accounts().size(), AccountStore::kMaxAccounts);
 }
 
 TEST_F(AccountsTest, CreditGoesToTheAccountThatTheAnswerNames) {
