@@ -3,10 +3,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <random>
@@ -70,10 +70,18 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   EXPECT_THAT(client.strongToken()->value_or(""), testing::StartsWith("token-42-"));
 
   // The store signs somebody else in than was wanted.
-  ASSERT_FALSE(service.store().stage(R"({"authenticate": {"dsid": "43"}})"));
+  ASSERT_FALSE(service.store().stage(
+      R"({"authenticate": {"dsid": "43", "setCookie": "intruder=1; Path=/"}})"));
   const auto other = client.signInWithContext({{"identifier", "42@example.com"}, {"dsid", 42}});
   EXPECT_TRUE(other && other->error && !other->success);
   EXPECT_EQ(primaryOf(client), 42u);
+  const auto headers =
+      client.httpHeadersForURL(service.storeURL("https", "/store/page"), std::nullopt, false);
+  ASSERT_TRUE(headers) << headers.error().localizedDescription();
+  const std::string* cookies = (*headers)["Cookie"].string();
+  ASSERT_NE(cookies, nullptr);
+  EXPECT_THAT(*cookies, testing::HasSubstr("account-session=42"));
+  EXPECT_THAT(*cookies, testing::Not(testing::HasSubstr("intruder")));
   *agent = nullptr;
 
   service.kill();
@@ -86,6 +94,62 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   EXPECT_EQ(client.accounts()->size(), 1u);
   EXPECT_EQ(told.next(), 0u) << "heard by the observer that was carried over";
   EXPECT_TRUE(client.getEligibilityForService(1)->eligible);
+}
+
+TEST(AccountsRoad, ATransactionServiceThatDiesInTheMiddleEndsTheSignInAtOnce) {
+  constexpr const char* kTransactions = "com.vantor.transactionservice";
+  RunningService service;
+  service.writeDescriptor("scripted",
+                          "store-client = false\nmay-act-as-others = true\n"
+                          "[[process]]\nexecutable = \"" TALLOW_DEVSTORE_PROGRAM "\"\n");
+  std::ofstream(service.bus().folder() / "services" / "transactions.service")
+      << "[D-BUS Service]\nName=" << kTransactions
+      << "\nExec=" TALLOW_DEVSTORE_PROGRAM " transaction-service 42@example.com\n";
+  service.bus().reload();
+  ASSERT_FALSE(service.store().stage(R"({"authenticate": {"hang": true, "times": 1}})"));
+  std::thread killer([&] {
+    EXPECT_TRUE(service.store().waitForRequests("/accounts/authenticate", 1));
+    ::kill(service.pid(kTransactions), SIGKILL);
+  });
+  const auto cut = service.client().signInWithContext({});
+  killer.join();
+  ASSERT_TRUE(cut && cut->error);
+  EXPECT_EQ(cut->error->domain, "HSErrorDomain");
+  EXPECT_THAT(cut->error->localizedDescription(), testing::HasSubstr("transaction service"));
+  EXPECT_EQ(primaryOf(service.client()), 0u);
+  const auto again = service.client().signInWithContext({});
+  ASSERT_TRUE(again && again->account) << "the bus has started another";
+  EXPECT_EQ((*again->account)["dsid"], Value(42));
+}
+
+TEST(AccountsRoad, ObserversThatAreSlowOrGoneDelayNobody) {
+  constexpr std::size_t kChanges = 400;  // more than a socket holds
+  Heard<std::uint64_t> told;
+  RunningService service;
+  const auto observeWithoutReading = [] {
+    sd_bus* observer = nullptr;
+    EXPECT_GE(sd_bus_open_user(&observer), 0);
+    EXPECT_GE(sd_bus_call_method(observer, "com.vantor.tallowd", "/com/vantor/tallowd",
+                                 "com.vantor.HSAccountService", "addAccountStoreObserver", nullptr,
+                                 nullptr, "o", "/observer"),
+              0);
+    return observer;
+  };
+  sd_bus* const slow = observeWithoutReading();
+  sd_bus* const gone = observeWithoutReading();
+  ASSERT_FALSE(service.client().observeAccounts([&](const std::optional<Dictionary>& account) {
+    told.note(account ? (*account)["dsid"].unsignedValue() : 0);
+  }));
+  std::vector<std::uint64_t> expected;
+  for (std::uint64_t i = 0; i < kChanges; ++i) {
+    if (i == kChanges / 2) sd_bus_close_unref(gone);
+    expected.push_back(1 + i % 2);
+    const Dictionary answer{{"dsPersonId", expected.back()},
+                            {"identifier", std::string(4096, 'n')}};
+    ASSERT_TRUE(service.client().addAccountWithAuthenticationResponse(answer, true));
+  }
+  EXPECT_EQ(told.waitFor(kChanges), expected);
+  sd_bus_close_unref(slow);
 }
 
 // The user's instance and the system's share one preferences file here, and two clients of theirs
@@ -124,83 +188,6 @@ TEST(AccountsRoad, TwoProcessesThatWriteAtOnceKeepEachOthersAccounts) {
   // it found when it began.
   EXPECT_GE(book.accounts()->size(), kSignIns);
   service.kill();
-}
-
-// Ends the service at random moments while two clients change accounts. TALLOW_SOAK_KILLS makes it
-// a long run.
-TEST(AccountsRoad, WhatWasAcknowledgedSurvivesEveryKill) {
-  const char* wanted = std::getenv("TALLOW_SOAK_KILLS");
-  const int kills = wanted != nullptr ? std::atoi(wanted) : 5;
-  RunningService service;
-  std::mt19937_64 random(std::random_device{}());
-  std::set<std::uint64_t> acknowledged;
-  std::mutex lock;
-  std::condition_variable changed;
-  std::uint64_t next = 0, changes = 0;
-  for (int round = 0; round < kills; ++round) {
-    std::atomic<bool> ends{false};
-    std::uint64_t primaryBefore = 0, primaryAfter = 0;  // acknowledged, and asked for last
-    const auto account = [&] {
-      const std::lock_guard guard(lock);
-      return ++next;
-    };
-    const auto keep = [&](std::uint64_t dsID) {
-      const std::lock_guard guard(lock);
-      acknowledged.insert(dsID);
-      ++changes;
-      changed.notify_all();
-    };
-    {
-      AccountServiceClient first(Instance::Agent), second(Instance::Agent);
-      primaryBefore = primaryAfter = primaryOf(first);
-      std::thread adding([&] {
-        while (!ends) {
-          const std::uint64_t dsID = account();
-          const Dictionary record{{"dsid", dsID}, {"identifier", "name " + std::to_string(dsID)}};
-          if (!first.addAccount(record)) keep(dsID);
-        }
-      });
-      std::thread signingIn([&] {
-        while (!ends) {
-          primaryAfter = account();
-          if (!second.addAccountWithAuthenticationResponse(answerFor(primaryAfter), true)) continue;
-          keep(primaryBefore = primaryAfter);
-          if (primaryAfter % 3 != 0) continue;
-          primaryAfter = 0;
-          if (second.signOut()) continue;
-          primaryBefore = 0;
-        }
-      });
-      // A random moment, in changes: once so many have been made.
-      {
-        std::unique_lock waiting(lock);
-        const std::uint64_t until = changes + random() % 40;
-        EXPECT_TRUE(
-            changed.wait_for(waiting, std::chrono::seconds(60), [&] { return changes >= until; }));
-      }
-      ends = true;
-      service.kill();
-      adding.join();
-      signingIn.join();
-    }
-    service.kill();  // whoever called last may have started it again
-    AccountServiceClient after(Instance::Agent);
-    EXPECT_THAT(primaryOf(after), testing::AnyOf(primaryBefore, primaryAfter));
-    std::set<std::uint64_t> known;
-    const auto records = after.accounts();
-    ASSERT_TRUE(records) << records.error().localizedDescription();
-    for (const Dictionary& record : *records) {
-      const std::uint64_t dsID = record["dsid"].unsignedValue();
-      EXPECT_EQ(record["identifier"], Value("name " + std::to_string(dsID))) << "half there";
-      EXPECT_TRUE(known.insert(dsID).second) << "there twice";
-    }
-    for (const std::uint64_t dsID : acknowledged)
-      EXPECT_TRUE(known.contains(dsID)) << dsID << " was lost in round " << round;
-    if (testing::Test::HasFailure()) break;
-  }
-  if (wanted != nullptr)
-    std::printf("soak_kills %d kills, %llu acknowledged changes\n", kills,
-                static_cast<unsigned long long>(changes));
 }
 
 TEST(AccountsRoad, NoCallIsLostWhileAnIdleServiceComesAndGoes) {
