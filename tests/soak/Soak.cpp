@@ -20,7 +20,6 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr int kCallers = 24;
-constexpr std::chrono::seconds kWarmUp{10};
 // For threads and freed memory to go when nobody calls, and for requests to time out that hang.
 constexpr std::chrono::seconds kQuiet{10};
 constexpr std::chrono::seconds kPatience{120};
@@ -76,15 +75,11 @@ class Soak {
   }
 
   // Half of the time with kills of the service, the other half without, so that a process lives
-  // long enough to show what it does not give back.
+  // long enough to show what it does not give back, once it has seen everything.
   bool soak(std::chrono::seconds time) {
-    if (!misbehave(time / 2, true)) return finish(false);
-    {
-      const Callers callers(_world, _calls, kCallers, _random());
-      std::this_thread::sleep_for(kWarmUp);
-    }
+    if (!misbehave(time / 2, true) || !misbehave(time / 8, false)) return finish(false);
     const auto before = resourcesWhenQuiet(nullptr);
-    if (!misbehave(time / 2, false)) return finish(false);
+    if (!misbehave(time * 3 / 8, false)) return finish(false);
     const auto after = resourcesWhenQuiet(before ? &*before : nullptr);
     noteCrash();
     if (!before || !after) return finish(stuck("the service's resources"));
