@@ -25,6 +25,8 @@ class BareRequest {
     curl_easy_setopt(_curl.get(), CURLOPT_URL, _url.c_str());
     curl_easy_setopt(_curl.get(), CURLOPT_CAINFO, environment("TALLOW_DEVSTORE_CA"));
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDS, kBody);
+    curl_easy_setopt(_curl.get(), CURLOPT_ACCEPT_ENCODING, "gzip");
+    curl_easy_setopt(_curl.get(), CURLOPT_HTTPHEADER, _headers.get());
     curl_easy_setopt(_curl.get(), CURLOPT_WRITEFUNCTION, &BareRequest::take);
     curl_easy_setopt(_curl.get(), CURLOPT_WRITEDATA, &_answer);
   }
@@ -46,6 +48,10 @@ class BareRequest {
   };
   const std::string _url;
   std::string _answer;
+  struct FreeList {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+  };
+  std::unique_ptr<curl_slist, FreeList> _headers{curl_slist_append(nullptr, "Content-Type:")};
   std::unique_ptr<CURL, Cleanup> _curl{curl_easy_init()};
 };
 

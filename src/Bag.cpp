@@ -28,6 +28,9 @@ constexpr const char* kArchiveKey = "archive";
 constexpr const char* kValidUntilDateKey = "validUntilDate";
 constexpr const char* kBootstrapURLKey = "bootstrapURL";
 
+constexpr std::size_t kMostRememberedURLs = 64;
+constexpr std::size_t kMostRememberedURLBytes = 1024;
+
 Error notSigned(const char* message) {
   return HSError(kHSErrorBagNotSigned, std::nullopt, message);
 }
@@ -213,7 +216,24 @@ bool Bag::urlRequiresMD(const std::optional<URL>& url) {
 }
 
 bool Bag::sendGUIDWithURL(const std::optional<URL>& url) {
-  return url && BagPolicy::sendGUIDWithURL(validDictionary(), *url);
+  if (!url) return false;
+  const Dictionary contents = validDictionary();
+  const bool sends = BagPolicy::sendGUIDWithURL(contents, *url);
+  if (url->absoluteString().size() > kMostRememberedURLBytes) return sends;
+  const std::lock_guard guard(_guidAnswersLock);
+  if (!_guidAnswers.contents.isSameAs(contents) || _guidAnswers.byURL.size() >= kMostRememberedURLs)
+    _guidAnswers = {contents, {}};
+  _guidAnswers.byURL.emplace(url->absoluteString(), sends);
+  return sends;
+}
+
+std::optional<bool> Bag::sendGUIDWithURLIfAtHand(const URL& url) const {
+  const std::optional<Dictionary> contents = dictionaryIfValidNow();
+  if (!contents) return std::nullopt;
+  const std::lock_guard guard(_guidAnswersLock);
+  if (!_guidAnswers.contents.isSameAs(*contents)) return std::nullopt;
+  const auto found = _guidAnswers.byURL.find(url.absoluteString());
+  return found != _guidAnswers.byURL.end() ? std::optional(found->second) : std::nullopt;
 }
 
 // Accepting responses, and the copy on disk

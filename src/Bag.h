@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -98,6 +100,9 @@ class Bag : public std::enable_shared_from_this<Bag> {
   bool urlRequiresAMD(const std::optional<URL>& url);
   bool urlRequiresMD(const std::optional<URL>& url);
   bool sendGUIDWithURL(const std::optional<URL>& url);
+  // The same, if the bag is valid and idle this very moment and has been asked for this URL since
+  // it was loaded: matching its patterns may take long.
+  std::optional<bool> sendGUIDWithURLIfAtHand(const URL& url) const;
 
   // The contents, if the bag is valid and idle this very moment; nullopt when an answer would mean
   // waiting or loading.
@@ -132,6 +137,14 @@ class Bag : public std::enable_shared_from_this<Bag> {
 
   // Set while the bag is made: the file is a newer version's, which may come back to it.
   bool _leavesPersistedStoreAlone = false;
+
+  // The latest answers of sendGUIDWithURL, all out of the same contents.
+  struct GUIDAnswers {
+    Dictionary contents;
+    std::map<std::string, bool, std::less<>> byURL;
+  };
+  mutable std::mutex _guidAnswersLock;
+  GUIDAnswers _guidAnswers;  // under _guidAnswersLock
 
   mutable SerialQueue _validationQueue;
   std::optional<Date> _validUntilDate;  // guarded by _validationQueue

@@ -204,6 +204,10 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
     if (const auto bag = controller->bagWithType(storeClient()->requiredBagType)) bag->invalidate();
 }
 
+bool CookieStorage::setsCookies(const Dictionary& headers) {
+  return !setCookieLines(headers).empty();
+}
+
 void CookieStorage::deleteAllCookies() {
   _requestQueue.sync([&] {
     if (!_cookieStorage) return;

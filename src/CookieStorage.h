@@ -54,6 +54,9 @@ class CookieStorage final : public ClientController,
                                      const std::optional<URL>& fromURL,
                                      Origin origin = Origin::Response);
 
+  // Whether taking these headers in would have anything to do, and so may wait for the disk.
+  static bool setsCookies(const Dictionary& headers);
+
   // Empties the jar and writes it to disk. Unlike new cookies this leaves the bags alone: a bag
   // that was fetched with cookies stays good for requests without them.
   void deleteAllCookies();

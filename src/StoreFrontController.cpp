@@ -50,6 +50,13 @@ std::optional<std::string> StoreFrontController::storeFrontID() const {
   return _storeFrontID;
 }
 
+std::optional<std::optional<std::string>> StoreFrontController::storeFrontIDIfIdle() const {
+  const std::unique_lock lock(_lock, std::try_to_lock);
+  std::optional<std::optional<std::string>> id;
+  if (lock) id.emplace(_storeFrontID);
+  return id;
+}
+
 void StoreFrontController::setStoreFrontID(const std::optional<std::string>& storeFrontID) {
   {
     const std::lock_guard lock(_lock);

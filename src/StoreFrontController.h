@@ -27,6 +27,8 @@ class StoreFrontController final : public ClientController {
       std::shared_ptr<const HSStoreClient> client);
 
   std::optional<std::string> storeFrontID() const;
+  // The same, unless it is being changed just now: nil then.
+  std::optional<std::optional<std::string>> storeFrontIDIfIdle() const;
   // Nil clears it. A change is persisted, then all bags of the client are invalidated.
   void setStoreFrontID(const std::optional<std::string>& storeFrontID);
   // The same with the string under the key "storeFrontID".

@@ -55,9 +55,9 @@ sigset_t workerSignalMask() {
 struct WorkerPool::State : std::enable_shared_from_this<WorkerPool::State> {
   using Block = std::function<void()>;
 
-  // An idle thread; lives on that thread's stack. The one that went idle last is woken first, so
-  // that the others can leave.
-  struct Idle {
+  // Where a thread sleeps while it is idle. The one that went idle last is woken first, so that the
+  // others can leave.
+  struct Bed {
     std::condition_variable wake;
     Block block;  // given by whoever wakes it
   };
@@ -70,14 +70,15 @@ struct WorkerPool::State : std::enable_shared_from_this<WorkerPool::State> {
   int startThread();
   static void* threadMain(void* argument);
   void work();
-  bool nextBlock(std::unique_lock<std::mutex>& lock, Block& block);
-  bool waitForBlock(std::unique_lock<std::mutex>& lock, Block& block);
+  bool nextBlock(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Bed>& own, Block& block);
+  bool waitForBlock(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Bed>& own,
+                    Block& block);
 
   const std::size_t maxThreads;
   const std::chrono::duration<double> idleTime;
   mutable std::mutex mutex;  // guards everything below
   std::deque<Block> waiting;
-  std::vector<Idle*> idle;
+  std::vector<std::shared_ptr<Bed>> idle;
   std::size_t threads = 0;
   std::size_t running = 0;  // blocks that run, or have been given to a thread
   bool isFinishing = false;
@@ -95,11 +96,12 @@ thread_local const void* currentPool = nullptr;
 void WorkerPool::State::submit(Block block) {
   std::unique_lock lock(mutex);
   if (!idle.empty()) {
-    Idle* const thread = idle.back();
+    const std::shared_ptr<Bed> bed = std::move(idle.back());
     idle.pop_back();
     ++running;
-    thread->block = std::move(block);
-    thread->wake.notify_one();  // under the lock: `thread` goes away as soon as it can run
+    bed->block = std::move(block);
+    lock.unlock();  // which the thread needs as soon as it is awake
+    bed->wake.notify_one();
     return;
   }
   waiting.push_back(std::move(block));
@@ -146,9 +148,10 @@ void* WorkerPool::State::threadMain(void* argument) {
 }
 
 void WorkerPool::State::work() {
+  const auto bed = std::make_shared<Bed>();
   std::unique_lock lock(mutex);
   Block block;
-  while (nextBlock(lock, block)) {
+  while (nextBlock(lock, bed, block)) {
     lock.unlock();
     [&]() noexcept {
       block();
@@ -168,24 +171,25 @@ void WorkerPool::State::work() {
 }
 
 // The next block to run, already counted as running; false when the thread is to leave.
-bool WorkerPool::State::nextBlock(std::unique_lock<std::mutex>& lock, Block& block) {
-  if (waiting.empty()) return waitForBlock(lock, block);
+bool WorkerPool::State::nextBlock(std::unique_lock<std::mutex>& lock,
+                                  const std::shared_ptr<Bed>& own, Block& block) {
+  if (waiting.empty()) return waitForBlock(lock, own, block);
   block = std::move(waiting.front());
   waiting.pop_front();
   ++running;
   return true;
 }
 
-bool WorkerPool::State::waitForBlock(std::unique_lock<std::mutex>& lock, Block& block) {
+bool WorkerPool::State::waitForBlock(std::unique_lock<std::mutex>& lock,
+                                     const std::shared_ptr<Bed>& own, Block& block) {
   if (isFinishing) return false;
-  Idle self;
-  idle.push_back(&self);
-  self.wake.wait_for(lock, idleTime, [&] { return self.block != nullptr || isFinishing; });
-  if (self.block != nullptr) {
-    block = std::move(self.block);
+  idle.push_back(own);
+  own->wake.wait_for(lock, idleTime, [&] { return own->block != nullptr || isFinishing; });
+  if (own->block != nullptr) {
+    block = std::exchange(own->block, nullptr);
     return true;
   }
-  std::erase(idle, &self);
+  std::erase(idle, own);
   return false;
 }
 
@@ -202,7 +206,7 @@ void WorkerPool::State::finish() {
   waitUntilIdle();
   std::unique_lock lock(mutex);
   isFinishing = true;
-  for (Idle* const thread : idle) thread->wake.notify_one();
+  for (const auto& bed : idle) bed->wake.notify_one();
   threadLeft.wait(lock, [&] { return threads == 0; });
   const std::optional<pthread_t> last = std::exchange(leaver, std::nullopt);
   lock.unlock();

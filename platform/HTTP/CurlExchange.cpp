@@ -316,6 +316,7 @@ Error CurlExchange::errorFor(int transferResult) const {
 
 void CurlExchange::complete(Result<HTTPResponse> result) {
   _transfer.reset();
+  _hasEnded = true;
   const HTTPTransport::Completion completion = std::exchange(_completion, nullptr);
   if (completion) completion(std::move(result));
 }

@@ -15,7 +15,7 @@ namespace tallow {
 // the header lines by number and size.
 //
 // Owned by the transport until its completion has run, and by whoever may want to cancel it. All
-// but cancel() and the constructor belong to the transport's I/O thread.
+// but cancel() and the constructor belong to the thread that drives the transport.
 class CurlExchange final : public HTTPTransport::Exchange {
  public:
   // Where the certificates lie that a server's chain may end in; an empty path is left out.
@@ -25,7 +25,7 @@ class CurlExchange final : public HTTPTransport::Exchange {
   };
 
   // `refusal` says why the request must not be sent; it is then the exchange's outcome.
-  // `wake` makes the I/O thread look at its exchanges; any thread may call it at any time.
+  // `wake` makes that thread look at its exchanges; any thread may call it at any time.
   CurlExchange(HTTPRequest request, std::optional<Error> refusal,
                HTTPTransport::Completion completion, std::function<void()> wake);
   ~CurlExchange() override;
@@ -34,6 +34,7 @@ class CurlExchange final : public HTTPTransport::Exchange {
 
   void cancel() override;
   bool isCancelled() const { return _cancelled; }
+  bool hasEnded() const { return _hasEnded; }
 
   const HTTPRequest& request() const { return _request; }
   // Makes the library's handle. The error when the request cannot be sent.
@@ -62,6 +63,7 @@ class CurlExchange final : public HTTPTransport::Exchange {
   HTTPTransport::Completion _completion;
   std::function<void()> _wake;
   std::atomic<bool> _cancelled = false;
+  bool _hasEnded = false;
   std::unique_ptr<Transfer> _transfer;
 };
 

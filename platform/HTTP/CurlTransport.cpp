@@ -71,8 +71,9 @@ CurlTransport::Options CurlTransport::Options::fromEnvironment() {
   return {.additionalCAFile = file != nullptr ? file : ""};
 }
 
-// What the I/O thread and its callers share. Exchanges hold it weakly, so that one may be cancelled
-// after the transport has gone.
+// What the I/O thread and its callers share. One thread at a time drives the exchanges: the I/O
+// thread, or a caller who waits for one and whose turn saves two changes of threads. Exchanges hold
+// it weakly, so that one may be cancelled after the transport has gone.
 class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::Loop> {
  public:
   explicit Loop(Options options) : _options(std::move(options)) {}
@@ -86,6 +87,25 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
     return true;
   }
 
+  // The same, and drives it, and what else comes meanwhile, on this thread until it has ended,
+  // unless another thread is driving: then it returns at once.
+  bool submitAndDrive(const ExchangePointer& exchange) {
+    std::unique_lock<std::mutex> guard(_lock);
+    if (_isDriven || _stopping || !canDrive()) {
+      guard.unlock();
+      return submit(exchange);
+    }
+    // It closes the pool later, and takes over what this thread leaves.
+    if (!_running && !startThread()) return false;
+    _incoming.push_back(exchange);
+    _isDriven = true;
+    guard.unlock();
+    while (!exchange->hasEnded()) step();
+    guard.lock();
+    leave();
+    return true;
+  }
+
   void wake() {
     const std::lock_guard<std::mutex> guard(_lock);
     wakeLocked();
@@ -93,19 +113,29 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
 
   void stop() {
     {
-      const std::lock_guard<std::mutex> guard(_lock);
+      std::unique_lock<std::mutex> guard(_lock);
       _stopping = true;
       wakeLocked();
+      _changed.notify_all();
+      _changed.wait(guard, [this] { return !_isDriven; });
     }
     if (_thread.joinable()) _thread.join();
   }
 
  private:
+  // A connection that the peer has closed must not end the process.
+  static bool canDrive() {
+    sigset_t blocked;
+    return pthread_sigmask(SIG_BLOCK, nullptr, &blocked) == 0 &&
+           sigismember(&blocked, SIGPIPE) == 1;
+  }
+
   bool startThread() {
     // A thread that has said it is not running only returns.
     if (_thread.joinable()) _thread.join();
     try {
       _running = true;
+      _lastUse = Time::clock::now();
       _thread = std::thread([this] { run(); });
     } catch (const std::system_error&) {
       _running = false;
@@ -113,55 +143,76 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
     return _running;
   }
 
+  // In the one place where somebody may sleep: a wake-up for the other would cost a turn.
   void wakeLocked() {
-    _changed.notify_one();
-    if (_multi) curl().multiWakeUp(_multi.get());
+    if (_isDriven && _multi)
+      curl().multiWakeUp(_multi.get());
+    else
+      _changed.notify_all();
   }
+
+  // With the lock held, after driving.
+  void leave() {
+    _isDriven = false;
+    _lastUse = Time::clock::now();
+    if (_stopping || hasWork()) _changed.notify_all();
+  }
+  // With the lock held, while nobody drives.
+  bool hasWork() const { return !_incoming.empty() || !_active.empty(); }
 
   // The I/O thread.
   void run() {
     refuseSignals();
     pthread_setname_np(pthread_self(), "tallow-http");
-    _trusted = trustedCertificates(_options.additionalCAFile);
-    while (openPool()) {
-      while (takeIncoming()) {
-        endCancelled();
-        transfer();
+    std::unique_lock<std::mutex> guard(_lock);
+    do {
+      while (waitForWork(guard)) {
+        _isDriven = true;
+        guard.unlock();
+        while (step()) continue;
+        guard.lock();
+        leave();
       }
-      closePool();
-    }
+      closePool(guard);
+    } while (_isDriven || _multi || hasWork());  // somebody has come meanwhile
+    _running = false;
   }
 
-  // False, for good, when there is nothing to do.
-  bool openPool() {
-    CurlMultiPointer multi = makeMulti();
-    const std::lock_guard<std::mutex> guard(_lock);
-    _running = !_incoming.empty();
-    if (_running) _multi = std::move(multi);
-    return _running;
-  }
-
-  // Gives back what the idle connections and their certificates took.
-  void closePool() {
+  // With the lock held, but not all the time. Gives back what the idle connections and their
+  // certificates took.
+  void closePool(std::unique_lock<std::mutex>& guard) {
     CurlMultiPointer multi;
-    {
-      const std::lock_guard<std::mutex> guard(_lock);
-      multi.swap(_multi);
-    }
+    multi.swap(_multi);
+    guard.unlock();
     multi.reset();
     malloc_trim(0);
+    guard.lock();
   }
 
-  // Begins what has been submitted; waits for it when nothing else is under way. False when nothing
-  // has come for as long as the pool is kept, or will ever come.
-  bool takeIncoming() {
+  // With the lock held. False when nothing has come for as long as the pool is kept, or will ever
+  // come.
+  bool waitForWork(std::unique_lock<std::mutex>& guard) {
+    const auto idle = std::chrono::duration_cast<Time::duration>(
+        std::chrono::duration<double>(_options.idleSeconds));
+    for (;;) {
+      if (!_isDriven && hasWork()) return true;
+      if (!_isDriven && _stopping) return false;
+      const Time now = Time::clock::now();
+      if (!_isDriven && now >= _lastUse + idle) return false;
+      _changed.wait_until(guard, (_isDriven ? now : _lastUse) + idle);
+    }
+  }
+
+  // What follows is the driving thread's.
+
+  // Begins what has been submitted, moves what can be moved, ends what is done, sleeps until there
+  // is more. False when nothing is left.
+  bool step() {
     std::vector<ExchangePointer> incoming;
     bool stopping = false;
     {
-      std::unique_lock<std::mutex> guard(_lock);
-      if (_active.empty())
-        _changed.wait_for(guard, std::chrono::duration<double>(_options.idleSeconds),
-                          [this] { return _stopping || !_incoming.empty(); });
+      const std::lock_guard<std::mutex> guard(_lock);
+      if (!_multi) _multi = makeMulti();
       incoming.swap(_incoming);
       stopping = _stopping;
     }
@@ -172,13 +223,16 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
         end(exchange, CurlExchange::cancellation());
       return false;
     }
+    if (!_trusted) _trusted = trustedCertificates(_options.additionalCAFile);
     for (ExchangePointer& exchange : incoming) beginExchange(std::move(exchange));
-    return !incoming.empty() || !_active.empty();
+    endCancelled();
+    transfer();
+    return !_active.empty();
   }
 
   void beginExchange(ExchangePointer exchange) {
     if (exchange->isCancelled()) return exchange->finish(CurlExchange::cancellation());
-    if (std::optional<Error> error = exchange->prepare(_trusted))
+    if (std::optional<Error> error = exchange->prepare(*_trusted))
       return exchange->finish(*std::move(error));
     if (curl().multiAddHandle(_multi.get(), exchange->handle()) != CURLM_OK)
       return exchange->finish(CURLE_OUT_OF_MEMORY);
@@ -225,17 +279,21 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
     exchange->finish(std::move(outcome));
   }
 
+  using Time = std::chrono::steady_clock::time_point;
+
   const Options _options;
   std::mutex _lock;
   std::condition_variable _changed;
-  // Under the lock; the pool itself is used by the I/O thread alone, but for waking it.
+  // Under the lock; the pool itself is used by who drives alone, but for waking it.
   std::vector<ExchangePointer> _incoming;
   CurlMultiPointer _multi;
-  bool _running = false;
+  bool _running = false;  // the I/O thread
   bool _stopping = false;
+  bool _isDriven = false;
+  Time _lastUse;
   std::thread _thread;
-  // The I/O thread's own.
-  CurlExchange::TrustedCertificates _trusted;
+  // Who drives, alone.
+  std::optional<CurlExchange::TrustedCertificates> _trusted;
   std::vector<ExchangePointer> _active;
 };
 
@@ -245,22 +303,36 @@ CurlTransport::~CurlTransport() {
   _loop->stop();
 }
 
-std::shared_ptr<HTTPTransport::Exchange> CurlTransport::start(HTTPRequest request,
-                                                              Completion completion) {
-  const bool isAvailable = CurlLibrary::isAvailable();
+std::shared_ptr<CurlExchange> CurlTransport::exchangeFor(HTTPRequest request,
+                                                         Completion completion) const {
   std::optional<Error> refusal = refusalOf(request);
-  auto exchange =
-      std::make_shared<CurlExchange>(std::move(request), std::move(refusal), std::move(completion),
-                                     [loop = std::weak_ptr<Loop>(_loop)] {
-                                       if (const std::shared_ptr<Loop> alive = loop.lock())
-                                         alive->wake();
-                                     });
-  if (!isAvailable)
+  return std::make_shared<CurlExchange>(std::move(request), std::move(refusal),
+                                        std::move(completion), [loop = std::weak_ptr<Loop>(_loop)] {
+                                          if (const std::shared_ptr<Loop> alive = loop.lock())
+                                            alive->wake();
+                                        });
+}
+
+void CurlTransport::submit(const std::shared_ptr<CurlExchange>& exchange, Driver driver) {
+  if (!CurlLibrary::isAvailable())
     exchange->finish(
         makeError("HTTP", kOther, "The HTTP library (libcurl.so.4) cannot be loaded."));
-  else if (!_loop->submit(exchange))
+  else if (!(driver == Driver::Caller ? _loop->submitAndDrive(exchange) : _loop->submit(exchange)))
     exchange->finish(CURLE_OUT_OF_MEMORY);
+}
+
+std::shared_ptr<HTTPTransport::Exchange> CurlTransport::start(HTTPRequest request,
+                                                              Completion completion) {
+  auto exchange = exchangeFor(std::move(request), std::move(completion));
+  submit(exchange, Driver::IOThread);
   return exchange;
+}
+
+void CurlTransport::startAndHelp(HTTPRequest request, const Started& started,
+                                 Completion completion) {
+  const auto exchange = exchangeFor(std::move(request), std::move(completion));
+  if (started) started(exchange);
+  submit(exchange, Driver::Caller);
 }
 
 }  // namespace tallow

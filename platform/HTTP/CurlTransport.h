@@ -7,13 +7,16 @@
 
 namespace tallow {
 
-// The transport over the HTTP library (libcurl): one I/O thread drives all exchanges and one pool
-// of connections, HTTP/2 where a TLS server offers it, gzip, proxies from the environment as the
-// library reads it (http_proxy, https_proxy, all_proxy, no_proxy).
+class CurlExchange;
+
+// The transport over the HTTP library (libcurl): one pool of connections, HTTP/2 where a TLS server
+// offers it, gzip, proxies from the environment as the library reads it (http_proxy, https_proxy,
+// all_proxy, no_proxy). One thread at a time drives all exchanges: an I/O thread of its own, or a
+// caller in perform() who would else only wait.
 //
-// The thread starts with the first request. When nothing has been under way for a while it closes
-// the pool, gives its memory back and ends; the next request starts it again. While idle it does
-// not wake.
+// The I/O thread starts with the first request. When nothing has been under way for a while it
+// closes the pool, gives its memory back and ends; the next request starts it again. While idle it
+// does not wake.
 //
 // Servers are verified against the system's certificates, always, TLS 1.2 or later.
 class CurlTransport final : public HTTPTransport {
@@ -36,8 +39,16 @@ class CurlTransport final : public HTTPTransport {
 
   std::shared_ptr<Exchange> start(HTTPRequest request, Completion completion) override;
 
+ protected:
+  // The calling thread drives the exchanges itself until its own has ended, where no other does and
+  // it is deaf to SIGPIPE: that saves two changes of threads.
+  void startAndHelp(HTTPRequest request, const Started& started, Completion completion) override;
+
  private:
   class Loop;
+  enum class Driver { IOThread, Caller };
+  std::shared_ptr<CurlExchange> exchangeFor(HTTPRequest request, Completion completion) const;
+  void submit(const std::shared_ptr<CurlExchange>& exchange, Driver driver);
   std::shared_ptr<Loop> _loop;
 };
 

@@ -44,12 +44,18 @@ HTTPTransport& HTTPTransport::shared() {
       [] { return std::make_unique<CurlTransport>(CurlTransport::Options::fromEnvironment()); });
 }
 
-Result<HTTPResponse> HTTPTransport::perform(HTTPRequest request) {
+void HTTPTransport::startAndHelp(HTTPRequest request, const Started& started,
+                                 Completion completion) {
+  const auto exchange = start(std::move(request), std::move(completion));
+  if (started) started(exchange);
+}
+
+Result<HTTPResponse> HTTPTransport::perform(HTTPRequest request, const Started& started) {
   // Shared with the completion, which may still be returning when the waiting thread goes on.
   const auto promise = std::make_shared<std::promise<Result<HTTPResponse>>>();
   std::future<Result<HTTPResponse>> answer = promise->get_future();
-  start(std::move(request),
-        [promise](Result<HTTPResponse> result) { promise->set_value(std::move(result)); });
+  startAndHelp(std::move(request), started,
+               [promise](Result<HTTPResponse> result) { promise->set_value(std::move(result)); });
   return answer.get();
 }
 

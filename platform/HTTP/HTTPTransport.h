@@ -81,12 +81,16 @@ class HTTPTransport {
   virtual ~HTTPTransport() = default;
   static HTTPTransport& shared();
 
-  // The completion runs exactly once, on the transport's own thread; it must not block.
+  // The completion runs exactly once, on the transport's own thread or that of somebody in
+  // perform(); it must not block.
   virtual std::shared_ptr<Exchange> start(HTTPRequest request, Completion completion) = 0;
-  // Waits for the answer. Not on the transport's own thread.
-  Result<HTTPResponse> perform(HTTPRequest request);
+  // Waits for the answer. Not in a completion. `started` is given the exchange, to cancel it by.
+  using Started = std::function<void(std::shared_ptr<Exchange>)>;
+  Result<HTTPResponse> perform(HTTPRequest request, const Started& started = nullptr);
 
  protected:
+  // Starts the exchange for somebody who will wait for its end: a transport may use their thread.
+  virtual void startAndHelp(HTTPRequest request, const Started& started, Completion completion);
   // Why this request must not be sent (kBadRequest), or nullopt.
   static std::optional<Error> refusalOf(const HTTPRequest& request);
 };

@@ -22,9 +22,11 @@ namespace tallow {
 // inside the process through HSServiceProxy. Over the bus it is the interface
 // com.vantor.HSAccountService (interfaces/com.vantor.HSAccountService.xml, same names).
 //
-// Every operation returns at once and answers through its last argument, which may be empty and is
-// then skipped. Operations without a result call `reply()` when their work is done. A reply comes
-// exactly once, on any thread; one that is dropped unanswered tells the caller so.
+// Every operation returns at once, whatever queue or lock the calling thread holds: it waits for
+// none. It answers through its last argument, which may be empty and is then skipped. Operations
+// without a result call `reply()` when their work is done. A reply comes exactly once, on any
+// thread, the calling one included, and must not block; one that is dropped unanswered tells the
+// caller so.
 // A nil URL is std::nullopt. Any thread may call.
 class HSAccountService {
  public:

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "platform/VendBase/HSAccountServiceForwarder.h"
 #include "platform/XPC/RemoteDownloadService.h"
 #include "platform/XPC/RemoteTransactionService.h"
 
@@ -43,8 +42,7 @@ std::shared_ptr<HSAccountService> HSServiceProxy::accountService() {
   if (!_accountService) {
     const LocalAccountService factory = localAccountService();
     if (!factory) return nullptr;
-    if (auto local = factory(_storeClient))
-      _accountService = std::make_shared<HSAccountServiceForwarder>(std::move(local));
+    _accountService = factory(_storeClient);
   }
   return _accountService;
 }

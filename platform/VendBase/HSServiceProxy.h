@@ -12,9 +12,10 @@
 namespace tallow {
 
 // The store library's way to the store's services on behalf of one client. Inside the daemon the
-// account service is the daemon itself: calls made here do not run on the calling thread but hop to
-// a queue of this proxy's own, so that code which holds a bag's queue or a registry lock can hand
-// things in (cookies, a storefront) without locking itself up. Calls of one proxy run in order;
+// account service is the daemon itself: an interface object of this proxy's own, whose operations
+// never wait on the calling thread (HSAccountService.h). So code which holds a bag's queue or a
+// registry lock can ask, and hand things in (cookies, a storefront), without locking itself up, as
+// long as it does not wait for an answer that needs what it holds. Calls of one proxy run in order;
 // calls of two proxies are independent of each other. Any thread may call.
 class HSServiceProxy {
  public:

@@ -332,14 +332,10 @@ Result<HTTPResponse> HSStoreURLOperation::_exchange(const HSRequestHop& hop) {
   if (isCancelled()) return cancellationError();
   if (request.totalTimeoutSeconds <= 0) return timedOut();
 
-  const HSPendingReply<Result<HTTPResponse>> reply;
-  const std::shared_ptr<HTTPTransport::Exchange> exchange =
-      HTTPTransport::shared().start(std::move(request), reply.callback());
-  // Not abandoned when cancelled: the transport still answers, and is then done with the exchange.
-  const CancelScope scope(*this, [exchange] { exchange->cancel(); });
-  std::optional<Result<HTTPResponse>> response = reply.wait();
-  if (!response) return makeError("HTTP", HTTPTransport::kOther, "The exchange ended unanswered");
-  return *std::move(response);
+  std::optional<CancelScope> scope;
+  return HTTPTransport::shared().perform(std::move(request), [&](const auto& exchange) {
+    scope.emplace(*this, [exchange] { exchange->cancel(); });
+  });
 }
 
 // False when cancelled. The run loop keeps the time; this thread only waits for it, and keeps no

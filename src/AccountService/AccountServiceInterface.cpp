@@ -44,9 +44,13 @@ Dictionary AccountServiceInterface::bagDictionary() const {
   return bag ? bag->validDictionary() : Dictionary();
 }
 
-std::optional<Dictionary> AccountServiceInterface::bagDictionaryIfAtHand() const {
+std::shared_ptr<Bag> AccountServiceInterface::bagIfAtHand() const {
   const auto controller = BagController::bagControllerForClientIfAtHand(storeClient());
-  const auto bag = controller ? controller->bagWithType(storeClient()->requiredBagType) : nullptr;
+  return controller ? controller->bagWithType(storeClient()->requiredBagType) : nullptr;
+}
+
+std::optional<Dictionary> AccountServiceInterface::bagDictionaryIfAtHand() const {
+  const auto bag = bagIfAtHand();
   return bag ? bag->dictionaryIfValidNow() : std::nullopt;
 }
 
@@ -170,7 +174,14 @@ void AccountServiceInterface::removeURLBagObserver(std::shared_ptr<HSURLBagObser
 
 void AccountServiceInterface::shouldSendGUIDWithRequestForURL(std::optional<URL> url,
                                                               Reply<bool> reply) {
-  onRequestQueue([this, url, reply] { send(reply, shouldSendGUIDWithRequestForURL(url)); });
+  nowOrOnRequestQueue(
+      [&] {
+        const auto bag = bagIfAtHand();
+        const auto sends = bag && url ? bag->sendGUIDWithURLIfAtHand(*url) : std::nullopt;
+        if (sends) send(reply, *sends);
+        return sends.has_value();
+      },
+      [this, url, reply] { send(reply, shouldSendGUIDWithRequestForURL(url)); });
 }
 
 bool AccountServiceInterface::shouldSendGUIDWithRequestForURL(const std::optional<URL>& url) const {
@@ -183,12 +194,21 @@ bool AccountServiceInterface::shouldSendGUIDWithRequestForURL(const std::optiona
 void AccountServiceInterface::consumeCookiesWithHTTPHeaders(Dictionary headers,
                                                             std::optional<URL> fromURL,
                                                             Done reply) {
-  onRequestQueue([this, headers = std::move(headers), fromURL, reply] {
-    if (const auto storage = CookieStorage::storageForClient(storeClient()))
-      storage->consumeCookiesWithHTTPHeaders(headers, fromURL);
+  const bool setsCookies = CookieStorage::setsCookies(headers);
+  const auto takeIn = [this, headers = std::move(headers), fromURL,
+                       reply](const std::shared_ptr<CookieStorage>& storage) {
+    if (storage) storage->consumeCookiesWithHTTPHeaders(headers, fromURL);
     OrvController::sharedController().processHTTPHeaders(headers, storeClient());
     send(reply);
-  });
+  };
+  nowOrOnRequestQueue(
+      [&] {
+        const auto storage = CookieStorage::storageForClientIfAtHand(storeClient());
+        if (!storage || setsCookies) return false;
+        takeIn(storage);
+        return true;
+      },
+      [this, takeIn] { takeIn(CookieStorage::storageForClient(storeClient())); });
 }
 
 Dictionary AccountServiceInterface::composedHeadersForURL(const std::optional<URL>& url,
@@ -267,10 +287,18 @@ void AccountServiceInterface::deleteAllCookies(Done reply) {
 // Storefront
 
 void AccountServiceInterface::storeFront(Reply<std::optional<std::string>> reply) {
-  onRequestQueue([this, reply] {
-    const auto controller = StoreFrontController::storefrontControllerForClient(storeClient());
-    send(reply, controller ? controller->storeFrontID() : std::nullopt);
-  });
+  nowOrOnRequestQueue(
+      [&] {
+        const auto controller =
+            StoreFrontController::registry().entryForClientIfAtHand(storeClient());
+        const auto id = controller ? controller->storeFrontIDIfIdle() : std::nullopt;
+        if (id) send(reply, *id);
+        return id.has_value();
+      },
+      [this, reply] {
+        const auto controller = StoreFrontController::storefrontControllerForClient(storeClient());
+        send(reply, controller ? controller->storeFrontID() : std::nullopt);
+      });
 }
 
 void AccountServiceInterface::setStoreFrontID(std::optional<std::string> storeFrontID, Done reply) {

@@ -102,7 +102,8 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   // The contents of that bag, loaded if need be; empty when there is none or it cannot be made
   // valid.
   Dictionary bagDictionary() const;
-  // The same if it is valid and at hand without waiting.
+  // Each of the two without waiting, else nothing.
+  std::shared_ptr<Bag> bagIfAtHand() const;
   std::optional<Dictionary> bagDictionaryIfAtHand() const;
 
   // The store of the client's accounts; null when there is none.

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Concurrency/SerialQueue.h"
 #include "platform/VendBase/HSAccountService.h"
 #include "platform/VendBase/HSServiceProxy.h"
 
@@ -48,8 +49,9 @@ class FakeAccountService final : public HSAccountService {
   OptionalError signInError;
   std::optional<Dictionary> passwordSettings;
   OptionalError passwordSettingsError;
-  // Called at the start of every operation, on the calling thread, with the operation's name: may
-  // block, to play a service that is busy.
+  // Called at the start of every operation with its name: may block, to play a service that is
+  // busy. While it is set, what is handed in runs on one queue of the service's own, questions on
+  // another.
   std::function<void(const std::string& operation)> onCall;
   // Operations whose reply is dropped unanswered.
   std::vector<std::string> unanswered;
@@ -114,9 +116,11 @@ class FakeAccountService final : public HSAccountService {
   }
   void consumeCookiesWithHTTPHeaders(Dictionary responseHeaders, std::optional<URL> fromURL,
                                      Done reply) override {
-    enter("consumeCookiesWithHTTPHeaders", text(fromURL));
-    add(_consumed, {std::move(responseHeaders), std::move(fromURL)});
-    leave("consumeCookiesWithHTTPHeaders", reply);
+    on(_intake, [=, this] {
+      enter("consumeCookiesWithHTTPHeaders", text(fromURL));
+      add(_consumed, {responseHeaders, fromURL});
+      leave("consumeCookiesWithHTTPHeaders", reply);
+    });
   }
   void httpHeadersForURL(std::optional<URL> url, std::optional<std::uint64_t> forDSID,
                          bool includeOrvHeaders, Reply<Dictionary> reply) override {
@@ -132,13 +136,15 @@ class FakeAccountService final : public HSAccountService {
     answer("storeFront", "", reply, storeFrontID());
   }
   void setStoreFrontID(OptionalText id, Done reply) override {
-    enter("setStoreFrontID", id.value_or("nil"));
-    add(_storeFrontsSet, id);
-    {
-      const std::lock_guard guard(_lock);
-      _storeFrontID = std::move(id);
-    }
-    leave("setStoreFrontID", reply);
+    on(_intake, [=, this] {
+      enter("setStoreFrontID", id.value_or("nil"));
+      add(_storeFrontsSet, id);
+      {
+        const std::lock_guard guard(_lock);
+        _storeFrontID = id;
+      }
+      leave("setStoreFrontID", reply);
+    });
   }
 
   void accounts(Reply<std::vector<Account>> reply) override {
@@ -257,10 +263,21 @@ class FakeAccountService final : public HSAccountService {
   template <class Reply, class... Results>
   void answer(const char* operation, const std::string& arguments, const Reply& reply,
               Results... results) {
-    enter(operation, arguments);
-    leave(operation, reply, std::move(results)...);
+    on(_questions, [=, this] {
+      enter(operation, arguments);
+      leave(operation, reply, results...);
+    });
+  }
+  template <class Work>
+  void on(SerialQueue& queue, Work work) {
+    if (onCall)
+      queue.async(std::move(work));
+    else
+      work();
   }
 
+  SerialQueue _questions{"FakeAccountService questions"};
+  SerialQueue _intake{"FakeAccountService intake"};
   mutable std::mutex _lock;
   mutable std::condition_variable _called;
   std::size_t _taken = 0;  // calls whose answers have been kept, or are on their way

@@ -7,12 +7,16 @@
 #include <openssl/ssl.h>
 #include <zlib.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <future>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/support/LoopbackServer.h"
 #include "tests/support/TemporaryFolder.h"
@@ -281,6 +285,46 @@ TEST_F(CurlTransportTest, ReusesConnectionsUntilIdleForLong) {
     EXPECT_EQ(codeOf(impatient.perform(HTTPRequest(server.url()))), 0);
     server.waitForEndedConnections(i);
   }
+}
+
+// Callers that are deaf to SIGPIPE drive the exchanges themselves, one at a time: what the others
+// have under way goes on, and is taken over when who drives is done.
+TEST_F(CurlTransportTest, WhoWaitsDrivesForTheOthersToo) {
+  std::promise<void> release;
+  const std::shared_future<void> released = release.get_future().share();
+  const LoopbackServer server(LoopbackServer::responding([&](const std::string& request) {
+    if (request.starts_with("GET /slow")) released.wait();
+    return LoopbackServer::response(200, "", "x");
+  }));
+  const LoopbackServer silent(LoopbackServer::silent());
+  std::promise<std::int64_t> slow;
+  std::atomic<int> failures = 0;
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 4; ++i)
+    callers.emplace_back([&, i] {
+      sigset_t all;
+      sigfillset(&all);
+      pthread_sigmask(SIG_SETMASK, &all, nullptr);
+      for (int round = 0; round < 20; ++round) {
+        if (i == 0 && round == 0)
+          _transport.start(HTTPRequest(server.url("/slow")),
+                           [&](const auto& result) { slow.set_value(codeOf(result)); });
+        if (codeOf(_transport.perform(HTTPRequest(server.url()))) != 0) ++failures;
+      }
+      std::thread canceller;
+      const auto cancelled = _transport.perform(HTTPRequest(silent.url()), [&](auto exchange) {
+        canceller = std::thread([exchange, &silent] {
+          silent.waitForConnections(1);
+          exchange->cancel();
+        });
+      });
+      canceller.join();
+      if (codeOf(cancelled) != HTTPTransport::kCancelled) ++failures;
+    });
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(failures, 0);
+  release.set_value();
+  EXPECT_EQ(slow.get_future().get(), 0);
 }
 
 // Through a proxy it can be seen which host the library asks for.

@@ -230,34 +230,5 @@ TEST(HSServiceProxy, IsNullWithoutALocalService) {
   EXPECT_EQ(proxy.accountService(), nullptr);
 }
 
-TEST(HSServiceProxy, HopsKeepsOrderAndIsIndependentOfOthers) {
-  const auto service = std::make_shared<FakeAccountService>();
-  const ScopedAccountService scope(service);
-  std::promise<void> release;
-  const std::shared_future<void> released = release.get_future().share();
-  const std::thread::id caller = std::this_thread::get_id();
-  service->onCall = [&](const std::string& operation) {
-    EXPECT_NE(std::this_thread::get_id(), caller);
-    if (operation == "consumeCookiesWithHTTPHeaders") released.wait();
-  };
-  HSServiceProxy blocked(makeClient()), free(makeClient());
-  const HSPendingReply<std::monostate> last;
-  blocked.accountService()->consumeCookiesWithHTTPHeaders({}, std::nullopt, nullptr);
-  for (int i = 0; i < 50; ++i)
-    blocked.accountService()->setStoreFrontID(std::to_string(i), nullptr);
-  blocked.accountService()->deleteAllCookies(last.doneCallback());
-
-  const HSPendingReply<bool> answer;
-  free.accountService()->isValid(answer.callback());
-  EXPECT_EQ(answer.wait(), true) << "does not stand in the other proxy's line";
-  EXPECT_TRUE(service->storeFrontsSet().empty());
-
-  release.set_value();
-  EXPECT_TRUE(last.wait());
-  const auto set = service->storeFrontsSet();
-  ASSERT_EQ(set.size(), 50u);
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(set[i], std::to_string(i));
-}
-
 }  // namespace
 }  // namespace tallow

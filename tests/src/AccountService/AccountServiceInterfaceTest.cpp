@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 
 #include "tests/support/ServiceWorld.h"
@@ -48,13 +49,40 @@ TEST_F(AccountServiceInterfaceTest, HeadersAreTheCookiesAndEmptyWithoutAny) {
   EXPECT_TRUE(headersFor("https://www.example.com/").empty());
 }
 
-TEST_F(AccountServiceInterfaceTest, HeadersAreAnsweredAtOnceWhenNothingHasToWait) {
-  headersFor("https://www.example.com/");
+// What a store request asks of the service, and what it hands in: on the calling thread, before the
+// call returns, once the service has it all at hand; and even then not while it would mean waiting.
+TEST_F(AccountServiceInterfaceTest, WhatNeedNotWaitIsAnsweredAtOnce) {
+  world.serve({{"k", "v"}, {"guid-urls", Dictionary{{"regex", Array{"^https://www"}}}}});
+  const auto url = URL::parse("https://www.example.com/");
+  std::atomic<int> answers = 0;
+  const auto askAll = [&] {
+    answers = 0;
+    const auto count = [&](const auto&...) { ++answers; };
+    interface->valueForURLBagKey("k", count);
+    interface->urlIsTrustedByURLBag(url, count);
+    interface->needsSilentOrvActionForURL(url, count);
+    interface->shouldSendGUIDWithRequestForURL(url, count);
+    interface->primaryAccount(count);
+    interface->storeFront(count);
+    interface->httpHeadersForURL(url, std::nullopt, true, count);
+    interface->consumeCookiesWithHTTPHeaders({{"Date", "today"}}, url, count);
+    return answers.load();
+  };
+  askAll();
   ServiceWorld::settle();
-  bool answered = false;
-  interface->httpHeadersForURL(URL::parse("https://www.example.com/"), std::nullopt, false,
-                               [&](const Dictionary&) { answered = true; });
-  EXPECT_TRUE(answered) << "on the calling thread, before the call returned";
+  EXPECT_EQ(askAll(), 8);
+  interface->consumeCookiesWithHTTPHeaders({{"Set-Cookie", "a=1"}}, url, nullptr);
+  ServiceWorld::settle();
+  interface->invalidateAllBags(nullptr);
+  ServiceWorld::settle();
+  world.transport.hold();
+  EXPECT_EQ(askAll(), 0) << "the first has to load the bag, and the others keep their order";
+  world.transport.release();
+  ServiceWorld::settle();
+  EXPECT_EQ(answers, 8);
+  bool sends = false;
+  interface->shouldSendGUIDWithRequestForURL(url, [&](bool answer) { sends = answer; });
+  EXPECT_TRUE(sends);
 }
 
 TEST_F(AccountServiceInterfaceTest, CallsOfOneCallerKeepTheirOrder) {
