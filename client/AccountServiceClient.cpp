@@ -8,21 +8,18 @@ namespace tallow {
 
 namespace {
 
+bool saysThereIsNoBus(const std::string& name) {
+  return name == "org.freedesktop.DBus.Error.NoServer" ||
+         name == "org.freedesktop.DBus.Error.FileNotFound" || name == "System.Error.ECONNREFUSED" ||
+         name == "System.Error.ENOENT" || name == "System.Error.ENOMEDIUM";
+}
+
 AccountServiceClient::ErrorCode codeForErrorName(const std::string& name) {
   using Client = AccountServiceClient;
   if (name == "org.freedesktop.DBus.Error.AccessDenied") return Client::kRefused;
   if (name == "org.freedesktop.DBus.Error.InvalidArgs") return Client::kInvalidArgument;
-  for (const char* unreachable :
-       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NoReply",
-        "org.freedesktop.DBus.Error.Timeout", "org.freedesktop.DBus.Error.Disconnected",
-        "org.freedesktop.DBus.Error.NoServer", "org.freedesktop.DBus.Error.FileNotFound",
-        "org.freedesktop.DBus.Error.NameHasNoOwner", "System.Error.ETIMEDOUT",
-        "System.Error.ECONNREFUSED", "System.Error.ENOENT", "System.Error.ENOTCONN",
-        "System.Error.ECONNRESET", "System.Error.ENOMEDIUM"}) {
-    if (name == unreachable) return Client::kUnreachable;
-  }
-  return name.starts_with("org.freedesktop.DBus.Error.Spawn") ? Client::kUnreachable
-                                                              : Client::kFailed;
+  return bus::saysNobodyAnswers(name) || saysThereIsNoBus(name) ? Client::kUnreachable
+                                                                : Client::kFailed;
 }
 
 }  // namespace

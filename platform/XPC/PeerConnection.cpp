@@ -4,6 +4,7 @@
 
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/PendingReply.h"
 
 namespace tallow {
 
@@ -45,14 +46,7 @@ std::shared_ptr<BusConnection> PeerConnection::bus() {
 bool PeerConnection::cannotBeReached(const Error& error) {
   if (error.domain != kHSErrorDomain || error.code != kHSErrorServiceUnavailable) return false;
   const std::string* const name = error.userInfo[kBusErrorKey].string();
-  if (name == nullptr || name->starts_with("org.freedesktop.DBus.Error.Spawn")) return true;
-  for (const char* unreachable :
-       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
-        "org.freedesktop.DBus.Error.Disconnected", "System.Error.ENOTCONN",
-        "System.Error.ECONNRESET"}) {
-    if (*name == unreachable) return true;
-  }
-  return false;
+  return name == nullptr || bus::saysNobodyIsThere(*name);
 }
 
 Error PeerConnection::_absent(const char* peer, const std::string& why) {
@@ -62,16 +56,8 @@ Error PeerConnection::_absent(const char* peer, const std::string& why) {
 
 Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error) {
   const std::string name = bus::errorName(error);
-  // Of the bus, of sd-bus, and of this service's own kind: nobody has answered.
-  for (const char* unanswered :
-       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
-        "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout",
-        "org.freedesktop.DBus.Error.TimedOut", "org.freedesktop.DBus.Error.Disconnected",
-        "System.Error.ETIMEDOUT", "System.Error.ENOTCONN", "System.Error.ECONNRESET",
-        "com.vantor.Error.NoReply"}) {
-    if (name == unanswered) return withBusError(_absent(peer, error.getMessage()), name);
-  }
-  if (name.starts_with("org.freedesktop.DBus.Error.Spawn"))
+  // Other services of this kind say so in their own words.
+  if (bus::saysNobodyAnswers(name) || name == PendingReplyBase::kNoReplyError)
     return withBusError(_absent(peer, error.getMessage()), name);
   logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer, name,
            error.getMessage());

@@ -1,33 +1,18 @@
 #pragma once
 
-#include <atomic>
-#include <memory>
-#include <string>
+#include <optional>
 
 #include "platform/VendBase/HSURLBagObserver.h"
-#include "platform/XPC/BusConnection.h"
-#include "platform/XPC/PendingReply.h"
+#include "platform/XPC/RemoteObserver.h"
 
 namespace tallow {
 
-// The live proxy of a com.vantor.HSURLBagObserver that a caller exports. Sends without waiting and
-// asks for no reply; says nothing any more once its caller has left, nor to one
-// that leaves what it is sent unread: it counts among its answers. Any thread.
-class RemoteURLBagObserver final : public HSURLBagObserver {
+// A caller's com.vantor.HSURLBagObserver. Any thread.
+class RemoteURLBagObserver final : public RemoteObserver<HSURLBagObserver> {
  public:
-  RemoteURLBagObserver(std::shared_ptr<BusConnection> connection, const std::string& uniqueName,
-                       const std::string& path, std::shared_ptr<CallCounts> counts);
-  ~RemoteURLBagObserver() override;
+  using RemoteObserver::RemoteObserver;
 
   void urlBagDidUpdateWithSuccess(bool success, const std::optional<Error>& error) override;
-  void forget() { _isForgotten = true; }
-
- private:
-  class Proxy;
-  std::shared_ptr<BusConnection> _connection;
-  std::unique_ptr<Proxy> _proxy;
-  const std::shared_ptr<CallCounts> _counts;
-  std::atomic<bool> _isForgotten{false};
 };
 
 }  // namespace tallow

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 // The bus library, versions 1.2 and 2. What differs between them is here and nowhere else. Only
@@ -80,6 +81,23 @@ inline int eventFile(const sdbus::IConnection::PollData&) {
   return -1;
 }
 #endif
+
+// Whether the name of a call's error, the bus's or the library's, says that nobody could be asked:
+// nobody has the name and nobody can be started for it, or the bus has gone.
+inline bool saysNobodyIsThere(std::string_view errorName) {
+  return errorName.starts_with("org.freedesktop.DBus.Error.Spawn") ||
+         errorName == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+         errorName == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
+         errorName == "org.freedesktop.DBus.Error.Disconnected" ||
+         errorName == "System.Error.ENOTCONN" || errorName == "System.Error.ECONNRESET";
+}
+// The same, or that whoever was asked has not answered in time.
+inline bool saysNobodyAnswers(std::string_view errorName) {
+  return saysNobodyIsThere(errorName) || errorName == "org.freedesktop.DBus.Error.NoReply" ||
+         errorName == "org.freedesktop.DBus.Error.Timeout" ||
+         errorName == "org.freedesktop.DBus.Error.TimedOut" ||
+         errorName == "System.Error.ETIMEDOUT";
+}
 
 // The message underneath. The library's own reading and writing of arrays and variants goes element
 // by element; the wire's types read and write the message itself.
