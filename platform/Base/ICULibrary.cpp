@@ -18,6 +18,7 @@ const ICULibrary* load() {
   const bool complete = TALLOW_FIND(common, icu.strFromUTF8WithSub, u_strFromUTF8WithSub) &&
                         TALLOW_FIND(common, icu.errorName, u_errorName) &&
                         TALLOW_FIND(common, icu.foldCase, u_foldCase) &&
+                        TALLOW_FIND(common, icu.hasBinaryProperty, u_hasBinaryProperty) &&
                         TALLOW_FIND(international, icu.regexOpen, uregex_open) &&
                         TALLOW_FIND(international, icu.regexClone, uregex_clone) &&
                         TALLOW_FIND(international, icu.regexClose, uregex_close) &&

@@ -14,6 +14,7 @@ struct ICULibrary {
   decltype(&u_strFromUTF8WithSub) strFromUTF8WithSub = nullptr;
   decltype(&u_errorName) errorName = nullptr;
   decltype(&u_foldCase) foldCase = nullptr;
+  decltype(&u_hasBinaryProperty) hasBinaryProperty = nullptr;
   decltype(&uregex_open) regexOpen = nullptr;
   decltype(&uregex_clone) regexClone = nullptr;
   decltype(&uregex_close) regexClose = nullptr;

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/Base/ICULibrary.h"
+
 namespace tallow {
 
 namespace {
@@ -59,6 +61,22 @@ std::string_view prefixOnCharacterBoundary(std::string_view text, std::size_t ma
   // At most three steps: a longer run of trail bytes is no UTF-8 in the first place.
   for (int steps = 0; steps < 3 && end > 0 && U8_IS_TRAIL(text[end]); ++steps) --end;
   return text.substr(0, end);
+}
+
+Character firstCharacter(std::string_view validText) {
+  const char* bytes = validText.data();
+  std::size_t length = 0;
+  UChar32 character = 0;
+  U8_NEXT(bytes, length, validText.size(), character);
+  return {static_cast<char32_t>(character), length};
+}
+
+bool isSeenAsItself(char32_t codePoint) {
+  if (codePoint < 0x7F) return codePoint >= 0x20;
+  if (codePoint < 0xA0 || codePoint == 0x2028 || codePoint == 0x2029) return false;
+  const ICULibrary* const icu = ICULibrary::shared();
+  return icu != nullptr && icu->hasBinaryProperty(static_cast<UChar32>(codePoint),
+                                                  UCHAR_DEFAULT_IGNORABLE_CODE_POINT) == 0;
 }
 
 }  // namespace tallow

@@ -16,4 +16,15 @@ std::string replacingInvalidUTF8(std::string_view text);
 // The longest beginning of `text` of at most `maxBytes` bytes that does not end inside a character.
 std::string_view prefixOnCharacterBoundary(std::string_view text, std::size_t maxBytes);
 
+// The first character of valid text that is not empty.
+struct Character {
+  char32_t codePoint = 0;
+  std::size_t bytes = 0;
+};
+Character firstCharacter(std::string_view validText);
+
+// Whether people see the character for what it is: not one that a terminal acts on, nor one that
+// ends a line, cannot be seen, or turns the direction of text.
+bool isSeenAsItself(char32_t codePoint);
+
 }  // namespace tallow

@@ -9,42 +9,15 @@ namespace tallow {
 
 namespace {
 
-struct CodePoint {
-  char32_t value = 0;
-  std::size_t bytes = 1;
-};
-
-// The first character of valid UTF-8.
-CodePoint firstOf(std::string_view text) {
-  const auto byte = [&](std::size_t index) {
-    return static_cast<char32_t>(static_cast<unsigned char>(text[index]));
-  };
-  const char32_t lead = byte(0);
-  const std::size_t bytes = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  char32_t value = bytes == 1 ? lead : lead & (0xFFu >> (bytes + 1));
-  for (std::size_t i = 1; i < bytes; ++i) value = value << 6 | (byte(i) & 0x3F);
-  return {value, bytes};
-}
-
-// Whatever a terminal acts on, and whatever makes text look like other text.
-bool isHarmless(char32_t character, bool keepsLines) {
-  if (character == '\n') return keepsLines;
-  const bool isControl = character < 0x20 || (character >= 0x7F && character < 0xA0);
-  const bool turnsText = character == 0x061C || (character >= 0x200B && character <= 0x200F) ||
-                         (character >= 0x2028 && character <= 0x202E) ||
-                         (character >= 0x2060 && character <= 0x206F) || character == 0xFEFF;
-  return !isControl && !turnsText;
-}
-
 std::string harmless(std::string_view text, std::size_t maxBytes, bool keepsLines) {
   // What is left out is bounded as well.
   const std::string valid = replacingInvalidUTF8(text.substr(0, 2 * maxBytes));
   std::string shown;
   for (std::string_view rest = valid; !rest.empty();) {
-    const CodePoint next = firstOf(rest);
-    if (isHarmless(next.value, keepsLines)) {
+    const Character next = firstCharacter(rest);
+    if (isSeenAsItself(next.codePoint) || (next.codePoint == '\n' && keepsLines)) {
       shown += rest.substr(0, next.bytes);
-    } else if (next.value == '\n' || next.value == '\t') {
+    } else if (next.codePoint == '\n' || next.codePoint == '\t') {
       shown += ' ';
     }
     rest.remove_prefix(next.bytes);

@@ -55,17 +55,30 @@ std::optional<URL> HSOperation::urlForURLBagKey(const std::string& key,
 }
 
 bool HSOperation::runSyncReturningError(std::optional<Error>* error) {
-  if (std::exchange(_hasRun, true)) {
-    std::fputs("HSOperation: an operation was run twice\n", stderr);
-    std::abort();
-  }
+  _begin();
   if (!isCancelled()) run();
   if (!_success && !_error && isCancelled()) setError(cancellationError());
-  // Called once and let go, so that a handler that keeps the operation alive is no cycle.
-  if (const CompletionHandler handler = std::exchange(_completionHandler, nullptr))
-    handler(*this, _success, _error);
+  _end();
   if (error != nullptr) *error = _error;
   return _success;
+}
+
+void HSOperation::failWithoutRunning(Error error) {
+  _begin();
+  setError(std::move(error));
+  _end();
+}
+
+void HSOperation::_begin() {
+  if (!std::exchange(_hasRun, true)) return;
+  std::fputs("HSOperation: an operation was run twice\n", stderr);
+  std::abort();
+}
+
+// The handler is called once and let go, so that one that keeps the operation alive is no cycle.
+void HSOperation::_end() {
+  if (const CompletionHandler handler = std::exchange(_completionHandler, nullptr))
+    handler(*this, _success, _error);
 }
 
 bool HSOperation::runSubOperation(HSOperation& operation, std::optional<Error>* error) {

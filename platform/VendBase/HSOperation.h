@@ -59,6 +59,9 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
   // The same for an operation that is a step of this one.
   bool runSubOperation(HSOperation& operation, std::optional<Error>* error);
 
+  // In place of a run, which it counts as: ends with this error.
+  void failWithoutRunning(Error error);
+
   // From any thread: asks the operation to end early with kHSErrorCancelled. What it waits for
   // (an answer, an exchange, a sub-operation) is interrupted; one that has not started will not.
   void cancel();
@@ -96,6 +99,9 @@ class HSOperation : public std::enable_shared_from_this<HSOperation> {
   static Error cancellationError();
 
  private:
+  void _begin();
+  void _end();
+
   std::shared_ptr<const HSStoreClient> _storeClient;
   std::uint64_t _requiredBagType;
   bool _success = false;

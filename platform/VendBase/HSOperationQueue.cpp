@@ -13,6 +13,7 @@
 #include "platform/Base/Activity.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "platform/VendBase/HSError.h"
 #include "platform/VendBase/RecentFailures.h"
 
 namespace tallow {
@@ -71,7 +72,9 @@ struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::
     Added added = std::move(*found);
     waiting.erase(found);
     shift.client = clientOf(*added.operation);
-    ++runningOf[*shift.client];
+    Share& share = shares[*shift.client];
+    --share.waiting;
+    ++share.running;
     return added;
   }
 
@@ -80,16 +83,23 @@ struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::
   // The first whose client has not all the places that one client may have.
   Waiting::iterator firstThatMayRun() {
     return std::find_if(waiting.begin(), waiting.end(), [&](const Added& added) {
-      const auto found = runningOf.find(clientOf(*added.operation));
-      return found == runningOf.end() || found->second < maxRunningOfOne;
+      return shares[clientOf(*added.operation)].running < maxRunningOfOne;
     });
   }
   static std::string clientOf(const HSOperation& operation) {
     return operation.storeClient() ? operation.storeClient()->identifier.value_or("") : "";
   }
   void leave(const std::string& client) {
-    const auto found = runningOf.find(client);
-    if (--found->second == 0) runningOf.erase(found);
+    const auto found = shares.find(client);
+    if (--found->second.running == 0 && found->second.waiting == 0) shares.erase(found);
+  }
+  // False when too many of its client wait already.
+  bool enter(std::shared_ptr<HSOperation>& operation) {
+    Share& share = shares[clientOf(*operation)];
+    if (share.waiting >= kMaxWaitingOfOneClient) return false;
+    ++share.waiting;
+    waiting.push_back({std::move(operation), Activity::current()});
+    return true;
   }
   // Takes one more worker where one may run. Who asked starts it.
   bool takeWorker() {
@@ -108,9 +118,14 @@ struct HSOperationQueue::State : std::enable_shared_from_this<HSOperationQueue::
   mutable std::mutex lock;
   std::condition_variable idle;
   Waiting waiting;
-  std::size_t running = 0;                       // workers; each runs one operation
-  std::size_t givenWay = 0;                      // of these, whose place others may take
-  std::map<std::string, std::size_t> runningOf;  // by client, without those that have given way
+  std::size_t running = 0;   // workers; each runs one operation
+  std::size_t givenWay = 0;  // of these, whose place others may take
+  // What one client has in the queue.
+  struct Share {
+    std::size_t running = 0;  // without those that have given way
+    std::size_t waiting = 0;
+  };
+  std::map<std::string, Share> shares;
 };
 
 HSOperationQueue::GivingWay::GivingWay() {
@@ -131,7 +146,7 @@ HSOperationQueue::GivingWay::~GivingWay() {
   if (!_state) return;
   const std::lock_guard guard(_state->lock);
   --_state->givenWay;
-  ++_state->runningOf[*State::Shift::current->client];
+  ++_state->shares[*State::Shift::current->client].running;
 }
 
 HSOperationQueue& HSOperationQueue::mainQueue() {
@@ -148,12 +163,18 @@ HSOperationQueue::HSOperationQueue(std::size_t maxConcurrent, std::size_t maxOfO
 HSOperationQueue::~HSOperationQueue() = default;
 
 void HSOperationQueue::addOperation(std::shared_ptr<HSOperation> operation) {
+  bool isEntered = false;
   {
     const std::lock_guard guard(_state->lock);
-    _state->waiting.push_back({std::move(operation), Activity::current()});
-    if (!_state->takeWorker()) return;
+    isEntered = _state->enter(operation);
+    if (isEntered && !_state->takeWorker()) return;
   }
-  _state->startWorker();
+  if (isEntered) return _state->startWorker();
+  // Not on this thread: the operation's handler may do anything.
+  WorkerPool::shared().async([refused = std::move(operation)] {
+    refused->failWithoutRunning(HSError(kHSErrorServiceUnavailable, std::nullopt,
+                                        "Too many requests of this client wait already"));
+  });
 }
 
 std::size_t HSOperationQueue::operationCount() const {

@@ -8,12 +8,15 @@
 namespace tallow {
 
 // Runs operations off the caller's thread, several at once, a bounded number; the rest wait in
-// order. Keeps each operation alive until it has finished. Any thread may add.
+// order. Where too many of one store client wait, the next fails (ServiceUnavailable). Keeps each
+// operation alive until it has finished. Any thread may add.
 class HSOperationQueue {
  private:
   struct State;
 
  public:
+  static constexpr std::size_t kMaxWaitingOfOneClient = 1024;
+
   static HSOperationQueue& mainQueue();
 
   explicit HSOperationQueue(std::size_t maxConcurrent);

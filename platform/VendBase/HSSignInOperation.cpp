@@ -19,6 +19,8 @@ namespace {
 
 constexpr const char* kClassName = "HSSignInOperation";
 constexpr const char* kURLBagKey = "authenticateAccount";
+// For the bag, and for the account service to take the account in: what any request has in whole.
+constexpr double kPatienceSeconds = 60;
 
 // What property lists can carry.
 bool isText(std::string_view text) {
@@ -87,7 +89,7 @@ void HSSignInOperation::run() {
 }
 
 std::optional<Error> HSSignInOperation::_signIn() {
-  const std::optional<URL> url = urlForURLBagKey(kURLBagKey);
+  const std::optional<URL> url = urlForURLBagKey(kURLBagKey, kPatienceSeconds);
   if (!url)
     return HSError(kHSErrorNoBagEntry, std::nullopt,
                    format("There is no URL under the bag key %@", kURLBagKey));
@@ -156,7 +158,7 @@ std::optional<Error> HSSignInOperation::_takeIn(const Value& output) {
   } else {
     reply.abandon();
   }
-  if (!waitForReply(reply))
+  if (!waitForReply(reply, kPatienceSeconds))
     return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
   _dsID = *dsID;
   return std::nullopt;

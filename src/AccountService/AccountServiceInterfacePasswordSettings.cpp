@@ -7,15 +7,23 @@
 
 namespace tallow {
 
-// A client without an identifier has no controller, and gets no answer.
+// A client without an identifier has no controller, and gets no answer. The controllers themselves
+// make nobody wait.
 
 void AccountServiceInterface::getPasswordSettings(
     Reply<std::optional<Dictionary>, std::optional<Error>> reply) {
-  onRequestQueue([this, reply] {
-    if (const auto controller =
-            PasswordSettingsController::passwordSettingsControllerForClient(storeClient()))
-      controller->getPasswordSettings(reply);
-  });
+  nowOrOnRequestQueue(
+      [&] {
+        const auto controller =
+            PasswordSettingsController::registry().entryForClientIfAtHand(storeClient());
+        if (controller) cancelWithCaller(controller->getPasswordSettings(reply));
+        return controller != nullptr;
+      },
+      [this, reply] {
+        if (const auto controller =
+                PasswordSettingsController::passwordSettingsControllerForClient(storeClient()))
+          cancelWithCaller(controller->getPasswordSettings(reply));
+      });
 }
 
 void AccountServiceInterface::updatePasswordSettings(std::optional<Dictionary> settings,
@@ -23,7 +31,7 @@ void AccountServiceInterface::updatePasswordSettings(std::optional<Dictionary> s
   onRequestQueue([this, settings = std::move(settings), reply] {
     if (const auto controller =
             PasswordSettingsController::passwordSettingsControllerForClient(storeClient()))
-      controller->updatePasswordSettings(settings, reply);
+      cancelWithCaller(controller->updatePasswordSettings(settings, reply));
   });
 }
 

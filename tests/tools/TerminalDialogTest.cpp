@@ -103,6 +103,7 @@ TEST(TerminalDialogTest, ShowsTextsHarmlessAndTakesAButtonByItsNumber) {
     const Shown shown = show(each.dialog, each.lines, each.isGone);
     EXPECT_EQ(shown.answer, each.answer) << shown.terminal;
     EXPECT_EQ(shown.terminal.find('\x1b'), std::string::npos);
+    EXPECT_EQ(shown.terminal.find("Nobody waits") != std::string::npos, each.isGone);
   }
 }
 

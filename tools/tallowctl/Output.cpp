@@ -15,18 +15,17 @@ std::string printable(std::string_view text) {
   const std::string valid = replacingInvalidUTF8(text);
   std::string safe;
   safe.reserve(valid.size());
-  for (std::size_t i = 0; i < valid.size(); ++i) {
-    auto code = static_cast<unsigned char>(valid[i]);
-    // U+0080 to U+009F, which some terminals obey too.
-    const bool isHighControl = code == 0xC2 && static_cast<unsigned char>(valid[i + 1]) < 0xA0;
-    if (code >= 0x20 && code != 0x7F && !isHighControl) {
-      safe += valid[i];
-      continue;
+  for (std::string_view rest = valid; !rest.empty();) {
+    const Character next = firstCharacter(rest);
+    if (isSeenAsItself(next.codePoint)) {
+      safe += rest.substr(0, next.bytes);
+    } else {
+      const auto code = static_cast<unsigned>(next.codePoint);
+      char escaped[16];
+      std::snprintf(escaped, sizeof(escaped), code < 0x100 ? "\\x%02x" : "\\u{%04x}", code);
+      safe += escaped;
     }
-    if (isHighControl) code = static_cast<unsigned char>(valid[++i]);
-    char escaped[8];
-    std::snprintf(escaped, sizeof(escaped), "\\x%02x", code);
-    safe += escaped;
+    rest.remove_prefix(next.bytes);
   }
   return safe;
 }

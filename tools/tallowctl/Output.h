@@ -17,8 +17,8 @@ enum ExitStatus {
   kNotReachable = 3,
 };
 
-// Terminals act on control characters; texts from a server or another process must not: they are
-// escaped.
+// Texts from a server or another process must not make a terminal do anything, nor look like other
+// texts: what a terminal acts on, and what cannot be seen, is escaped.
 std::string printable(std::string_view text);
 
 // Everything that tallowctl says. For people: plain lines and tables, errors on standard error with

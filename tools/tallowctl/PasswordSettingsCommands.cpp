@@ -1,6 +1,5 @@
 #include <vector>
 
-#include "client/DialogAgent.h"
 #include "platform/PropertyList/JSON.h"
 #include "tools/tallowctl/Application.h"
 #include "tools/tallowctl/TerminalDialog.h"
@@ -35,13 +34,7 @@ int changeSettings(Application& application, const std::vector<std::string>& ass
   }
   return application.withClient([&](AccountServiceClient& client) {
     // Another program may be the one that asks. Where nobody can, the store's refusal says so.
-    // The system-wide instance asks nobody.
-    std::optional<Result<std::unique_ptr<DialogAgent>>> agent;
-    if (application.instance() == AccountServiceClient::Instance::Agent)
-      agent = DialogAgent::start(application.client(), showOnTerminal);
-    if (agent && !*agent)
-      application.output().line("The store can ask nothing here: " +
-                                (*agent).error().localizedDescription());
+    const auto agent = showDialogsOnTerminal(application);
     return application.show(client.updatePasswordSettings(changes), [&](const auto& update) {
       if (update.success) return application.finish(std::nullopt, "The settings are changed.");
       if (!update.error)

@@ -4,6 +4,7 @@
 #include "client/TransactionAgent.h"
 #include "tools/tallowctl/Application.h"
 #include "tools/tallowctl/Terminal.h"
+#include "tools/tallowctl/TerminalDialog.h"
 
 namespace tallow::ctl {
 
@@ -68,12 +69,13 @@ int signIn(Application& application, const SignInOptions& options) {
     auto password = Terminal::readSecretLine(STDIN_FILENO);
     if (!password || password->empty())
       return application.output().wrongUsage(
-          "Standard input has no password: one line of at most 1023 bytes");
+          "Standard input has no password: one line of at most 4095 bytes");
     ask = askOnce(std::move(password));
   } else if (!Terminal::open()) {
     return application.output().failure(noTerminal());
   }
   return application.withClient([&](AccountServiceClient& client) {
+    const auto dialogs = showDialogsOnTerminal(application);
     // Where somebody else is the transaction service already, they ask.
     const auto agent = TransactionAgent::start(application.instance(), ask);
     if (!agent &&

@@ -6,6 +6,7 @@
 #include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/RecentFailures.h"
 #include "tools/tallowctl/Application.h"
+#include "tools/tallowctl/TerminalDialog.h"
 
 namespace tallow::ctl {
 
@@ -105,6 +106,7 @@ int watch(const Application& application, AccountServiceClient& client) {
       showPrimaryAccount(output, account);
     });
   if (error) return output.failure(*error);
+  const auto dialogs = showDialogsOnTerminal(application);
   output.line("Watching. Control-C ends it.");
   std::fflush(stdout);
   int received = 0;

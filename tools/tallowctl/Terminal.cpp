@@ -16,7 +16,8 @@ namespace tallow::ctl {
 
 namespace {
 
-constexpr std::size_t kMaxSecretBytes = 1024;
+// With its end. No terminal hands in a longer line.
+constexpr std::size_t kMaxSecretBytes = 4096;
 constexpr std::array kEndingSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 // What the signal handler needs: the terminal that does not echo, and what it was like before.
@@ -85,10 +86,14 @@ ssize_t readByte(int descriptor, int giveUp, char* byte) {
 std::optional<Terminal> Terminal::open() {
   const int descriptor = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (descriptor < 0) return std::nullopt;
-  return Terminal(descriptor);
+  static std::mutex& turn = *new std::mutex;
+  return Terminal(descriptor, std::unique_lock(turn));
 }
 
-Terminal::Terminal(Terminal&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
+Terminal::Terminal(Terminal&& other) noexcept
+    : _descriptor(std::exchange(other._descriptor, -1)),
+      _giveUp(other._giveUp),
+      _turn(std::move(other._turn)) {}
 
 Terminal::~Terminal() {
   if (_descriptor >= 0) close(_descriptor);
@@ -96,6 +101,13 @@ Terminal::~Terminal() {
 
 void Terminal::say(std::string_view text) const {
   writeAll(_descriptor, printable(text) + "\n");
+}
+
+bool Terminal::hasGivenUp() const {
+  pollfd file{_giveUp, POLLIN, 0};
+  if (poll(&file, 1, 0) <= 0) return false;
+  tcflush(_descriptor, TCIFLUSH);
+  return true;
 }
 
 std::optional<std::string> Terminal::askLine(std::string_view prompt) const {

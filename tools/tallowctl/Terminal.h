@@ -1,8 +1,10 @@
 #pragma once
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/Base/Secret.h"
 
@@ -10,7 +12,7 @@ namespace tallow::ctl {
 
 // The terminal that the person sits at, whatever standard input and output are: questions go there
 // and answers come from there, so that output for programs stays clean. Opened for each
-// conversation, by one thread.
+// conversation, by one thread; a second conversation waits for the first to end.
 class Terminal {
  public:
   // Nothing where the process has no terminal.
@@ -24,6 +26,8 @@ class Terminal {
 
   // Texts from elsewhere are shown with control characters escaped.
   void say(std::string_view text) const;
+  // Whether the question has been given up; what was typed for it is then thrown away.
+  bool hasGivenUp() const;
   // A line, without its end; nothing at the end of input, or when the question is given up.
   std::optional<std::string> askLine(std::string_view prompt) const;
   // The same without echo. Whatever ends the process meanwhile, the terminal echoes again.
@@ -33,11 +37,13 @@ class Terminal {
   static std::optional<Secret> readSecretLine(int descriptor);
 
  private:
-  explicit Terminal(int descriptor) : _descriptor(descriptor) {}
+  Terminal(int descriptor, std::unique_lock<std::mutex> turn)
+      : _descriptor(descriptor), _turn(std::move(turn)) {}
   static std::optional<Secret> readSecretLine(int descriptor, int giveUp);
 
   int _descriptor;
   int _giveUp = -1;
+  std::unique_lock<std::mutex> _turn;
 };
 
 }  // namespace tallow::ctl

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/tallowctl/Application.h"
 #include "tools/tallowctl/Terminal.h"
 
 namespace tallow::ctl {
@@ -17,10 +18,11 @@ std::string_view textUnder(const Dictionary& dictionary, const char* key) {
   return text != nullptr ? std::string_view(*text) : std::string_view();
 }
 
+// Set in, so that no line of the store's can pass for one of this program's.
 void sayLines(const Terminal& terminal, std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size());
-    terminal.say(text.substr(0, end));
+    terminal.say("  " + std::string(text.substr(0, end)));
     text.remove_prefix(std::min(end + 1, text.size()));
   }
 }
@@ -80,11 +82,27 @@ DialogAgent::Answer showOnTerminal(const DialogAgent::Dialog& dialog) {
                 std::string(textUnder(dialog.contents, "client")) + ":");
   sayLines(*terminal, textUnder(dialog.contents, "message"));
   sayLines(*terminal, textUnder(dialog.contents, "explanation"));
-  if (dialog.contents["signIn"].dictionary() != nullptr)
-    return askForSignIn(*terminal, dialog.contents);
   DialogAgent::Answer answer;
-  answer.button = askForButton(*terminal, dialog.contents);
+  if (dialog.contents["signIn"].dictionary() != nullptr)
+    answer = askForSignIn(*terminal, dialog.contents);
+  else
+    answer.button = askForButton(*terminal, dialog.contents);
+  if (terminal->hasGivenUp()) {
+    terminal->say("");
+    terminal->say("Nobody waits for the answer any more.");
+  }
   return answer;
+}
+
+std::unique_ptr<DialogAgent> showDialogsOnTerminal(const Application& application) {
+  if (application.instance() != AccountServiceClient::Instance::Agent || !Terminal::open())
+    return nullptr;
+  Result<std::unique_ptr<DialogAgent>> agent =
+      DialogAgent::start(application.client(), showOnTerminal);
+  if (agent) return std::move(*agent);
+  application.output().line("The store can ask nothing here: " +
+                            agent.error().localizedDescription());
+  return nullptr;
 }
 
 }  // namespace tallow::ctl

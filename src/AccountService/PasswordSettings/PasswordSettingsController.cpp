@@ -31,7 +31,8 @@ std::shared_ptr<PasswordSettingsController> PasswordSettingsController::initWith
 PasswordSettingsController::PasswordSettingsController(std::shared_ptr<const HSStoreClient> client)
     : ClientController(std::move(client)) {}
 
-void PasswordSettingsController::getPasswordSettings(SettingsReply reply) const {
+std::shared_ptr<HSOperation> PasswordSettingsController::getPasswordSettings(
+    SettingsReply reply) const {
   const auto operation = std::make_shared<GetPasswordSettingsOperation>(storeClient());
   operation->setCompletionHandler(
       [reply = std::move(reply)](HSOperation& finished, bool, const std::optional<Error>& error) {
@@ -40,10 +41,11 @@ void PasswordSettingsController::getPasswordSettings(SettingsReply reply) const 
         reply(static_cast<GetPasswordSettingsOperation&>(finished).passwordSettings(), error);
       });
   HSOperationQueue::mainQueue().addOperation(operation);
+  return operation;
 }
 
-void PasswordSettingsController::updatePasswordSettings(std::optional<Dictionary> settings,
-                                                        UpdateReply reply) const {
+std::shared_ptr<HSOperation> PasswordSettingsController::updatePasswordSettings(
+    std::optional<Dictionary> settings, UpdateReply reply) const {
   const auto operation = std::make_shared<UpdatePasswordSettingsOperation>(storeClient());
   operation->setPasswordSettings(std::move(settings));
   operation->setCompletionHandler(
@@ -51,6 +53,7 @@ void PasswordSettingsController::updatePasswordSettings(std::optional<Dictionary
         if (reply) reply(success, error);
       });
   HSOperationQueue::mainQueue().addOperation(operation);
+  return operation;
 }
 
 }  // namespace tallow

@@ -10,9 +10,13 @@
 
 namespace tallow {
 
+class HSOperation;
+
 // The password settings of one store client's account: a dictionary that the store keeps. What is
 // in it passes through unread in both directions. Holds no state but its client. Found through
 // passwordSettingsControllerForClient, which owns it. Any thread may call; nothing here waits.
+//
+// An answer that is no property list at all fails with the request's own error (2).
 class PasswordSettingsController final : public ClientController {
  public:
   static constexpr const char* kClassName = "PasswordSettingsController";
@@ -30,11 +34,13 @@ class PasswordSettingsController final : public ClientController {
   static std::shared_ptr<PasswordSettingsController> initWithStoreClient(
       std::shared_ptr<const HSStoreClient> client);
 
-  // The reply runs on a thread of the main operation queue; it may be empty.
-  void getPasswordSettings(SettingsReply reply) const;
+  // The reply runs on a thread of the main operation queue; it may be empty. Given back is what is
+  // under way, for who may want to cancel it.
+  std::shared_ptr<HSOperation> getPasswordSettings(SettingsReply reply) const;
   // The same. A person may be asked to sign in first, so this may take as long as they do. Nil
   // settings fail without an error.
-  void updatePasswordSettings(std::optional<Dictionary> settings, UpdateReply reply) const;
+  std::shared_ptr<HSOperation> updatePasswordSettings(std::optional<Dictionary> settings,
+                                                      UpdateReply reply) const;
 
  private:
   explicit PasswordSettingsController(std::shared_ptr<const HSStoreClient> client);

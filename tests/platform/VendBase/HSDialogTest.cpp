@@ -61,7 +61,8 @@ TEST(HSDialogTest, TakesWhatCanBeShownAndLeavesTheRest) {
 
 TEST(HSDialogTest, ShowsTextsHarmless) {
   EXPECT_EQ(HSDialog::shownText("a\x1b[31mb\x9b\xc2\x9bm\x7f\r"), "a[31mb\xEF\xBF\xBDm");
-  EXPECT_EQ(HSDialog::shownText("\u202Eevil\u2066\u200Btext\uFEFF"), "eviltext");
+  EXPECT_EQ(HSDialog::shownText("\u202Eev\u00ADil\u2066\u200Bte\u034Fxt\uFEFF\U000E0041"),
+            "eviltext");
   EXPECT_EQ(HSDialog::shownText("líne\n日本 \U0001F600\tend"), "líne\n日本 \U0001F600 end");
   EXPECT_EQ(dialog({{"message", "two\nlines"}}).message, "two lines");
   EXPECT_LE(dialog({{"message", std::string(1u << 20, 'x')}}).message.size(),

@@ -174,6 +174,28 @@ TEST(HSOperationQueue, RunsSeveralAtOnceUpToItsBound) {
   EXPECT_EQ(most, kBound);
 }
 
+TEST(HSOperationQueue, FailsWhatIsTooManyOfOneClient) {
+  HSOperationQueue queue(1);
+  std::latch release(1), refused(1);
+  const auto add = [&](const char* client) {
+    auto made = std::make_shared<HSStoreClient>();
+    made->identifier = client;
+    const auto operation = std::make_shared<HSOperation>(made);
+    operation->setCompletionHandler([&](HSOperation&, bool success, const auto& error) {
+      if (success) return;
+      EXPECT_EQ(error->code, kHSErrorServiceUnavailable);
+      refused.count_down();
+    });
+    queue.addOperation(operation);
+  };
+  queue.addOperation(std::make_shared<BlockOperation>([&](auto&) { release.wait(); }));
+  for (std::size_t i = 0; i < HSOperationQueue::kMaxWaitingOfOneClient + 1; ++i) add("greedy");
+  add("modest");
+  refused.wait();
+  release.count_down();
+  queue.waitUntilAllOperationsAreFinished();
+}
+
 TEST(HSOperationQueue, MayGoAwayWhileItsOperationsWait) {
   std::latch done(20);
   {

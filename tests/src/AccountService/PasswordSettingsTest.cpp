@@ -202,6 +202,29 @@ TEST_F(PasswordSettingsTest, AnEndToTheDialogEndsIt) {
   EXPECT_EQ(update(Dictionary()).error->code, kHSErrorHTTPStatus);
 }
 
+TEST_F(PasswordSettingsTest, WhatNobodyWaitsForAnyMoreIsTakenOffTheScreen) {
+  struct Agent final : HSDialogAgent {
+    const std::string& client() const override { return name; }
+    void showDialog(std::uint64_t, const HSDialog&) override { shown.set_value(); }
+    void dismissDialog(std::uint64_t) override { dismissed.set_value(); }
+    const std::string name = "com.example.store";
+    std::promise<void> shown, dismissed;
+  };
+  const auto agent = std::make_shared<Agent>();
+  _dialogs.center.addAgent(agent);
+  answers = {signInDialog()};
+  std::promise<std::int64_t> code;
+  _service->updatePasswordSettings(
+      Dictionary{{"a", 1}},
+      [&](bool, const std::optional<Error>& error) { code.set_value(error ? error->code : 0); });
+  agent->shown.get_future().wait();
+  _service.reset();  // the caller has left the bus
+  EXPECT_NE(code.get_future().get(), 0) << "nothing is sent again";
+  agent->dismissed.get_future().wait();
+  EXPECT_EQ(_dialogs.center.openDialogCount(), 0u);
+  EXPECT_EQ(bodies.size(), 1u);
+}
+
 TEST_F(PasswordSettingsTest, OneControllerAClientAndNoneWithoutAnIdentifier) {
   const auto one = PasswordSettingsController::passwordSettingsControllerForClient(_client);
   const auto same = ServiceWorld::client("com.example.store", kHSStoreClientTypeOutfitter);
