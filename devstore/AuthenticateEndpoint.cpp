@@ -47,7 +47,7 @@ std::shared_ptr<const Endpoint::Settings> AuthenticateEndpoint::readSettings(
 
 Answer AuthenticateEndpoint::answer(const ReceivedRequest& request, const Settings* settings,
                                     PropertyList::Format format) {
-  const auto* staged = dynamic_cast<const AuthenticateSettings*>(settings);
+  const auto* staged = static_cast<const AuthenticateSettings*>(settings);
   const auto body = PropertyList::decode(request.body);
   const Dictionary asked =
       body && body->dictionary() != nullptr ? *body->dictionary() : Dictionary();

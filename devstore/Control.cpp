@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-#include "devstore/Bytes.h"
 #include "devstore/JSONValue.h"
 #include "devstore/RequestLog.h"
 #include "devstore/Staging.h"
+#include "platform/Base/Base64.h"
 #include "platform/Base/UTF8.h"
 #include "platform/PropertyList/PropertyList.h"
 
@@ -39,7 +39,7 @@ json jsonFromBody(const Data& body) {
   if (const Result<Value> list = PropertyList::decode(body))
     return {{"plist", jsonFromValue(*list)}};
   if (isValidUTF8(body.view())) return {{"text", body.view()}};
-  return {{"base64", base64Text(body)}};
+  return {{"base64", base64Encode(body)}};
 }
 
 json jsonFromRequest(const ReceivedRequest& request) {

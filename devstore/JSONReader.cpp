@@ -4,7 +4,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "devstore/Bytes.h"
+#include "platform/Base/Base64.h"
 
 namespace tallow::devstore {
 
@@ -79,7 +79,7 @@ std::optional<std::vector<std::string>> JSONReader::strings(std::string_view key
 std::optional<Data> JSONReader::base64(std::string_view key) {
   const std::optional<std::string> text = string(key);
   if (!text) return std::nullopt;
-  std::optional<Data> data = dataFromBase64(*text);
+  std::optional<Data> data = base64Decode(*text);
   if (!data) fail(key, "is not base64 (standard alphabet, padded, no line breaks)");
   return data;
 }

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "devstore/Bytes.h"
+#include "platform/Base/Base64.h"
 #include "platform/PropertyList/PropertyList.h"
 
 namespace tallow::devstore {
@@ -33,7 +33,7 @@ std::optional<Value> arrayFromJSON(const json& source, std::size_t depth) {
 std::optional<Value> dictionaryFromJSON(const json& source, std::size_t depth) {
   if (source.size() == 1 && source.contains(kDataKey)) {
     if (!source[kDataKey].is_string()) return std::nullopt;
-    std::optional<Data> data = dataFromBase64(source[kDataKey].get_ref<const std::string&>());
+    std::optional<Data> data = base64Decode(source[kDataKey].get_ref<const std::string&>());
     if (!data) return std::nullopt;
     return Value(std::move(*data));
   }
@@ -78,7 +78,7 @@ std::optional<Value> valueAtDepth(const json& source, std::size_t depth) {
 json jsonFromValue(const Value& value) {
   if (const bool* boolean = value.boolean()) return *boolean;
   if (const std::string* string = value.string()) return *string;
-  if (const Data* data = value.data()) return {{kDataKey, base64Text(*data)}};
+  if (const Data* data = value.data()) return {{kDataKey, base64Encode(*data)}};
   if (const Date* date = value.date()) return {{kDateKey, date->secondsSince1970}};
   if (const Array* array = value.array()) {
     json list = json::array();

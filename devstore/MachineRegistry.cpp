@@ -7,7 +7,7 @@
 #include <cmath>
 #include <vector>
 
-#include "devstore/Bytes.h"
+#include "platform/Base/Base64.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/Random.h"
 #include "platform/Orv/ByteLayout.h"
@@ -52,8 +52,10 @@ void makeRoom(Map& map) {
 
 }  // namespace
 
+namespace {
+
 // Why a request is not granted.
-class MachineRegistry::Refusal {
+class Refusal {
  public:
   explicit Refusal(std::string reason) : _reason(std::move(reason)) {}
   const std::string& reason() const { return _reason; }
@@ -65,10 +67,7 @@ class MachineRegistry::Refusal {
   std::string _reason;
 };
 
-namespace {
-
 // The body of an exchange's request, if the request is as it should be.
-template <class Refusal>
 Dictionary bodyOf(const ReceivedRequest& request, bool isAnonymous) {
   if (request.method != "POST") throw Refusal("not a POST");
   const std::string* const contentType = request.header("Content-Type");
@@ -90,10 +89,10 @@ std::uint64_t dsIDOf(const Dictionary& body) {
 }
 
 // A message under a key, in base64.
-template <class Message, class Refusal>
+template <class Message>
 Message decoded(const Dictionary& body, const char* key) {
   const std::string* const text = body[key].string();
-  const auto bytes = text == nullptr ? std::nullopt : dataFromBase64(*text);
+  const auto bytes = text == nullptr ? std::nullopt : base64Decode(*text);
   const auto message = bytes ? Message::decode(bytes->span()) : std::nullopt;
   if (!message) throw Refusal(std::string(key) + " is not what it should be");
   return *message;
@@ -137,13 +136,13 @@ void MachineRegistry::order(const IdentityOrder& order, Answer& answer) {
   // Clients look for exactly these names.
   const std::string prefix = order.isAnonymous() ? "x-vantor-amd-" : "x-vantor-md-";
   answer.setHeader(prefix + "action", action);
-  if (data) answer.setHeader(prefix + "data", base64Text(*data));
+  if (data) answer.setHeader(prefix + "data", base64Encode(*data));
 }
 
 Dictionary MachineRegistry::finishProvisioning(const ReceivedRequest& received,
                                                bool isAnonymous) try {
-  const Dictionary body = bodyOf<Refusal>(received, isAnonymous);
-  const auto request = decoded<OrvMessages::ProvisioningRequest, Refusal>(body, "clientData");
+  const Dictionary body = bodyOf(received, isAnonymous);
+  const auto request = decoded<OrvMessages::ProvisioningRequest>(body, "clientData");
   const std::uint64_t dsID = dsIDOf(body);
   const std::lock_guard guard(_lock);
   const auto begun = _provisionings.find(request.provisioning);
@@ -170,15 +169,15 @@ Dictionary MachineRegistry::finishProvisioning(const ReceivedRequest& received,
   makeRoom(_machineOfDSID);
   // Another machine of the DSID gives way when this one has shown that it got the answer.
   _machineOfDSID.try_emplace(dsID, settings.machine);
-  return {{"settingInfo", base64Text(settings.seal(agreement->settingsKey()))},
-          {"transportKey", base64Text(OrvMessages::TransportKey{second.publicKey}.encode())}};
+  return {{"settingInfo", base64Encode(settings.seal(agreement->settingsKey()))},
+          {"transportKey", base64Encode(OrvMessages::TransportKey{second.publicKey}.encode())}};
 } catch (const Refusal& refusal) {
   return refusal.failure();
 }
 
 Dictionary MachineRegistry::synchronise(const ReceivedRequest& received, bool isAnonymous) try {
-  const Dictionary body = bodyOf<Refusal>(received, isAnonymous);
-  const auto request = decoded<OrvMessages::SyncRequest, Refusal>(body, "clientData");
+  const Dictionary body = bodyOf(received, isAnonymous);
+  const auto request = decoded<OrvMessages::SyncRequest>(body, "clientData");
   const std::string* const identifier = body["machineId"].string();
   if (identifier == nullptr) throw Refusal("there is no machineId");
   const std::lock_guard guard(_lock);
@@ -188,15 +187,15 @@ Dictionary MachineRegistry::synchronise(const ReceivedRequest& received, bool is
   machine.challenge.reset();  // good for one answer
   if (!OrvCrypto::areEqual(request.proof, request.proofWith(machine.keys.sync)))
     throw Refusal("the machine does not prove what it says");
-  const auto id = OrvMessages::MachineIdentifier::decode(dataFromBase64(*identifier)->span());
-  return {{"syncState", base64Text(syncState(id->machine))}};
+  const auto id = OrvMessages::MachineIdentifier::decode(base64Decode(*identifier)->span());
+  return {{"syncState", base64Encode(syncState(id->machine))}};
 } catch (const Refusal& refusal) {
   return refusal.failure();
 }
 
 MachineRegistry::Machine& MachineRegistry::machineIdentifiedBy(const std::string& base64,
                                                                bool isAnonymous) {
-  const auto bytes = dataFromBase64(base64);
+  const auto bytes = base64Decode(base64);
   const auto identifier =
       bytes ? OrvMessages::MachineIdentifier::decode(bytes->span()) : std::nullopt;
   if (!identifier) throw Refusal("the machine identifier is none");
@@ -214,7 +213,7 @@ MachineRegistry::Machine& MachineRegistry::machineIdentifiedBy(const std::string
 }
 
 void MachineRegistry::checkPassword(const Machine& machine, const std::string& base64) const {
-  const auto password = dataFromBase64(base64);
+  const auto password = base64Decode(base64);
   if (!password) throw Refusal("the password is not base64");
   const std::uint64_t now = nowInMilliseconds() / (std::uint64_t{1000} * kPeriodSeconds);
   for (std::uint64_t step = now - kToleratedSteps; step <= now + kToleratedSteps; ++step)
@@ -239,19 +238,18 @@ Dictionary MachineRegistry::verdictOn(const ReceivedRequest& request, bool isAno
 Dictionary MachineRegistry::verdict(const ReceivedRequest& request) {
   const std::lock_guard guard(_lock);
   const std::string* const text = request.header("X-Vantor-MD-S");
-  const auto state = text == nullptr ? std::nullopt : dataFromBase64(*text);
-  // Of one of the machines that the very same request names.
-  const auto isOf = [&](const char* header) {
-    const std::string* const identifier = request.header(header);
-    const auto bytes = identifier == nullptr ? std::nullopt : dataFromBase64(*identifier);
-    const auto machine =
-        bytes ? OrvMessages::MachineIdentifier::decode(bytes->span()) : std::nullopt;
-    return machine && isSyncState(*state, machine->machine);
+  const auto state = text == nullptr ? std::nullopt : base64Decode(*text);
+  // Of a machine that the very same request proves to be.
+  const auto isOf = [&](const Dictionary& verdict, const char* header) {
+    if (!state || !verdict["verified"].boolValue().value_or(false)) return false;
+    const auto bytes = base64Decode(*request.header(header));
+    return isSyncState(*state, OrvMessages::MachineIdentifier::decode(bytes->span())->machine);
   };
-  const bool isSynchronised = state && (isOf("X-Vantor-MD-M") || isOf("X-Vantor-AMD-M"));
-  return {{"account", verdictOn(request, false)},
-          {"anonymous", verdictOn(request, true)},
-          {"synchronised", isSynchronised}};
+  const Dictionary account = verdictOn(request, false);
+  const Dictionary anonymous = verdictOn(request, true);
+  return {{"account", account},
+          {"anonymous", anonymous},
+          {"synchronised", isOf(account, "X-Vantor-MD-M") || isOf(anonymous, "X-Vantor-AMD-M")}};
 }
 
 // A sync state: version, machine, when it was issued, and the store's signature over these.

@@ -44,7 +44,6 @@ class MachineRegistry {
     std::optional<OrvMessages::ID> challenge;  // of a synchronisation that has been ordered
   };
   using Machines = std::map<OrvMessages::ID, Machine>;
-  class Refusal;
 
   Machine* machineOf(std::uint64_t dsID);
   Machine& machineIdentifiedBy(const std::string& base64, bool isAnonymous);

@@ -1,6 +1,7 @@
 #include "src/BagController.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/Base/Clock.h"
 #include "platform/Preferences/Preferences.h"
@@ -53,7 +54,7 @@ std::shared_ptr<BagController> BagController::initWithStoreClient(
 BagController::BagController(std::shared_ptr<const HSStoreClient> client)
     : ClientController(std::move(client)) {}
 
-BagController::ObservedBag* BagController::observedBag(std::uint64_t bagType) {
+const BagController::ObservedBag* BagController::observedBag(std::uint64_t bagType) const {
   switch (bagType) {
     case kBagTypeProduction:
       return &_production;
@@ -64,15 +65,13 @@ BagController::ObservedBag* BagController::observedBag(std::uint64_t bagType) {
   }
 }
 
+BagController::ObservedBag* BagController::observedBag(std::uint64_t bagType) {
+  return const_cast<ObservedBag*>(std::as_const(*this).observedBag(bagType));
+}
+
 std::shared_ptr<Bag> BagController::bagWithType(std::uint64_t bagType) const {
-  switch (bagType) {
-    case kBagTypeProduction:
-      return _production.bag;
-    case kBagTypeSandbox:
-      return _sandbox.bag;
-    default:
-      return nullptr;
-  }
+  const ObservedBag* observed = observedBag(bagType);
+  return observed != nullptr ? observed->bag : nullptr;
 }
 
 void BagController::invalidateAllBags() {
@@ -160,7 +159,6 @@ bool BagController::ping(const Value& entry) {
   const auto operation = HSStoreURLOperation::pingOperationWithUrl(*url, storeClient());
   // The address comes out of an accepted bag, and the ping asks that bag nothing more: an earlier
   // ping of this pass may have invalidated it, and loading it from here would start the next pass.
-  operation->setURLKnownToBeTrusted(true);
   operation->setRequiredBagType(0);
   std::optional<Error> error;
   if (!pass->runSubOperation(*operation, &error)) {

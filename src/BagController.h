@@ -64,6 +64,7 @@ class BagController final : public ClientController,
   };
 
   explicit BagController(std::shared_ptr<const HSStoreClient> client);
+  const ObservedBag* observedBag(std::uint64_t bagType) const;
   ObservedBag* observedBag(std::uint64_t bagType);
   bool isTooSoonToPing() const;
   // False ends the whole pass.

@@ -1,8 +1,6 @@
 #include "src/BagLoadOperation.h"
 
 #include <algorithm>
-#include <chrono>
-#include <future>
 
 #include "platform/Base/Clock.h"
 #include "platform/Preferences/Preferences.h"
@@ -15,8 +13,7 @@ namespace tallow {
 
 namespace {
 
-constexpr double kBootstrapTimeoutSeconds = 15;
-constexpr std::chrono::seconds kStoreFrontPatience{5};
+constexpr double kStoreFrontPatienceSeconds = 5;
 
 }  // namespace
 
@@ -96,7 +93,6 @@ std::shared_ptr<HSStoreURLOperation> BagLoadOperation::downloadOperationForURL(c
   operation->setURLKnownToBeTrusted(true);
   operation->setShouldRetryOnNetworkError(false);
   operation->setWaitsForResponseIntake(_waitsForResponseIntake);
-  operation->setTotalTimeoutSeconds(kBootstrapTimeoutSeconds);
 
   HSURLRequest request(url);
   request.alwaysSendGUID = true;
@@ -140,11 +136,11 @@ bool BagLoadOperation::operationShouldSetStoreFrontID(HSStoreURLOperation&,
   // holds the very queues that doing so needs.
   const std::shared_ptr<HSAccountService> service = serviceProxy().accountService();
   if (!service) return false;
-  auto done = std::make_shared<std::promise<void>>();
-  service->setStoreFrontID(storeFrontID, [done] { done->set_value(); });
+  const HSPendingReply<std::monostate> done;
+  service->setStoreFrontID(storeFrontID, done.doneCallback());
   // Waiting makes the storefront's change invalidate the old bag, not the one about to be accepted.
   // Not for ever: another client's forced reload may hold the controller registry for long.
-  if (_waitsForResponseIntake) done->get_future().wait_for(kStoreFrontPatience);
+  if (_waitsForResponseIntake) waitForReply(done, kStoreFrontPatienceSeconds);
   return false;
 }
 

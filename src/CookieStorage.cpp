@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <unordered_map>
 #include <utility>
 
@@ -15,24 +16,30 @@ namespace tallow {
 
 namespace {
 
+// Each host is a transaction of its own in the jar.
+constexpr std::size_t kMostSetupCookies = 1024;
+
 using CookiesByURL = std::vector<std::pair<URL, std::vector<ParsedCookie>>>;
 
-// The cookies by the URL that counts as having set them.
-CookiesByURL byOrigin(std::vector<ParsedCookie> cookies, const URL& url,
-                      CookieStorage::Origin origin) {
-  CookiesByURL made;
-  if (origin == CookieStorage::Origin::Response) {
-    made.emplace_back(url, std::move(cookies));
-    return made;
+// The cookies of a set-up response by the URL that counts as having set them: each one's own
+// domain, or else `url`.
+CookiesByURL byOwnDomain(std::vector<ParsedCookie> cookies, const URL& url) {
+  std::map<std::string, std::vector<ParsedCookie>> byHost;
+  for (std::size_t i = 0; i < std::min(cookies.size(), kMostSetupCookies); ++i) {
+    const auto& domain = cookies[i].domain;
+    byHost[domain && !domain->empty() ? *domain : url.host()].push_back(std::move(cookies[i]));
   }
-  for (ParsedCookie& cookie : cookies) {
-    const bool namesDomain = cookie.domain && !cookie.domain->empty();
-    const auto from = URL::parse("https://" + (namesDomain ? *cookie.domain : url.host()) + "/");
-    if (!from) continue;
-    auto found = std::find_if(made.begin(), made.end(),
-                              [&](const auto& entry) { return entry.first == *from; });
-    if (found == made.end()) found = made.insert(made.end(), {*from, {}});
-    found->second.push_back(std::move(cookie));
+  if (cookies.size() > kMostSetupCookies)
+    logLevel(1, "%@: Taking only %lu of %lu cookies of a set-up response",
+             CookieStorage::kClassName, kMostSetupCookies, cookies.size());
+  CookiesByURL made;
+  for (auto& [host, ofHost] : byHost) {
+    if (auto from = URL::parse("https://" + host + "/")) {
+      made.emplace_back(*std::move(from), std::move(ofHost));
+    } else {
+      logLevel(1, "%@: Dropping %lu cookies of \"%@\", which is no host", CookieStorage::kClassName,
+               ofHost.size(), host);
+    }
   }
   return made;
 }
@@ -135,7 +142,8 @@ void CookieStorage::addGroupCookies(const URL& url, std::vector<CookiePointer>& 
   const std::shared_ptr<CookieJar> group = CookieJar::sharedForGroupContainer(kGroupContainer);
   if (!group) return;
   const auto shared = group->cookiesForURL(url, url.scheme() == "https");
-  logLevel(3, "%@: cookiesForURL %@ %@", kClassName, url, cookieHeaderValue(shared));
+  if (VBLogManager::sharedManager().isEnabled(3))
+    logLevel(3, "%@: cookiesForURL %@ %@", kClassName, url, cookieHeaderValue(shared));
   for (const CookiePointer& candidate : shared) {
     if (candidate->name.empty()) continue;
     const auto own = std::find_if(cookies.begin(), cookies.end(), [&](const CookiePointer& cookie) {
@@ -186,7 +194,10 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
   const bool changed = _requestQueue.sync([&] {
     if (!_cookieStorage) return false;
     bool anyTaken = false;
-    for (const auto& [url, ofURL] : byOrigin(std::move(cookies), *fromURL, origin)) {
+    const CookiesByURL byURL = origin == Origin::Response
+                                   ? CookiesByURL{{*fromURL, std::move(cookies)}}
+                                   : byOwnDomain(std::move(cookies), *fromURL);
+    for (const auto& [url, ofURL] : byURL) {
       const std::vector<CookieDecision> decisions = _cookieStorage->setCookies(ofURL, url);
       anyTaken |= std::any_of(decisions.begin(), decisions.end(), [](auto decision) {
         return decision == CookieDecision::Stored || decision == CookieDecision::Removed;

@@ -19,7 +19,7 @@ namespace tallow {
 // file, and turns them into the "Cookie" request header for a URL. Storing cookies invalidates the
 // client's current bag, because the bag that the server hands out may depend on them.
 // Found through storageForClient, which owns it. Any thread may call; the jar itself is only
-// touched on the request queue.
+// touched on the request queue, but for making it durable.
 class CookieStorage final : public ClientController,
                             public std::enable_shared_from_this<CookieStorage> {
  public:
@@ -57,8 +57,8 @@ class CookieStorage final : public ClientController,
   // Whether taking these headers in would have anything to do, and so may wait for the disk.
   static bool setsCookies(const Dictionary& headers);
 
-  // Empties the jar and writes it to disk. Unlike new cookies this leaves the bags alone: a bag
-  // that was fetched with cookies stays good for requests without them.
+  // Empties the jar, as lastingly as new cookies are stored. Unlike those this leaves the bags
+  // alone: a bag that was fetched with cookies stays good for requests without them.
   void deleteAllCookies();
 
   // Names that a reduced jar would keep. Nothing in the service filters by it; it is a query only.

@@ -3,8 +3,10 @@
 #include <utility>
 
 #include "platform/Base/Base64.h"
+#include "platform/Base/Clock.h"
 #include "platform/MerrowKit/MKLogASLMessage.h"
 #include "platform/Orv/OrvLibrary.h"
+#include "platform/VendBase/OrvAction.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/AccountService/AccountStore.h"
 #include "src/OrvExchange.h"
@@ -44,25 +46,6 @@ std::optional<std::span<const std::uint8_t>> bytesOf(const OrvBuffer& buffer) {
 }
 
 }  // namespace
-
-// What a response orders, as its headers say it.
-struct OrvController::Action {
-  Value action, data;
-  bool isAnonymous = false;
-
-  // The anonymous pair counts only where neither header of the account's is there.
-  static Action readFrom(const Dictionary& headers) {
-    Action read{headers["x-vantor-md-action"], headers["x-vantor-md-data"], false};
-    if (read.action.isNil() && read.data.isNil())
-      read = {headers["x-vantor-amd-action"], headers["x-vantor-amd-data"], true};
-    return read;
-  }
-  bool is(const char* name) const { return action.string() != nullptr && *action.string() == name; }
-  bool isKnown() const { return is("RP") || is("SP") || is("SM"); }
-  std::optional<Data> decodedData() const {
-    return data.string() == nullptr ? std::nullopt : base64Decode(*data.string());
-  }
-};
 
 OrvController& OrvController::sharedController() {
   static auto& controller = *new OrvController;
@@ -140,28 +123,29 @@ void OrvController::_generateOTPOnCurrentThreadForDSID(std::uint64_t dsID,
 void OrvController::processHTTPHeaders(const Dictionary& headers,
                                        const std::shared_ptr<const HSStoreClient>& forStoreClient) {
   logLevel(3, "Orv: %@", headers);
-  Action action = Action::readFrom(headers);
+  OrvAction action = OrvAction::readFrom(headers);
   if (!action.isKnown()) return;
   const std::string client = nameOf(forStoreClient);
-  const std::optional<std::uint64_t> number = _numberOfNext(client);
-  if (!number) {
+  if (!_mayWait(client)) {
     logLevel(1, "Orv: Dropping action %@: %d actions of %@ are waiting already", action.action,
              kMostWaitingActions, forStoreClient);
     return;
   }
-  _serialQueue.async([this, action = std::move(action), forStoreClient, client, number] {
-    if (_isDropped(client, *number) && !action.is("RP")) {
-      logLevel(1, "Orv: Dropping action %@: the store does not answer", action.action);
+  const double ordered = Clock::shared().monotonicSeconds();
+  _serialQueue.async([this, action = std::move(action), forStoreClient, client, ordered] {
+    // An order behind a store that does not answer would hold up whoever asks for headers for as
+    // long again; a store that means it orders again. Forgetting needs no answer.
+    const bool isLate = Clock::shared().monotonicSeconds() - ordered > kLongestWaitSeconds;
+    if (isLate && !action.is("RP")) {
+      logLevel(1, "Orv: Dropping action %@: it has waited too long", action.action);
     } else {
-      _isExchanging = true;
       _process(action, forStoreClient);
-      _isExchanging = false;
     }
     _isDone(client);
   });
 }
 
-void OrvController::_process(const Action& action,
+void OrvController::_process(const OrvAction& action,
                              const std::shared_ptr<const HSStoreClient>& storeClient) {
   const std::optional<std::uint64_t> dsID =
       action.isAnonymous ? std::optional(kAnonymousDSID) : primaryAccountDSID(storeClient);
@@ -192,7 +176,6 @@ void OrvController::_startProvisioning(const std::optional<Data>& data,
   }
   logLevel(1, "%@: Provisioning failed with error %@", kClassName, error);
   sendFailure(kStartProvisioningEvent, error ? error->code : 0);
-  _dropWaitingAfter(error, nameOf(storeClient));
 }
 
 void OrvController::_synchronizeMachine(const std::optional<Data>& data,
@@ -206,7 +189,6 @@ void OrvController::_synchronizeMachine(const std::optional<Data>& data,
   } else {
     logLevel(1, "%@: Machine sync failed with error %@", kClassName, error);
     sendFailure(kSynchronizeEvent, error ? error->code : 0);
-    _dropWaitingAfter(error, nameOf(storeClient));
   }
   // The state that came, even with a failure, or none: also a failed one clears what was held.
   const std::optional<Data> returned = operation->syncState();
@@ -225,31 +207,18 @@ void OrvController::_synchronizeMachine(const std::optional<Data>& data,
 }
 
 // A store, or a process that claims to hand in what a store said, can order without an end.
-std::optional<std::uint64_t> OrvController::_numberOfNext(const std::string& client) {
+bool OrvController::_mayWait(const std::string& client) {
   const std::lock_guard guard(_lock);
-  Waiting& waiting = _waiting[client];
-  if (waiting.count >= kMostWaitingActions) return std::nullopt;
-  ++waiting.count;
-  return ++waiting.lastNumber;
-}
-
-bool OrvController::_isDropped(const std::string& client, std::uint64_t number) const {
-  const std::lock_guard guard(_lock);
-  return number <= _waiting.at(client).dropUpTo;
-}
-
-void OrvController::_dropWaitingAfter(const std::optional<Error>& error,
-                                      const std::string& client) {
-  if (!error || error->domain != "HTTP") return;
-  const std::lock_guard guard(_lock);
-  Waiting& waiting = _waiting.at(client);
-  waiting.dropUpTo = waiting.lastNumber;
+  int& count = _waiting[client];
+  if (count >= kMostWaitingActions) return false;
+  ++count;
+  return true;
 }
 
 void OrvController::_isDone(const std::string& client) {
   const std::lock_guard guard(_lock);
   const auto found = _waiting.find(client);
-  if (--found->second.count == 0) _waiting.erase(found);
+  if (--found->second == 0) _waiting.erase(found);
 }
 
 // State
@@ -267,8 +236,7 @@ void OrvController::setSyncState(std::optional<Data> syncState) {
 OrvController::Status OrvController::status() const {
   Status status;
   status.hasSyncState = syncState().has_value();
-  if (_isExchanging) return status;
-  _serialQueue.sync([&status] {
+  _serialQueue.trySync([&status] {
     status.library = OrvLibrary::shared().name();
     status.provisionedDSIDs = OrvLibrary::shared().provisionedDSIDs();
   });

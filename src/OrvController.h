@@ -18,6 +18,8 @@
 
 namespace tallow {
 
+struct OrvAction;
+
 // The process-wide source of the request headers that identify this machine: a one-time password
 // and a machine identifier, for an account (DSID) or without one, and the state that the store
 // handed out when the machine was last synchronised. Also carries out what a store orders in its
@@ -52,7 +54,8 @@ class OrvController {
   // For status reports.
   struct Status {
     bool hasSyncState = false;
-    // Nil while an exchange is going on; the DSIDs also for a library that does not tell them.
+    // Nil while the library is busy, with an exchange above all; the DSIDs also for a library that
+    // does not tell them.
     std::optional<std::string> library;
     std::optional<std::vector<std::uint64_t>> provisionedDSIDs;
   };
@@ -60,40 +63,30 @@ class OrvController {
 
   // How many ordered actions of one client may wait.
   static constexpr int kMostWaitingActions = 32;
+  // And for how long; only to reset the provisioning is never too late.
+  static constexpr double kLongestWaitSeconds = 60;
 
  private:
   using Bytes = std::optional<std::span<const std::uint8_t>>;
   using OTPHandler = std::function<void(bool success, Bytes machineIdentifier, Bytes password)>;
-  struct Action;
 
   std::optional<Dictionary> _httpRequestHeadersForDSID(std::optional<std::uint64_t> dsID);
   void _generateOTPOnCurrentThreadForDSID(std::uint64_t dsID, const OTPHandler& withHandler);
-  void _process(const Action& action, const std::shared_ptr<const HSStoreClient>& storeClient);
+  void _process(const OrvAction& action, const std::shared_ptr<const HSStoreClient>& storeClient);
   void _resetProvisioning(std::optional<std::uint64_t> dsID);
   void _startProvisioning(const std::optional<Data>& data, std::optional<std::uint64_t> dsID,
                           const std::shared_ptr<const HSStoreClient>& storeClient);
   void _synchronizeMachine(const std::optional<Data>& data, std::optional<std::uint64_t> dsID,
                            const std::shared_ptr<const HSStoreClient>& storeClient);
-  // The action's number; nullopt when too many of the client wait already.
-  std::optional<std::uint64_t> _numberOfNext(const std::string& client);
-  bool _isDropped(const std::string& client, std::uint64_t number) const;
-  // A store that does not answer one exchange would not answer those that wait behind it either,
-  // and who asks for headers would wait for all of them.
-  void _dropWaitingAfter(const std::optional<Error>& error, const std::string& client);
+  // Counts one more action of the client; false when too many wait already.
+  bool _mayWait(const std::string& client);
   void _isDone(const std::string& client);
 
   SerialQueue _serialQueue;
   std::atomic<bool> _isLibraryOpen = false;
-  std::atomic<bool> _isExchanging = false;
   mutable std::mutex _lock;
-  std::optional<Data> _syncState;  // guarded by _lock
-  // Likewise, by client: the actions that wait or run.
-  struct Waiting {
-    int count = 0;
-    std::uint64_t lastNumber = 0;
-    std::uint64_t dropUpTo = 0;  // by number, which each action has in turn
-  };
-  std::map<std::string, Waiting> _waiting;
+  std::optional<Data> _syncState;       // guarded by _lock
+  std::map<std::string, int> _waiting;  // likewise, by client: the actions that wait or run
 };
 
 }  // namespace tallow

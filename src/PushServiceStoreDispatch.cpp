@@ -6,15 +6,14 @@
 #include "platform/Grantwell/PRRequestQueue.h"
 #include "platform/MerrowKit/MKLocalizedString.h"
 #include "platform/MerrowKit/MKMachine.h"
-#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/HSServiceProxy.h"
+#include "platform/VendBase/MediaTypeMask.h"
 #include "platform/VendBase/SystemLog.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/AccountStore.h"
 #include "src/Bag.h"
-#include "src/MediaTypeMask.h"
 
 namespace tallow {
 
@@ -234,11 +233,7 @@ void PushServiceStoreDispatch::getEnabledMediaTypes(
   auto operation =
       HSStoreURLOperation::propertyListOperationWithURLBagKey("enabled-media-types", storeClient());
   operation->setNeedsAuthentication(false);
-  HSURLRequest request;
-  request.cachePolicy = HSURLRequest::kReloadIgnoringLocalCacheData;
-  if (const auto guid = HSDevice::shared().guid())
-    request.queryStringDictionary = {{"guid", *guid}};
-  operation->setRequest(std::move(request));
+  operation->setRequest(HSURLRequest::uncachedWithGUID());
   operation->setOutputHandler(
       [self = shared_from_this()](HSStoreURLOperation& finished, const Value& output) {
         self->takeEnabledMediaTypes(finished, output);
@@ -320,7 +315,7 @@ void PushServiceStoreDispatch::handlePushNotificationMessage(const Dictionary& m
 bool PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(
     const Dictionary& message, const std::vector<std::shared_ptr<const HSStoreClient>>& clients) {
   // The other kinds look at files.
-  if (kindOf(message) != kCheckDownloads) return false;
+  if (kindOf(message) != kCheckDownloads || clients.empty()) return false;
   struct Ready {
     std::shared_ptr<PushServiceStoreDispatch> dispatch;
     std::shared_ptr<HSStoreAccount> account;

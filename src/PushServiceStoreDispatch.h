@@ -71,8 +71,8 @@ class PushServiceStoreDispatch final
   void isRegisteredForAccount(std::optional<std::uint64_t> dsID, std::int64_t andMask,
                               Reply<bool, std::optional<Error>, bool> reply) override;
   void handlePushNotificationMessage(const Dictionary& message) override;
-  // The same for the dispatches of all these clients, if it means no waiting for anybody; else
-  // false, and nothing has happened.
+  // The same for the dispatches of all these clients, if there are any and it means no waiting for
+  // anybody; else false, and nothing has happened.
   static bool handlePushNotificationMessageIfIdle(
       const Dictionary& message, const std::vector<std::shared_ptr<const HSStoreClient>>& clients);
   void postFirstBuyNotification(const Dictionary& message);

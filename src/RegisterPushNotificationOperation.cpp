@@ -8,9 +8,9 @@
 #include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/MediaTypeMask.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/AccountService/AccountStore.h"
-#include "src/MediaTypeMask.h"
 
 namespace tallow {
 
@@ -105,8 +105,7 @@ void RegisterPushNotificationOperation::fail(std::optional<Error> error) {
 }
 
 std::optional<URL> RegisterPushNotificationOperation::urlForKey(const char* urlKey,
-                                                                const char* inBagEntry) {
-  const Value entry = valueForURLBagKey(inBagEntry);
+                                                                const Value& entry) {
   if (const Dictionary* const urls = entry.dictionary()) {
     const std::string* const text = (*urls)[urlKey].string();
     if (std::optional<URL> url = text != nullptr ? URL::parse(*text) : std::nullopt) return url;
@@ -137,7 +136,9 @@ bool RegisterPushNotificationOperation::post(const URL& url, Data body,
 }
 
 void RegisterPushNotificationOperation::_runRegisterSuccessRequest() {
-  const std::optional<URL> url = urlForKey("register-success", "push-notifications");
+  // One look: the bag may be another by the time that the body is made.
+  const Value push = valueForURLBagKey("push-notifications");
+  const std::optional<URL> url = urlForKey("register-success", push);
   if (!url) return;
   if (_isRegisterSuccessAlreadySent()) {
     setError(std::nullopt);
@@ -145,7 +146,7 @@ void RegisterPushNotificationOperation::_runRegisterSuccessRequest() {
     logLevel(1, "%@: Skip register-success: DeviceToken already sent %@", kClassName, _deviceToken);
     return;
   }
-  if (!post(*url, _requestBodyDataForRegisterSuccessOperation(), /*needsAuthentication=*/false))
+  if (!post(*url, _requestBodyDataForRegisterSuccessOperation(push), /*needsAuthentication=*/false))
     return;
   // Whatever the store has answered: that it was told is what is recorded. If it refused the token,
   // the media types will fail with -2, and the token is announced again.
@@ -155,13 +156,14 @@ void RegisterPushNotificationOperation::_runRegisterSuccessRequest() {
 }
 
 void RegisterPushNotificationOperation::_runRegisterMediaTypesRequest() {
-  const std::optional<URL> url = urlForKey("register-media-types", "automatic-downloads2");
+  const std::optional<URL> url =
+      urlForKey("register-media-types", valueForURLBagKey("automatic-downloads2"));
   if (url) post(*url, _requestBodyDataForRegisterMediaTypesOperation(), std::nullopt);
 }
 
-Data RegisterPushNotificationOperation::_requestBodyDataForRegisterSuccessOperation() {
+Data RegisterPushNotificationOperation::_requestBodyDataForRegisterSuccessOperation(
+    const Value& push) {
   Dictionary body{{"device-name", "Mac"}};
-  const Value push = valueForURLBagKey("push-notifications");
   if (const Dictionary* const entries = push.dictionary())
     addTo(body, "environment", stringOrNil((*entries)["environment"]));
   addTo(body, "guid", HSDevice::shared().guid());
@@ -278,11 +280,7 @@ std::optional<Array> RegisterPushNotificationOperation::enabledMediaTypesWithErr
   const auto operation =
       HSStoreURLOperation::propertyListOperationWithURLBagKey("enabled-media-types", storeClient());
   operation->setNeedsAuthentication(false);
-  HSURLRequest request;
-  request.cachePolicy = HSURLRequest::kReloadIgnoringLocalCacheData;
-  if (const auto guid = HSDevice::shared().guid())
-    request.queryStringDictionary = {{"guid", *guid}};
-  operation->setRequest(std::move(request));
+  operation->setRequest(HSURLRequest::uncachedWithGUID());
   std::optional<Array> enabled;
   operation->setOutputHandler([&enabled](HSStoreURLOperation&, const Value& output) {
     const Dictionary* const answer = output.dictionary();

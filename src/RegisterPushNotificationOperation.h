@@ -57,7 +57,7 @@ class RegisterPushNotificationOperation final : public HSOperation,
  private:
   void _runRegisterSuccessRequest();
   void _runRegisterMediaTypesRequest();
-  Data _requestBodyDataForRegisterSuccessOperation();
+  Data _requestBodyDataForRegisterSuccessOperation(const Value& push);
   Data _requestBodyDataForRegisterMediaTypesOperation() const;
 
   bool _isRegisterSuccessAlreadySent() const;
@@ -70,9 +70,8 @@ class RegisterPushNotificationOperation final : public HSOperation,
   // A success with an error is none.
   void fail(std::optional<Error> error);
   bool isFine() const { return success() && !error(); }
-  // The URL that the bag has under `urlKey` in the dictionary `bagKey`; without one the operation
-  // has failed.
-  std::optional<URL> urlForKey(const char* urlKey, const char* inBagEntry);
+  // The URL under `urlKey` in a dictionary of the bag; without one the operation has failed.
+  std::optional<URL> urlForKey(const char* urlKey, const Value& entry);
   // Sends the body to the URL. False, and the operation has failed, when no answer came.
   bool post(const URL& url, Data body, std::optional<bool> needsAuthentication);
   // The key of this device and the primary account in the record of announced tokens.

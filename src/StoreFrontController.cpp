@@ -73,7 +73,8 @@ void StoreFrontController::setStoreFrontID(const std::optional<std::string>& sto
     // is the flush that readers of the any-user domain have always been given, and it stays.
     preferences.synchronize(domain, Preferences::User::Any, Preferences::Host::Current);
   }
-  // Outside the lock: invalidating reaches observers of the bag, which may ask for the storefront.
+  // Outside the lock: to find the controller may mean to load a changed client's bag, and a load
+  // asks for the storefront.
   if (const auto bagController = BagController::bagControllerForClient(storeClient()))
     bagController->invalidateAllBags();
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/Base/Directories.h"
+#include "platform/VendBase/MediaTypeMask.h"
 
 namespace tallow {
 
@@ -33,7 +34,6 @@ constexpr std::array<NamedNumber, 5> kClientTypes{{
     {"media-store-agent", kHSStoreClientTypeMediaStoreAgent},
 }};
 constexpr std::array<NamedNumber, 2> kBagTypes{{{"production", 1}, {"sandbox", 2}}};
-constexpr std::array<NamedNumber, 2> kMediaTypes{{{"mac-software", 1}, {"ebook", 2}}};
 
 // Reads one table, remembers the first thing that is wrong with it and which keys it knows.
 class TableReader {
@@ -78,13 +78,13 @@ class TableReader {
     return name ? numberNamed(*name, key, names) : std::nullopt;
   }
 
-  template <std::size_t N>
+  // `names`: pairs of a name and its number.
   std::optional<std::int64_t> numberNamed(std::string_view name, std::string_view key,
-                                          const std::array<NamedNumber, N>& names) {
+                                          const auto& names) {
     std::string allowed;
-    for (const auto& each : names) {
-      if (each.name == name) return each.number;
-      allowed += (allowed.empty() ? "\"" : ", \"") + std::string(each.name) + "\"";
+    for (const auto& [known, number] : names) {
+      if (known == name) return static_cast<std::int64_t>(number);
+      allowed += (allowed.empty() ? "\"" : ", \"") + std::string(known) + "\"";
     }
     fail(_table, key, "must be one of " + allowed);
     return std::nullopt;
@@ -160,8 +160,8 @@ std::shared_ptr<const HSStoreClient> readClient(TableReader& table) {
       readName(table, "agent-preferences-domain", client->appPreferencesDomain);
   client->productionBagURLs = readURLs(table, "production-bag-urls");
   client->sandboxBagURLs = readURLs(table, "sandbox-bag-urls");
-  for (const std::string& name : table.texts("media-types", kMediaTypes.size()))
-    client->mediaTypeMask |= table.numberNamed(name, "media-types", kMediaTypes).value_or(0);
+  for (const std::string& name : table.texts("media-types", kMediaTypeNames.size()))
+    client->mediaTypeMask |= table.numberNamed(name, "media-types", kMediaTypeNames).value_or(0);
   client->userAgent = table.text("user-agent").value_or("tallowd (" + *client->identifier + ")");
   return client;
 }

@@ -13,6 +13,7 @@
 #include "platform/VendBase/HSDialogCenter.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSOperationQueue.h"
+#include "platform/VendBase/OrvAction.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -40,10 +41,6 @@ constexpr int kAuthenticationRequiredStatus = 401;
 constexpr std::array kSetStoreFrontHeaders = {"X-Set-Vantor-Store-Front",
                                               "x-set-vantor-store-front"};
 
-// By which a response orders a machine-identity action.
-constexpr std::array kOrvActionHeaders = {"x-vantor-md-action", "x-vantor-md-data",
-                                          "x-vantor-amd-action", "x-vantor-amd-data"};
-
 Error serviceUnavailable() {
   return HSError(kHSErrorServiceUnavailable, std::nullopt, "The account service does not answer");
 }
@@ -67,15 +64,6 @@ bool mayRetry(const Error& error, std::string_view method) {
   if (error.code == HTTPTransport::kCannotConnect) return true;
   return (error.code == HTTPTransport::kTimedOut || error.code == HTTPTransport::kConnectionLost) &&
          method != "POST" && method != "PATCH";
-}
-
-// The machine-identity action that a response orders: the account's if the response speaks of one,
-// else the anonymous one. Names and values exactly as written.
-bool ordersOrvAction(const HTTPResponse& response) {
-  std::optional<std::string> action = response.header("x-vantor-md-action");
-  if (!action && !response.header("x-vantor-md-data"))
-    action = response.header("x-vantor-amd-action");
-  return action == "RP" || action == "SP" || action == "SM";
 }
 
 }  // namespace
@@ -287,7 +275,7 @@ std::optional<Error> HSStoreURLOperation::_redirectFailure(const URL& from, cons
 // The action is on its way by now: the next question for headers that need it waits behind it.
 bool HSStoreURLOperation::_mustRepeatAfterOrvAction(const URL& url) {
   if (!_shouldRetryOnSilentOrvAction || _hasRepeatedAfterOrvAction || requiredBagType() == 0 ||
-      _request.suppressOrvHeaders || !ordersOrvAction(*_response))
+      _request.suppressOrvHeaders || !OrvAction::readFrom(_response->headerDictionary()).isKnown())
     return false;
   const auto service = bagServiceProxy().accountService();
   const HSPendingReply<bool> needsAction;
@@ -422,7 +410,7 @@ void HSStoreURLOperation::_takeIn(const HTTPResponse& response) {
   if (!service) return;
   Dictionary headers = response.headerDictionary();
   if (!_handsInOrvActions)
-    for (const char* name : kOrvActionHeaders) headers = headers.removing(name);
+    for (const char* name : OrvAction::kHeaders) headers = headers.removing(name);
   service->consumeCookiesWithHTTPHeaders(headers, response.url, doneCallback(cookies));
   const std::optional<std::string> id = storeFrontSetBy(response);
   const bool setsStoreFront =

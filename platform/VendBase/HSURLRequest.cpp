@@ -2,7 +2,17 @@
 
 #include <algorithm>
 
+#include "platform/VendBase/HSDevice.h"
+
 namespace tallow {
+
+HSURLRequest HSURLRequest::uncachedWithGUID() {
+  HSURLRequest request;
+  request.cachePolicy = kReloadIgnoringLocalCacheData;
+  if (const auto guid = HSDevice::shared().guid())
+    request.queryStringDictionary = {{"guid", *guid}};
+  return request;
+}
 
 std::optional<URL> HSURLRequest::primaryURL() const {
   if (_urls.empty()) return std::nullopt;

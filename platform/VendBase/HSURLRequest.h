@@ -19,6 +19,10 @@ class HSURLRequest {
   HSURLRequest() = default;  // for an operation that takes its URL from the bag
   explicit HSURLRequest(URL url) : _urls{std::move(url)} {}
 
+  // For an answer about this very machine, as it is now: past every cache, with the machine's GUID
+  // in the query where it has one.
+  static HSURLRequest uncachedWithGUID();
+
   // The URLs tried, in order: the one the request was made with, then those of followed redirects.
   const std::vector<URL>& urls() const { return _urls; }
   void setURLs(std::vector<URL> urls) { _urls = std::move(urls); }

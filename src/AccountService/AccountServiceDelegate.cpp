@@ -12,7 +12,6 @@
 #include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Concurrency/WorkerPool.h"
-#include "platform/Cookies/CookieJar.h"
 #include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/Preferences/Preferences.h"
 #include "platform/Sandbox/Sandbox.h"
@@ -35,13 +34,14 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
 
 namespace {
 
-// Who starts the service waits for its first answer. What nearly every answer needs is opened on
-// other threads while this one is busy with the bus; whoever needs it sooner waits for it there.
-void openWhatTheFirstCallNeeds() {
+// Who starts the service waits for its first answer. What nearly every answer needs is read on
+// other threads while this one is busy with the bus; whoever needs it sooner waits for it there. No
+// controller is made here: those wait for the first call of their client.
+void readWhatTheFirstCallNeeds() {
   WorkerPool::shared().async([] { HSCertificate::prepare(); });
   WorkerPool::shared().async([] {
-    Preferences::shared().copyAppValue(kDefaultsStorefrontKey, kDaemonDefaultsID);
-    CookieJar::shared();
+    // Any read opens the file, and with it the database library.
+    Preferences::shared().getAppBooleanValue(kDefaultsUseSystemCookieStoreKey, kDaemonDefaultsID);
   });
 }
 
@@ -65,7 +65,10 @@ int runAccountService(int argc, const char* const* argv) {
   const bool isDaemon = argc == 2 && std::strcmp(argv[1], "daemon") == 0;
   logLevel(3, "%s %@", "int main(int, const char **)", isDaemon ? "daemon" : "");
 
-  openWhatTheFirstCallNeeds();
+  // Before other threads start. Carried out by the run loop, which starts when all is made.
+  std::optional<IdleExit> idleExit;
+  RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
+  readWhatTheFirstCallNeeds();
 
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.
@@ -92,8 +95,7 @@ int runAccountService(int argc, const char* const* argv) {
              *error);
     return 1;
   }
-  std::optional<IdleExit> idleExit(std::in_place, *listener, IdleExit::secondsFromEnvironment());
-  RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
+  idleExit.emplace(*listener, IdleExit::secondsFromEnvironment());
   logLevel(3, "starting runloop");
   const int status = RunLoop::main().run();
   // A run loop that ends is a failure, unless the service was no longer needed or told to stop.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -111,6 +112,8 @@ class AccountServiceInterface final : public HSServiceClientInterface {
 
   // Whom a push that this caller hands in is for, in order.
   std::vector<std::shared_ptr<const HSStoreClient>> pushClients() const;
+  // The same without reading files: as it was at most a second ago; else empty.
+  std::vector<std::shared_ptr<const HSStoreClient>> pushClientsIfAtHand() const;
   // Turns what a set-up response says of the account into one; what is wrong with it reaches the
   // system log only.
   Account accountFromSetupResponse(const Dictionary& response) const;
@@ -140,6 +143,14 @@ class AccountServiceInterface final : public HSServiceClientInterface {
   std::optional<Dictionary> composedHeadersIfAtHand(const std::optional<URL>& url,
                                                     std::optional<std::uint64_t> dsID,
                                                     bool includeOrvHeaders) const;
+
+  // What pushClients() has found last for a caller that is no store client.
+  struct FoundClients {
+    std::mutex lock;
+    std::vector<std::shared_ptr<const HSStoreClient>> clients;
+    double foundSeconds = 0;  // on the monotonic clock
+  };
+  mutable FoundClients _systemClients;
 };
 
 }  // namespace tallow

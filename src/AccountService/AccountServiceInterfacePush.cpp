@@ -1,5 +1,6 @@
 // The operations of AccountServiceInterface that are about pushes and the set-up of a new device.
 
+#include "platform/Base/Clock.h"
 #include "platform/VendBase/HSStoreAccount.h"
 #include "platform/VendBase/SystemLog.h"
 #include "platform/VendBase/VBLogManager.h"
@@ -17,6 +18,9 @@ namespace {
 // Gives a host to the cookies of a set-up response that name no domain of their own: the store's
 // public web site.
 constexpr const char* kSetupCookieURL = "http://store.vantor.com";
+
+// How long the agents stay as they were found; a burst of pushes does not look each time.
+constexpr double kSystemClientsSeconds = 1;
 
 std::optional<std::string> stringOrNil(const Value& value) {
   const std::string* const text = value.string();
@@ -79,7 +83,8 @@ void AccountServiceInterface::isRegisteredForAccount(
 void AccountServiceInterface::handlePushNotificationMessage(Dictionary message, Done reply) {
   nowOrOnRequestQueue(
       [&] {
-        if (!PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(message, pushClients()))
+        if (!PushServiceStoreDispatch::handlePushNotificationMessageIfIdle(message,
+                                                                           pushClientsIfAtHand()))
           return false;
         send(reply);
         return true;
@@ -96,8 +101,21 @@ void AccountServiceInterface::handlePushNotificationMessage(Dictionary message, 
 std::vector<std::shared_ptr<const HSStoreClient>> AccountServiceInterface::pushClients() const {
   if (storeClient()) return {storeClient()};
   // Whoever is no store client itself speaks for the system: both agents hear of it.
-  return {HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent),
-          HSStoreClient::initWithStoreClientType(kHSStoreClientTypeBookStoreAgent)};
+  std::vector<std::shared_ptr<const HSStoreClient>> agents = {
+      HSStoreClient::initWithStoreClientType(kHSStoreClientTypeStoreAgent),
+      HSStoreClient::initWithStoreClientType(kHSStoreClientTypeBookStoreAgent)};
+  const std::lock_guard guard(_systemClients.lock);
+  _systemClients.clients = agents;
+  _systemClients.foundSeconds = Clock::shared().monotonicSeconds();
+  return agents;
+}
+
+std::vector<std::shared_ptr<const HSStoreClient>> AccountServiceInterface::pushClientsIfAtHand()
+    const {
+  if (storeClient()) return {storeClient()};
+  const std::lock_guard guard(_systemClients.lock);
+  const double age = Clock::shared().monotonicSeconds() - _systemClients.foundSeconds;
+  return age <= kSystemClientsSeconds ? _systemClients.clients : decltype(_systemClients.clients)();
 }
 
 // Device set-up

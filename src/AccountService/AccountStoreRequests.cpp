@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "platform/PropertyList/JSON.h"
-#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/HSPropertyListProvider.h"
 #include "platform/VendBase/HSStoreURLOperation.h"
@@ -16,6 +15,8 @@
 namespace tallow {
 
 namespace {
+
+constexpr std::size_t kMostSubscriptions = 256;
 
 // What a question for the subscription has brought so far; the operation's thread only.
 struct EligibilityAnswer {
@@ -78,7 +79,9 @@ std::optional<bool> AccountStore::eligibilityForService(const std::string& servi
 
 void AccountStore::rememberEligibility(const std::string& service, bool eligible) {
   const std::lock_guard lock(_subscriptionsLock);
-  _subscriptions.insert_or_assign(service, eligible);
+  // Whoever asks makes the names up.
+  if (_subscriptions.size() < kMostSubscriptions || _subscriptions.contains(service))
+    _subscriptions.insert_or_assign(service, eligible);
 }
 
 void AccountStore::getEligibilityForService(const std::string& service,
@@ -87,15 +90,10 @@ void AccountStore::getEligibilityForService(const std::string& service,
     std::fprintf(stderr, "%s: getEligibilityForService without a handler\n", kClassName);
     std::abort();
   }
-  HSURLRequest request;
-  request.cachePolicy = HSURLRequest::kReloadIgnoringLocalCacheData;
-  if (const auto guid = HSDevice::shared().guid())
-    request.queryStringDictionary = {{"guid", *guid}};
-
   const auto operation = std::make_shared<HSStoreURLOperation>(storeClient());
   operation->setNeedsAuthentication(false);
   operation->setURLBagKey("getSubscriptionStatusSrv");
-  operation->setRequest(std::move(request));
+  operation->setRequest(HSURLRequest::uncachedWithGUID());
   const auto answer = std::make_shared<EligibilityAnswer>();
   operation->setOutputHandler(
       [answer](HSStoreURLOperation&, const Value& output) { answer->read(output); });

@@ -1,7 +1,7 @@
 #include "src/RegisterPushNotificationOperation.h"
 
 #include "platform/VendBase/HSError.h"
-#include "src/MediaTypeMask.h"
+#include "platform/VendBase/MediaTypeMask.h"
 #include "tests/src/PushFixture.h"
 
 namespace tallow {

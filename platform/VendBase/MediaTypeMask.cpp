@@ -1,27 +1,15 @@
-#include "src/MediaTypeMask.h"
+#include "platform/VendBase/MediaTypeMask.h"
 
-#include <array>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 namespace tallow {
-
-namespace {
-
-constexpr std::array<std::pair<MediaType, std::string_view>, 2> kNames = {{
-    {kMediaTypeMacSoftware, "mac-software"},
-    {kMediaTypeEBook, "ebook"},
-}};
-
-}  // namespace
 
 std::int64_t mediaTypeMask(const Array& names) {
   std::int64_t mask = 0;
   for (const Value& element : names) {
     const std::string* const name = element.string();
     if (name == nullptr) continue;
-    for (const auto& [type, known] : kNames) {
+    for (const auto& [known, type] : kMediaTypeNames) {
       if (*name == known) mask |= static_cast<std::int64_t>(type);
     }
   }
@@ -31,7 +19,7 @@ std::int64_t mediaTypeMask(const Array& names) {
 std::optional<Array> arrayWithMediaTypeMask(std::uint64_t mask) {
   if (mask == 0) return std::nullopt;
   std::vector<Value> names;
-  for (const auto& [type, name] : kNames) {
+  for (const auto& [name, type] : kMediaTypeNames) {
     if ((mask & type) != 0) names.emplace_back(name);
   }
   return Array(std::move(names));
