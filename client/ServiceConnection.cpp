@@ -91,8 +91,15 @@ std::shared_ptr<ServiceSession> ServiceConnection::_newSession() {
   }
   auto session = std::make_shared<ServiceSession>(_bus, _bus->findService(_serviceName));
   if (_identifier) session->actAs(*_identifier);
-  if (_observer) session->addURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
-  if (_accountWatch) session->addAccountWatch(_accountWatch);
+  // The service may know them from a session before; a path that is added twice is told twice.
+  if (_observer) {
+    session->removeURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
+    session->addURLBagObserver(sdbus::ObjectPath{ServiceBus::kObserverPath});
+  }
+  if (_accountWatch) {
+    session->removeAccountStoreObserver(sdbus::ObjectPath{ServiceBus::kAccountObserverPath});
+    session->addAccountWatch(_accountWatch);
+  }
   return session;
 }
 

@@ -28,12 +28,13 @@ class ServiceConnection {
   // out is never repeated.
   template <class Call>
   auto call(Call call) -> decltype(call(std::declval<ServiceSession&>())) {
+    const std::shared_ptr<ServiceSession> tried = session();
     try {
-      return call(*session());
+      return call(*tried);
     } catch (const sdbus::Error& error) {
       if (!wasNotDelivered(error)) throw;
       const std::lock_guard lock(_mutex);
-      _session.reset();
+      if (_session == tried) _session.reset();  // else another thread has found the next service
     }
     return call(*session());
   }

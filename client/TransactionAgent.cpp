@@ -58,11 +58,15 @@ class TransactionAgent::Object final
     const std::string sender = sd_bus_message_get_sender(bus::currentMessage(getObject()));
     _queue.async([this, answer, sender, client = std::move(client),
                   context = HSAuthenticationContext::initWithDictionary(context.value)] {
-      if (_isAccountService(sender)) {
-        _signIn(*answer, client, context);
-      } else {
-        answer->returnError(
-            bus::makeError(kAccessDenied, "Only the account service asks for sign-ins."));
+      try {
+        if (_isAccountService(sender)) {
+          _signIn(*answer, client, context);
+        } else {
+          answer->returnError(
+              bus::makeError(kAccessDenied, "Only the account service asks for sign-ins."));
+        }
+      } catch (const sdbus::Error&) {
+        // The bus has gone, and whoever asked with it.
       }
       --_waiting;
     });

@@ -336,7 +336,9 @@ std::optional<Error> CookieDatabase::open() {
   auto problem = connection.connect(connection.file.path().native(), SQLITE_OPEN_READWRITE);
   if (problem) {
     const int primary = static_cast<int>(problem->code & 0xFF);
-    if (primary == SQLITE_CANTOPEN || primary == SQLITE_READONLY) {
+    // A full disk has no room for the shared index either; the jar is whole all the same.
+    if (primary == SQLITE_CANTOPEN || primary == SQLITE_READONLY || primary == SQLITE_IOERR ||
+        primary == SQLITE_FULL) {
       problem = connection.connectToReadOnly();
     }
   }

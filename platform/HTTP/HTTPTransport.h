@@ -48,8 +48,8 @@ struct HTTPResponse {
 
   // max-age of Cache-Control in seconds (RFC 9111 sections 4.2.1 and 5.2.2): the first valid
   // directive of any Cache-Control line. An integer below zero is given as it is, one past 2^31 as
-  // 2^31. no-store, and no-cache of the whole response, are stricter than any max-age and count as
-  // 0. nullopt when the response states none of them.
+  // 2^31. Nothing else is looked at: no-store and no-cache leave a max-age beside them as it is.
+  // nullopt when the response states none.
   std::optional<double> cacheControlMaxAgeSeconds() const;
 };
 

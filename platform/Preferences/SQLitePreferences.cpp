@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/VBLogManager.h"
@@ -16,6 +17,7 @@ namespace tallow {
 
 namespace {
 
+constexpr double kSecondsBetweenTries = 1;
 constexpr const char* kClassName = "Preferences";
 
 // What the property-list decoder would refuse to read back.
@@ -169,7 +171,7 @@ bool SQLitePreferences::update(std::string_view domain,
   if (!beginWriting()) return false;
   UpdateEditor editor(*this, domain);
   change(editor);
-  const Changes before = _pending;
+  Changes before = _pending;
   if (editor.hasFailed) {
     if (_isWriting) _file->rollback();
     _isWriting = false;
@@ -179,9 +181,14 @@ bool SQLitePreferences::update(std::string_view domain,
   // A damaged file that was found while reading has ended the transaction.
   const bool isWritten =
       _isWriting ? commitPending() || (!_file && writePending()) : writePending();
-  // What was computed from one state of the file is not written over a later one.
-  if (!isWritten) _pending = before;
-  return isWritten;
+  if (isWritten) return true;
+  // What was computed from one state of the file is not written over a later one. Whatever else
+  // waits stays: it may be what a damaged file is known to have held.
+  for (const auto& [place, changed] : editor.changes) {
+    _pending.erase(place);
+    if (auto was = before.extract(place)) _pending.insert(std::move(was));
+  }
+  return false;
 }
 
 std::size_t SQLitePreferences::pendingChanges() const {
@@ -213,8 +220,7 @@ bool SQLitePreferences::ensureOpen(bool isForWriting) {
   }
   if (!_file) {
     // Reading makes no file.
-    const bool isWorthTrying = isForWriting || (!_hasTriedToOpen && fileExists());
-    return isWorthTrying && open() && ensureOpen(isForWriting);
+    return (isForWriting || (mayTryToOpen() && fileExists())) && open() && ensureOpen(isForWriting);
   }
   if (!isForWriting || _file->isWritable()) return true;
   // It could only be opened for reading; perhaps that has changed.
@@ -227,6 +233,12 @@ bool SQLitePreferences::ensureOpen(bool isForWriting) {
   return _file->isWritable();
 }
 
+// What stands in the way may pass; but readers do not try each time, and log it.
+bool SQLitePreferences::mayTryToOpen() const {
+  return !_failedToOpenSeconds ||
+         Clock::shared().monotonicSeconds() - *_failedToOpenSeconds >= kSecondsBetweenTries;
+}
+
 // Also when it cannot be told: opening will say why.
 bool SQLitePreferences::fileExists() const {
   std::error_code error;
@@ -234,21 +246,21 @@ bool SQLitePreferences::fileExists() const {
 }
 
 bool SQLitePreferences::open() {
-  _hasTriedToOpen = true;
   for (int attempt = 0; attempt < 2; ++attempt) {
     auto opened = PreferencesFile::open(_configuration.file);
     if (opened) {
       _file = std::move(*opened);
       return true;
     }
-    if (!recoverFrom(opened.error(), "open")) return false;
+    if (!recoverFrom(opened.error(), "open")) break;
   }
+  _failedToOpenSeconds = Clock::shared().monotonicSeconds();
   return false;
 }
 
 void SQLitePreferences::close() {
   _file.reset();
-  _hasTriedToOpen = false;
+  _failedToOpenSeconds.reset();
   _isWriting = false;
   clearCache();
 }
@@ -368,7 +380,7 @@ bool SQLitePreferences::recoverFrom(const Error& error, const char* action) {
   if (const auto failure = PreferencesFile::setAside(path, std::move(damaged))) {
     logLevel(1, "%@: cannot set %@ aside: %@", kClassName, path.native(),
              failure->localizedDescription());
-    _hasTriedToOpen = true;
+    _failedToOpenSeconds = Clock::shared().monotonicSeconds();
     return false;
   }
   logLevel(1, "%@: %@ is damaged and has been set aside", kClassName, path.native());

@@ -65,6 +65,7 @@ class SQLitePreferences final : public Preferences {
 
   // The functions below run with the mutex held.
   bool ensureOpen(bool isForWriting);
+  bool mayTryToOpen() const;
   bool fileExists() const;
   bool open();
   void close();
@@ -88,7 +89,7 @@ class SQLitePreferences final : public Preferences {
 
   mutable std::mutex _mutex;  // guards everything below
   std::unique_ptr<PreferencesFile> _file;
-  bool _hasTriedToOpen = false;
+  std::optional<double> _failedToOpenSeconds;  // when it last did, on the monotonic clock
   bool _isWriting = false;  // between beginWriting() and the end of its transaction
   bool _isDurable = true;   // nothing written since the last synchronize
   Changes _pending;

@@ -2,6 +2,7 @@
 
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerConnection.h"
+#include "platform/XPC/XPCTransaction.h"
 
 namespace tallow {
 
@@ -22,6 +23,7 @@ bool PeerBacklog::add(Call call, std::size_t bytes) {
       return true;
     }
     ++_unanswered;
+    if (!_transaction) _transaction = XPCTransaction::hold();
   }
   make(call);
   return true;
@@ -41,7 +43,7 @@ void PeerBacklog::answered(const std::optional<Error>& error) {
       _waitingBytes = 0;
     }
     if (_waiting.empty()) {
-      --_unanswered;
+      if (--_unanswered == 0) _transaction.reset();
     } else {
       next = std::move(_waiting.front().first);
       _waitingBytes -= _waiting.front().second;

@@ -44,6 +44,7 @@ class PeerBacklog {
   std::deque<std::pair<Call, std::size_t>> _waiting;
   std::size_t _waitingBytes = 0;
   std::size_t _unanswered = 0;
+  std::shared_ptr<void> _transaction;  // open while anything is: the process would lose it
 };
 
 }  // namespace tallow

@@ -154,17 +154,21 @@ void AccountStore::removeAccountStoreObserver(
 }
 
 void AccountStore::_primaryAccountDidChange() {
-  const auto [primary, change] =
-      _requestQueue.sync([&] { return std::pair(_primaryAccount, _changes); });
-  std::vector<std::shared_ptr<HSAccountStoreObserver>> observers;
-  {
+  for (bool isLatest = false; !isLatest;) {
+    const auto [primary, change] =
+        _requestQueue.sync([&] { return std::pair(_primaryAccount, _changes); });
+    std::vector<std::shared_ptr<HSAccountStoreObserver>> observers;
+    {
+      const std::lock_guard lock(_observersLock);
+      if (change < _toldChanges) return;
+      _toldChanges = change;
+      observers = _observers;
+    }
+    for (const auto& observer : observers) observer->primaryAccountDidChange(primary);
+    // Of two changes at once the later one has the last word, also where it was told meanwhile.
     const std::lock_guard lock(_observersLock);
-    // Of two changes at once the later one has the last word.
-    if (change < _toldChanges) return;
-    _toldChanges = change;
-    observers = _observers;
+    isLatest = change == _toldChanges;
   }
-  for (const auto& observer : observers) observer->primaryAccountDidChange(primary);
 }
 
 // Signing in

@@ -34,9 +34,10 @@ constexpr const char* kDescribe = "tallowd-clients.d(5) says how a client is des
 
 std::vector<ProcessIdentity> runningProcesses() {
   std::vector<ProcessIdentity> processes;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator("/proc", ignored)) {
-    const std::string name = entry.path().filename();
+  std::error_code error;
+  for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     processes.push_back(ProcessIdentity::inspect(std::stol(name), -1));
   }
@@ -79,15 +80,16 @@ std::string nameOfUser(unsigned uid) {
 // What is in a folder of secrets is nobody else's.
 void checkContents(const fs::path& folder, Findings& findings) {
   std::error_code error;
-  for (fs::recursive_directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
+  constexpr auto kPassOver = fs::directory_options::skip_permission_denied;
+  for (fs::recursive_directory_iterator entry(folder, kPassOver, error), end;
+       !error && entry != end; entry.increment(error)) {
     struct stat status {};
     if (lstat(entry->path().c_str(), &status) != 0 || S_ISLNK(status.st_mode)) continue;
     if ((status.st_mode & 077) != 0)
       findings.problem(
           kFolders, entry->path().native() + " can be used by others",
           format("chmod %s %@", S_ISDIR(status.st_mode) ? "700" : "600", entry->path().native()));
-    if (entry->path().native().ends_with(".corrupt"))
+    if (entry->path().native().find(".corrupt") != std::string::npos)
       findings.note(kFolders, entry->path().native() + " was damaged and set aside",
                     "Look at the disk; remove the file when nobody needs it.");
   }
@@ -208,9 +210,13 @@ void checkClock(Findings& findings) {
   std::error_code ignored;
   std::vector<fs::path> witnesses{fs::read_symlink("/proc/self/exe", ignored)};
   const Directories& folders = Directories::shared();
-  for (const fs::path& folder : {folders.cacheHome, folders.dataHome, folders.stateHome})
-    for (const auto& entry : fs::recursive_directory_iterator(folder, ignored))
-      witnesses.push_back(entry.path());
+  constexpr auto kPassOver = fs::directory_options::skip_permission_denied;
+  for (const fs::path& folder : {folders.cacheHome, folders.dataHome, folders.stateHome}) {
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(folder, kPassOver, error), end;
+         !error && entry != end; entry.increment(error))
+      witnesses.push_back(entry->path());
+  }
   for (const fs::path& witness : witnesses) {
     const auto date = modificationDate(witness);
     if (!date || date->secondsSince(now) <= kDay) continue;
