@@ -21,15 +21,14 @@ class SignedBagTest : public ::testing::Test {
  protected:
   SignedBagTest() {
     _directories.configHome = running.directory / "config";
-    _directories.configDirs = {_directories.configHome};
-    std::filesystem::create_directories(_directories.configHome / "anchors");
+    _directories.configDirs = {_directories.configHome, running.directory / "etc"};
+    std::filesystem::create_directories(anchor().parent_path());
   }
 
   // Why a bag is refused: what is wrong with its chain, or "signature"; "" for a good one.
   std::string verdict(const std::string& staging) {
     running.stage(R"({"reset": true, "bag": )" + staging + "}");
-    std::filesystem::copy_file(running.store->anchorFile(),
-                               _directories.configHome / "anchors" / "root.pem",
+    std::filesystem::copy_file(running.store->anchorFile(), anchor(),
                                std::filesystem::copy_options::overwrite_existing);
     const Dictionary response = running.dictionary("/bag");
     HSCertificate certificate;
@@ -46,6 +45,10 @@ class SignedBagTest : public ::testing::Test {
   RunningStore running;
 
  private:
+  std::filesystem::path anchor() const {
+    return _directories.configDirs[1] / "anchors" / "root.pem";
+  }
+
   Directories _directories;
   ScopedShared<Directories> _sharedDirectories{_directories};
   AnchorStore _anchors;
