@@ -271,13 +271,6 @@ std::string HSCertificate::State::verify() const {
   return "";
 }
 
-void HSCertificate::prepare() {
-  const ErrorMark mark;
-  AnchorStore::shared().current();
-  const DigestPointer digest(EVP_MD_fetch(libraryContext(), "SHA256", nullptr));
-  OBJ_txt2nid(SN_X9_62_prime256v1);
-}
-
 HSCertificate::HSCertificate() : _state(std::make_unique<State>()) {
   _state->problem = "no certificate has been set";
 }

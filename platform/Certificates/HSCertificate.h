@@ -22,10 +22,6 @@ class HSCertificate {
   ~HSCertificate();
   HSCertificate(HSCertificate&&) noexcept;
 
-  // Reads the trust anchors and has the library set up what the first verdict of a process would
-  // else wait for. For a process that has a moment to spare; any thread.
-  static void prepare();
-
   // `certificates`: an array of data, the leaf first, the rest in any order.
   void setCertificateData(const Array& certificates);
   // The verdict on the chain at the present moment (Clock::shared()).

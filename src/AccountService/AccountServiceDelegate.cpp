@@ -9,13 +9,9 @@
 
 #include "platform/Base/Clock.h"
 #include "platform/Base/Secret.h"
-#include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/RunLoop.h"
-#include "platform/Concurrency/WorkerPool.h"
 #include "platform/Notifications/UserNotificationCenter.h"
-#include "platform/Preferences/Preferences.h"
 #include "platform/Sandbox/Sandbox.h"
-#include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/ProcessInspector.h"
@@ -31,21 +27,6 @@ HSServiceDelegate::ClientInterfaceClass AccountServiceDelegate::clientInterfaceC
     return std::make_shared<AccountServiceInterface>(std::move(storeClient));
   };
 }
-
-namespace {
-
-// Who starts the service waits for its first answer. What nearly every answer needs is read on
-// other threads while this one is busy with the bus; whoever needs it sooner waits for it there. No
-// controller is made here: those wait for the first call of their client.
-void readWhatTheFirstCallNeeds() {
-  WorkerPool::shared().async([] { HSCertificate::prepare(); });
-  WorkerPool::shared().async([] {
-    // Any read opens the file, and with it the database library.
-    Preferences::shared().getAppBooleanValue(kDefaultsUseSystemCookieStoreKey, kDaemonDefaultsID);
-  });
-}
-
-}  // namespace
 
 int runAccountService(int argc, const char* const* argv) {
   forbidCoreDumps();  // passwords and tokens pass through here
@@ -68,7 +49,6 @@ int runAccountService(int argc, const char* const* argv) {
   // Before other threads start. Carried out by the run loop, which starts when all is made.
   std::optional<IdleExit> idleExit;
   RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
-  readWhatTheFirstCallNeeds();
 
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.
