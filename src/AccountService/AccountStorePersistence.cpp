@@ -168,11 +168,12 @@ void AccountStore::writeAccountsToPersistedStore() {
 
 bool AccountStore::writeWhatWasRefused() {
   bool isWritten = true;
-  for (const auto& [key, store] : registry().entries()) {
+  for (const auto& entry : registry().entries()) {
+    AccountStore& store = *entry.second;
     const auto wasRefused = [&] {
-      return store->_requestQueue.sync([&] { return store->_wasRefused; });
+      return store._requestQueue.sync([&] { return store._wasRefused; });
     };
-    if (wasRefused()) store->writeAccountsToPersistedStore();
+    if (wasRefused()) store.writeAccountsToPersistedStore();
     isWritten = !wasRefused() && isWritten;
   }
   return isWritten;
