@@ -110,7 +110,7 @@ TYPED_TEST(RunLoopTest, TimersLiveWithoutTheirHandle) {
 TYPED_TEST(RunLoopTest, TakesBlocksAndTimersFromManyThreads) {
   constexpr int kThreads = 4, kRounds = 200;
   RunLoop& loop = this->loop();
-  std::atomic<int> left = 2 * kThreads * kRounds;
+  std::atomic<int> left = kThreads * (2 * kRounds + 1);
   const auto ran = [&] {
     if (--left == 0) loop.stop(0);
   };
@@ -128,6 +128,7 @@ TYPED_TEST(RunLoopTest, TakesBlocksAndTimersFromManyThreads) {
         loop.post([&] { after.set_value(); });
         after.get_future().wait();  // the block, if it had started, has ended
       }
+      loop.post(ran);  // so that the loop ends when nobody waits for it any more
     });
   }
   loop.run();
