@@ -9,12 +9,6 @@ namespace tallow {
 
 namespace {
 
-WireDictionary wireDictionary(const Dictionary& value) {
-  WireDictionary wire;
-  wire.value = value;
-  return wire;
-}
-
 std::optional<Dictionary> firstAccount(std::vector<WireDictionary> accounts) {
   return accounts.empty() ? std::nullopt : std::optional(std::move(accounts.front().value));
 }

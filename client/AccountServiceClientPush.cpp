@@ -24,12 +24,6 @@ std::optional<Error> tellOfSuccess(ServiceConnection& connection, Call call) {
   return answer ? *answer : answer.error();
 }
 
-WireDictionary wireDictionary(const Dictionary& dictionary) {
-  WireDictionary wire;
-  wire.value = dictionary;
-  return wire;
-}
-
 }  // namespace
 
 std::optional<Error> AccountServiceClient::registerDeviceTokenForEnvironmentNamed(

@@ -11,6 +11,12 @@
 
 namespace tallow {
 
+inline WireDictionary wireDictionary(const Dictionary& dictionary) {
+  WireDictionary wire;
+  wire.value = dictionary;
+  return wire;
+}
+
 // The bus's or the service's error as the client reports it.
 Error clientErrorFrom(const sdbus::Error& error);
 

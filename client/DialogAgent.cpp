@@ -21,10 +21,6 @@ namespace tallow {
 namespace {
 
 constexpr const char* kServiceName = "com.vantor.tallowd";
-constexpr const char* kServicePath = "/com/vantor/tallowd";
-constexpr const char* kBusName = "org.freedesktop.DBus";
-// What the bus daemon itself allows a service to start, and a little.
-constexpr std::chrono::seconds kStartPatience{125};
 constexpr const char* kAgentPath = "/com/vantor/tallowd/client/dialogs";
 constexpr const char* kServiceHasChanged =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
@@ -145,7 +141,7 @@ void DialogAgent::Agent::start() {
     _serviceHasChanged(now);
   });
   _object = std::make_unique<Object>(*_connection, *this);
-  _busDaemon = bus::makeProxy(*_connection, kBusName, "/org/freedesktop/DBus");
+  _busDaemon = bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus");
   _service = std::make_unique<Service>(*_connection);
   _connection->enterEventLoopAsync();
   _register();
@@ -171,7 +167,7 @@ DialogAgent::Agent::~Agent() {
 std::string DialogAgent::Agent::_ownerOfService() {
   std::string owner;
   _busDaemon->callMethod("GetNameOwner")
-      .onInterface(kBusName)
+      .onInterface(kBusDaemonName)
       .withArguments(std::string(kServiceName))
       .storeResultsTo(owner);
   return owner;
@@ -184,7 +180,7 @@ void DialogAgent::Agent::_register() {
   } catch (const sdbus::Error&) {
     std::uint32_t started = 0;
     _busDaemon->callMethod("StartServiceByName")
-        .onInterface(kBusName)
+        .onInterface(kBusDaemonName)
         .withTimeout(kStartPatience)
         .withArguments(std::string(kServiceName), std::uint32_t{0})
         .storeResultsTo(started);

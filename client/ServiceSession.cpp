@@ -8,10 +8,6 @@
 namespace tallow {
 
 namespace {
-constexpr const char* kBusName = "org.freedesktop.DBus";
-constexpr const char* kServicePath = "/com/vantor/tallowd";
-// What the bus daemon itself allows a service to start, and a little.
-constexpr std::chrono::seconds kStartPatience{125};
 constexpr int kMaxAttempts = 10;
 
 std::optional<Dictionary> firstOf(const std::vector<WireDictionary>& account) {
@@ -66,7 +62,7 @@ ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::strin
     : _connection(instance == AccountServiceClient::Instance::Daemon
                       ? sdbus::createSystemBusConnection()
                       : sdbus::createSessionBusConnection()),
-      _busDaemon(bus::makeProxy(*_connection, kBusName, "/org/freedesktop/DBus")) {
+      _busDaemon(bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus")) {
   const std::string rule =
       "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
       "member='NameOwnerChanged',arg0='" +
@@ -111,7 +107,7 @@ std::string ServiceBus::findService(const std::string& serviceName) {
     }
     std::uint32_t outcome = 0;
     _busDaemon->callMethod("StartServiceByName")
-        .onInterface(kBusName)
+        .onInterface(kBusDaemonName)
         .withTimeout(kStartPatience)
         .withArguments(serviceName, std::uint32_t{0})
         .storeResultsTo(outcome);
@@ -121,7 +117,7 @@ std::string ServiceBus::findService(const std::string& serviceName) {
 std::string ServiceBus::_ownerOf(const std::string& serviceName) {
   std::string owner;
   _busDaemon->callMethod("GetNameOwner")
-      .onInterface(kBusName)
+      .onInterface(kBusDaemonName)
       .withArguments(serviceName)
       .storeResultsTo(owner);
   return owner;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,6 +17,12 @@
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
+
+// The service's object, and the bus daemon's name.
+inline constexpr const char* kServicePath = "/com/vantor/tallowd";
+inline constexpr const char* kBusDaemonName = "org.freedesktop.DBus";
+// How long starting the service may take: what the bus daemon itself allows, and a little.
+inline constexpr std::chrono::seconds kStartPatience{125};
 
 // A connection to the bus, read by a thread of its own, with the observer objects that the client
 // exports there.

@@ -10,8 +10,7 @@ namespace tallow::devstore {
 
 namespace {
 
-constexpr double kDay = 86400;
-constexpr double kYear = 365 * kDay;
+constexpr double kYear = 365 * kSecondsPerDay;
 constexpr const char* kSignsCertificates = "critical,keyCertSign,cRLSign";
 constexpr int kTooManyIssuers = 10;
 
@@ -50,7 +49,7 @@ Result<std::unique_ptr<SigningAuthority>> SigningAuthority::open(const StateDire
     const Result<std::optional<Identity>> identity = directory.identity(name);
     if (!identity) return identity.error();
     // A day ahead, so that a chain never expires under a test that is running.
-    const Date soon = Clock::shared().now().addingSeconds(kDay);
+    const Date soon = Clock::shared().now().addingSeconds(kSecondsPerDay);
     if (*identity && (*identity)->isValidAt(soon) &&
         (*identity)->isIssuedBy(kept.empty() ? **identity : kept.back())) {
       kept.push_back(**identity);
@@ -106,10 +105,10 @@ SigningAuthority::Chain SigningAuthority::makeChain(ChainKind chainKind, KeyKind
       if (keyKind == KeyKind::P256) return {_leaf, {_intermediate}};
       break;
     case ChainKind::Expired:
-      leaf.notAfter = now.addingSeconds(-kDay);
+      leaf.notAfter = now.addingSeconds(-kSecondsPerDay);
       break;
     case ChainKind::NotYetValid:
-      leaf.notBefore = now.addingSeconds(kDay);
+      leaf.notBefore = now.addingSeconds(kSecondsPerDay);
       break;
     case ChainKind::SelfSigned:
       return {Identity::make(leaf, nullptr), {}};

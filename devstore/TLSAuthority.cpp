@@ -9,7 +9,6 @@ namespace tallow::devstore {
 
 namespace {
 
-constexpr double kDay = 86400;
 constexpr const char* kAuthorityName = "tls-ca";
 constexpr const char* kServerName = "tls-server";
 
@@ -22,8 +21,8 @@ Date machineTime() {
 Identity::Request request(std::string commonName, double days) {
   Identity::Request request;
   request.commonName = std::move(commonName);
-  request.notBefore = machineTime().addingSeconds(-kDay);
-  request.notAfter = machineTime().addingSeconds(days * kDay);
+  request.notBefore = machineTime().addingSeconds(-kSecondsPerDay);
+  request.notAfter = machineTime().addingSeconds(days * kSecondsPerDay);
   return request;
 }
 
@@ -37,7 +36,7 @@ Result<TLSAuthority> TLSAuthority::open(const StateDirectory& directory) {
   if (!keptAuthority) return keptAuthority.error();
   const Result<std::optional<Identity>> keptServer = directory.identity(kServerName);
   if (!keptServer) return keptServer.error();
-  const Date soon = machineTime().addingSeconds(kDay);
+  const Date soon = machineTime().addingSeconds(kSecondsPerDay);
   if (*keptAuthority && *keptServer && (*keptAuthority)->isValidAt(soon) &&
       (*keptServer)->isValidAt(soon) && (*keptServer)->isIssuedBy(**keptAuthority)) {
     return TLSAuthority(**keptAuthority, **keptServer);

@@ -12,13 +12,12 @@ namespace tallow::OrvExchange {
 
 namespace {
 
-constexpr const char* kErrorDomain = "OrvErrorDomain";
 constexpr const char* kContentType = "application/x-vantor-plist";
 
 }  // namespace
 
 Error libraryError(std::int32_t status) {
-  return Error{kErrorDomain, status, {}};
+  return Error{OrvLibrary::kErrorDomain, status, {}};
 }
 
 std::span<const std::uint8_t> bytesOf(const std::optional<Data>& data) {

@@ -22,11 +22,6 @@ constexpr const char* kFailedToRegister = "Failed to register";
 // What the store answers to media types for a device that it does not know, or no longer.
 constexpr std::int64_t kUnknownDevice = -2;
 
-std::optional<std::string> stringOrNil(const Value& value) {
-  const std::string* const text = value.string();
-  return text != nullptr ? std::optional(*text) : std::nullopt;
-}
-
 // Entries are only sent when there is something in them.
 void addTo(Dictionary& body, const char* key, const std::optional<std::string>& text) {
   if (text && !text->empty()) body = body.setting(key, *text);
@@ -165,7 +160,7 @@ Data RegisterPushNotificationOperation::_requestBodyDataForRegisterSuccessOperat
     const Value& push) {
   Dictionary body{{"device-name", "Mac"}};
   if (const Dictionary* const entries = push.dictionary())
-    addTo(body, "environment", stringOrNil((*entries)["environment"]));
+    addTo(body, "environment", (*entries)["environment"].stringOrNil());
   addTo(body, "guid", HSDevice::shared().guid());
   addTo(body, "serial-number", MKSerialNumber());
   if (_deviceToken && !_deviceToken->empty()) body = body.setting("token", *_deviceToken);
@@ -195,7 +190,7 @@ void RegisterPushNotificationOperation::operationFinishedWithOutput(HSStoreURLOp
     const Value& status = (*answer)["status"];
     if (!status.isNumber()) {
       failure = HSError((*answer)["failureType"].intValue().value_or(0), kTitle,
-                        stringOrNil((*answer)["customerMessage"]));
+                        (*answer)["customerMessage"].stringOrNil());
     } else if (status.signedValue() != 0) {
       failure = HSError(status.signedValue(), kTitle, kFailedToRegister);
     } else {

@@ -16,11 +16,6 @@ const std::string& preferencesDomainForWriting(const std::string& identifier) {
   return identifier == "com.vantor.lynxa" ? lynxaDomain : identifier;
 }
 
-std::optional<std::string> stringOrNil(const Value& value) {
-  const std::string* string = value.string();
-  return string != nullptr ? std::optional(*string) : std::nullopt;
-}
-
 }  // namespace
 
 ClientRegistry<StoreFrontController>& StoreFrontController::registry() {
@@ -41,9 +36,10 @@ std::shared_ptr<StoreFrontController> StoreFrontController::initWithStoreClient(
 
 StoreFrontController::StoreFrontController(std::shared_ptr<const HSStoreClient> client)
     : ClientController(std::move(client)),
-      _storeFrontID(stringOrNil(
-          Preferences::shared().copyValue(kDefaultsStorefrontKey, *storeClient()->identifier,
-                                          Preferences::User::Current, Preferences::Host::Any))) {}
+      _storeFrontID(Preferences::shared()
+                        .copyValue(kDefaultsStorefrontKey, *storeClient()->identifier,
+                                   Preferences::User::Current, Preferences::Host::Any)
+                        .stringOrNil()) {}
 
 std::optional<std::string> StoreFrontController::storeFrontID() const {
   const std::lock_guard lock(_lock);
@@ -80,7 +76,7 @@ void StoreFrontController::setStoreFrontID(const std::optional<std::string>& sto
 }
 
 void StoreFrontController::setStoreFrontIDWithInfo(const Dictionary& info) {
-  setStoreFrontID(stringOrNil(info["storeFrontID"]));
+  setStoreFrontID(info["storeFrontID"].stringOrNil());
 }
 
 }  // namespace tallow

@@ -7,6 +7,8 @@ namespace tallow {
 
 // A moment, in seconds since 1970-01-01 00:00:00 UTC, sub-second precision kept.
 // A plain value; what "now" is comes from Clock.
+constexpr double kSecondsPerDay = 86400;
+
 struct Date {
   double secondsSince1970 = 0;
 

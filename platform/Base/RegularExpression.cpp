@@ -13,12 +13,12 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kErrorDomain = "RegularExpression";
+constexpr const char* kRegexErrorDomain = "RegularExpression";
 constexpr std::size_t kMaxPatternBytes = 64 * 1024;
 constexpr std::size_t kMaxTextBytes = 1024 * 1024;
 // In the engine's own units, of about 10,000 saved states each.
 constexpr std::int32_t kTimeLimit = 100;
-constexpr std::int32_t kStackBytes = 4 * 1024 * 1024;
+constexpr std::int32_t kMatchStackBytes = 4 * 1024 * 1024;
 constexpr double kMaxSeconds = 0.25;
 
 struct ExpressionCloser {
@@ -44,7 +44,7 @@ Error compileError(UErrorCode status, const UParseError& where) {
   if (where.line > 0) {
     text += " at line " + std::to_string(where.line) + ", offset " + std::to_string(where.offset);
   }
-  return makeError(kErrorDomain, status, std::move(text));
+  return makeError(kRegexErrorDomain, status, std::move(text));
 }
 
 double secondsOf(clockid_t clock) {
@@ -91,10 +91,10 @@ RegularExpression::RegularExpression(std::shared_ptr<const Compiled> compiled)
 
 Result<RegularExpression> RegularExpression::compile(std::string_view pattern, Options options) {
   if (pattern.size() > kMaxPatternBytes) {
-    return makeError(kErrorDomain, U_REGEX_PATTERN_TOO_BIG, "The pattern is too long");
+    return makeError(kRegexErrorDomain, U_REGEX_PATTERN_TOO_BIG, "The pattern is too long");
   }
   if (ICULibrary::shared() == nullptr) {
-    return makeError(kErrorDomain, U_MISSING_RESOURCE_ERROR, "The ICU library is not there");
+    return makeError(kRegexErrorDomain, U_MISSING_RESOURCE_ERROR, "The ICU library is not there");
   }
   const std::u16string units = utf16(pattern);
   UErrorCode status = U_ZERO_ERROR;
@@ -114,7 +114,7 @@ RegularExpression::Match RegularExpression::firstMatchIn(std::string_view text) 
   // The compiled pattern is shared; the state of a search is this clone's own.
   const Expression search(icu.regexClone(_compiled->expression.get(), &status));
   icu.regexSetTimeLimit(search.get(), kTimeLimit, &status);
-  icu.regexSetStackLimit(search.get(), kStackBytes, &status);
+  icu.regexSetStackLimit(search.get(), kMatchStackBytes, &status);
   Deadline deadline(units.size());
   icu.regexSetFindProgressCallback(search.get(), Deadline::goOn, &deadline, &status);
   icu.regexSetText(search.get(), units.data(), static_cast<std::int32_t>(units.size()), &status);

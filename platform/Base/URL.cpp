@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/LazyLibrary.h"
 
 namespace tallow {
@@ -86,27 +87,6 @@ Part part(CURLU* handle, CURLUPart which, unsigned flags = 0) {
   return Part(text);
 }
 
-constexpr bool isAlpha(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-constexpr bool isDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-constexpr char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-}
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) c = lowered(c);
-  return result;
-}
-
-bool equalsIgnoringCase(std::string_view text, std::string_view lowerCase) {
-  return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
-                    [](char a, char b) { return lowered(a) == b; });
-}
-
 bool hasSpaceOrControl(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](char c) {
     const auto byte = static_cast<unsigned char>(c);
@@ -116,9 +96,9 @@ bool hasSpaceOrControl(std::string_view text) {
 
 // RFC 3986 section 3.1; empty when `text` does not begin with a scheme.
 std::string_view schemeOf(std::string_view text) {
-  if (text.empty() || !isAlpha(text.front())) return {};
+  if (text.empty() || !ascii::isLetter(text.front())) return {};
   const auto end = std::find_if_not(text.begin(), text.end(), [](char c) {
-    return isAlpha(c) || isDigit(c) || c == '+' || c == '-' || c == '.';
+    return ascii::isLetter(c) || ascii::isDigit(c) || c == '+' || c == '-' || c == '.';
   });
   const auto length = static_cast<std::size_t>(end - text.begin());
   if (end == text.end() || *end != ':' || length > kMaxSchemeBytes) return {};
@@ -182,8 +162,8 @@ bool isIPv4(const std::string& text) {
 // Whether resolvers may take a name for a number: its last label is one.
 bool endsInNumber(std::string_view name) {
   const std::string_view label = name.substr(name.rfind('.') + 1);
-  return !label.empty() && isDigit(label.front()) &&
-         (std::all_of(label.begin(), label.end(), isDigit) || label.starts_with("0x") ||
+  return !label.empty() && ascii::isDigit(label.front()) &&
+         (std::all_of(label.begin(), label.end(), ascii::isDigit) || label.starts_with("0x") ||
           label.starts_with("0X"));
 }
 
@@ -198,7 +178,7 @@ bool isHostName(std::string_view name) {
   if (name.empty() || name.size() > kMaxHostBytes || name.front() == '.') return false;
   if (name.find("..") != name.npos) return false;
   return std::all_of(name.begin(), name.end(), [](char c) {
-    return isAlpha(c) || isDigit(c) || c == '-' || c == '.' || c == '_';
+    return ascii::isLetter(c) || ascii::isDigit(c) || c == '-' || c == '.' || c == '_';
   });
 }
 
@@ -209,7 +189,7 @@ std::optional<URL> URL::parse(std::string_view text) {
   if (scheme.empty() || text.size() > kMaxDataURLBytes || hasSpaceOrControl(text)) {
     return std::nullopt;
   }
-  const bool isData = equalsIgnoringCase(scheme, "data");
+  const bool isData = ascii::equalIgnoringCase(scheme, "data");
   if (!isData && text.size() > kMaxURLBytes) return std::nullopt;
   URL url;
   url._text = text;
@@ -230,9 +210,10 @@ bool URL::parsePlainURL(std::string_view rest) {
   const bool isHTTPS = _scheme == "https";
   if ((!isHTTPS && _scheme != "http") || !rest.starts_with("//")) return false;
   rest.remove_prefix(2);
-  const auto isNameCharacter = [](char c) { return (c >= 'a' && c <= 'z') || isDigit(c); };
+  const auto isNameCharacter = [](char c) { return (c >= 'a' && c <= 'z') || ascii::isDigit(c); };
   const auto isPathCharacter = [](char c) {
-    return isAlpha(c) || isDigit(c) || std::string_view("/-_~.").find(c) != std::string_view::npos;
+    return ascii::isLetter(c) || ascii::isDigit(c) ||
+           std::string_view("/-_~.").find(c) != std::string_view::npos;
   };
   const auto isQueryCharacter = [&](char c) {
     return isPathCharacter(c) || std::string_view("=&+,:;").find(c) != std::string_view::npos;
@@ -272,7 +253,8 @@ bool URL::parsePlainURL(std::string_view rest) {
 }
 
 bool URL::parseOpaqueURL(std::string_view rest, bool isData) {
-  if (equalsIgnoringCase(_scheme, "http") || equalsIgnoringCase(_scheme, "https")) return false;
+  if (ascii::equalIgnoringCase(_scheme, "http") || ascii::equalIgnoringCase(_scheme, "https"))
+    return false;
   if (!isData && libraryWouldGuess(_text)) return false;
   rest = rest.substr(0, rest.find('#'));
   const std::size_t mark = rest.find('?');
@@ -282,7 +264,7 @@ bool URL::parseOpaqueURL(std::string_view rest, bool isData) {
 }
 
 bool URL::parseNetworkURL(std::string_view rest) {
-  const bool isFile = equalsIgnoringCase(_scheme, "file");
+  const bool isFile = ascii::equalIgnoringCase(_scheme, "file");
   // The library would skip a third slash and take a piece of the path for the host.
   if (rest.starts_with('/') && !isFile) return false;
   // Others read a backslash as a slash, and so another host.
@@ -312,8 +294,9 @@ bool URL::takeHost(std::string host) {
     return !_canonicalHost.empty();
   }
   if (!isHostName(host)) return false;
-  _canonicalHost = lowered(host.ends_with('.') ? std::string_view(host).substr(0, host.size() - 1)
-                                               : std::string_view(host));
+  _canonicalHost =
+      ascii::lowercased(host.ends_with('.') ? std::string_view(host).substr(0, host.size() - 1)
+                                            : std::string_view(host));
   _hostIsIPAddress = isIPv4(_canonicalHost);
   _host = std::move(host);
   return _hostIsIPAddress || !endsInNumber(_canonicalHost);
@@ -329,8 +312,8 @@ std::string URL::lastPathComponent() const {
 std::string URL::percentEncoded(std::string_view text) {
   std::string encoded;
   for (const char c : text) {
-    const bool isUnreserved =
-        isAlpha(c) || isDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos;
+    const bool isUnreserved = ascii::isLetter(c) || ascii::isDigit(c) ||
+                              std::string_view("-._~").find(c) != std::string_view::npos;
     isUnreserved ? encoded.push_back(c) : appendEscaped(encoded, c);
   }
   return encoded;

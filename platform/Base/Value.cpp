@@ -6,15 +6,14 @@
 #include <cmath>
 #include <limits>
 
+#include "platform/Base/ASCII.h"
+
 namespace tallow {
 
 namespace {
 
 constexpr bool isSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-constexpr bool isDigit(char c) {
-  return c >= '0' && c <= '9';
 }
 
 std::string_view withoutLeadingSpace(std::string_view text) {
@@ -41,7 +40,7 @@ std::int64_t leadingInteger(std::string_view text) {
   text = withoutLeadingSpace(text);
   const bool negative = !text.empty() && text.front() == '-';
   if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
-  const auto end = std::find_if_not(text.begin(), text.end(), isDigit);
+  const auto end = std::find_if_not(text.begin(), text.end(), ascii::isDigit);
   if (end == text.begin()) return 0;
   std::uint64_t magnitude = 0;
   const char* digits = text.data();
@@ -91,6 +90,11 @@ Value::Value(unsigned long long value) {
 const std::string* Value::string() const {
   const auto* pointer = std::get_if<StringPointer>(&_payload);
   return pointer != nullptr ? pointer->get() : nullptr;
+}
+
+std::optional<std::string> Value::stringOrNil() const {
+  const std::string* const text = string();
+  return text != nullptr ? std::optional(*text) : std::nullopt;
 }
 
 bool Value::isNumber() const {

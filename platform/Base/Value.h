@@ -110,6 +110,7 @@ class Value {
   // this value does.
   const bool* boolean() const { return std::get_if<bool>(&_payload); }
   const std::string* string() const;
+  std::optional<std::string> stringOrNil() const;  // a copy
   const Data* data() const { return std::get_if<Data>(&_payload); }
   const Date* date() const { return std::get_if<Date>(&_payload); }
   const Array* array() const { return std::get_if<Array>(&_payload); }

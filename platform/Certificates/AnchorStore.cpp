@@ -16,23 +16,21 @@
 #include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Certificates/CryptoContext.h"
+#include "platform/Certificates/OpenSSLPointers.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 namespace {
 
-constexpr const char* kClassName = "AnchorStore";
 constexpr std::string_view kExtension = ".pem";
 constexpr std::size_t kMaxFiles = 256;
 constexpr std::size_t kMaxFileBytes = 1u << 20;
 
 using DirectoryPointer = std::unique_ptr<DIR, int (*)(DIR*)>;
-using BIOPointer = std::unique_ptr<BIO, decltype(&BIO_free)>;
-using X509Pointer = std::unique_ptr<X509, decltype(&X509_free)>;
 
 // The certificates of a PEM text; none when something in it does not decode.
 std::vector<X509Pointer> certificatesIn(const Data& pem) {
-  const BIOPointer bio(BIO_new_mem_buf(pem.bytes(), static_cast<int>(pem.length())), &BIO_free);
+  const BIOPointer bio(BIO_new_mem_buf(pem.bytes(), static_cast<int>(pem.length())));
   if (!bio) return {};
   std::vector<X509Pointer> found;
   for (bool hasEnded = false; !hasEnded;) {
@@ -42,7 +40,7 @@ std::vector<X509Pointer> certificatesIn(const Data& pem) {
     // The reader leaves the empty certificate alone when the text has ended, and frees and clears
     // it when the text is damaged.
     const bool read = PEM_read_bio_X509(bio.get(), &certificate, nullptr, nullptr) != nullptr;
-    X509Pointer owned(certificate, &X509_free);
+    X509Pointer owned(certificate);
     if (!read && ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE) return {};
     hasEnded = !read;
     if (read) found.push_back(std::move(owned));
@@ -124,16 +122,16 @@ AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
   if (!store) return anchors;
   ERR_set_mark();
   if (files.size() > kMaxFiles)
-    logLevel(1, "%@: Reading only %lu of %lu trust anchor files", kClassName, kMaxFiles,
-             files.size());
+    logLevel(1, "%@: Reading only %lu of %lu trust anchor files", AnchorStore::kClassName,
+             kMaxFiles, files.size());
   for (std::size_t i = 0; i < std::min(files.size(), kMaxFiles); ++i) {
     const Result<Data> pem = contentsOf(files[i].path);
     if (!pem) {
-      logLevel(1, "%@: Cannot read trust anchors from %@ - %@", kClassName, files[i].path.string(),
-               pem.error());
+      logLevel(1, "%@: Cannot read trust anchors from %@ - %@", AnchorStore::kClassName,
+               files[i].path.string(), pem.error());
     } else if (!addCertificates(*pem, *store, anchors.count)) {
-      logLevel(1, "%@: Trust anchor file %@ is damaged or holds no certificate", kClassName,
-               files[i].path.string());
+      logLevel(1, "%@: Trust anchor file %@ is damaged or holds no certificate",
+               AnchorStore::kClassName, files[i].path.string());
     }
   }
   ERR_pop_to_mark();

@@ -21,6 +21,8 @@ namespace tallow {
 // Callable from any thread.
 class AnchorStore {
  public:
+  static constexpr const char* kClassName = "AnchorStore";  // in log lines
+
   static AnchorStore& shared();
 
   AnchorStore() = default;

@@ -20,6 +20,7 @@
 #include "platform/Base/Format.h"
 #include "platform/Certificates/AnchorStore.h"
 #include "platform/Certificates/CryptoContext.h"
+#include "platform/Certificates/OpenSSLPointers.h"
 
 namespace tallow {
 namespace {
@@ -33,14 +34,6 @@ constexpr int kMinRSABits = 2048;
 // (SHA-224, other curves) is refused by problemOfCertificate().
 constexpr int kSecurityLevel = 2;
 
-template <auto Free>
-struct Freeing {
-  template <class T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
-using X509Pointer = std::unique_ptr<X509, Freeing<X509_free>>;
 using StoreContextPointer = std::unique_ptr<X509_STORE_CTX, Freeing<X509_STORE_CTX_free>>;
 using KeyContextPointer = std::unique_ptr<EVP_PKEY_CTX, Freeing<EVP_PKEY_CTX_free>>;
 using DigestContextPointer = std::unique_ptr<EVP_MD_CTX, Freeing<EVP_MD_CTX_free>>;

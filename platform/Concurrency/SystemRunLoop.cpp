@@ -25,7 +25,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "SystemRunLoop";
 constexpr double kMicrosecondsPerSecond = 1e6;
 // Longer than any process lives; keeps the sum of time and delay far from overflow.
 constexpr double kLongestDelay = 1e10;
@@ -44,7 +43,7 @@ using SourcePointer = std::unique_ptr<sd_event_source, SourceUnref>;
 // For what only fails when the process is out of its most basic means, or was used wrongly.
 void require(int result, const char* what) {
   if (result >= 0) return;
-  std::fprintf(stderr, "%s: %s: %s\n", kClassName, what,
+  std::fprintf(stderr, "%s: %s: %s\n", SystemRunLoop::kClassName, what,
                std::generic_category().message(-result).c_str());
   std::abort();
 }
@@ -225,13 +224,14 @@ SystemRunLoop::~SystemRunLoop() = default;
 int SystemRunLoop::run() {
   State& state = *_state;
   if (state.runner == Runner::MainThread && gettid() != getpid()) {
-    std::fprintf(stderr, "%s: run() of the main loop on another thread\n", kClassName);
+    std::fprintf(stderr, "%s: run() of the main loop on another thread\n",
+                 SystemRunLoop::kClassName);
     std::abort();
   }
   while (!state.isStopping) {
     const int result = sd_event_run(state.event.get(), UINT64_MAX);
     if (result >= 0) continue;
-    logLevel(1, "%@: the event loop failed: %@", kClassName,
+    logLevel(1, "%@: the event loop failed: %@", SystemRunLoop::kClassName,
              std::generic_category().message(-result));
     return EXIT_FAILURE;
   }

@@ -14,6 +14,8 @@ namespace tallow {
 // once, after the blocks posted before it.
 class SystemRunLoop final : public RunLoop {
  public:
+  static constexpr const char* kClassName = "SystemRunLoop";  // in log lines
+
   // Which thread may call run().
   enum class Runner { AnyThread, MainThread };
 

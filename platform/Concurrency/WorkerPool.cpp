@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/Base/Activity.h"
+#include "platform/Base/Sanitizers.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -24,15 +25,9 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "WorkerPool";
-
 // Reserved, not used: only touched pages cost memory. Enough for values nested as deep as the
 // property-list decoder lets through, and below the size of a huge page.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kStackBytes = 8u << 20;
-#else
-constexpr std::size_t kStackBytes = 1u << 20;
-#endif
+constexpr std::size_t kThreadStackBytes = kIsSanitized ? 8u << 20 : 1u << 20;
 
 // A blocked block holds its thread. There are twice as many as callers can be served at once
 // (CallerTable), for what they wait for needs threads, too.
@@ -110,7 +105,7 @@ void WorkerPool::State::submit(Block block) {
   if (error == 0) return;
   const bool nobodyLeft = threads == 0;
   lock.unlock();
-  logLevel(1, "%@: could not start a thread: %@", kClassName,
+  logLevel(1, "%@: could not start a thread: %@", WorkerPool::kClassName,
            std::generic_category().message(error));
   if (!nobodyLeft) return;  // a thread that is there will come to the block
   // Work that has been accepted is not dropped: wait until the system has a thread to give.
@@ -125,7 +120,7 @@ void WorkerPool::State::submit(Block block) {
 int WorkerPool::State::startThread() {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, kStackBytes);
+  pthread_attr_setstacksize(&attributes, kThreadStackBytes);
   const sigset_t mask = workerSignalMask();
   pthread_attr_setsigmask_np(&attributes, &mask);
   auto argument = std::make_unique<std::shared_ptr<State>>(shared_from_this());

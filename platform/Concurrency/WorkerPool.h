@@ -11,6 +11,8 @@ namespace tallow {
 // system. Any thread may submit; blocks must not throw.
 class WorkerPool {
  public:
+  static constexpr const char* kClassName = "WorkerPool";  // in log lines
+
   explicit WorkerPool(std::size_t maxThreads, double idleSeconds = 3);
   ~WorkerPool();  // waits for the work that has been submitted
 

@@ -14,13 +14,13 @@
 
 #include "platform/Base/FolderLock.h"
 #include "platform/Cookies/CookieFile.h"
+#include "platform/Cookies/CookieJar.h"
 #include "platform/Cookies/CookieRows.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 namespace {
 
-constexpr const char* kClassName = "CookieJar";
 constexpr int kBusyMilliseconds = 500;
 
 static_assert(CookieDatabase::kVersion == CookieRows::kVersion);
@@ -92,7 +92,7 @@ struct CookieDatabase::Connection {
   Error error(int code) {
     const int primary = code & 0xFF;
     if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) damaged = true;
-    return makeError(kClassName, code, sqlite3_errstr(code));
+    return makeError(CookieJar::kClassName, code, sqlite3_errstr(code));
   }
   Error lastError() { return error(sqlite3_extended_errcode(database.get())); }
 
@@ -189,7 +189,7 @@ std::optional<Error> CookieDatabase::Connection::checkVersion() {
   const Result<std::int64_t> version = query("PRAGMA user_version");
   if (!version) return version.error();
   if (*version <= kVersion) return std::nullopt;
-  return makeError(kClassName, SQLITE_MISMATCH, "written by a newer version");
+  return makeError(CookieJar::kClassName, SQLITE_MISMATCH, "written by a newer version");
 }
 
 std::optional<Error> CookieDatabase::Connection::makeFormat() {
@@ -293,7 +293,7 @@ std::optional<Error> CookieDatabase::Connection::readRows(std::vector<StoredCook
   }
   if (code != SQLITE_DONE) return error(code);
   if (refused > 0) {
-    logLevel(1, "%@: Left out %lu rows of %@ that are no cookies", kClassName, refused,
+    logLevel(1, "%@: Left out %lu rows of %@ that are no cookies", CookieJar::kClassName, refused,
              file.path().native());
   }
   return std::nullopt;
@@ -430,7 +430,8 @@ Result<FileDescriptor> CookieDatabase::fileToSync() const {
   std::filesystem::path log = path();
   log += "-wal";
   FileDescriptor file(::open(log.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  if (!file && errno != ENOENT) return makeError(kClassName, errno, std::strerror(errno));
+  if (!file && errno != ENOENT)
+    return makeError(CookieJar::kClassName, errno, std::strerror(errno));
   return file;
 }
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstddef>
 
-#include "platform/Cookies/ASCII.h"
+#include "platform/Base/ASCII.h"
 
 namespace tallow {
 namespace {

@@ -10,16 +10,16 @@
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/FolderLock.h"
+#include "platform/Cookies/CookieJar.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 namespace {
 
-constexpr const char* kClassName = "CookieJar";
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
 
 Error fileError(int code) {
-  return makeError(kClassName, code, std::strerror(code));
+  return makeError(CookieJar::kClassName, code, std::strerror(code));
 }
 
 }  // namespace
@@ -47,7 +47,8 @@ std::optional<Error> CookieFile::prepare() {
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     if (::chmod(_path.c_str(), status.st_mode & S_IRWXU) != 0) {
-      logLevel(2, "%@: Others may read %@ (%s)", kClassName, _path.native(), std::strerror(errno));
+      logLevel(2, "%@: Others may read %@ (%s)", CookieJar::kClassName, _path.native(),
+               std::strerror(errno));
     }
   }
   return std::nullopt;
@@ -71,11 +72,11 @@ void CookieFile::setAside() {
     if (path != _path && !hasLog()) continue;
     const Result<std::filesystem::path> moved = setAsideAsCorrupt(path);
     if (moved) {
-      logLevel(1, "%@: %@ is damaged and was moved to %@", kClassName, path.native(),
+      logLevel(1, "%@: %@ is damaged and was moved to %@", CookieJar::kClassName, path.native(),
                moved->native());
     } else {
-      logLevel(1, "%@: %@ is damaged and could not be moved aside: %@", kClassName, path.native(),
-               moved.error());
+      logLevel(1, "%@: %@ is damaged and could not be moved aside: %@", CookieJar::kClassName,
+               path.native(), moved.error());
       return;
     }
   }

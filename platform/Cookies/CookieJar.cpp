@@ -11,8 +11,6 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kClassName = "CookieJar";
-
 std::shared_ptr<CookieJar> jarOfProcess(const std::filesystem::path& folder,
                                         const std::string& fileName) {
   static std::mutex& mutex = *new std::mutex;
@@ -21,11 +19,11 @@ std::shared_ptr<CookieJar> jarOfProcess(const std::filesystem::path& folder,
   std::shared_ptr<CookieJar>& jar = jars[folder / fileName];
   if (jar != nullptr) return jar;
   if (!isSafePathComponent(fileName)) {
-    logLevel(1, "%@: \"%@\" cannot name a jar", kClassName, fileName);
+    logLevel(1, "%@: \"%@\" cannot name a jar", CookieJar::kClassName, fileName);
     return nullptr;
   }
   if (!ensureDirectoryExists(folder)) {
-    logLevel(1, "%@: Cannot make the folder %@", kClassName, folder.native());
+    logLevel(1, "%@: Cannot make the folder %@", CookieJar::kClassName, folder.native());
     return nullptr;
   }
   if (auto opened = CookieJar::open(folder / fileName)) jar = std::move(*opened);

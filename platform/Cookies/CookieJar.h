@@ -34,6 +34,8 @@ namespace tallow {
 // Callable from any thread; calls wait for one another.
 class CookieJar {
  public:
+  static constexpr const char* kClassName = "CookieJar";  // in log lines
+
   struct Limits {
     std::size_t cookiesPerDomain = 180;
     std::size_t cookiesPerJar = 3300;

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/LazyLibrary.h"
-#include "platform/Cookies/ASCII.h"
 
 namespace tallow {
 namespace {

@@ -5,7 +5,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/Cookies/ASCII.h"
+#include "platform/Base/ASCII.h"
 #include "platform/Cookies/CookieDate.h"
 
 namespace tallow {

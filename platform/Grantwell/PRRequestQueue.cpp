@@ -12,16 +12,16 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "PRRequestQueue";
-constexpr PeerConnection::Address kPeer = {"purchase-permission service", "com.vantor.grantwell",
-                                           "/com/vantor/grantwell", "com.vantor.PRRequestQueue"};
+constexpr PeerConnection::Address kPermissionService = {
+    "purchase-permission service", "com.vantor.grantwell", "/com/vantor/grantwell",
+    "com.vantor.PRRequestQueue"};
 
 class BusRequestQueue final : public PRRequestQueue {
  public:
   explicit BusRequestQueue(std::string identifier) : _identifier(std::move(identifier)) {}
 
   void _didReceiveStorePushNotificationWithPayload(const Dictionary& payload) override {
-    static PeerBacklog& backlog = *new PeerBacklog(kPeer.what);
+    static PeerBacklog& backlog = *new PeerBacklog(kPermissionService.what);
     backlog.add([identifier = _identifier, payload](
                     const PeerBacklog::Answered& answered) { hand(identifier, payload, answered); },
                 PropertyList::encode(payload, PropertyList::Format::Binary).length());
@@ -35,10 +35,11 @@ class BusRequestQueue final : public PRRequestQueue {
     std::function<void(std::optional<Error>)> done = [identifier,
                                                       answered](const std::optional<Error>& error) {
       if (error)
-        logLevel(1, "%@: %@ has not taken a store push: %@", kClassName, identifier, *error);
+        logLevel(1, "%@: %@ has not taken a store push: %@", PRRequestQueue::kClassName, identifier,
+                 *error);
       answered(error);
     };
-    PeerConnection::call<>(kPeer, "_didReceiveStorePushNotificationWithPayload",
+    PeerConnection::call<>(kPermissionService, "_didReceiveStorePushNotificationWithPayload",
                            PeerConnection::kUsualPatience, std::move(done), identifier,
                            std::move(wirePayload));
   }

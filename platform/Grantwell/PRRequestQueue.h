@@ -14,6 +14,8 @@ inline constexpr const char* kPRRequestQueueHarlowStoreIdentifier = "com.vantor.
 // (interfaces/com.vantor.PRRequestQueue.xml). Any thread may call; nothing waits.
 class PRRequestQueue {
  public:
+  static constexpr const char* kClassName = "PRRequestQueue";  // in log lines
+
   static std::shared_ptr<PRRequestQueue> _requestQueueForIdentifier(const std::string& identifier);
   virtual ~PRRequestQueue() = default;
 

@@ -16,7 +16,6 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kErrorDomain = "HTTP";
 constexpr std::size_t kMaxHeaderLines = 1000;
 constexpr std::size_t kMaxHeaderBytes = 256u << 10;
 
@@ -190,7 +189,8 @@ std::optional<Error> CurlExchange::prepare(const TrustedCertificates& trusted) {
   _transfer->maxBodyBytes = _request.maxBodyBytes;
   _transfer->url = parsedURL(_request.url);
   if (!_transfer->url)
-    return makeError(kErrorDomain, HTTPTransport::kBadRequest, "The URL is malformed.");
+    return makeError(HTTPTransport::kErrorDomain, HTTPTransport::kBadRequest,
+                     "The URL is malformed.");
   _transfer->handle.reset(curl().easyInit());
   if (!_transfer->handle || !setOptions(trusted) || !setMethodAndBody() || !setHeaders())
     return errorFor(CURLE_OUT_OF_MEMORY);
@@ -279,7 +279,8 @@ void CurlExchange::finish(Error error) {
 }
 
 Error CurlExchange::cancellation() {
-  return makeError(kErrorDomain, HTTPTransport::kCancelled, "The request was cancelled.");
+  return makeError(HTTPTransport::kErrorDomain, HTTPTransport::kCancelled,
+                   "The request was cancelled.");
 }
 
 Result<HTTPResponse> CurlExchange::takeResult(int transferResult) {
@@ -310,7 +311,7 @@ Error CurlExchange::errorFor(int transferResult) const {
     code = HTTPTransport::kOther;
     detail = "too many header lines";
   }
-  return makeError(kErrorDomain, code,
+  return makeError(HTTPTransport::kErrorDomain, code,
                    format("%s %s: %s", sentenceFor(code), _request.url.host(), detail));
 }
 

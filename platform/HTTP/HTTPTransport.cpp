@@ -10,7 +10,6 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kErrorDomain = "HTTP";
 constexpr std::string_view kTokenCharacters =
     "!#$%&'*+-.^_`|~0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
@@ -61,7 +60,7 @@ Result<HTTPResponse> HTTPTransport::perform(HTTPRequest request, const Started& 
 
 std::optional<Error> HTTPTransport::refusalOf(const HTTPRequest& request) {
   const auto refusal = [](std::string description) {
-    return makeError(kErrorDomain, kBadRequest, std::move(description));
+    return makeError(HTTPTransport::kErrorDomain, kBadRequest, std::move(description));
   };
   const std::string scheme = lowerCase(request.url.scheme());
   if (scheme != "http" && scheme != "https")

@@ -60,6 +60,7 @@ struct HTTPResponse {
 // Errors: domain "HTTP", code one of ErrorCode.
 class HTTPTransport {
  public:
+  static constexpr const char* kErrorDomain = "HTTP";
   enum ErrorCode {
     kCannotConnect = 1,
     kTimedOut = 2,

@@ -12,10 +12,9 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "UserNotificationCenter";
 constexpr const char* kService = "org.freedesktop.Notifications";
-constexpr PeerConnection::Address kPeer = {"desktop's notification service", kService,
-                                           "/org/freedesktop/Notifications", kService};
+constexpr PeerConnection::Address kNotificationService = {
+    "desktop's notification service", kService, "/org/freedesktop/Notifications", kService};
 constexpr const char* kDefaultAction = "default";  // a click on the notification itself
 constexpr std::string_view kActionKey = "action:";
 constexpr std::string_view kCloseKey = "close:";
@@ -87,7 +86,8 @@ void DesktopNotificationCenter::deliverNotification(UserNotification notificatio
 
 void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
   if (_beingShown == kMaxShown)
-    return logLevel(1, "%@: too much is being shown already; not %@", kClassName, notification);
+    return logLevel(1, "%@: too much is being shown already; not %@",
+                    UserNotificationCenter::kClassName, notification);
   ++_beingShown;
   const std::shared_ptr<void> turn(
       nullptr, [self = shared_from_this(), transaction = XPCTransaction::hold()](void*) {
@@ -97,14 +97,16 @@ void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
   const std::function<void(std::optional<Error>, std::vector<std::string>)> asked = onQueue(
       [notification, turn](DesktopNotificationCenter& self, const std::optional<Error>& error,
                            const std::vector<std::string>& capabilities) {
-        if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
+        if (error)
+          return logLevel(1, "%@: cannot show %@: %@", UserNotificationCenter::kClassName,
+                          notification, *error);
         const auto can = [&](const char* what) {
           return std::find(capabilities.begin(), capabilities.end(), what) != capabilities.end();
         };
         self._serviceKeepsExpired = can("persistence");
         self._notify(notification, can("body-markup"), turn);
       });
-  PeerConnection::call<std::vector<std::string>>(kPeer, "GetCapabilities",
+  PeerConnection::call<std::vector<std::string>>(kNotificationService, "GetCapabilities",
                                                  PeerConnection::kUsualPatience, asked);
 }
 
@@ -121,14 +123,16 @@ void DesktopNotificationCenter::_notify(const UserNotification& notification, bo
   const std::function<void(std::optional<Error>, std::uint32_t)> shown =
       onQueue([notification, turn](DesktopNotificationCenter& self,
                                    const std::optional<Error>& error, std::uint32_t number) {
-        if (error) return logLevel(1, "%@: cannot show %@: %@", kClassName, notification, *error);
+        if (error)
+          return logLevel(1, "%@: cannot show %@: %@", UserNotificationCenter::kClassName,
+                          notification, *error);
         self._hasBeenShown(number, notification);
       });
   constexpr std::uint32_t kReplacesNone = 0;
   constexpr std::int32_t kServiceDecidesHowLong = -1;
   PeerConnection::call<std::uint32_t>(
-      kPeer, "Notify", PeerConnection::kUsualPatience, shown, _identifier, kReplacesNone,
-      std::string(), notification.title,
+      kNotificationService, "Notify", PeerConnection::kUsualPatience, shown, _identifier,
+      kReplacesNone, std::string(), notification.title,
       bodyIsMarkup ? escapedForMarkup(notification.informativeText) : notification.informativeText,
       actionsOf(notification), hints, kServiceDecidesHowLong);
 }
@@ -182,8 +186,8 @@ void DesktopNotificationCenter::_addMatches(BusConnection& bus) {
                                      }));
     _matches.push_back(bus::addMatch(bus.connection(), ofOwner, [gone](auto&&) { gone(); }));
   } catch (const sdbus::Error& error) {
-    logLevel(1, "%@: cannot listen to the notification service: %@", kClassName,
-             error.getMessage());
+    logLevel(1, "%@: cannot listen to the notification service: %@",
+             UserNotificationCenter::kClassName, error.getMessage());
   }
 }
 
@@ -198,10 +202,11 @@ void DesktopNotificationCenter::_actionInvoked(std::uint32_t number, const std::
   const std::string source = sourceOf(found->second.notification);
   const bool isClose = key == std::string(kCloseKey) + source;
   if (!isClose && key != kDefaultAction && key != std::string(kActionKey) + source)
-    return logLevel(1, "%@: Ignoring action %@ of %@", kClassName, key, found->second.notification);
+    return logLevel(1, "%@: Ignoring action %@ of %@", UserNotificationCenter::kClassName, key,
+                    found->second.notification);
   const auto notification = _take(number);
   // Most services take a notification away that has been answered, some leave that to its owner.
-  PeerConnection::call<>(kPeer, "CloseNotification", PeerConnection::kUsualPatience,
+  PeerConnection::call<>(kNotificationService, "CloseNotification", PeerConnection::kUsualPatience,
                          std::function<void(std::optional<Error>)>(), number);
   _tellDelegate(
       isClose ? &UserNotificationCenterDelegate::userNotificationCenterDidDismissAlert

@@ -34,6 +34,8 @@ class UserNotificationCenterDelegate {
 // waits.
 class UserNotificationCenter {
  public:
+  static constexpr const char* kClassName = "UserNotificationCenter";  // in log lines
+
   enum Type : std::int64_t { kApplication = 1 };
   // Notifications that are remembered until the person has done something; the oldest go. No more
   // than that are being shown at a time; the next is logged, and dropped.

@@ -14,7 +14,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kErrorDomain = "OrvErrorDomain";
 constexpr const char* kFolder = "orv";
 constexpr const char* kChosenLibrarysFolder = "library";  // below that
 constexpr std::uint32_t kMostListed = 10'000;
@@ -81,16 +80,17 @@ OrvLibrary& OrvLibrary::shared() {
 Result<std::unique_ptr<OrvLibrary>> OrvLibrary::open(const tallow_orv_library* table,
                                                      const std::filesystem::path& folder) {
   if (table == nullptr || !isComplete(*table))
-    return makeError(kErrorDomain, kOrvNoLibrary,
+    return makeError(OrvLibrary::kErrorDomain, kOrvNoLibrary,
                      "It does not offer version 1 of the interface in full");
   // The built-in one makes its folder when it has something to keep: a full disk is no reason to be
   // without a library.
   if (table != builtInOrvTable() && !ensurePrivateFolder(folder))
-    return makeError(kErrorDomain, kOrvNotStored, "Cannot make the folder " + folder.native());
+    return makeError(OrvLibrary::kErrorDomain, kOrvNotStored,
+                     "Cannot make the folder " + folder.native());
   const tallow_orv_host host{TALLOW_ORV_VERSION, folder.c_str(), logLine};
   void* self = nullptr;
   if (const std::int32_t status = table->open(&host, &self); status != kOrvSuccess)
-    return makeError(kErrorDomain, status,
+    return makeError(OrvLibrary::kErrorDomain, status,
                      format("%s does not open (status %d)", table->name, status));
   return std::unique_ptr<OrvLibrary>(new OrvLibrary(table, self));
 }

@@ -56,6 +56,8 @@ class OrvLibrary {
  public:
   using Bytes = std::span<const std::uint8_t>;
 
+  static constexpr const char* kErrorDomain = "OrvErrorDomain";
+
   // The process's own, opened on first use. One that cannot be had is logged, and answers every
   // call with kOrvNoLibrary: what the administrator has chosen is never replaced by something else.
   static OrvLibrary& shared();

@@ -5,16 +5,13 @@
 #include <utility>
 
 #include "platform/Base/Directories.h"
+#include "platform/Preferences/Preferences.h"
 #include "platform/Preferences/TOML.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 
-namespace {
-
-constexpr const char* kClassName = "Preferences";
-
-}  // namespace
+namespace {}  // namespace
 
 AdministratorPreferences::AdministratorPreferences(std::vector<std::filesystem::path> folders)
     : _folders(std::move(folders)) {}
@@ -58,7 +55,7 @@ const Dictionary* AdministratorPreferences::valuesOf(const std::filesystem::path
   if (Result<Dictionary> read = TOML::decodeFile(path)) {
     file.values = *std::move(read);
   } else {
-    logLevel(1, "%@: cannot use %@: %@", kClassName, path.native(),
+    logLevel(1, "%@: cannot use %@: %@", Preferences::kClassName, path.native(),
              read.error().localizedDescription());
   }
   return &file.values;

@@ -22,6 +22,8 @@ namespace tallow {
 // Callable from any thread.
 class Preferences {
  public:
+  static constexpr const char* kClassName = "Preferences";  // in log lines
+
   enum class User { Current, Any };
   enum class Host { Current, Any };
 

@@ -10,6 +10,7 @@
 
 #include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
+#include "platform/Preferences/Preferences.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -18,7 +19,6 @@ namespace tallow {
 namespace {
 
 constexpr double kSecondsBetweenTries = 1;
-constexpr const char* kClassName = "Preferences";
 
 // What the property-list decoder would refuse to read back.
 constexpr std::size_t kMaxValueBytes = 16u << 20;
@@ -139,7 +139,8 @@ std::vector<std::string> SQLitePreferences::copyAppKeyList(std::string_view doma
 void SQLitePreferences::setValue(std::string_view key, const Value& value, std::string_view domain,
                                  User user, Host host) {
   if (user == User::Any) {
-    logLevel(1, "%@: %@ of %@ for any user is for administrators to set", kClassName, key, domain);
+    logLevel(1, "%@: %@ of %@ for any user is for administrators to set", Preferences::kClassName,
+             key, domain);
     return;
   }
   const Place place = placeFor(key, domain, host);
@@ -207,15 +208,15 @@ std::optional<SQLitePreferences::Change> SQLitePreferences::changeFor(const Plac
   if (value.isNil()) return Change{};
   Data bytes = PropertyList::encode(value, PropertyList::Format::Binary);
   if (bytes.length() <= kMaxValueBytes) return Change{value, std::move(bytes)};
-  logLevel(1, "%@: %@ of %@ is too large: %lu bytes", kClassName, place.key, place.domain,
-           bytes.length());
+  logLevel(1, "%@: %@ of %@ is too large: %lu bytes", Preferences::kClassName, place.key,
+           place.domain, bytes.length());
   return std::nullopt;
 }
 
 bool SQLitePreferences::ensureOpen(bool isForWriting) {
   if (_isWriting) return true;
   if (_file && !_file->isAt(_configuration.file)) {
-    logLevel(2, "%@: %@ has been replaced", kClassName, _configuration.file.native());
+    logLevel(2, "%@: %@ has been replaced", Preferences::kClassName, _configuration.file.native());
     close();
   }
   if (!_file) {
@@ -227,7 +228,7 @@ bool SQLitePreferences::ensureOpen(bool isForWriting) {
   close();
   if (!open()) return false;
   if (!_file->isWritable()) {
-    logLevel(1, "%@: cannot write to %@: it is read-only", kClassName,
+    logLevel(1, "%@: cannot write to %@: it is read-only", Preferences::kClassName,
              _configuration.file.native());
   }
   return _file->isWritable();
@@ -293,8 +294,8 @@ Result<Value> SQLitePreferences::readFromFile(const Place& place) {
     if (Result<Value> decoded = PropertyList::decode(**bytes, kMaxValueBytes)) {
       value = *std::move(decoded);
     } else {
-      logLevel(1, "%@: %@ of %@ cannot be understood: %@", kClassName, place.key, place.domain,
-               decoded.error().localizedDescription());
+      logLevel(1, "%@: %@ of %@ cannot be understood: %@", Preferences::kClassName, place.key,
+               place.domain, decoded.error().localizedDescription());
     }
   }
   remember(place, value, *bytes ? (*bytes)->length() : 0);
@@ -365,7 +366,7 @@ bool SQLitePreferences::commitPending() {
 
 bool SQLitePreferences::recoverFrom(const Error& error, const char* action) {
   const std::filesystem::path& path = _configuration.file;
-  logLevel(1, "%@: cannot %s %@: %@", kClassName, action, path.native(),
+  logLevel(1, "%@: cannot %s %@: %@", Preferences::kClassName, action, path.native(),
            error.localizedDescription());
   if (error.code != static_cast<std::int64_t>(PreferencesFile::Failure::Corrupt)) return false;
   // What is read without its log may only look damaged.
@@ -378,12 +379,12 @@ bool SQLitePreferences::recoverFrom(const Error& error, const char* action) {
   std::unique_ptr<PreferencesFile> damaged = std::move(_file);
   close();
   if (const auto failure = PreferencesFile::setAside(path, std::move(damaged))) {
-    logLevel(1, "%@: cannot set %@ aside: %@", kClassName, path.native(),
+    logLevel(1, "%@: cannot set %@ aside: %@", Preferences::kClassName, path.native(),
              failure->localizedDescription());
     _failedToOpenSeconds = Clock::shared().monotonicSeconds();
     return false;
   }
-  logLevel(1, "%@: %@ is damaged and has been set aside", kClassName, path.native());
+  logLevel(1, "%@: %@ is damaged and has been set aside", Preferences::kClassName, path.native());
   return true;
 }
 

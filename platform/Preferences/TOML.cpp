@@ -20,7 +20,7 @@ namespace tallow::TOML {
 
 namespace {
 
-constexpr const char* kErrorDomain = "TOML";
+constexpr const char* kTOMLErrorDomain = "TOML";
 
 double secondsOf(const toml::date& date) {
   const std::chrono::sys_days day = std::chrono::year(date.year) / date.month / date.day;
@@ -80,12 +80,12 @@ Result<Dictionary> decode(std::string_view text) {
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
     const toml::parse_error& error = parsed.error();
-    return makeError(kErrorDomain, 1,
+    return makeError(kTOMLErrorDomain, 1,
                      format("line %u, column %u: %@", error.source().begin.line,
                             error.source().begin.column, error.description()));
   }
   const Value root = valueFor(parsed.table());
-  if (root.isNil()) return makeError(kErrorDomain, 2, "a time of day without a date");
+  if (root.isNil()) return makeError(kTOMLErrorDomain, 2, "a time of day without a date");
   return *root.dictionary();
 }
 

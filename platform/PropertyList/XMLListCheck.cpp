@@ -5,6 +5,7 @@
 #include <chrono>
 #include <span>
 
+#include "platform/Base/ASCII.h"
 #include "platform/PropertyList/ListLimits.h"
 #include "platform/PropertyList/PropertyList.h"
 
@@ -16,9 +17,6 @@ constexpr std::size_t kBytesPerStep = 64;  // moved by the library in the time o
 
 constexpr bool isSpace(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
-}
-constexpr bool isDigit(char c) {
-  return c >= '0' && c <= '9';
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -70,7 +68,7 @@ bool isDate(std::string_view text) {
   constexpr std::string_view kPattern = "0000-00-00T00:00:00Z";
   if (!std::equal(
           text.begin(), text.end(), kPattern.begin(), kPattern.end(),
-          [](char c, char pattern) { return pattern == '0' ? isDigit(c) : c == pattern; })) {
+          [](char c, char pattern) { return pattern == '0' ? ascii::isDigit(c) : c == pattern; })) {
     return false;
   }
   const auto number = [text](std::size_t begin, std::size_t length) {

@@ -17,8 +17,6 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kErrorDomain = "Sandbox";
-
 // Rights and layouts that came after the headers of Debian 12.
 constexpr std::uint64_t kTruncate = 1ULL << 14;            // version 3
 constexpr std::uint64_t kDeviceControl = 1ULL << 15;       // version 5
@@ -51,7 +49,7 @@ std::uint64_t knownFileRights(int kernelVersion) {
 
 Error failure(const std::string& what) {
   const int code = errno;
-  return makeError(kErrorDomain, code, format("%s: %s", what, std::strerror(code)));
+  return makeError(kSandboxErrorDomain, code, format("%s: %s", what, std::strerror(code)));
 }
 
 std::optional<Error> allowBeneath(int ruleset, const std::filesystem::path& path,

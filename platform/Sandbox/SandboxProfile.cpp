@@ -15,14 +15,14 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kErrorDomain = "Sandbox";
 constexpr std::int64_t kFormat = 1;
 constexpr std::size_t kMaxProfileBytes = 1u << 20;
 
 using Paths = std::vector<std::filesystem::path>;
 
 Error malformed(std::string description) {
-  return makeError(kErrorDomain, EINVAL, "malformed sandbox profile: " + std::move(description));
+  return makeError(kSandboxErrorDomain, EINVAL,
+                   "malformed sandbox profile: " + std::move(description));
 }
 
 // What a path's variable stands for; nullopt when there is no such variable.
@@ -150,7 +150,8 @@ std::string readSystemCalls(const Dictionary& table, SandboxProfile& profile) {
 
 Result<SandboxProfile> SandboxProfile::named(const std::string& name) {
   if (!isSafePathComponent(name))
-    return makeError(kErrorDomain, EINVAL, format("no sandbox profile can be named \"%s\"", name));
+    return makeError(kSandboxErrorDomain, EINVAL,
+                     format("no sandbox profile can be named \"%s\"", name));
   const std::string_view builtIn = builtInSandboxProfile(name);
   const auto parsed = [builtIn](std::string_view text) {
     Result<SandboxProfile> profile = parse(text);
@@ -162,11 +163,11 @@ Result<SandboxProfile> SandboxProfile::named(const std::string& name) {
     const Result<Data> text = readFile(file, kMaxProfileBytes);
     if (text) return parsed(text->view());
     if (text.error().code != ENOENT && text.error().code != ENOTDIR)
-      return makeError(kErrorDomain, text.error().code,
+      return makeError(kSandboxErrorDomain, text.error().code,
                        format("cannot read %s: %@", file.string(), text.error()));
   }
   if (builtIn.empty())
-    return makeError(kErrorDomain, ENOENT, format("no sandbox profile \"%s\"", name));
+    return makeError(kSandboxErrorDomain, ENOENT, format("no sandbox profile \"%s\"", name));
   return parsed(builtIn);
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/Base/Result.h"
+#include "platform/Sandbox/SandboxError.h"
 
 namespace tallow {
 

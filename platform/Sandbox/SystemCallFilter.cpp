@@ -26,26 +26,13 @@
 
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Format.h"
+#include "platform/Base/Sanitizers.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 namespace {
 
-constexpr const char* kClassName = "SystemCallFilter";
-constexpr const char* kErrorDomain = "Sandbox";
-
 // The leak checker looks at the process from a tracer of its own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
 constexpr std::string_view kSanitizerCalls[] = {"ptrace", "process_vm_readv", "personality"};
 
 constexpr std::uint32_t kAllow = SCMP_ACT_ALLOW;
@@ -77,7 +64,7 @@ scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value) 
 }
 
 Error problem(const std::string& what, int code) {
-  return makeError(kErrorDomain, code, format("%s: %s", what, std::strerror(code)));
+  return makeError(kSandboxErrorDomain, code, format("%s: %s", what, std::strerror(code)));
 }
 
 // The filter while it is put together; the first failure is kept.
@@ -92,7 +79,8 @@ class Builder {
            std::initializer_list<scmp_arg_cmp> arguments = {}) {
     const int number = seccomp_syscall_resolve_name(std::string(name).c_str());
     if (number == __NR_SCMP_ERROR)
-      logLevel(2, "%@: The seccomp library does not know the system call %s", kClassName, name);
+      logLevel(2, "%@: The seccomp library does not know the system call %s",
+               SystemCallFilter::kClassName, name);
     if (number < 0 || _error) return;  // the others that are negative do not exist on this machine
     const int failure = -seccomp_rule_add_array(
         _filter.get(), action, number, static_cast<unsigned>(arguments.size()), arguments.begin());
@@ -125,8 +113,8 @@ class Builder {
 };
 
 bool isSanitizerCall(std::string_view name) {
-  return kSanitized && std::find(std::begin(kSanitizerCalls), std::end(kSanitizerCalls), name) !=
-                           std::end(kSanitizerCalls);
+  return kIsSanitized && std::find(std::begin(kSanitizerCalls), std::end(kSanitizerCalls), name) !=
+                             std::end(kSanitizerCalls);
 }
 
 void addNamed(Builder& builder, const SystemCallFilter::Rules& rules) {
@@ -165,7 +153,7 @@ void addSockets(Builder& builder, const std::vector<std::string>& families) {
 }
 
 void addProcess(Builder& builder) {
-  if (kSanitized) {
+  if (kIsSanitized) {
     builder.add(kAllow, "clone");
   } else {
     builder.add(kAllow, "clone", {masked(0, CLONE_THREAD | kNamespaceFlags, CLONE_THREAD)});

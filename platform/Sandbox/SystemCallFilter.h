@@ -8,6 +8,7 @@
 
 #include "platform/Base/Error.h"
 #include "platform/Base/Result.h"
+#include "platform/Sandbox/SandboxError.h"
 
 namespace tallow {
 
@@ -19,6 +20,8 @@ namespace tallow {
 // later), ioctl, kill and tgkill, prlimit64.
 class SystemCallFilter {
  public:
+  static constexpr const char* kClassName = "SystemCallFilter";  // in log lines
+
   struct Rules {
     std::vector<std::string> allowed;
     std::vector<std::string> refused;  // fail with EPERM

@@ -19,7 +19,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "ClientDescriptors";
 constexpr std::size_t kMaxFileBytes = std::size_t{64} << 10;
 constexpr std::size_t kMaxFiles = 1000;
 
@@ -70,8 +69,9 @@ class InstalledClientDescriptors final : public ClientDescriptors {
     for (const auto& descriptor : *current()) {
       if (!descriptor->matches(process)) continue;
       if (found) {
-        logLevel(2, "%@: both %@ and %@ name %@; the first one counts", kClassName, found->fileName,
-                 descriptor->fileName, description(process));
+        logLevel(2, "%@: both %@ and %@ name %@; the first one counts",
+                 ClientDescriptors::kClassName, found->fileName, descriptor->fileName,
+                 description(process));
         break;
       }
       found = descriptor;
@@ -118,12 +118,14 @@ class InstalledClientDescriptors final : public ClientDescriptors {
       if (state.size == 0) continue;
       const auto contents = readFile(state.path, kMaxFileBytes);
       if (!contents) {
-        logLevel(1, "%@: cannot read %@: %@", kClassName, state.path.string(), contents.error());
+        logLevel(1, "%@: cannot read %@: %@", ClientDescriptors::kClassName, state.path.string(),
+                 contents.error());
         continue;
       }
       auto descriptor = ClientDescriptor::parse(contents->view(), state.path.string());
       if (!descriptor) {
-        logLevel(1, "%@: ignoring %@", kClassName, descriptor.error().localizedDescription());
+        logLevel(1, "%@: ignoring %@", ClientDescriptors::kClassName,
+                 descriptor.error().localizedDescription());
         continue;
       }
       if (descriptor->client) {
@@ -144,8 +146,8 @@ class InstalledClientDescriptors final : public ClientDescriptors {
       const auto [first, isNew] =
           files.emplace(*descriptor->client->identifier, descriptor->fileName);
       if (!isNew)
-        logLevel(2, "%@: %@ and %@ have the same identifier %@", kClassName, first->second,
-                 descriptor->fileName, first->first);
+        logLevel(2, "%@: %@ and %@ have the same identifier %@", ClientDescriptors::kClassName,
+                 first->second, descriptor->fileName, first->first);
     }
   }
 

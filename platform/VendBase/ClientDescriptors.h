@@ -18,6 +18,8 @@ namespace tallow {
 // (a few stat calls). Files are read in order of their names. Any thread; may be slow.
 class ClientDescriptors {
  public:
+  static constexpr const char* kClassName = "ClientDescriptors";  // in log lines
+
   virtual ~ClientDescriptors() = default;
   static ClientDescriptors& shared();
   // Another registry over the same kind of directories (Directories::shared() at the time of each

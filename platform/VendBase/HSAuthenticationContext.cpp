@@ -4,22 +4,14 @@
 
 namespace tallow {
 
-namespace {
-
-std::optional<std::string> stringOrNil(const Value& value) {
-  return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
-}
-
-}  // namespace
-
 HSAuthenticationContext HSAuthenticationContext::initWithDictionary(const Dictionary& dictionary) {
   HSAuthenticationContext context;
   const Value& reason = dictionary["reason"];
   if (reason.isNumber()) context.authenticationReason = reason.signedValue();
   context.dsID = HSStoreAccount::dsidFromPlistValue(dictionary["dsid"]);
-  context.identifier = stringOrNil(dictionary["identifier"]);
-  context.title = stringOrNil(dictionary["title"]);
-  context.message = stringOrNil(dictionary["message"]);
+  context.identifier = dictionary["identifier"].stringOrNil();
+  context.title = dictionary["title"].stringOrNil();
+  context.message = dictionary["message"].stringOrNil();
   return context;
 }
 

@@ -14,8 +14,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "HSDevice";
-
 // Names this service in the derivation, so that no other program's id for the machine equals ours.
 // Stores know machines by what comes out: never to be changed.
 constexpr sd_id128_t kApplicationID =
@@ -25,7 +23,7 @@ std::optional<std::string> readGUID() {
   sd_id128_t derived;
   if (const int status = sd_id128_get_machine_app_specific(kApplicationID, &derived); status < 0) {
     logLevel(1, "%@: The machine has no usable id, requests go without a GUID (error %d)",
-             kClassName, -status);
+             HSDevice::kClassName, -status);
     return std::nullopt;
   }
   std::array<char, SD_ID128_STRING_MAX> text;

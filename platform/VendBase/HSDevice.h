@@ -8,6 +8,8 @@ namespace tallow {
 // Facts about this machine.
 class HSDevice {
  public:
+  static constexpr const char* kClassName = "HSDevice";  // in log lines
+
   virtual ~HSDevice() = default;
   static HSDevice& shared();
 

@@ -8,9 +8,7 @@
 
 namespace tallow {
 
-namespace {
-constexpr const char* kClassName = "HSDialogCenter";
-}  // namespace
+namespace {}  // namespace
 
 struct HSDialogCenter::State {
   mutable std::mutex lock;
@@ -84,7 +82,8 @@ std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& cl
     }
   }
   if (refusal != nullptr) {
-    logLevel(1, "%@: A dialog for %@ is not shown: %@", kClassName, client, refusal);
+    logLevel(1, "%@: A dialog for %@ is not shown: %@", HSDialogCenter::kClassName, client,
+             refusal);
     answered({});
     return 0;
   }
@@ -99,7 +98,7 @@ std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& cl
     if (isOpen) found->second.timer = timer;
   }
   if (!isOpen) timer->invalidate();  // has been dismissed meanwhile
-  logLevel(3, "%@: Showing dialog %lu for %@", kClassName, number, client);
+  logLevel(3, "%@: Showing dialog %lu for %@", HSDialogCenter::kClassName, number, client);
   HSDialog shown = dialog;
   shown.client = client;
   agent->showDialog(number, shown);
@@ -110,7 +109,8 @@ void HSDialogCenter::dismiss(const std::shared_ptr<State>& state, std::uint64_t 
                              const char* why, bool tellAgent) {
   std::optional<Open> taken = state->take(number);
   if (!taken) return;
-  logLevel(2, "%@: Dialog %lu of %@ is dismissed: %@", kClassName, number, taken->client, why);
+  logLevel(2, "%@: Dialog %lu of %@ is dismissed: %@", HSDialogCenter::kClassName, number,
+           taken->client, why);
   if (taken->timer) taken->timer->invalidate();
   if (tellAgent) taken->agent->dismissDialog(number);
   taken->answered({});

@@ -35,6 +35,8 @@ class HSDialogAgent {
 // Any thread may call. Answers are given on the thread that brings them, without a lock held.
 class HSDialogCenter {
  public:
+  static constexpr const char* kClassName = "HSDialogCenter";  // in log lines
+
   using Answered = std::function<void(HSDialogAnswer)>;
 
   static constexpr std::size_t kMaxAgents = 32;

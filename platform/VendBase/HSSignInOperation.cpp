@@ -17,7 +17,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "HSSignInOperation";
 constexpr const char* kURLBagKey = "authenticateAccount";
 // For the bag, and for the account service to take the account in: what any request has in whole.
 constexpr double kPatienceSeconds = 60;
@@ -94,7 +93,7 @@ std::optional<Error> HSSignInOperation::_signIn() {
     return HSError(kHSErrorNoBagEntry, std::nullopt,
                    format("There is no URL under the bag key %@", kURLBagKey));
   if (url->scheme() != "https") {
-    logLevel(1, "%@: Not sending a password to %@", kClassName, *url);
+    logLevel(1, "%@: Not sending a password to %@", HSSignInOperation::kClassName, *url);
     return HSError(kHSErrorNotTrusted, std::nullopt, "The store asks for a password over http");
   }
   std::optional<Data> body = requestBody(_context, _accountName, _password);

@@ -21,6 +21,8 @@ namespace tallow {
 // kHSErrorInvalidResponse for an answer without a DSID, or with another than the context wants.
 class HSSignInOperation final : public HSOperation {
  public:
+  static constexpr const char* kClassName = "HSSignInOperation";  // in log lines
+
   HSSignInOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient,
                     HSAuthenticationContext context, std::string accountName, Secret password);
 

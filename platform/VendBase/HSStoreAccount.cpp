@@ -22,10 +22,6 @@ constexpr const char* kCreditStringKey = "creditstring";
 constexpr const char* kOldDSIDKey = "Store DSID";
 constexpr const char* kOldIdentifierKey = "Store Vantor ID";
 
-std::optional<std::string> stringOrNil(const Value& value) {
-  return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
-}
-
 bool isInteger(const Value& value) {
   return value.isNumber() && value.boolean() == nullptr && !value.isReal();
 }
@@ -49,9 +45,9 @@ std::shared_ptr<HSStoreAccount> HSStoreAccount::initWithPersistedStoreDictionary
   auto account = std::make_shared<HSStoreAccount>();
   Fields& fields = account->_fields;
   fields.dsID = dsidFromPlistValue(record[kDSIDKey]);
-  fields.identifier = stringOrNil(record[kIdentifierKey]);
-  fields.storeFront = stringOrNil(record[kStoreFrontKey]);
-  fields.creditString = stringOrNil(record[kCreditStringKey]);
+  fields.identifier = record[kIdentifierKey].stringOrNil();
+  fields.storeFront = record[kStoreFrontKey].stringOrNil();
+  fields.creditString = record[kCreditStringKey].stringOrNil();
   if (const Value& signedIn = record[kSignedInKey]; signedIn.isNumber())
     fields.isSignedIn = *signedIn.boolValue();
   if (const Value& kind = record[kKindKey]; isInteger(kind)) fields.kind = kind.signedValue();
@@ -66,7 +62,7 @@ std::optional<Dictionary> HSStoreAccount::migratePersistedStoreDictionary(
   if (!dsID) return std::nullopt;
   Dictionary migrated =
       record.removing(kOldDSIDKey).removing(kOldIdentifierKey).setting(kDSIDKey, *dsID);
-  if (const auto identifier = stringOrNil(record[kOldIdentifierKey]))
+  if (const auto identifier = record[kOldIdentifierKey].stringOrNil())
     migrated = migrated.setting(kIdentifierKey, *identifier);
   return migrated;
 }

@@ -31,6 +31,8 @@ namespace tallow {
 // An account's DSID does not change any more once a store holds it: stores find accounts by it.
 class HSStoreAccount {
  public:
+  static constexpr const char* kClassName = "HSStoreAccount";  // in log lines
+
   // Of a token, from the moment it was issued.
   static constexpr double kStrongTokenSeconds = 900;
 

@@ -11,8 +11,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "HSStoreProtocol";
-
 constexpr const char* kCreditKey = "creditDisplay";
 constexpr const char* kDownloadsKey = "downloads";
 constexpr const char* kDialogKey = "dialog";
@@ -43,7 +41,7 @@ void HSStoreProtocol::_processDownloads(const Dictionary& answer) {
   if (!_switches.downloads || !saysThatDownloadsWait(answer[kDownloadsKey])) return;
   _operation.serviceProxy().downloadService()->checkAutomaticDownloadQueue(
       [](const std::optional<Error>& error) {
-        if (error) logLevel(1, "%@: The downloads wait: %@", kClassName, *error);
+        if (error) logLevel(1, "%@: The downloads wait: %@", HSStoreProtocol::kClassName, *error);
       });
 }
 
@@ -51,14 +49,15 @@ void HSStoreProtocol::_processDialog(const Dictionary& answer) {
   if (!_switches.dialogs || !answer.contains(kDialogKey)) return;
   std::optional<HSDialog> dialog = HSDialog::fromProtocolValue(answer[kDialogKey]);
   if (!dialog) {
-    logLevel(1, "%@: Ignoring a dialog that cannot be shown", kClassName);
+    logLevel(1, "%@: Ignoring a dialog that cannot be shown", HSStoreProtocol::kClassName);
     return;
   }
   if (dialog->signIn)
     dialog->signIn->reason = _operation.authenticationContext().authenticationReason;
   HSDialogAnswer given = _operation.showDialog(*dialog);
   const bool isDismissed = given.isDismissalOf(*dialog);
-  logLevel(3, "%@: The dialog has been %s", kClassName, isDismissed ? "dismissed" : "answered");
+  logLevel(3, "%@: The dialog has been %s", HSStoreProtocol::kClassName,
+           isDismissed ? "dismissed" : "answered");
   _outcome.didProcessDialog = !isDismissed;
   if (!dialog->signIn) return;
   if (!isDismissed) _signIn(*std::move(dialog), std::move(given));

@@ -17,6 +17,8 @@ class HSStoreURLOperation;
 // for one answer, on the thread of the operation that got it.
 class HSStoreProtocol {
  public:
+  static constexpr const char* kClassName = "HSStoreProtocol";  // in log lines
+
   struct Switches {
     bool dialogs = false;
     bool downloads = true;

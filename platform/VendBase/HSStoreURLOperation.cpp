@@ -20,8 +20,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "HSStoreURLOperation";
-
 constexpr int kMaxRedirects = 5;
 constexpr double kTotalTimeoutSeconds = 60;
 constexpr double kBaglessTotalTimeoutSeconds = 15;
@@ -133,7 +131,8 @@ void HSStoreURLOperation::run() {
   if (!failure) failure = failureForStatus(_response->statusCode);
   if (!failure) failure = _deliverOutput();
   if (!failure) return;
-  logLevel(3, "%@: %@ failed: %@", kClassName, _request.primaryURL(), *failure);
+  logLevel(3, "%@: %@ failed: %@", HSStoreURLOperation::kClassName, _request.primaryURL(),
+           *failure);
   setSuccess(false);
   setError(isCancelled() ? cancellationError() : std::move(*failure));
 }
@@ -259,13 +258,14 @@ std::optional<Error> HSStoreURLOperation::_trustFailure(const URL& url) {
     if (!isTrusted) return serviceUnavailable();
     if (*isTrusted) return std::nullopt;
   }
-  logLevel(1, "%@: Refusing a URL of untrusted host %@", kClassName, url.host());
+  logLevel(1, "%@: Refusing a URL of untrusted host %@", HSStoreURLOperation::kClassName,
+           url.host());
   return HSError(kHSErrorNotTrusted, std::nullopt,
                  "The store's settings do not trust this address");
 }
 
 std::optional<Error> HSStoreURLOperation::_redirectFailure(const URL& from, const URL& to) {
-  logLevel(3, "%@: Redirected from %@ to %@", kClassName, from, to);
+  logLevel(3, "%@: Redirected from %@ to %@", HSStoreURLOperation::kClassName, from, to);
   const bool staysOnHost =
       !to.canonicalHost().empty() && to.canonicalHost() == from.canonicalHost();
   if (requiredBagType() == 0 && staysOnHost) return std::nullopt;
@@ -282,7 +282,8 @@ bool HSStoreURLOperation::_mustRepeatAfterOrvAction(const URL& url) {
   if (!service) return false;
   service->needsSilentOrvActionForURL(url, needsAction.callback());
   if (!waitForReply(needsAction, _remainingSeconds()).value_or(false)) return false;
-  logLevel(3, "%@: Sending %@ again after a machine-identity action", kClassName, url);
+  logLevel(3, "%@: Sending %@ again after a machine-identity action",
+           HSStoreURLOperation::kClassName, url);
   return true;
 }
 
@@ -304,8 +305,8 @@ Result<HTTPResponse> HSStoreURLOperation::_send(const HSRequestHop& hop) {
       return response;
     const double pause = longestPause * (1 + Random::shared().unit());
     if (pause >= _remainingSeconds()) return response;
-    logLevel(2, "%@: Trying %@ again in %.2f seconds after %@", kClassName, hop.url.host(), pause,
-             response.error());
+    logLevel(2, "%@: Trying %@ again in %.2f seconds after %@", HSStoreURLOperation::kClassName,
+             hop.url.host(), pause, response.error());
     if (!_pause(pause)) return cancellationError();
   }
 }
@@ -365,7 +366,8 @@ void HSStoreURLOperation::_addStandardHeaders(HSRequestHop& hop) {
 
   const auto add = [&](std::string_view name, std::string_view value) {
     if (!hop.addHeader(name, value) && !value.empty())
-      logLevel(1, "%@: Leaving out header %@ with an unfit value", kClassName, name);
+      logLevel(1, "%@: Leaving out header %@ with an unfit value", HSStoreURLOperation::kClassName,
+               name);
   };
   if (storeClient()) add("User-Agent", storeClient()->userAgent);
   if (const auto id = waitForReply(storeFront, _remainingSeconds()); id && *id)
@@ -393,7 +395,7 @@ std::optional<std::uint64_t> HSStoreURLOperation::_addAccountHeaders(HSRequestHo
   const auto text = waitForReply(token, _remainingSeconds()).value_or(std::nullopt);
   if (!hop.addHeader(kDSIDHeader, std::to_string(*dsID)) ||
       (text && !hop.addHeader(kTokenHeader, *text)))
-    logLevel(1, "%@: Leaving out a token with an unfit value", kClassName);
+    logLevel(1, "%@: Leaving out a token with an unfit value", HSStoreURLOperation::kClassName);
   return dsID;
 }
 
@@ -422,8 +424,8 @@ void HSStoreURLOperation::_takeIn(const HTTPResponse& response) {
   const bool isTaken =
       waitForReply(cookies, seconds) && (!setsStoreFront || waitForReply(storeFront, seconds));
   if (!isTaken && !isCancelled())
-    logLevel(1, "%@: The account service has not taken in the response of %@", kClassName,
-             response.url);
+    logLevel(1, "%@: The account service has not taken in the response of %@",
+             HSStoreURLOperation::kClassName, response.url);
 }
 
 // Success is set before anybody hears of the output, so that a handler may take it back.

@@ -58,6 +58,8 @@ class HSStoreURLOperationDelegate {
 // info), Cancelled, ServiceUnavailable, NotSignedIn (nobody wanted to).
 class HSStoreURLOperation : public HSOperation {
  public:
+  static constexpr const char* kClassName = "HSStoreURLOperation";  // in log lines
+
   using OutputHandler = std::function<void(HSStoreURLOperation& operation, const Value& output)>;
 
   explicit HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient);

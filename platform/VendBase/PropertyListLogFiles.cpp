@@ -13,8 +13,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "PropertyListLogFiles";
-
 Data contentsFor(const Value& value) {
   if (value.isNil()) return Data(std::string_view("(null)\n"));
   Data whole = PropertyList::encode(value, PropertyList::Format::XML);
@@ -31,20 +29,21 @@ PropertyListLogFiles::PropertyListLogFiles(std::filesystem::path folder)
 
 void PropertyListLogFiles::write(std::string_view fileName, const Value& value) {
   if (!isSafePathComponent(fileName)) {
-    logLevel(1, "%@: not a file name: %@", kClassName, fileName);
+    logLevel(1, "%@: not a file name: %@", PropertyListLogFiles::kClassName, fileName);
     return;
   }
   const Data contents = contentsFor(value);
   const std::lock_guard lock(_mutex);
   if (!ensureDirectoryExists(_folder)) {
-    logLevel(1, "%@: cannot make %@", kClassName, _folder.native());
+    logLevel(1, "%@: cannot make %@", PropertyListLogFiles::kClassName, _folder.native());
     return;
   }
   const std::filesystem::path path = _folder / fileName;
   std::error_code error;
   if (!std::filesystem::exists(path, error)) removeOldest();
   if (const auto failure = writeFileAtomically(path, contents)) {
-    logLevel(1, "%@: cannot write %@: %@", kClassName, path.native(), *failure);
+    logLevel(1, "%@: cannot write %@: %@", PropertyListLogFiles::kClassName, path.native(),
+             *failure);
   }
 }
 

@@ -15,6 +15,8 @@ namespace tallow {
 // number of files is bounded (the oldest goes), and so is their size (the rest is cut off).
 class PropertyListLogFiles {
  public:
+  static constexpr const char* kClassName = "PropertyListLogFiles";  // in log lines
+
   static constexpr std::size_t kMaxFiles = 128;
   static constexpr std::size_t kMaxFileBytes = 8u << 20;
 

@@ -13,8 +13,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "RecentFailures";
-
 // How the cryptographic library says that a certificate's dates do not fit the clock's; nothing but
 // its text travels in an error.
 bool isAboutDates(const Error& error) {
@@ -117,8 +115,8 @@ void RecentFailures::note(const Error& error, const std::string& client) {
   const auto activity = Activity::current();
   Failure failure{Clock::shared().now(), 1, activity ? activity->client : client,
                   activity ? activity->operation : "", error};
-  logLevel(2, "%@: %s: %@ %@ %@", kClassName, nameOf(failureKindOf(error)), error, failure.client,
-           failure.operation);
+  logLevel(2, "%@: %s: %@ %@ %@", RecentFailures::kClassName, nameOf(failureKindOf(error)), error,
+           failure.client, failure.operation);
   const std::lock_guard guard(_lock);
   const auto same = std::find_if(_failures.begin(), _failures.end(), [&](const Failure& other) {
     return other.client == failure.client && other.operation == failure.operation &&

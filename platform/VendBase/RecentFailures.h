@@ -24,6 +24,8 @@ const char* adviceFor(FailureKind kind);
 // that is there. Any thread.
 class RecentFailures {
  public:
+  static constexpr const char* kClassName = "RecentFailures";  // in log lines
+
   static constexpr std::size_t kMost = 16;
 
   struct Failure {

@@ -13,8 +13,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "VBLogManager";
-
 std::string_view environmentValue(const char* name) {
   const char* const value = std::getenv(name);
   return value == nullptr ? std::string_view() : std::string_view(value);
@@ -55,7 +53,8 @@ void VBLogManager::_readThresholdFromEnvironment() {
   if (text.size() == 1 && text[0] >= '0' && text[0] <= '3') {
     setThreshold(text[0] - '0');
   } else {
-    logLevel(1, "%@: TALLOW_LOG_LEVEL is \"%@\", not one of 0, 1, 2, 3", kClassName, text);
+    logLevel(1, "%@: TALLOW_LOG_LEVEL is \"%@\", not one of 0, 1, 2, 3", VBLogManager::kClassName,
+             text);
   }
 }
 

@@ -34,6 +34,8 @@ struct LogFormat {
 // line.
 class VBLogManager {
  public:
+  static constexpr const char* kClassName = "VBLogManager";
+
   // One line, with what is known of it beside its text.
   struct Line {
     int level;

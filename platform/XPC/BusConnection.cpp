@@ -13,9 +13,7 @@
 
 namespace tallow {
 
-namespace {
-constexpr const char* kClassName = "BusConnection";
-}  // namespace
+namespace {}  // namespace
 
 Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
   try {
@@ -23,7 +21,7 @@ Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
                                           : sdbus::createSystemBusConnection();
     return std::shared_ptr<BusConnection>(new BusConnection(std::move(connection)));
   } catch (const sdbus::Error& error) {
-    return makeError(kClassName, -1, error.getMessage());
+    return makeError(BusConnection::kClassName, -1, error.getMessage());
   }
 }
 
@@ -73,7 +71,7 @@ void BusConnection::_read(const std::function<void()>& disconnected) {
       if (!_stopping) _wait();
     }
   } catch (const sdbus::Error& error) {
-    logLevel(1, "%@: the bus has gone away: %@", kClassName, error.getMessage());
+    logLevel(1, "%@: the bus has gone away: %@", BusConnection::kClassName, error.getMessage());
     if (disconnected) disconnected();
   }
   std::vector<std::function<void()>> abandoned;

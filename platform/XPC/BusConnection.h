@@ -18,6 +18,8 @@ namespace tallow {
 // thread. Whoever holds a message of the connection holds the connection too: shared ownership.
 class BusConnection {
  public:
+  static constexpr const char* kClassName = "BusConnection";  // in log lines
+
   enum class Bus { Session, System };
 
   // Connects; reads nothing before start().

@@ -15,7 +15,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "CallerIdentification";
 constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
 
@@ -67,7 +66,8 @@ void CallerIdentification::identify(const std::string& uniqueName, Done done) {
       .uponReplyInvoke([this, uniqueName, done = std::move(done)](bus::CallError error,
                                                                   const VariantMap& answer) {
         if (error) {
-          logLevel(2, "%@: no credentials of %@: %@", kClassName, uniqueName, error->getMessage());
+          logLevel(2, "%@: no credentials of %@: %@", CallerIdentification::kClassName, uniqueName,
+                   error->getMessage());
           done({});
           return;
         }

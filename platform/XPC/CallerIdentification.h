@@ -18,6 +18,8 @@ namespace tallow {
 // CallerTable; reading thread only.
 class CallerIdentification {
  public:
+  static constexpr const char* kClassName = "CallerIdentification";  // in log lines
+
   struct Outcome {
     std::optional<std::uint32_t> uid;  // nothing is known when absent: the caller has left
     ProcessIdentity process;

@@ -13,8 +13,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "CallerTable";
-
 // One rule for all callers: a rule for each would cost two calls of the bus daemon per caller, make
 // it try every one of them at every name that comes or goes, and it allows a connection only a few
 // hundred.
@@ -99,7 +97,8 @@ void CallerTable::_gotUnreadBytes(const std::string& uniqueName,
     caller.resume();
     return;
   }
-  logLevel(2, "%@: %@ leaves %lu bytes of answers unread", kClassName, uniqueName, *unread);
+  logLevel(2, "%@: %@ leaves %lu bytes of answers unread", CallerTable::kClassName, uniqueName,
+           *unread);
   // Asked again at its next call.
   counts.setAnsweredBytes(std::max<std::size_t>(*unread, kAnsweredBytesBeforeAsking));
   caller.turnAway({kLimitsExceeded, "This connection does not read its answers."});
@@ -118,7 +117,8 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
     // A passing failure. Not kept either.
     --_unknownCallers;
     _callers.erase(found);
-    logLevel(2, "%@: refusing a call of %@: %@", kClassName, uniqueName, outcome.refusal);
+    logLevel(2, "%@: refusing a call of %@: %@", CallerTable::kClassName, uniqueName,
+             outcome.refusal);
     caller->refuse({kLimitsExceeded, std::move(outcome.refusal)});
   } else if (!_count(found->second, *outcome.uid)) {
     // Not kept: its next call is looked at afresh.
@@ -129,8 +129,8 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
         makeError(kAccessDenied, -1, uniqueName + " is refused: " + outcome.refusal));
     caller->refuse({kAccessDenied, std::move(outcome.refusal)});
   } else {
-    logLevel(3, "%@: %@ is %@, known by %@", kClassName, uniqueName, description(outcome.process),
-             outcome.descriptor->fileName);
+    logLevel(3, "%@: %@ is %@, known by %@", CallerTable::kClassName, uniqueName,
+             description(outcome.process), outcome.descriptor->fileName);
     _accept(*caller, {uniqueName, *outcome.uid, outcome.process.pid, outcome.descriptor->client,
                       outcome.descriptor->mayActAsOthers, outcome.descriptor->mayShowDialogs});
   }

@@ -20,6 +20,8 @@ namespace tallow {
 // answer holds up nobody else. Owned by the listener; reading thread only.
 class CallerTable {
  public:
+  static constexpr const char* kClassName = "CallerTable";  // in log lines
+
   static constexpr std::size_t kMaxCallersPerUser = 256;
   // Of all users together: each may hold a thread of the WorkerPool, which has twice as many.
   static constexpr std::size_t kMaxCallers = 512;

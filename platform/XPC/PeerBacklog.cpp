@@ -6,16 +6,15 @@
 
 namespace tallow {
 
-namespace {
-constexpr const char* kClassName = "PeerBacklog";
-}  // namespace
+namespace {}  // namespace
 
 bool PeerBacklog::add(Call call, std::size_t bytes) {
   {
     const std::lock_guard lock(_lock);
     if (_unanswered == kMaxUnanswered) {
       if (_waiting.size() == kMaxWaiting || _waitingBytes + bytes > kMaxWaitingBytes) {
-        logLevel(1, "%@: The %s has too much to do already; a call is dropped", kClassName, _what);
+        logLevel(1, "%@: The %s has too much to do already; a call is dropped",
+                 PeerBacklog::kClassName, _what);
         return false;
       }
       _waiting.emplace_back(std::move(call), bytes);
@@ -51,8 +50,8 @@ void PeerBacklog::answered(const std::optional<Error>& error) {
     }
   }
   if (!dropped.empty())
-    logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped", kClassName,
-             _what, dropped.size());
+    logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped",
+             PeerBacklog::kClassName, _what, dropped.size());
   if (next) make(next);
 }
 

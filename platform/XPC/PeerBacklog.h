@@ -18,6 +18,8 @@ namespace tallow {
 // One for each peer, for the life of the process. Any thread.
 class PeerBacklog {
  public:
+  static constexpr const char* kClassName = "PeerBacklog";  // in log lines
+
   static constexpr std::size_t kMaxUnanswered = 32;
   static constexpr std::size_t kMaxWaiting = 1 << 15;
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{16} << 20;

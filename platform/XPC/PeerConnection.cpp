@@ -10,7 +10,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "PeerConnection";
 // User-info key of the bus's own name for the error.
 constexpr const char* kBusErrorKey = "busError";
 
@@ -50,7 +49,7 @@ bool PeerConnection::cannotBeReached(const Error& error) {
 }
 
 Error PeerConnection::_absent(const char* peer, const std::string& why) {
-  logLevel(2, "%@: The %s is not available: %@", kClassName, peer, why);
+  logLevel(2, "%@: The %s is not available: %@", PeerConnection::kClassName, peer, why);
   return HSError(kHSErrorServiceUnavailable, std::nullopt, format("The %s is not available", peer));
 }
 
@@ -59,7 +58,7 @@ Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error) {
   // Other services of this kind say so in their own words.
   if (bus::saysNobodyAnswers(name) || name == PendingReplyBase::kNoReplyError)
     return withBusError(_absent(peer, error.getMessage()), name);
-  logLevel(2, "%@: The %s answers with an error: %@: %@", kClassName, peer, name,
+  logLevel(2, "%@: The %s answers with an error: %@: %@", PeerConnection::kClassName, peer, name,
            error.getMessage());
   return makeError(name, -1, error.getMessage());
 }

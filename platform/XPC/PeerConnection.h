@@ -18,6 +18,8 @@ namespace tallow {
 // a peer can tell who asks, and never wait. Any thread.
 class PeerConnection {
  public:
+  static constexpr const char* kClassName = "PeerConnection";  // in log lines
+
   // Where a peer is found. Copied by a call.
   struct Address {
     const char* what;  // for people: "download service"

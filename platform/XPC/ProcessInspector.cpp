@@ -31,7 +31,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "ProcessInspector";
 constexpr int kPatienceMilliseconds = 5000;
 constexpr std::size_t kMaxQuestionsAtOnce = 32;
 constexpr std::ptrdiff_t kMaxQuestionsOfUserAtOnce = 16;
@@ -223,7 +222,7 @@ class HelpedProcessInspector final : public ProcessInspector {
     }
     if (hasEnded) {
       // Nobody could be recognised any more; the next call starts a service that can.
-      logLevel(1, "%@: the process that looks at callers has ended", kClassName);
+      logLevel(1, "%@: the process that looks at callers has ended", ProcessInspector::kClassName);
       RunLoop::main().stop(EXIT_FAILURE);
     }
     std::string text(kMaxAnswerBytes, '\0');

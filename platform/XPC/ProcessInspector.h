@@ -17,6 +17,8 @@ namespace tallow {
 // on whose other end serve() runs.
 class ProcessInspector {
  public:
+  static constexpr const char* kClassName = "ProcessInspector";  // in log lines
+
   virtual ~ProcessInspector() = default;
   static ProcessInspector& shared();
 

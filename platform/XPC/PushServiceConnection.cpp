@@ -12,7 +12,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "PushServiceConnection";
 constexpr const char* kPath = "/com/vantor/quillonpushagent";
 constexpr const char* kInterface = "com.vantor.PushServiceProtocol";
 
@@ -78,7 +77,8 @@ class BusPushServiceConnection final
             if (self && !before.empty()) self->_tell(self->_interrupted);
           });
     } catch (const sdbus::Error& error) {
-      logLevel(1, "%@: cannot watch %@: %@", kClassName, _serviceName, error.getMessage());
+      logLevel(1, "%@: cannot watch %@: %@", PushServiceConnection::kClassName, _serviceName,
+               error.getMessage());
       _tell(_invalidated);
     }
   }

@@ -15,6 +15,8 @@ namespace tallow {
 // Owned by whoever asks. Any thread.
 class PushServiceConnection {
  public:
+  static constexpr const char* kClassName = "PushServiceConnection";  // in log lines
+
   using Handler = std::function<void()>;
   // Called exactly once for each question, on any thread; it must not block. Not successful and
   // without a token when the agent is not there, goes away, or does not answer in time.

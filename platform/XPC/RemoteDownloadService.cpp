@@ -9,21 +9,21 @@
 namespace tallow {
 
 namespace {
-constexpr PeerConnection::Address kPeer = {"download service", "com.vantor.downloadservice",
-                                           "/com/vantor/downloadservice",
-                                           "com.vantor.HSDownloadService"};
+constexpr PeerConnection::Address kDownloadService = {
+    "download service", "com.vantor.downloadservice", "/com/vantor/downloadservice",
+    "com.vantor.HSDownloadService"};
 }  // namespace
 
 RemoteDownloadService::RemoteDownloadService(std::shared_ptr<const HSStoreClient> storeClient)
     : _storeClient(std::move(storeClient)) {}
 
 void RemoteDownloadService::checkAutomaticDownloadQueue(Reply reply) {
-  static PeerBacklog& backlog = *new PeerBacklog(kPeer.what);
+  static PeerBacklog& backlog = *new PeerBacklog(kDownloadService.what);
   const std::string client = _storeClient ? _storeClient->identifier.value_or("") : "";
   const bool isTaken = backlog.add(
       [client, reply](PeerBacklog::Answered answered) {
         PeerConnection::call<>(
-            kPeer, "checkAutomaticDownloadQueue", PeerConnection::kUsualPatience,
+            kDownloadService, "checkAutomaticDownloadQueue", PeerConnection::kUsualPatience,
             std::function<void(std::optional<Error>)>(
                 [reply, answered = std::move(answered)](const std::optional<Error>& error) {
                   answered(error);

@@ -12,9 +12,9 @@ namespace tallow {
 
 namespace {
 
-constexpr PeerConnection::Address kPeer = {"transaction service", RemoteTransactionService::kName,
-                                           "/com/vantor/transactionservice",
-                                           "com.vantor.HSTransactionService"};
+constexpr PeerConnection::Address kTransactionService = {
+    "transaction service", RemoteTransactionService::kName, "/com/vantor/transactionservice",
+    "com.vantor.HSTransactionService"};
 
 // The clients that are asked for, each as often as it is.
 struct Questions {
@@ -55,7 +55,7 @@ void RemoteTransactionService::dsidByAuthenticatingWithContext(HSAuthenticationC
   WireDictionary wireContext;
   wireContext.value = context.dictionaryRepresentation();
   PeerConnection::call<bool, std::vector<std::uint64_t>, std::vector<WireError>>(
-      kPeer, "dsidByAuthenticatingWithContext", kPatience,
+      kTransactionService, "dsidByAuthenticatingWithContext", kPatience,
       Answer([reply = std::move(reply), question = questionFor(client)](
                  std::optional<Error> absent, bool success, const std::vector<std::uint64_t>& dsID,
                  const std::vector<WireError>& error) {

@@ -22,7 +22,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kClassName = "XPCListener";
 // How long a service manager is waited for.
 constexpr std::uint64_t kBarrierMicroseconds = 5'000'000;
 // How long calls are waited for that came in at the very end, and how often it is looked.
@@ -44,7 +43,7 @@ class BusListener final : public XPCListener {
 
   std::optional<Error> resume() override {
     if (_delegate == nullptr) {
-      std::fprintf(stderr, "%s: resume without a delegate\n", kClassName);
+      std::fprintf(stderr, "%s: resume without a delegate\n", XPCListener::kClassName);
       std::abort();
     }
     const bool isSession = _bus == Bus::Session;
@@ -56,13 +55,13 @@ class BusListener final : public XPCListener {
       _publish(isSession);
     } catch (const sdbus::Error& error) {
       _withdraw();
-      return makeError(kClassName, -1,
+      return makeError(XPCListener::kClassName, -1,
                        "cannot publish " + _serviceName + ": " + error.getMessage());
     }
     PeerConnection::setBus(_connection);
     _connection->start(_invalidated);
     sd_notify(0, "READY=1");
-    logLevel(3, "%@: serving %@", kClassName, _serviceName);
+    logLevel(3, "%@: serving %@", XPCListener::kClassName, _serviceName);
     return std::nullopt;
   }
 
@@ -124,7 +123,8 @@ class BusListener final : public XPCListener {
       _hasName = false;
       _connection->readArrived();
     } catch (const sdbus::Error& error) {
-      logLevel(1, "%@: cannot give up %@: %@", kClassName, _serviceName, error.getMessage());
+      logLevel(1, "%@: cannot give up %@: %@", XPCListener::kClassName, _serviceName,
+               error.getMessage());
     }
   }
   void _takeNameBack() {
@@ -132,7 +132,8 @@ class BusListener final : public XPCListener {
       if (!_hasName) bus::requestName(_connection->connection(), _serviceName);
       _hasName = true;
     } catch (const sdbus::Error& error) {
-      logLevel(1, "%@: cannot take %@ back: %@", kClassName, _serviceName, error.getMessage());
+      logLevel(1, "%@: cannot take %@ back: %@", XPCListener::kClassName, _serviceName,
+               error.getMessage());
     }
   }
 

@@ -31,6 +31,8 @@ class XPCListenerDelegate {
 // unanswered answers com.vantor.Error.NoReply.
 class XPCListener {
  public:
+  static constexpr const char* kClassName = "XPCListener";  // in log lines
+
   enum class Bus { Session, System };
 
   // `serviceName` is the bus name: "com.vantor.tallowd", or "com.vantor.tallowd.daemon" on the

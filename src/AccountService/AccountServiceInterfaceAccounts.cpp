@@ -13,14 +13,6 @@
 
 namespace tallow {
 
-namespace {
-
-std::optional<std::string> stringOrNil(const Value& value) {
-  return value.string() != nullptr ? std::optional(*value.string()) : std::nullopt;
-}
-
-}  // namespace
-
 std::shared_ptr<AccountStore> AccountServiceInterface::accountStore() const {
   return AccountStore::accountStoreForClient(storeClient());
 }
@@ -176,7 +168,7 @@ void AccountServiceInterface::nimboDSID(Reply<std::optional<std::string>> reply)
   onRequestQueue([reply] {
     const auto account = MKOnRecoveryPartition() ? nullptr : QKCopyLoggedInAccount();
     const Value dsID = account ? QKAccountCopyProperty(*account, kQKPropertyAccountDSID) : Value();
-    std::optional<std::string> text = stringOrNil(dsID);
+    std::optional<std::string> text = dsID.stringOrNil();
     if (dsID.isNumber())
       text = dsID.stringValue();
     else if (!text && !dsID.isNil())

@@ -22,11 +22,6 @@ constexpr const char* kSetupCookieURL = "http://store.vantor.com";
 // How long the agents stay as they were found; a burst of pushes does not look each time.
 constexpr double kSystemClientsSeconds = 1;
 
-std::optional<std::string> stringOrNil(const Value& value) {
-  const std::string* const text = value.string();
-  return text != nullptr ? std::optional(*text) : std::nullopt;
-}
-
 std::optional<std::string> typeNameOrNil(const Value& value) {
   return value.isNil() ? std::nullopt : std::optional<std::string>(value.typeName());
 }
@@ -151,7 +146,7 @@ HSAccountService::Account AccountServiceInterface::accountFromSetupResponse(
     }
   }
 
-  account->setIdentifier(stringOrNil(response["email"]));
+  account->setIdentifier(response["email"].stringOrNil());
   return account;
 }
 
@@ -170,7 +165,7 @@ void AccountServiceInterface::completeSetupWithResponse(Dictionary response,
     }
     // Also when the response names none: then the one that was stored goes.
     if (const auto controller = StoreFrontController::storefrontControllerForClient(storeClient()))
-      controller->setStoreFrontID(stringOrNil(response["storefront"]));
+      controller->setStoreFrontID(response["storefront"].stringOrNil());
     send(reply, true, std::nullopt);
   });
 }

@@ -1,20 +1,20 @@
 #include "src/AccountService/HSStoreAccount+AccountService.h"
 
 #include "platform/Concurrency/RunLoop.h"
+#include "platform/VendBase/HSStoreAccount.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/XPCTransaction.h"
 
 namespace tallow {
 
-namespace {
-constexpr const char* kClassName = "HSStoreAccount";
-}  // namespace
+namespace {}  // namespace
 
 void resetTokenExpirationTimerWithInterval(const std::shared_ptr<HSStoreAccount>& account,
                                            double seconds) {
   const std::uint64_t number = account->retireTokenExpirationTimer();
   if (!account->isAuthenticated()) return;
-  logLevel(3, "%@: Starting xpc transaction due to strong token being present", kClassName);
+  logLevel(3, "%@: Starting xpc transaction due to strong token being present",
+           HSStoreAccount::kClassName);
   XPCTransaction::begin();
   account->setTokenExpirationTimer(RunLoop::main().addTimer(
       seconds, [account, number] { _tokenExpirationTimerFired(*account, number); }));
@@ -22,7 +22,8 @@ void resetTokenExpirationTimerWithInterval(const std::shared_ptr<HSStoreAccount>
 
 void _tokenExpirationTimerFired(HSStoreAccount& account, std::uint64_t timerNumber) {
   if (!account.expireTokenForTimer(timerNumber)) return;
-  logLevel(3, "%@: Account token invalidated after delay, ending xpc transaction", kClassName);
+  logLevel(3, "%@: Account token invalidated after delay, ending xpc transaction",
+           HSStoreAccount::kClassName);
   XPCTransaction::end();
 }
 

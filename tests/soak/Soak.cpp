@@ -22,7 +22,7 @@ using std::chrono::steady_clock;
 constexpr int kCallers = 24;
 // For threads and freed memory to go when nobody calls, and for requests to time out that hang.
 constexpr std::chrono::seconds kQuiet{10};
-constexpr std::chrono::seconds kPatience{120};
+constexpr std::chrono::seconds kSettlePatience{120};
 constexpr std::size_t kSpareDescriptors = 2;
 constexpr std::size_t kSpareThreads = 1;
 constexpr std::size_t kSpareKilobytes = 2048;
@@ -171,7 +171,7 @@ class Soak {
     for (Ledger& ledger : _ledgers) ledger.pause();
     std::this_thread::sleep_for(kQuiet);
     auto found = SoakWorld::resourcesOf(_world.service());
-    for (const auto latest = steady_clock::now() + kPatience;
+    for (const auto latest = steady_clock::now() + kSettlePatience;
          aim != nullptr && found && !isBack(*aim, *found) && steady_clock::now() < latest;) {
       std::this_thread::sleep_for(std::chrono::seconds(1));
       found = SoakWorld::resourcesOf(_world.service());

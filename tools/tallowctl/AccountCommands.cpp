@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <charconv>
 
 #include "tools/tallowctl/Application.h"
 
@@ -8,21 +7,6 @@ namespace tallow::ctl {
 namespace {
 
 using OptionalAccount = std::optional<Dictionary>;
-
-std::optional<std::uint64_t> dsIDFromText(const std::string& text) {
-  std::uint64_t dsID = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stopped, failure] = std::from_chars(text.data(), end, dsID);
-  return failure == std::errc() && stopped == end ? std::optional(dsID) : std::nullopt;
-}
-
-CLI::Validator isDSID() {
-  return CLI::Validator(
-      [](const std::string& text) {
-        return dsIDFromText(text) ? std::string() : "Not an unsigned 64-bit number: " + text;
-      },
-      "");
-}
 
 int showAccount(const Application& application, const OptionalAccount& account,
                 const char* nobody) {

@@ -1,5 +1,6 @@
 #include "tools/tallowctl/Application.h"
 
+#include <charconv>
 #include <utility>
 
 #include "platform/Base/URL.h"
@@ -93,6 +94,21 @@ CLI::Validator isURL() {
   return CLI::Validator(
       [](const std::string& text) {
         return URL::parse(text) ? std::string() : "Not an absolute URL: " + text;
+      },
+      "");
+}
+
+std::optional<std::uint64_t> dsIDFromText(const std::string& text) {
+  std::uint64_t dsID = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stopped, failure] = std::from_chars(text.data(), end, dsID);
+  return failure == std::errc() && stopped == end ? std::optional(dsID) : std::nullopt;
+}
+
+CLI::Validator isDSID() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        return dsIDFromText(text) ? std::string() : "Not an unsigned 64-bit number: " + text;
       },
       "");
 }

@@ -68,4 +68,9 @@ void addPasswordSettingsCommands(Application& application);
 void addDoctorCommands(Application& application);
 void addCompletionCommands(Application& application);
 
+// An account's number; nothing when the text is none. The argument parser itself takes a number
+// that is too large or negative for another one.
+std::optional<std::uint64_t> dsIDFromText(const std::string& text);
+CLI::Validator isDSID();
+
 }  // namespace tallow::ctl

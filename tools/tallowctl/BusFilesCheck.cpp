@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kArea = "bus";
+constexpr const char* kBusArea = "bus";
 constexpr const char* kReinstall = "Install the package tallowd again (or cmake --install).";
 
 // The value of a key of the [D-BUS Service] group, empty where it is not there. The files are
@@ -49,9 +49,9 @@ bool BusFilesCheck::run(Findings& findings) const {
                                (_name + ".service"));
   if (file.empty()) return false;
   if (const std::string name = valueIn(file, "Name"); name != _name)
-    findings.problem(kArea, file.native() + " is for the name \"" + name + "\"", kReinstall);
+    findings.problem(kBusArea, file.native() + " is for the name \"" + name + "\"", kReinstall);
   else
-    findings.fine(kArea, _name + " is started on demand: " + file.native());
+    findings.fine(kBusArea, _name + " is started on demand: " + file.native());
   _checkProgram(file, findings);
   _checkUnit(file, findings);
   if (_isSystem) _checkSystemBus(findings);
@@ -61,11 +61,11 @@ bool BusFilesCheck::run(Findings& findings) const {
 void BusFilesCheck::_checkProgram(const fs::path& serviceFile, Findings& findings) const {
   const std::string program = programIn(valueIn(serviceFile, "Exec"));
   if (program.empty() || access(program.c_str(), X_OK) != 0)
-    findings.problem(kArea,
+    findings.problem(kBusArea,
                      serviceFile.native() + " starts \"" + program + "\", which is no program",
                      kReinstall);
   else
-    findings.fine(kArea, "the service is " + program);
+    findings.fine(kBusArea, "the service is " + program);
 }
 
 void BusFilesCheck::_checkUnit(const fs::path& serviceFile, Findings& findings) const {
@@ -78,15 +78,15 @@ void BusFilesCheck::_checkUnit(const fs::path& serviceFile, Findings& findings) 
   std::error_code ignored;
   for (const fs::path& place : places)
     if (fs::exists(place, ignored)) {
-      findings.fine(kArea, "the unit is " + place.native());
+      findings.fine(kBusArea, "the unit is " + place.native());
       return;
     }
   // Without the service manager the bus does not look for the unit.
   const std::string what = serviceFile.native() + " names the unit " + unit + ", which is nowhere";
   if (fs::exists("/run/systemd/system", ignored))
-    findings.problem(kArea, what, kReinstall);
+    findings.problem(kBusArea, what, kReinstall);
   else
-    findings.note(kArea, what, kReinstall);
+    findings.note(kBusArea, what, kReinstall);
 }
 
 void BusFilesCheck::_checkSystemBus(Findings& findings) const {
@@ -94,9 +94,9 @@ void BusFilesCheck::_checkSystemBus(Findings& findings) const {
   const std::string policy = _name + ".conf";
   if (_found(fs::path("dbus-1/system.d") / policy).empty() &&
       !fs::exists(fs::path("/etc/dbus-1/system.d") / policy, ignored))
-    findings.problem(kArea, "the system bus has no policy " + policy, kReinstall);
+    findings.problem(kBusArea, "the system bus has no policy " + policy, kReinstall);
   if (getpwnam("tallowd") == nullptr)
-    findings.problem(kArea, "there is no user tallowd for the service to run as",
+    findings.problem(kBusArea, "there is no user tallowd for the service to run as",
                      "Run systemd-sysusers.");
 }
 

@@ -1,4 +1,3 @@
-#include <charconv>
 
 #include "tools/tallowctl/Application.h"
 
@@ -25,21 +24,6 @@ std::optional<Dictionary> headersFromLines(const std::vector<std::string>& lines
     headers = headers.setting(name, values.size() == 1 ? values[0] : Value(Array(values)));
   }
   return headers;
-}
-
-std::optional<std::uint64_t> numberFrom(const std::string& text) {
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() && end == text.data() + text.size() ? std::optional(number)
-                                                                  : std::nullopt;
-}
-
-// The argument parser itself takes a number that is too large or negative for another one.
-CLI::Validator isDSID() {
-  return {[](const std::string& text) {
-            return numberFrom(text) ? std::string() : "Not an account's number: " + text;
-          },
-          ""};
 }
 
 // Whoever is signed in; while nobody is, 0, for which the service then provisions the machine.
@@ -77,7 +61,7 @@ void addHeaders(Application& application) {
   headers->add_option("URL", options->url)->required()->check(isURL());
   headers
       ->add_option_function<std::string>(
-          "--dsid", [options](const std::string& text) { options->dsID = numberFrom(text); },
+          "--dsid", [options](const std::string& text) { options->dsID = dsIDFromText(text); },
           "The account whose identity headers are wanted")
       ->type_name("NUMBER")
       ->check(isDSID());

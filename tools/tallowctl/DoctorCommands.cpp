@@ -16,7 +16,7 @@ namespace tallow::ctl {
 
 namespace {
 
-constexpr const char* kArea = "service";
+constexpr const char* kServiceArea = "service";
 
 // Where the unit of the system-wide instance lets it keep things: tallowd-daemon.service.
 void useFoldersOfSystemInstance() {
@@ -43,10 +43,10 @@ bool checkService(const Application& application, Findings& findings) {
   if (!text) {
     const bool isRefused = text.error().code == AccountServiceClient::kRefused;
     if (isRefused)
-      findings.note(kArea, text.error().localizedDescription(),
+      findings.note(kServiceArea, text.error().localizedDescription(),
                     "Describe tallowctl as a client: tallowd-clients.d(5).");
     else
-      findings.problem(kArea, text.error().localizedDescription(),
+      findings.problem(kServiceArea, text.error().localizedDescription(),
                        "Is a message bus running, and is tallowd installed for it? tallowd(8).");
     return isRefused;
   }
@@ -54,13 +54,13 @@ bool checkService(const Application& application, Findings& findings) {
   const Dictionary* const told = status ? status->dictionary() : nullptr;
   const std::string* const version = told != nullptr ? (*told)["version"].string() : nullptr;
   if (version == nullptr || *version != TALLOW_VERSION)
-    findings.note(kArea,
+    findings.note(kServiceArea,
                   "the service that runs is of version " +
                       (version != nullptr ? *version : "unknown") + ", tallowctl of " +
                       TALLOW_VERSION,
                   "Let the service start anew: systemctl --user restart tallowd.service.");
   else
-    findings.fine(kArea, "it answers, version " + *version);
+    findings.fine(kServiceArea, "it answers, version " + *version);
   return true;
 }
 

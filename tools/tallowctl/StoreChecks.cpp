@@ -22,7 +22,7 @@ namespace tallow::ctl {
 
 namespace {
 
-constexpr const char* kArea = "store";
+constexpr const char* kStoreArea = "store";
 constexpr double kConnectSeconds = 5;
 constexpr double kTotalSeconds = 10;
 // Beyond it signatures and tokens are judged wrongly.
@@ -84,15 +84,15 @@ void judge(const std::string& address, const std::string& owners,
   const std::string name = address + " (" + owners + ")";
   if (!answer) {
     const FailureKind kind = failureKindOf(answer.error());
-    findings.problem(kArea,
+    findings.problem(kStoreArea,
                      name + ": " + nameOf(kind) + ": " + answer.error().localizedDescription(),
                      adviceFor(kind));
     return;
   }
   if (answer->statusCode >= 200 && answer->statusCode < 400)
-    findings.fine(kArea, format("%@ answers", name));
+    findings.fine(kStoreArea, format("%@ answers", name));
   else
-    findings.problem(kArea, format("%@ answers with status %d", name, answer->statusCode),
+    findings.problem(kStoreArea, format("%@ answers with status %d", name, answer->statusCode),
                      "Compare the address with what the store publishes; else ask the store.");
   compareClocks(address, *answer, findings);
 }
@@ -109,7 +109,7 @@ void checkStores(Findings& findings) {
   for (const auto& [address, owners] : addresses)
     judge(address, owners, (answer++)->get(), findings);
   if (addresses.empty())
-    findings.note(kArea, "no client names an address to load its bag from",
+    findings.note(kStoreArea, "no client names an address to load its bag from",
                   "Write production-bag-urls into its descriptor: tallowd-clients.d(5).");
 }
 

@@ -11,12 +11,13 @@
 namespace tallow {
 namespace {
 
-constexpr const char* kDomain = "com.vantor.test";
+constexpr const char* kSharedDomain = "com.vantor.test";
 
 class PreferencesProcessTest : public ::testing::Test {
  protected:
   static std::int64_t read(Preferences& preferences, const char* key) {
-    return preferences.copyValue(key, kDomain, Preferences::User::Current, Preferences::Host::Any)
+    return preferences
+        .copyValue(key, kSharedDomain, Preferences::User::Current, Preferences::Host::Any)
         .signedValue();
   }
   std::int64_t stored(const char* key) {
@@ -27,7 +28,7 @@ class PreferencesProcessTest : public ::testing::Test {
   void count(int times) {
     SQLitePreferences preferences({_file, {}, "host"});
     for (int i = 0; i < times; ++i) {
-      ASSERT_TRUE(preferences.update(kDomain, [](Preferences::Editor& editor) {
+      ASSERT_TRUE(preferences.update(kSharedDomain, [](Preferences::Editor& editor) {
         editor.setValue("count", editor.value("count").signedValue() + 1);
       }));
     }
@@ -40,9 +41,9 @@ class PreferencesProcessTest : public ::testing::Test {
     SQLitePreferences preferences({_file, {}, "host"});
     for (int number = 1;; ++number) {
       const std::string padding(static_cast<std::size_t>(number % kSizes * kStep), 'x');
-      preferences.setValue("single", number, kDomain, Preferences::User::Current,
+      preferences.setValue("single", number, kSharedDomain, Preferences::User::Current,
                            Preferences::Host::Any);
-      const bool isWritten = preferences.update(kDomain, [&](Preferences::Editor& editor) {
+      const bool isWritten = preferences.update(kSharedDomain, [&](Preferences::Editor& editor) {
         editor.setValue("first", number);
         editor.setValue("padding", padding);
         editor.setValue("second", number);

@@ -21,7 +21,7 @@ namespace {
 using User = Preferences::User;
 using Host = Preferences::Host;
 
-constexpr const char* kDomain = "com.vantor.test";
+constexpr const char* kTestDomain = "com.vantor.test";
 
 // Preferences on disk, and how an administrator writes into them.
 struct OnDisk {
@@ -30,14 +30,14 @@ struct OnDisk {
 
   void administratorSets(const std::string& key, int value) {
     std::filesystem::create_directory(folder / "xdg");
-    std::ofstream(folder / "xdg" / (std::string(kDomain) + ".toml")) << key << " = " << value;
+    std::ofstream(folder / "xdg" / (std::string(kTestDomain) + ".toml")) << key << " = " << value;
   }
 };
 struct InMemory {
   MemoryPreferences preferences;
 
   void administratorSets(const std::string& key, int value) {
-    preferences.setAnyUserValue(key, value, kDomain);
+    preferences.setAnyUserValue(key, value, kTestDomain);
   }
 };
 
@@ -46,10 +46,10 @@ template <class Fixture>
 class PreferencesTest : public ::testing::Test {
  protected:
   Value read(std::string_view key, Host host = Host::Any) {
-    return preferences().copyValue(key, kDomain, User::Current, host);
+    return preferences().copyValue(key, kTestDomain, User::Current, host);
   }
   void write(std::string_view key, const Value& value, Host host = Host::Any) {
-    preferences().setValue(key, value, kDomain, User::Current, host);
+    preferences().setValue(key, value, kTestDomain, User::Current, host);
   }
   Preferences& preferences() { return fixture.preferences; }
 
@@ -60,7 +60,7 @@ using Stores = ::testing::Types<OnDisk, InMemory>;
 TYPED_TEST_SUITE(PreferencesTest, Stores);
 
 TYPED_TEST(PreferencesTest, ListsTheKeysOfTheWholeSearchList) {
-  EXPECT_THAT(this->preferences().copyAppKeyList(kDomain), ::testing::IsEmpty());
+  EXPECT_THAT(this->preferences().copyAppKeyList(kTestDomain), ::testing::IsEmpty());
   this->fixture.administratorSets("ofAnyUser", 1);
   this->write("b", 1);
   this->write("a", 2, Host::Current);
@@ -68,7 +68,7 @@ TYPED_TEST(PreferencesTest, ListsTheKeysOfTheWholeSearchList) {
   this->write("gone", 4);
   this->write("gone", nullptr);
   this->preferences().setValue("elsewhere", 5, "com.vantor.other", User::Current, Host::Any);
-  EXPECT_THAT(this->preferences().copyAppKeyList(kDomain),
+  EXPECT_THAT(this->preferences().copyAppKeyList(kTestDomain),
               ::testing::ElementsAre("a", "b", "ofAnyUser"));
 }
 
@@ -110,52 +110,52 @@ TYPED_TEST(PreferencesTest, KeepsPlacesApart) {
   EXPECT_EQ(this->read("key", Host::Current), Value(2));
   EXPECT_EQ(this->read("Key"), Value(4));
   EXPECT_EQ(this->read(std::string_view("key\0", 4)), Value(5));
-  EXPECT_TRUE(this->preferences().copyValue("key", kDomain, User::Any, Host::Any).isNil());
+  EXPECT_TRUE(this->preferences().copyValue("key", kTestDomain, User::Any, Host::Any).isNil());
   EXPECT_TRUE(this->preferences().copyValue("key", "other", User::Current, Host::Any).isNil());
 }
 
 TYPED_TEST(PreferencesTest, SearchesFromTheNearestPlaceToTheFarthest) {
   Preferences& preferences = this->preferences();
-  EXPECT_TRUE(preferences.copyAppValue("key", kDomain).isNil());
+  EXPECT_TRUE(preferences.copyAppValue("key", kTestDomain).isNil());
   this->fixture.administratorSets("key", 3);
-  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(3));
+  EXPECT_EQ(preferences.copyAppValue("key", kTestDomain), Value(3));
   this->write("key", 2);
-  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(2));
+  EXPECT_EQ(preferences.copyAppValue("key", kTestDomain), Value(2));
   this->write("key", 1, Host::Current);
-  EXPECT_EQ(preferences.copyAppValue("key", kDomain), Value(1));
+  EXPECT_EQ(preferences.copyAppValue("key", kTestDomain), Value(1));
 }
 
 TYPED_TEST(PreferencesTest, AdministratorsValuesAreForBothHostsAndNotToBeWritten) {
   this->fixture.administratorSets("key", 3);
   Preferences& preferences = this->preferences();
-  EXPECT_EQ(preferences.copyValue("key", kDomain, User::Any, Host::Current), Value(3));
-  preferences.setValue("key", 4, kDomain, User::Any, Host::Any);
-  EXPECT_EQ(preferences.copyValue("key", kDomain, User::Any, Host::Any), Value(3));
+  EXPECT_EQ(preferences.copyValue("key", kTestDomain, User::Any, Host::Current), Value(3));
+  preferences.setValue("key", 4, kTestDomain, User::Any, Host::Any);
+  EXPECT_EQ(preferences.copyValue("key", kTestDomain, User::Any, Host::Any), Value(3));
   EXPECT_EQ(this->log.lines(1).size(), 1u);
-  EXPECT_TRUE(preferences.synchronize(kDomain, User::Any, Host::Current));
+  EXPECT_TRUE(preferences.synchronize(kTestDomain, User::Any, Host::Current));
 }
 
 TYPED_TEST(PreferencesTest, ReadsFlagsAsTheirValuesAnswer) {
   Preferences& preferences = this->preferences();
   bool exists = true;
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
   EXPECT_FALSE(exists);
   this->write("flag", "1");
-  EXPECT_TRUE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_TRUE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
   EXPECT_TRUE(exists);
   this->write("flag", 0);
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
   EXPECT_TRUE(exists);
   this->write("flag", Array());  // does not answer
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain, &exists));
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
   EXPECT_FALSE(exists);
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kDomain));
+  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain));
 }
 
 TYPED_TEST(PreferencesTest, UpdatesSeveralValuesAtOnce) {
   this->write("kept", 1);
   this->write("gone", 2);
-  EXPECT_TRUE(this->preferences().update(kDomain, [](Preferences::Editor& editor) {
+  EXPECT_TRUE(this->preferences().update(kTestDomain, [](Preferences::Editor& editor) {
     EXPECT_EQ(editor.value("kept"), Value(1));
     editor.setValue("gone", nullptr);
     EXPECT_TRUE(editor.value("gone").isNil());
@@ -165,7 +165,7 @@ TYPED_TEST(PreferencesTest, UpdatesSeveralValuesAtOnce) {
   EXPECT_EQ(this->read("kept"), Value(1));
   EXPECT_TRUE(this->read("gone").isNil());
   EXPECT_EQ(this->read("made"), Value(3));
-  EXPECT_TRUE(this->preferences().update(kDomain, [](Preferences::Editor&) {}));
+  EXPECT_TRUE(this->preferences().update(kTestDomain, [](Preferences::Editor&) {}));
 }
 
 TYPED_TEST(PreferencesTest, CountsExactlyWithManyThreads) {
@@ -174,13 +174,13 @@ TYPED_TEST(PreferencesTest, CountsExactlyWithManyThreads) {
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < kRounds; ++round) {
-        this->preferences().update(kDomain, [](Preferences::Editor& editor) {
+        this->preferences().update(kTestDomain, [](Preferences::Editor& editor) {
           editor.setValue("count", editor.value("count").signedValue() + 1);
         });
         this->write("own" + std::to_string(i), round);
         EXPECT_EQ(this->read("own" + std::to_string(i)), Value(round));
       }
-      EXPECT_TRUE(this->preferences().synchronize(kDomain, User::Current, Host::Any));
+      EXPECT_TRUE(this->preferences().synchronize(kTestDomain, User::Current, Host::Any));
     });
   }
   for (std::thread& thread : threads) thread.join();

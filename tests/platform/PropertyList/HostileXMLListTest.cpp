@@ -8,7 +8,7 @@
 namespace tallow {
 namespace {
 
-bool isAccepted(std::string_view text) {
+bool isAcceptedText(std::string_view text) {
   return static_cast<bool>(PropertyList::decode(Data(text), 32u << 20));
 }
 
@@ -23,21 +23,21 @@ TEST(HostileXMLListTest, NestingIsBounded) {
   const auto nested = [](std::size_t depth) {
     return repeated("<array>", depth) + repeated("</array>", depth);
   };
-  EXPECT_TRUE(isAccepted(nested(PropertyList::kMaxDepth)));
-  EXPECT_FALSE(isAccepted(nested(PropertyList::kMaxDepth + 1)));
-  EXPECT_FALSE(isAccepted(nested(1'000'000)));
-  EXPECT_FALSE(isAccepted(repeated("<array>", 2'100'000)));
-  EXPECT_FALSE(isAccepted(repeated("<dict><key></key>", 100'000)));
+  EXPECT_TRUE(isAcceptedText(nested(PropertyList::kMaxDepth)));
+  EXPECT_FALSE(isAcceptedText(nested(PropertyList::kMaxDepth + 1)));
+  EXPECT_FALSE(isAcceptedText(nested(1'000'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<array>", 2'100'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<dict><key></key>", 100'000)));
   // Closing tags that are none must not hide the depth.
-  EXPECT_FALSE(isAccepted(repeated("<array><!--</array>-->", 100'000)));
-  EXPECT_FALSE(isAccepted(repeated("<array><?</array>?>", 100'000)));
-  EXPECT_FALSE(isAccepted(repeated("<array><string><![CDATA[</array>]]></string>", 100'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<array><!--</array>-->", 100'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<array><?</array>?>", 100'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<array><string><![CDATA[</array>]]></string>", 100'000)));
 }
 
 TEST(HostileXMLListTest, WhatTakesTheLibraryTheSquareOfTheTextIsRefused) {
   // Entities, of which each moves all that follows.
-  EXPECT_FALSE(isAccepted("<string>" + repeated("&amp;", 100'000) + "</string>"));
-  EXPECT_TRUE(isAccepted("<string>" + repeated("text &amp; ", 20'000) + "</string>"));
+  EXPECT_FALSE(isAcceptedText("<string>" + repeated("&amp;", 100'000) + "</string>"));
+  EXPECT_TRUE(isAcceptedText("<string>" + repeated("text &amp; ", 20'000) + "</string>"));
   // Keys made to fall together in a hash table: "Ez" and "FY" have the same hash.
   std::string colliding = "<dict>";
   for (int index = 0; index < (1 << 14); ++index) {
@@ -45,38 +45,38 @@ TEST(HostileXMLListTest, WhatTakesTheLibraryTheSquareOfTheTextIsRefused) {
     for (int bit = 0; bit < 14; ++bit) colliding += (index >> bit & 1) != 0 ? "Ez" : "FY";
     colliding += "</key><true/>";
   }
-  EXPECT_FALSE(isAccepted(colliding + "</dict>"));
+  EXPECT_FALSE(isAcceptedText(colliding + "</dict>"));
   // Repeated keys, of which each counts through all entries.
   std::string filled;
   for (int index = 0; index < 12'000; ++index) {
     filled += "<key>" + std::to_string(index) + "</key><true/>";
   }
-  EXPECT_TRUE(isAccepted("<dict>" + filled + "</dict>"));
+  EXPECT_TRUE(isAcceptedText("<dict>" + filled + "</dict>"));
   EXPECT_FALSE(
-      isAccepted("<dict>" + filled + repeated("<key>11999</key><true/>", 12'000) + "</dict>"));
-  EXPECT_FALSE(
-      isAccepted("<dict>" + filled + repeated("<key>&#49;1999</key><true/>", 12'000) + "</dict>"));
+      isAcceptedText("<dict>" + filled + repeated("<key>11999</key><true/>", 12'000) + "</dict>"));
+  EXPECT_FALSE(isAcceptedText("<dict>" + filled + repeated("<key>&#49;1999</key><true/>", 12'000) +
+                              "</dict>"));
 }
 
 TEST(HostileXMLListTest, OnlyOneWholeListIsAList) {
   const std::string list =
       "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>"
       "<array><string>a&amp;b</string><data>AA==</data></array></dict></plist>";
-  ASSERT_TRUE(isAccepted(list));
+  ASSERT_TRUE(isAcceptedText(list));
   for (std::size_t length = 0; length < list.size(); ++length) {
-    EXPECT_FALSE(isAccepted(list.substr(0, length))) << list.substr(0, length);
+    EXPECT_FALSE(isAcceptedText(list.substr(0, length))) << list.substr(0, length);
   }
   for (const char* more :
        {"x", "<dict/>", "</plist>", "<plist><dict/></plist>", "<!DOCTYPE plist>", "\x01"}) {
-    EXPECT_FALSE(isAccepted(list + more)) << more;
+    EXPECT_FALSE(isAcceptedText(list + more)) << more;
   }
-  EXPECT_FALSE(isAccepted("<dict/><dict/>"));
-  EXPECT_FALSE(isAccepted("<string>a</string>b"));
-  EXPECT_FALSE(isAccepted("<plist><plist><dict/></plist></plist>"));
-  EXPECT_FALSE(isAccepted("<plist><dict></plist></dict>"));
-  EXPECT_FALSE(isAccepted("<plist></plist>"));
-  EXPECT_FALSE(isAccepted("<html><body>404</body></html>"));
-  EXPECT_FALSE(isAccepted("{\"json\": true}"));
+  EXPECT_FALSE(isAcceptedText("<dict/><dict/>"));
+  EXPECT_FALSE(isAcceptedText("<string>a</string>b"));
+  EXPECT_FALSE(isAcceptedText("<plist><plist><dict/></plist></plist>"));
+  EXPECT_FALSE(isAcceptedText("<plist><dict></plist></dict>"));
+  EXPECT_FALSE(isAcceptedText("<plist></plist>"));
+  EXPECT_FALSE(isAcceptedText("<html><body>404</body></html>"));
+  EXPECT_FALSE(isAcceptedText("{\"json\": true}"));
 }
 
 TEST(HostileXMLListTest, WrongValuesAreRefusedNotGuessed) {
@@ -100,14 +100,14 @@ TEST(HostileXMLListTest, WrongValuesAreRefusedNotGuessed) {
       "<array><key>a</key></array>", "<key>a</key>", "<dict><key/><true/></dict>",
       "<dict><key>\xFF</key><true/></dict>", "<array x=\"1\"/>", "<array></dict>",
       "<array>x</array>", "</array>", "<!ENTITY x \"y\"><dict/>"};
-  for (const char* value : kWrong) EXPECT_FALSE(isAccepted(value)) << value;
-  EXPECT_FALSE(isAccepted(std::string_view("<string>a\0b</string>", 20)));
-  EXPECT_FALSE(isAccepted("<!DOCTYPE plist [<!ENTITY a \"" + repeated("x", 1000) +
-                          "\">]><string>&a;</string>"));
+  for (const char* value : kWrong) EXPECT_FALSE(isAcceptedText(value)) << value;
+  EXPECT_FALSE(isAcceptedText(std::string_view("<string>a\0b</string>", 20)));
+  EXPECT_FALSE(isAcceptedText("<!DOCTYPE plist [<!ENTITY a \"" + repeated("x", 1000) +
+                              "\">]><string>&a;</string>"));
   // Quotes, in which the library does not look for an end.
-  EXPECT_FALSE(isAccepted("<?a \"?><array>?\"?></array>"));
-  EXPECT_FALSE(isAccepted("<!DOCTYPE \"><array><\"></array>"));
-  EXPECT_FALSE(isAccepted("<plist a=\"><array>\"></array></plist>"));
+  EXPECT_FALSE(isAcceptedText("<?a \"?><array>?\"?></array>"));
+  EXPECT_FALSE(isAcceptedText("<!DOCTYPE \"><array><\"></array>"));
+  EXPECT_FALSE(isAcceptedText("<plist a=\"><array>\"></array></plist>"));
 }
 
 }  // namespace

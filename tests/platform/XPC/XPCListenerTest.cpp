@@ -330,7 +330,7 @@ class ServiceManager {
 TEST_F(ListenerTest, HearsAtItsEndWhoWantedItWhileItHadNoName) {
   listener->stop();
   std::ofstream(bus.folder() / "services" / "manager.service")
-      << "[D-BUS Service]\nName=" << kServiceName << "\nExec=/bin/sleep 20\n";
+      << "[D-BUS Service]\nName=" << kServiceName << "\nExec=/bin/sh -c 'exec sleep 20 >&- 2>&-'\n";
   bus.reload();
   ServiceManager manager(bus.folder() / "notify");
   listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);

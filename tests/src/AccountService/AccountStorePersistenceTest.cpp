@@ -13,7 +13,7 @@ using testing::IsEmpty;
 constexpr const char* kPrimary = kDefaultsPrimaryAccountKey;
 constexpr const char* kKnown = kDefaultsKnownAccountsKey;
 constexpr const char* kMigrated = kDefaultsPrimaryAccountMigratedKey;
-constexpr std::uint64_t kLargest = 18446744073709551615u;
+constexpr std::uint64_t kLargestDSID = 18446744073709551615u;
 
 Dictionary record(std::uint64_t dsID, const char* name = "n") {
   return {{"dsid", dsID}, {"identifier", name}};
@@ -24,7 +24,7 @@ Dictionary oldRecord(const Value& dsID) {
 
 TEST_F(AccountsTest, EverythingButTheTokenComesBack) {
   const auto signedIn = store()->addAccountWithAuthenticationResponse(
-      HSAuthenticationResponse({{"dsPersonId", kLargest},
+      HSAuthenticationResponse({{"dsPersonId", kLargestDSID},
                                 {"identifier", "\u0645\u062b\u0627\u0644 \U0001F600"},
                                 {"token", "t"},
                                 {"storefront", "143441-1,29"},
@@ -37,17 +37,17 @@ TEST_F(AccountsTest, EverythingButTheTokenComesBack) {
   const auto primary = again->primaryAccount();
   ASSERT_NE(primary, nullptr);
   EXPECT_EQ(primary->persistedStoreDictionary(), signedIn->persistedStoreDictionary());
-  EXPECT_EQ(primary->dsID(), kLargest);
+  EXPECT_EQ(primary->dsID(), kLargestDSID);
   EXPECT_TRUE(primary->isSignedIn());
   EXPECT_EQ(primary->token(), std::nullopt);
   EXPECT_EQ(again->accounts().front(), primary) << "the primary one is one of them, and first";
-  EXPECT_THAT(dsIDs(*again), ElementsAre(kLargest, 7u, 8u));
+  EXPECT_THAT(dsIDs(*again), ElementsAre(kLargestDSID, 7u, 8u));
   EXPECT_EQ(again->accountWithDSID(7)->identifier()->size(), 1u << 20);
   EXPECT_FALSE((stored(kKnown).array()->begin())->dictionary()->contains("token"));
 
   again->signOut();
   EXPECT_EQ(storeReadAgain()->primaryAccount(), nullptr);
-  EXPECT_THAT(dsIDs(*store()), ElementsAre(kLargest, 7u, 8u));
+  EXPECT_THAT(dsIDs(*store()), ElementsAre(kLargestDSID, 7u, 8u));
 }
 
 TEST_F(AccountsTest, StoresOfOneDomainKeepEachOthersPrimaryAccounts) {
@@ -84,7 +84,7 @@ TEST_F(AccountsTest, AFlatRecordIsBroughtOverOnceFromWhereverItWas) {
       {"com.example.store", 0, record(1), 1},
       {"com.example.store", 2, oldRecord("2"), 2},
       {"com.vantor.pellagent", 0, record(3), 3},
-      {"com.vantor.folioagent", 1, oldRecord(kLargest), kLargest},
+      {"com.vantor.folioagent", 1, oldRecord(kLargestDSID), kLargestDSID},
       {"com.vantor.folioagent", 0, record(5), 0},
       {"com.vantor.pellagent", 2, record(6), 0},
       {"com.example.store", 0, "no record", 0},
@@ -136,11 +136,11 @@ TEST_F(AccountsTest, TheMediaStoresAccountIsTakenWithoutBeingWritten) {
     write("Store DSID", dsID, "com.vantor.Harlow");
     write("storefront", storefront, "com.vantor.Harlow");
   };
-  set("a@example.com", kLargest, "143441");
+  set("a@example.com", kLargestDSID, "143441");
   const auto primary = store()->primaryAccount();
   ASSERT_NE(primary, nullptr);
   EXPECT_EQ(*primary->persistedStoreDictionary(), (Dictionary{{"bagtype", 1},
-                                                              {"dsid", kLargest},
+                                                              {"dsid", kLargestDSID},
                                                               {"identifier", "a@example.com"},
                                                               {"kind", 0},
                                                               {"signedin", true},

@@ -245,8 +245,10 @@ TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnsw
 }
 
 TEST_F(AccountsTest, AStoreKnowsABoundedNumberOfAccounts) {
+  std::vector<Value> records;
   for (std::uint64_t dsID = 1; dsID < AccountStore::kMaxAccounts; ++dsID)
-    store()->addAccount(account(dsID, "n"));
+    records.emplace_back(Dictionary{{"dsid", dsID}, {"identifier", "n"}});
+  write(kDefaultsKnownAccountsKey, Array(records));
   EXPECT_NE(store()->addAccountWithAuthenticationResponse(response(5000), true), nullptr);
   EXPECT_FALSE(store()->addAccount(account(5001, "one too many")));
   EXPECT_EQ(store()->addAccountWithAuthenticationResponse(response(5001), true), nullptr);

@@ -4,15 +4,20 @@
 #include <string>
 #include <string_view>
 
-// Characters as the cookie grammar sees them: single octets, the letters of ASCII and no locale.
+// Characters as the grammars of the Internet see them: single octets, the letters of ASCII and no
+// locale.
 
 namespace tallow::ascii {
+
+constexpr bool isLetter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 constexpr bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// A control character that no cookie may hold; the horizontal tab counts as white space.
+// A control character, as the cookie grammar has it: the horizontal tab counts as white space.
 constexpr bool isControl(char c) {
   return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
 }
