@@ -17,6 +17,8 @@ namespace tallow::bench {
 
 namespace {
 
+// Idle threads leave after five.
+constexpr std::chrono::seconds kUntilIdle{6};
 constexpr const char* kMinimal = "com.vantor.tallowd.bench.Minimal";
 // A host that the bag asks no identity headers for: an answer with them is measured on its own.
 constexpr const char* kCookieURL = "https://127.0.0.1/store/page";
@@ -111,12 +113,14 @@ double kilobytesOf(pid_t pid, const std::string& field) {
   fail("memory", "cannot be read");
 }
 
-// After the first header answer of a fresh process, from the persisted bag.
+// Of a fresh process after its first header answer, from the persisted bag: what it has written to
+// at once, what it keeps when the threads that loaded the bag have gone.
 void measureMemory(Bus& bus) {
   bus.killOwnerOf(kService);
   bus.headers(kCookieURL);
   const pid_t pid = bus.ownerOf(kService);
   print("idle_private_kb", kilobytesOf(pid, "Private_Dirty"), "kB");
+  std::this_thread::sleep_for(kUntilIdle);
   print("idle_rss_kb", kilobytesOf(pid, "Rss"), "kB");
 }
 
@@ -132,7 +136,7 @@ void measureMemoryGrowth(Bus& bus) {
       bus.call(kService, kPath, kInterface, "urlIsTrustedByURLBag", "s", kCookieURL);
       bus.call(kService, kPath, kInterface, "primaryAccount", "");
     }
-    std::this_thread::sleep_for(std::chrono::seconds(6));
+    std::this_thread::sleep_for(kUntilIdle);
     return kilobytesOf(bus.ownerOf(kService), "Rss");
   };
   const double before = ask(kWarmUp);

@@ -1,5 +1,7 @@
 #include "platform/Concurrency/ManualRunLoop.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <limits>
@@ -15,6 +17,11 @@ struct ManualRunLoop::State {
   std::deque<std::function<void()>> posted;
   std::multimap<double, std::shared_ptr<OneShotTimer>> timers;  // by deadline
   std::map<int, std::function<void()>> signals;
+  struct Watched {
+    std::uint32_t events;
+    std::function<void()> block;
+  };
+  std::map<int, Watched> descriptors;
   bool isStopping = false;
   int exitStatus = 0;
 };
@@ -97,7 +104,31 @@ void ManualRunLoop::onSignal(int signalNumber, std::function<void()> block) {
   _state->signals[signalNumber] = std::move(block);
 }
 
+void ManualRunLoop::onEvents(int descriptor, std::uint32_t events, std::function<void()> block) {
+  const std::lock_guard lock(_state->mutex);
+  _state->descriptors[descriptor] = {events, std::move(block)};
+}
+
+// What has happened by now. The events that poll(2) knows are those of epoll(7).
+void ManualRunLoop::runEvents() {
+  std::unique_lock lock(_state->mutex);
+  const auto descriptors = _state->descriptors;
+  lock.unlock();
+  for (const auto& [descriptor, watched] : descriptors) {
+    pollfd state = {descriptor, static_cast<short>(watched.events), 0};
+    if (poll(&state, 1, 0) < 1) continue;
+    if ((state.revents & state.events) != 0) {
+      watched.block();
+    } else {
+      lock.lock();
+      _state->descriptors.erase(descriptor);
+      lock.unlock();
+    }
+  }
+}
+
 void ManualRunLoop::runPosted() {
+  runEvents();
   std::unique_lock lock(_state->mutex);
   while (!_state->posted.empty() && !_state->isStopping) {
     const std::function<void()> block = std::move(_state->posted.front());

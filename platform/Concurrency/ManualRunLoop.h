@@ -39,9 +39,11 @@ class ManualRunLoop final : public RunLoop {
   void post(std::function<void()> block) override;
   std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override;
   void onSignal(int signalNumber, std::function<void()> block) override;
+  void onEvents(int descriptor, std::uint32_t events, std::function<void()> block) override;
 
  private:
   void runPosted();
+  void runEvents();
   // The earliest timer that is valid and due by `deadline`, taken out; null when there is none.
   std::shared_ptr<OneShotTimer> takeTimerDueBy(double deadline);
   void waitForPost();

@@ -33,6 +33,10 @@ class RunLoop {
   virtual std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) = 0;
   // Calls `block` on the loop's thread whenever the signal arrives. Before other threads start.
   virtual void onSignal(int signalNumber, std::function<void()> block) = 0;
+  // Calls `block` on the loop's thread as long as the descriptor has one of `events` (epoll(7)),
+  // for as long as the loop lives; one that has an error or has been closed is not watched any
+  // longer. The descriptor stays the caller's. Before the loop runs.
+  virtual void onEvents(int descriptor, std::uint32_t events, std::function<void()> block) = 0;
 };
 
 }  // namespace tallow

@@ -64,7 +64,7 @@ std::uint64_t bootTime() {
 
 struct SystemRunLoop::State : std::enable_shared_from_this<SystemRunLoop::State> {
   class SystemTimer;
-  struct Signal {
+  struct Handler {
     std::function<void()> block;
     SourcePointer source;
   };
@@ -93,7 +93,8 @@ struct SystemRunLoop::State : std::enable_shared_from_this<SystemRunLoop::State>
 
   // The loop's thread only.
   std::multimap<std::uint64_t, std::shared_ptr<SystemTimer>> timers;  // by deadline
-  std::map<int, Signal> signals;
+  std::map<int, Handler> signals;
+  std::map<int, Handler> descriptors;
   bool isStopping = false;
   int exitStatus = 0;
 };
@@ -263,17 +264,36 @@ void SystemRunLoop::onSignal(int signalNumber, std::function<void()> block) {
   sigemptyset(&mask);
   sigaddset(&mask, signalNumber);
   require(-pthread_sigmask(SIG_BLOCK, &mask, nullptr), "cannot block a signal");
-  State::Signal& signal = _state->signals[signalNumber];
+  State::Handler& signal = _state->signals[signalNumber];
   signal.source.reset();
   signal.block = std::move(block);
   sd_event_source* source = nullptr;
   const auto arrived = [](sd_event_source*, const signalfd_siginfo*, void* handler) {
-    static_cast<State::Signal*>(handler)->block();
+    static_cast<State::Handler*>(handler)->block();
     return 0;
   };
   require(sd_event_add_signal(_state->event.get(), &source, signalNumber, arrived, &signal),
           "cannot watch a signal");
   signal.source.reset(source);
+}
+
+void SystemRunLoop::onEvents(int descriptor, std::uint32_t events, std::function<void()> block) {
+  State::Handler& handler = _state->descriptors[descriptor];
+  handler.source.reset();
+  handler.block = std::move(block);
+  const auto happened = [](sd_event_source* source, int watched, std::uint32_t what, void* user) {
+    if ((what & (EPOLLERR | EPOLLHUP)) != 0) {
+      logLevel(1, "%@: descriptor %d has failed and is not watched any longer", kClassName,
+               watched);
+      return sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    }
+    static_cast<State::Handler*>(user)->block();
+    return 0;
+  };
+  sd_event_source* source = nullptr;
+  require(sd_event_add_io(_state->event.get(), &source, descriptor, events, happened, &handler),
+          "cannot watch a descriptor");
+  handler.source.reset(source);
 }
 
 RunLoop& RunLoop::main() {

@@ -30,6 +30,7 @@ class SystemRunLoop final : public RunLoop {
   std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override;
   // Blocks the signal in the calling thread, and so in all threads it will start.
   void onSignal(int signalNumber, std::function<void()> block) override;
+  void onEvents(int descriptor, std::uint32_t events, std::function<void()> block) override;
 
  private:
   struct State;

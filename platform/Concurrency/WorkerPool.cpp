@@ -1,6 +1,5 @@
 #include "platform/Concurrency/WorkerPool.h"
 
-#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -19,6 +18,7 @@
 #include "platform/Base/Activity.h"
 #include "platform/Base/Sanitizers.h"
 #include "platform/Base/SharedInstance.h"
+#include "platform/Concurrency/MemoryPressure.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -161,8 +161,8 @@ void WorkerPool::State::work() {
   threadLeft.notify_all();
   lock.unlock();
   if (previous) pthread_join(*previous, nullptr);
-  // The work is over for now: what it had allocated goes back to the system, not only its stacks.
-  if (isLast) malloc_trim(0);
+  // The work is over for now: what it needed goes back to the system, not only its stacks.
+  if (isLast) giveBackMemory();
 }
 
 // The next block to run, already counted as running; false when the thread is to leave.

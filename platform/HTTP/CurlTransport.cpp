@@ -1,7 +1,6 @@
 #include "platform/HTTP/CurlTransport.h"
 
 #include <dirent.h>
-#include <malloc.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Concurrency/MemoryPressure.h"
 #include "platform/HTTP/CurlExchange.h"
 #include "platform/HTTP/CurlLibrary.h"
 
@@ -185,7 +185,7 @@ class CurlTransport::Loop : public std::enable_shared_from_this<CurlTransport::L
     multi.swap(_multi);
     guard.unlock();
     multi.reset();
-    malloc_trim(0);
+    giveBackMemory();
     guard.lock();
   }
 

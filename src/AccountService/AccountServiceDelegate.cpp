@@ -9,6 +9,7 @@
 
 #include "platform/Base/Clock.h"
 #include "platform/Base/Secret.h"
+#include "platform/Concurrency/MemoryPressure.h"
 #include "platform/Concurrency/RunLoop.h"
 #include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/Sandbox/Sandbox.h"
@@ -37,6 +38,7 @@ int runAccountService(int argc, const char* const* argv) {
   if (!ProcessInspector::startHelper())
     logLevel(1, "%@: Callers cannot be recognised by their executables: %s",
              AccountServiceDelegate::kClassName, std::strerror(errno));
+  MemoryPressure memoryPressure;
   char* sandboxError = nullptr;
   if (sandbox_init("com.vantor.tallowd", kSandboxNamed, &sandboxError) != 0) {
     std::fprintf(stderr, "sandbox_init: %s\n", sandboxError);
@@ -49,6 +51,8 @@ int runAccountService(int argc, const char* const* argv) {
   // Before other threads start. Carried out by the run loop, which starts when all is made.
   std::optional<IdleExit> idleExit;
   RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
+
+  memoryPressure.watch(RunLoop::main());
 
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.

@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -134,6 +136,28 @@ TYPED_TEST(RunLoopTest, TakesBlocksAndTimersFromManyThreads) {
   loop.run();
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(left, 0);
+}
+
+TYPED_TEST(RunLoopTest, TellsWhatHappensToADescriptorUntilItFails) {
+  RunLoop& loop = this->loop();
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  std::string heard;
+  loop.onEvents(ends[0], EPOLLIN, [&] {
+    char letter = 0;
+    ASSERT_EQ(read(ends[0], &letter, 1), 1);
+    heard += letter;
+    if (letter == 'b') close(ends[1]);
+    loop.stop(0);
+  });
+  for (const char letter : {'a', 'b'}) {
+    ASSERT_EQ(write(ends[1], &letter, 1), 1);
+    loop.run();
+  }
+  loop.addTimer(0.01, [&] { loop.stop(1); });
+  EXPECT_EQ(loop.run(), 1);
+  EXPECT_EQ(heard, "ab");
+  close(ends[0]);
 }
 
 TEST(SystemRunLoopTest, BringsSignalsToTheLoop) {

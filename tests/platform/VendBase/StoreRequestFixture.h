@@ -34,6 +34,8 @@ class StoreRequestFixture : public testing::Test {
     void stop(int /*status*/) override {}
     void post(std::function<void()> block) override { block(); }
     void onSignal(int /*signalNumber*/, std::function<void()> /*block*/) override {}
+    void onEvents(int /*descriptor*/, std::uint32_t /*events*/,
+                  std::function<void()> /*block*/) override {}
     std::shared_ptr<Timer> addTimer(double seconds, std::function<void()> block) override {
       pauses.push_back(seconds);
       if (onTimer) {
