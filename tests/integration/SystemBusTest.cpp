@@ -13,6 +13,7 @@
 
 #include "client/TransactionAgent.h"
 #include "devstore/AuthenticateEndpoint.h"
+#include "platform/PropertyList/JSON.h"
 #include "tests/integration/RunningService.h"
 
 namespace tallow {
@@ -211,6 +212,19 @@ TEST_F(SystemBusTest, AMemberSignsInForItsOwnClientAndForWhomItIsAskedOnly) {
   ASSERT_TRUE(signIn) << signIn.error().localizedDescription();
   ASSERT_TRUE(signIn->account) << signIn->error->localizedDescription();
   EXPECT_EQ((*signIn->account)["dsid"], Value(43));
+
+  // What others do and what has failed for them is told to root alone.
+  for (const auto& [asking, seesAll] : {std::pair(&root, true), std::pair(&member, false)}) {
+    const auto text = asking->describe();
+    ASSERT_TRUE(text) << text.error().localizedDescription();
+    const auto status = JSON::decode(*text);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->dictionary()->contains("failures"), seesAll);
+    bool areAllItsOwn = true;
+    for (const Value& caller : *(*status->dictionary())["callers"].array())
+      areAllItsOwn &= (*caller.dictionary())["uid"] == Value(kMember.uid);
+    EXPECT_EQ(areAllItsOwn, !seesAll);
+  }
 }
 
 }  // namespace
