@@ -62,7 +62,7 @@ Result<AccountServiceClient::BagLoad> AccountServiceClient::loadURLBagWithType(
     std::uint64_t bagType) {
   return ask(*_connection, [&](ServiceSession& service) {
     auto [valid, success, error] = service.loadURLBagWithType(bagType);
-    return BagLoad{valid, success, firstError(error)};
+    return BagLoad{valid, success, firstOf(error)};
   });
 }
 
@@ -81,11 +81,7 @@ Result<bool> AccountServiceClient::isValid() {
 }
 
 Result<std::optional<Dictionary>> AccountServiceClient::dictionary() {
-  return ask(*_connection, [&](ServiceSession& service) {
-    auto dictionaries = service.dictionary();
-    return dictionaries.empty() ? std::optional<Dictionary>()
-                                : std::optional(std::move(dictionaries.front().value));
-  });
+  return ask(*_connection, [&](ServiceSession& service) { return firstOf(service.dictionary()); });
 }
 
 Result<bool> AccountServiceClient::shouldSendGUIDWithRequestForURL(const std::string& url) {
@@ -100,9 +96,7 @@ std::optional<Error> AccountServiceClient::observeURLBag(BagObserver observer) {
 std::optional<Error> AccountServiceClient::consumeCookiesWithHTTPHeaders(
     const Dictionary& headers, const std::string& fromURL) {
   return tell(*_connection, [&](ServiceSession& service) {
-    WireDictionary wireHeaders;
-    wireHeaders.value = headers;
-    service.consumeCookiesWithHTTPHeaders(wireHeaders, fromURL);
+    service.consumeCookiesWithHTTPHeaders(wire::dictionary(headers), fromURL);
   });
 }
 
@@ -121,11 +115,7 @@ std::optional<Error> AccountServiceClient::deleteAllCookies() {
 }
 
 Result<std::optional<std::string>> AccountServiceClient::storeFront() {
-  return ask(*_connection, [&](ServiceSession& service) {
-    auto identifiers = service.storeFront();
-    return identifiers.empty() ? std::optional<std::string>()
-                               : std::optional(std::move(identifiers.front()));
-  });
+  return ask(*_connection, [&](ServiceSession& service) { return firstOf(service.storeFront()); });
 }
 
 std::optional<Error> AccountServiceClient::setStoreFrontID(

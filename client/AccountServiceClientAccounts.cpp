@@ -7,18 +7,6 @@
 
 namespace tallow {
 
-namespace {
-
-std::optional<Dictionary> firstAccount(std::vector<WireDictionary> accounts) {
-  return accounts.empty() ? std::nullopt : std::optional(std::move(accounts.front().value));
-}
-
-std::optional<std::string> firstText(std::vector<std::string> texts) {
-  return texts.empty() ? std::nullopt : std::optional(std::move(texts.front()));
-}
-
-}  // namespace
-
 Result<std::vector<Dictionary>> AccountServiceClient::accounts() {
   return ask(*_connection, [](ServiceSession& service) {
     std::vector<Dictionary> accounts;
@@ -29,24 +17,24 @@ Result<std::vector<Dictionary>> AccountServiceClient::accounts() {
 
 Result<std::optional<Dictionary>> AccountServiceClient::primaryAccount() {
   return ask(*_connection,
-             [](ServiceSession& service) { return firstAccount(service.primaryAccount()); });
+             [](ServiceSession& service) { return firstOf(service.primaryAccount()); });
 }
 
 Result<std::optional<Dictionary>> AccountServiceClient::accountWithDSID(std::uint64_t dsID) {
   return ask(*_connection,
-             [&](ServiceSession& service) { return firstAccount(service.accountWithDSID(dsID)); });
+             [&](ServiceSession& service) { return firstOf(service.accountWithDSID(dsID)); });
 }
 
 Result<std::optional<Dictionary>> AccountServiceClient::accountWithVantorID(
     const std::string& vantorID) {
   return ask(*_connection, [&](ServiceSession& service) {
-    return firstAccount(service.accountWithVantorID(vantorID));
+    return firstOf(service.accountWithVantorID(vantorID));
   });
 }
 
 Result<std::optional<std::string>> AccountServiceClient::strongToken() {
   return ask(*_connection, [](ServiceSession& service) {
-    return firstText(service.strongTokenForAccount(WireDictionary()));
+    return firstOf(service.strongTokenForAccount(WireDictionary()));
   });
 }
 
@@ -57,21 +45,21 @@ Result<bool> AccountServiceClient::authIsExpired() {
 Result<std::optional<Dictionary>> AccountServiceClient::addAccountWithAuthenticationResponse(
     const Dictionary& response, bool makePrimary) {
   return ask(*_connection, [&](ServiceSession& service) {
-    return firstAccount(
-        service.addAccountWithAuthenticationResponse(wireDictionary(response), makePrimary));
+    return firstOf(
+        service.addAccountWithAuthenticationResponse(wire::dictionary(response), makePrimary));
   });
 }
 
 std::optional<Error> AccountServiceClient::addAccount(const Dictionary& account) {
   return tell(*_connection,
-              [&](ServiceSession& service) { service.addAccount(wireDictionary(account)); });
+              [&](ServiceSession& service) { service.addAccount(wire::dictionary(account)); });
 }
 
 Result<AccountServiceClient::SignIn> AccountServiceClient::signInWithContext(
     const Dictionary& context) {
   return ask(*_connection, [&](ServiceSession& service) {
-    auto [success, account, error] = service.signInWithContext(wireDictionary(context));
-    return SignIn{success, firstAccount(std::move(account)), firstError(error)};
+    auto [success, account, error] = service.signInWithContext(wire::dictionary(context));
+    return SignIn{success, firstOf(std::move(account)), firstOf(error)};
   });
 }
 
@@ -82,7 +70,7 @@ std::optional<Error> AccountServiceClient::signOut() {
 std::optional<Error> AccountServiceClient::parseCreditStringForProtocol(
     const Dictionary& protocol) {
   return tell(*_connection, [&](ServiceSession& service) {
-    service.parseCreditStringForProtocol(wireDictionary(protocol));
+    service.parseCreditStringForProtocol(wire::dictionary(protocol));
   });
 }
 
@@ -98,25 +86,24 @@ Result<AccountServiceClient::Eligibility> AccountServiceClient::getEligibilityFo
     std::uint64_t service) {
   return ask(*_connection, [&](ServiceSession& session) {
     auto [eligible, error] = session.getEligibilityForService(service);
-    return Eligibility{eligible, firstError(error)};
+    return Eligibility{eligible, firstOf(error)};
   });
 }
 
 Result<AccountServiceClient::DemoMode> AccountServiceClient::retailStoreDemoMode() {
   return ask(*_connection, [](ServiceSession& service) {
     auto [demoMode, name, password, autoLogin] = service.retailStoreDemoMode();
-    return DemoMode{demoMode, firstText(std::move(name)), firstText(std::move(password)),
-                    autoLogin};
+    return DemoMode{demoMode, firstOf(std::move(name)), firstOf(std::move(password)), autoLogin};
   });
 }
 
 Result<std::optional<std::string>> AccountServiceClient::nimboDSID() {
-  return ask(*_connection, [](ServiceSession& service) { return firstText(service.nimboDSID()); });
+  return ask(*_connection, [](ServiceSession& service) { return firstOf(service.nimboDSID()); });
 }
 
 Result<std::optional<std::string>> AccountServiceClient::recommendedVantorIDForAccountSignIn() {
   return ask(*_connection, [](ServiceSession& service) {
-    return firstText(service.recommendedVantorIDForAccountSignIn());
+    return firstOf(service.recommendedVantorIDForAccountSignIn());
   });
 }
 

@@ -10,7 +10,7 @@ Result<AccountServiceClient::PasswordSettings> AccountServiceClient::passwordSet
     auto [settings, error] = service.getPasswordSettings();
     PasswordSettings answer;
     if (!settings.empty()) answer.settings = std::move(settings.front().value);
-    answer.error = firstError(error);
+    answer.error = firstOf(error);
     return answer;
   });
 }
@@ -19,7 +19,7 @@ Result<AccountServiceClient::PasswordSettingsUpdate> AccountServiceClient::updat
     const std::optional<Dictionary>& settings) {
   return ask(*_connection, [&](ServiceSession& service) {
     auto [success, error] = service.updatePasswordSettings(wire::optionalDictionary(settings));
-    return PasswordSettingsUpdate{success, firstError(error)};
+    return PasswordSettingsUpdate{success, firstOf(error)};
   });
 }
 

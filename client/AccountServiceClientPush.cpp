@@ -15,7 +15,7 @@ std::optional<Error> tellOfSuccess(ServiceConnection& connection, Call call) {
   const Result<std::optional<Error>> answer = ask(connection, [&](ServiceSession& service) {
     auto [success, error] = call(service);
     if (success) return std::optional<Error>();
-    const std::optional<Error> given = firstError(error);
+    const std::optional<Error> given = firstOf(error);
     return given ? given
                  : std::optional(makeError(AccountServiceClient::kErrorDomain,
                                            AccountServiceClient::kFailed,
@@ -36,7 +36,7 @@ std::optional<Error> AccountServiceClient::registerDeviceTokenForEnvironmentName
 Result<AccountServiceClient::MediaTypes> AccountServiceClient::getEnabledMediaTypes() {
   return ask(*_connection, [](ServiceSession& service) {
     auto [success, error, mask] = service.getEnabledMediaTypes();
-    return MediaTypes{success, firstError(error), mask};
+    return MediaTypes{success, firstOf(error), mask};
   });
 }
 
@@ -61,13 +61,13 @@ Result<bool> AccountServiceClient::isRegisteredForAccount(std::uint64_t dsID, st
 std::optional<Error> AccountServiceClient::handlePushNotificationMessage(
     const Dictionary& message) {
   return tell(*_connection, [&](ServiceSession& service) {
-    service.handlePushNotificationMessage(wireDictionary(message));
+    service.handlePushNotificationMessage(wire::dictionary(message));
   });
 }
 
 std::optional<Error> AccountServiceClient::completeSetupWithResponse(const Dictionary& response) {
   return tellOfSuccess(*_connection, [&](ServiceSession& service) {
-    return service.completeSetupWithResponse(wireDictionary(response));
+    return service.completeSetupWithResponse(wire::dictionary(response));
   });
 }
 

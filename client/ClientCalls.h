@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -10,12 +11,6 @@
 // What the calls of AccountServiceClient, which are spread over several files, have in common.
 
 namespace tallow {
-
-inline WireDictionary wireDictionary(const Dictionary& dictionary) {
-  WireDictionary wire;
-  wire.value = dictionary;
-  return wire;
-}
 
 // The bus's or the service's error as the client reports it.
 Error clientErrorFrom(const sdbus::Error& error);
@@ -44,8 +39,14 @@ std::optional<Error> tell(ServiceConnection& connection, Call call) {
   return attempt([&] { connection.call(call); });
 }
 
-inline std::optional<Error> firstError(std::vector<WireError>& errors) {
-  return errors.empty() ? std::nullopt : std::optional(std::move(errors.front().value));
+// What travels as a list of at most one.
+inline std::optional<std::string> firstOf(std::vector<std::string> texts) {
+  return texts.empty() ? std::nullopt : std::optional(std::move(texts.front()));
+}
+template <class Wire>
+auto firstOf(std::vector<Wire> values) -> std::optional<decltype(Wire::value)> {
+  if (values.empty()) return std::nullopt;
+  return std::move(values.front().value);
 }
 
 }  // namespace tallow

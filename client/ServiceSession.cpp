@@ -5,14 +5,13 @@
 #include <csignal>
 #include <utility>
 
+#include "client/ClientCalls.h"
+
 namespace tallow {
 
 namespace {
-constexpr int kMaxAttempts = 10;
 
-std::optional<Dictionary> firstOf(const std::vector<WireDictionary>& account) {
-  return account.empty() ? std::nullopt : std::optional(account.front().value);
-}
+constexpr int kMaxAttempts = 10;
 
 }  // namespace
 
@@ -31,7 +30,7 @@ class ServiceBus::Observer final
  private:
   void urlBagDidUpdateWithSuccess(const bool& success,
                                   const std::vector<WireError>& error) override {
-    _observer(success, error.empty() ? std::nullopt : std::optional(error.front().value));
+    _observer(success, firstOf(error));
   }
 
   const AccountServiceClient::BagObserver _observer;

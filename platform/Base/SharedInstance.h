@@ -10,7 +10,7 @@ namespace tallow {
 // A facility T that the whole process shares declares `static T& shared();` and implements it with
 // SharedInstance<T>::get([] { return std::make_unique<RealT>(); }). The real instance is made on
 // first use and lives for the process. A test replaces it, before other threads use it, with
-// ScopedShared<T>.
+// ScopedShared<T>. Where everybody has a facility of their own, what is shared is its factory.
 template <class T>
 class SharedInstance {
  public:

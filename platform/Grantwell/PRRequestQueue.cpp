@@ -1,8 +1,8 @@
 #include "platform/Grantwell/PRRequestQueue.h"
 
-#include <mutex>
 #include <utility>
 
+#include "platform/Base/SharedInstance.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerBacklog.h"
@@ -30,8 +30,6 @@ class BusRequestQueue final : public PRRequestQueue {
  private:
   static void hand(const std::string& identifier, const Dictionary& payload,
                    const PeerBacklog::Answered& answered) {
-    WireDictionary wirePayload;
-    wirePayload.value = payload;
     std::function<void(std::optional<Error>)> done = [identifier,
                                                       answered](const std::optional<Error>& error) {
       if (error)
@@ -41,36 +39,20 @@ class BusRequestQueue final : public PRRequestQueue {
     };
     PeerConnection::call<>(kPermissionService, "_didReceiveStorePushNotificationWithPayload",
                            PeerConnection::kUsualPatience, std::move(done), identifier,
-                           std::move(wirePayload));
+                           wire::dictionary(payload));
   }
 
   const std::string _identifier;
 };
 
-struct SharedFactory {
-  std::mutex lock;
-  PRRequestQueue::Factory factory;
-};
-
-SharedFactory& sharedFactory() {
-  static SharedFactory& shared = *new SharedFactory;
-  return shared;
-}
-
 }  // namespace
 
 std::shared_ptr<PRRequestQueue> PRRequestQueue::_requestQueueForIdentifier(
     const std::string& identifier) {
-  SharedFactory& shared = sharedFactory();
-  const std::lock_guard lock(shared.lock);
-  if (shared.factory) return shared.factory(identifier);
-  return std::make_shared<BusRequestQueue>(identifier);
-}
-
-PRRequestQueue::Factory PRRequestQueue::setFactory(Factory factory) {
-  SharedFactory& shared = sharedFactory();
-  const std::lock_guard lock(shared.lock);
-  return std::exchange(shared.factory, std::move(factory));
+  return SharedInstance<Factory>::get([] {
+    return std::make_unique<Factory>(
+        [](const std::string& name) { return std::make_shared<BusRequestQueue>(name); });
+  })(identifier);
 }
 
 }  // namespace tallow

@@ -22,9 +22,8 @@ class PRRequestQueue {
   // Hands a store push over, whole. A service that is not there, or refuses it, is logged.
   virtual void _didReceiveStorePushNotificationWithPayload(const Dictionary& payload) = 0;
 
-  // What makes the queues (tests); empty: the bus. The previous one.
+  // What makes the queues. The process's shared one leads to the bus.
   using Factory = std::function<std::shared_ptr<PRRequestQueue>(const std::string& identifier)>;
-  static Factory setFactory(Factory factory);
 };
 
 }  // namespace tallow

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/Base/SharedInstance.h"
 #include "platform/Notifications/DesktopNotificationCenter.h"
 
 namespace tallow {
@@ -14,7 +15,6 @@ struct Centers {
   std::mutex lock;
   std::map<std::string, std::shared_ptr<UserNotificationCenter>> centers;
   std::map<std::string, UserNotificationCenter::DelegateProvider> providers;
-  UserNotificationCenter::Factory factory;
 };
 
 Centers& allCenters() {
@@ -22,16 +22,21 @@ Centers& allCenters() {
   return centers;
 }
 
+std::shared_ptr<UserNotificationCenter> desktopCenter(const std::string& identifier,
+                                                      std::int64_t /*type*/) {
+  Centers& all = allCenters();
+  const std::lock_guard lock(all.lock);
+  auto& center = all.centers[identifier];
+  if (!center) center = std::make_shared<DesktopNotificationCenter>(identifier);
+  return center;
+}
+
 }  // namespace
 
 std::shared_ptr<UserNotificationCenter> UserNotificationCenter::_centerForIdentifier(
     const std::string& identifier, std::int64_t type) {
-  Centers& all = allCenters();
-  const std::lock_guard lock(all.lock);
-  if (all.factory) return all.factory(identifier, type);
-  auto& center = all.centers[identifier];
-  if (!center) center = std::make_shared<DesktopNotificationCenter>(identifier);
-  return center;
+  return SharedInstance<Factory>::get([] { return std::make_unique<Factory>(desktopCenter); })(
+      identifier, type);
 }
 
 void UserNotificationCenter::setDelegateProvider(const std::string& identifier,
@@ -39,12 +44,6 @@ void UserNotificationCenter::setDelegateProvider(const std::string& identifier,
   Centers& all = allCenters();
   const std::lock_guard lock(all.lock);
   all.providers[identifier] = std::move(provider);
-}
-
-UserNotificationCenter::Factory UserNotificationCenter::setFactory(Factory factory) {
-  Centers& all = allCenters();
-  const std::lock_guard lock(all.lock);
-  return std::exchange(all.factory, std::move(factory));
 }
 
 std::shared_ptr<UserNotificationCenterDelegate> UserNotificationCenter::delegateFor(

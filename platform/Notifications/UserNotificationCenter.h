@@ -53,10 +53,9 @@ class UserNotificationCenter {
   using DelegateProvider = std::function<std::shared_ptr<UserNotificationCenterDelegate>()>;
   static void setDelegateProvider(const std::string& identifier, DelegateProvider provider);
 
-  // What makes the centres (tests); empty: the bus. The previous one.
+  // What makes or finds the centres. The process's shared one leads to the desktop's.
   using Factory = std::function<std::shared_ptr<UserNotificationCenter>(
       const std::string& identifier, std::int64_t type)>;
-  static Factory setFactory(Factory factory);
 
  protected:
   static std::shared_ptr<UserNotificationCenterDelegate> delegateFor(const std::string& identifier);

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/Base/SharedInstance.h"
 #include "platform/XPC/RemoteDownloadService.h"
 #include "platform/XPC/RemoteTransactionService.h"
 
@@ -12,7 +13,6 @@ namespace {
 struct LocalServices {
   std::mutex lock;
   HSServiceProxy::LocalAccountService accountService;
-  HSServiceProxy::Peers peers;
 };
 
 LocalServices& localServices() {
@@ -24,12 +24,6 @@ HSServiceProxy::LocalAccountService localAccountService() {
   LocalServices& services = localServices();
   const std::lock_guard guard(services.lock);
   return services.accountService;
-}
-
-HSServiceProxy::Peers peersInPlace() {
-  LocalServices& services = localServices();
-  const std::lock_guard guard(services.lock);
-  return services.peers;
 }
 
 }  // namespace
@@ -48,19 +42,18 @@ std::shared_ptr<HSAccountService> HSServiceProxy::accountService() {
 }
 
 std::shared_ptr<HSDownloadService> HSServiceProxy::downloadService() {
-  if (const auto replacement = peersInPlace().downloadService) return replacement(_storeClient);
-  return std::make_shared<RemoteDownloadService>(_storeClient);
+  return SharedInstance<DownloadServices>::get([] {
+    return std::make_unique<DownloadServices>(
+        [](Client client) { return std::make_shared<RemoteDownloadService>(std::move(client)); });
+  })(_storeClient);
 }
 
 std::shared_ptr<HSTransactionService> HSServiceProxy::transactionService() {
-  if (const auto replacement = peersInPlace().transactionService) return replacement(_storeClient);
-  return std::make_shared<RemoteTransactionService>(_storeClient);
-}
-
-HSServiceProxy::Peers HSServiceProxy::setPeers(Peers peers) {
-  LocalServices& services = localServices();
-  const std::lock_guard guard(services.lock);
-  return std::exchange(services.peers, std::move(peers));
+  return SharedInstance<TransactionServices>::get([] {
+    return std::make_unique<TransactionServices>([](Client client) {
+      return std::make_shared<RemoteTransactionService>(std::move(client));
+    });
+  })(_storeClient);
 }
 
 HSServiceProxy::LocalAccountService HSServiceProxy::setLocalAccountService(

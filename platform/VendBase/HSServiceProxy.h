@@ -33,13 +33,10 @@ class HSServiceProxy {
       std::function<std::shared_ptr<HSAccountService>(std::shared_ptr<const HSStoreClient>)>;
   static LocalAccountService setLocalAccountService(LocalAccountService factory);  // the previous
 
-  // What takes the place of the peers on the bus (tests); empty: the peers themselves.
+  // What makes the peers. The process's shared ones lead to the bus.
   using Client = std::shared_ptr<const HSStoreClient>;
-  struct Peers {
-    std::function<std::shared_ptr<HSDownloadService>(Client)> downloadService;
-    std::function<std::shared_ptr<HSTransactionService>(Client)> transactionService;
-  };
-  static Peers setPeers(Peers peers);  // the previous
+  using DownloadServices = std::function<std::shared_ptr<HSDownloadService>(Client)>;
+  using TransactionServices = std::function<std::shared_ptr<HSTransactionService>(Client)>;
 
  private:
   const std::shared_ptr<const HSStoreClient> _storeClient;

@@ -1,9 +1,9 @@
 #include "platform/XPC/PushServiceConnection.h"
 
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerConnection.h"
@@ -93,30 +93,15 @@ class BusPushServiceConnection final
   sdbus::Slot _ownerChanged;            // reading thread
 };
 
-struct SharedFactory {
-  std::mutex lock;
-  PushServiceConnection::Factory factory;
-};
-
-SharedFactory& sharedFactory() {
-  static SharedFactory& shared = *new SharedFactory;
-  return shared;
-}
-
 }  // namespace
 
 std::shared_ptr<PushServiceConnection> PushServiceConnection::initWithMachServiceName(
     std::string serviceName) {
-  SharedFactory& shared = sharedFactory();
-  const std::unique_lock lock(shared.lock);
-  if (shared.factory) return shared.factory(std::move(serviceName));
-  return std::make_shared<BusPushServiceConnection>(std::move(serviceName));
-}
-
-PushServiceConnection::Factory PushServiceConnection::setFactory(Factory factory) {
-  SharedFactory& shared = sharedFactory();
-  const std::lock_guard lock(shared.lock);
-  return std::exchange(shared.factory, std::move(factory));
+  return SharedInstance<Factory>::get([] {
+    return std::make_unique<Factory>([](std::string name) {
+      return std::make_shared<BusPushServiceConnection>(std::move(name));
+    });
+  })(std::move(serviceName));
 }
 
 }  // namespace tallow

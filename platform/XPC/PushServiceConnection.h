@@ -37,9 +37,8 @@ class PushServiceConnection {
   virtual void getDeviceTokenForEnvironmentNamed(std::optional<std::string> environmentName,
                                                  TokenReply reply) = 0;
 
-  // What makes the connections (tests); empty: the bus. The previous one.
+  // What makes the connections. The process's shared one leads to the bus.
   using Factory = std::function<std::shared_ptr<PushServiceConnection>(std::string serviceName)>;
-  static Factory setFactory(Factory factory);
 };
 
 }  // namespace tallow

@@ -18,15 +18,13 @@ RemoteDialogAgent::RemoteDialogAgent(std::string uniqueName, std::string path, s
     : _uniqueName(std::move(uniqueName)), _path(std::move(path)), _client(std::move(client)) {}
 
 void RemoteDialogAgent::showDialog(std::uint64_t number, const HSDialog& dialog) {
-  WireDictionary wireDialog;
-  wireDialog.value = dialog.dictionary();
   PeerConnection::call<>(
       addressOf(_uniqueName, _path), "showDialog", PeerConnection::kUsualPatience,
       std::function<void(std::optional<Error>)>(
           [self = shared_from_this(), number](const std::optional<Error>& error) {
             if (error) HSDialogCenter::shared().dismissUnshown(*self, number);
           }),
-      number, std::move(wireDialog));
+      number, wire::dictionary(dialog.dictionary()));
 }
 
 void RemoteDialogAgent::dismissDialog(std::uint64_t number) {

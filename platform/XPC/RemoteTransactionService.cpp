@@ -52,8 +52,6 @@ void RemoteTransactionService::dsidByAuthenticatingWithContext(HSAuthenticationC
   using Answer = std::function<void(std::optional<Error>, bool, std::vector<std::uint64_t>,
                                     std::vector<WireError>)>;
   const std::string client = _storeClient ? _storeClient->identifier.value_or("") : "";
-  WireDictionary wireContext;
-  wireContext.value = context.dictionaryRepresentation();
   PeerConnection::call<bool, std::vector<std::uint64_t>, std::vector<WireError>>(
       kTransactionService, "dsidByAuthenticatingWithContext", kPatience,
       Answer([reply = std::move(reply), question = questionFor(client)](
@@ -64,7 +62,7 @@ void RemoteTransactionService::dsidByAuthenticatingWithContext(HSAuthenticationC
         reply(success, dsID.empty() ? std::nullopt : std::optional(dsID.front()),
               std::move(absent));
       }),
-      client, std::move(wireContext));
+      client, wire::dictionary(context.dictionaryRepresentation()));
 }
 
 }  // namespace tallow

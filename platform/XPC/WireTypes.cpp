@@ -338,9 +338,13 @@ std::vector<WireValue> optionalValue(Value value) {
   return list;
 }
 
-std::vector<WireDictionary> optionalDictionary(std::optional<Dictionary> dictionary) {
+WireDictionary dictionary(Dictionary value) {
+  return {std::move(value), {}, 0};
+}
+
+std::vector<WireDictionary> optionalDictionary(std::optional<Dictionary> value) {
   std::vector<WireDictionary> list;
-  if (dictionary) list.push_back({std::move(*dictionary), {}, 0});
+  if (value) list.push_back(dictionary(*std::move(value)));
   return list;
 }
 

@@ -68,9 +68,10 @@ inline constexpr std::size_t kMaxSecretBytes = 4096;
 // What this thread has written to messages through these types since it last asked.
 std::size_t takeWrittenBytes();
 
+WireDictionary dictionary(Dictionary value);
 // At most one element, as nil-able values travel.
 std::vector<WireValue> optionalValue(Value value);
-std::vector<WireDictionary> optionalDictionary(std::optional<Dictionary> dictionary);
+std::vector<WireDictionary> optionalDictionary(std::optional<Dictionary> value);
 std::vector<WireError> optionalError(const std::optional<Error>& error);
 std::vector<std::string> optionalString(std::optional<std::string> text);
 

@@ -167,13 +167,12 @@ TEST_F(DialogAgentTest, OnlyTheServiceHasDialogsShown) {
     if (!name.starts_with(':')) continue;
     const auto proxy =
         bus::makeProxy(stranger.connection(), name, "/com/vantor/tallowd/client/dialogs");
-    WireDictionary dialog;
-    dialog.value = Dictionary{{"message", "Your password, please"}};
     try {
       if (name == stranger.connection().getUniqueName()) continue;
       proxy->callMethod("showDialog")
           .onInterface("com.vantor.HSDialogAgent")
-          .withArguments(std::uint64_t{1}, dialog);
+          .withArguments(std::uint64_t{1},
+                         wire::dictionary({{"message", "Your password, please"}}));
     } catch (const sdbus::Error& error) {
       refused += error.getName() == kAccessDenied ? 1 : 0;
     }

@@ -50,31 +50,9 @@ class PushFixture : public ::testing::Test {
   PushFixture() {
     PushServiceStoreDispatch::registry().removeAll();
     world.transport.setHandler([this](const HTTPRequest& request) { return answer(request); });
-    PushServiceConnection::setFactory([this](const std::string& name) {
-      EXPECT_EQ(name, "com.vantor.quillonpushagent-xpc");
-      ++connections;
-      return agent;
-    });
-    PRRequestQueue::setFactory([this](const std::string& identifier) {
-      return std::make_shared<Queue>(*this, identifier);
-    });
-    UserNotificationCenter::setFactory([this](const std::string& identifier, std::int64_t type) {
-      EXPECT_EQ(identifier, "com.vantor.quillon");
-      EXPECT_EQ(type, 1);
-      return center;
-    });
-    HSServiceProxy::Peers peers;
-    peers.downloadService = [this](const auto& storeClient) {
-      return std::make_shared<Downloads>(*this, storeClient->identifier.value_or(""));
-    };
-    HSServiceProxy::setPeers(std::move(peers));
   }
   ~PushFixture() override {
     settle();
-    PushServiceConnection::setFactory(nullptr);
-    PRRequestQueue::setFactory(nullptr);
-    UserNotificationCenter::setFactory(nullptr);
-    HSServiceProxy::setPeers({});
     PushServiceStoreDispatch::registry().removeAll();
   }
 
@@ -189,6 +167,27 @@ class PushFixture : public ::testing::Test {
 
   Lines _lines{*this};
   ScopedShared<SystemLog> _sharedLines{_lines};
+  PushServiceConnection::Factory _agents = [this](const std::string& name) {
+    EXPECT_EQ(name, "com.vantor.quillonpushagent-xpc");
+    ++connections;
+    return agent;
+  };
+  ScopedShared<PushServiceConnection::Factory> _sharedAgents{_agents};
+  PRRequestQueue::Factory _queues = [this](const std::string& identifier) {
+    return std::make_shared<Queue>(*this, identifier);
+  };
+  ScopedShared<PRRequestQueue::Factory> _sharedQueues{_queues};
+  UserNotificationCenter::Factory _centers = [this](const std::string& identifier,
+                                                    std::int64_t type) {
+    EXPECT_EQ(identifier, "com.vantor.quillon");
+    EXPECT_EQ(type, 1);
+    return center;
+  };
+  ScopedShared<UserNotificationCenter::Factory> _sharedCenters{_centers};
+  HSServiceProxy::DownloadServices _downloads = [this](const auto& storeClient) {
+    return std::make_shared<Downloads>(*this, storeClient->identifier.value_or(""));
+  };
+  ScopedShared<HSServiceProxy::DownloadServices> _sharedDownloads{_downloads};
 
  protected:
   std::shared_ptr<UserNotificationCenter> center = std::make_shared<Center>(*this);

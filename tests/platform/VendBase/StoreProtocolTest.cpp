@@ -36,10 +36,7 @@ class StoreProtocolTest : public StoreRequestFixture {
   StoreProtocolTest() {
     _runLoop.onTimer = [] {};  // people have time
     _service->bag = Dictionary{{"authenticateAccount", kAuthenticateURL}};
-    _previousPeers = HSServiceProxy::setPeers({[this](const auto&) { return _downloads; },
-                                               [this](const auto&) { return _transactions; }});
   }
-  ~StoreProtocolTest() override { HSServiceProxy::setPeers(std::move(_previousPeers)); }
 
   void answerWith(const Dictionary& list, int status = 200) {
     respond(status, {}, std::string(PropertyList::encode(list, PropertyList::Format::XML).view()));
@@ -69,7 +66,12 @@ class StoreProtocolTest : public StoreRequestFixture {
 
   std::shared_ptr<Transactions> _transactions = std::make_shared<Transactions>();
   std::shared_ptr<Downloads> _downloads = std::make_shared<Downloads>();
-  HSServiceProxy::Peers _previousPeers;
+  HSServiceProxy::DownloadServices _downloadServices = [this](const auto&) { return _downloads; };
+  ScopedShared<HSServiceProxy::DownloadServices> _sharedDownloads{_downloadServices};
+  HSServiceProxy::TransactionServices _transactionServices = [this](const auto&) {
+    return _transactions;
+  };
+  ScopedShared<HSServiceProxy::TransactionServices> _sharedTransactions{_transactionServices};
   ScopedDialogCenter _dialogs;
   std::shared_ptr<HSPropertyListProvider> _provider;
   CapturedLog _log;

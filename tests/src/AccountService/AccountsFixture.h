@@ -46,15 +46,7 @@ class AccountsTest : public ::testing::Test {
     std::vector<std::pair<std::string, std::string>> posted;
   };
 
-  AccountsTest() {
-    HSServiceProxy::Peers peers;
-    peers.transactionService = [this](HSServiceProxy::Client) { return transactions; };
-    _previousPeers = HSServiceProxy::setPeers(peers);
-  }
-  ~AccountsTest() override {
-    finishOperations();
-    HSServiceProxy::setPeers(_previousPeers);
-  }
+  ~AccountsTest() override { finishOperations(); }
 
   std::shared_ptr<AccountStore> store() { return AccountStore::accountStoreForClient(client); }
   // As after a restart.
@@ -100,7 +92,8 @@ class AccountsTest : public ::testing::Test {
   std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
 
  private:
-  HSServiceProxy::Peers _previousPeers;
+  HSServiceProxy::TransactionServices _services = [this](const auto&) { return transactions; };
+  const ScopedShared<HSServiceProxy::TransactionServices> _sharedServices{_services};
 };
 
 }  // namespace tallow
