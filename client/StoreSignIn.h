@@ -5,8 +5,8 @@
 
 #include "client/TransactionAgent.h"
 #include "platform/Base/URL.h"
-#include "platform/Base/Value.h"
 #include "platform/HTTP/HTTPTransport.h"
+#include "platform/VendBase/HSRequestHop.h"
 
 namespace tallow {
 
@@ -24,12 +24,12 @@ class StoreSignIn {
 
  private:
   Result<URL> _address();
-  Result<Dictionary> _answerOfStore(const URL& address,
-                                    const TransactionAgent::Credentials& credentials);
-  // What goes with every request of the client's to its store.
-  Result<HTTPHeaderList> _standardHeaders(const std::string& url);
+  Result<HTTPResponse> _exchange(const URL& address,
+                                 const TransactionAgent::Credentials& credentials);
+  // What goes with every request of the client's to its store, by HSStoreURLOperation's rules.
+  std::optional<Error> _addStandardHeaders(HSRequestHop& hop);
   // What every answer of its store may bring.
-  std::optional<Error> _takeIn(const HTTPResponse& response, const std::string& url);
+  std::optional<Error> _takeIn(const HTTPResponse& response);
 
   AccountServiceClient& _service;
   const std::string _client;

@@ -1,6 +1,6 @@
 #include "devstore/Answer.h"
 
-#include <strings.h>
+#include "platform/Base/ASCII.h"
 
 namespace tallow::devstore {
 
@@ -31,6 +31,10 @@ Answer Answer::redirect(int status, std::string_view location) {
   return answer;
 }
 
+bool Answer::canBeHeaderText(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
 void Answer::addHeader(std::string_view name, std::string_view value) {
   headers.emplace_back(name, value);
 }
@@ -41,10 +45,8 @@ void Answer::setHeader(std::string_view name, std::string_view value) {
 }
 
 void Answer::removeHeader(std::string_view name) {
-  std::erase_if(headers, [&](const auto& header) {
-    return header.first.size() == name.size() &&
-           strncasecmp(header.first.data(), name.data(), name.size()) == 0;
-  });
+  std::erase_if(headers,
+                [&](const auto& header) { return ascii::equalIgnoringCase(header.first, name); });
 }
 
 }  // namespace tallow::devstore

@@ -35,6 +35,8 @@ struct Answer {
   static Answer json(int status, std::string_view text);
   static Answer redirect(int status, std::string_view location);
 
+  // Everything may stand in a header but what would end it: a store may well send odd bytes.
+  static bool canBeHeaderText(std::string_view text);
   void addHeader(std::string_view name, std::string_view value);
   // Replaces every header of that name, without regard to case.
   void setHeader(std::string_view name, std::string_view value);

@@ -23,11 +23,6 @@ constexpr std::string_view kXMLHeader =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
 constexpr std::string_view kXMLFooter = "\n</plist>\n";
 
-// Everything may stand in a header but what would end it: a store may well send odd bytes.
-bool isHeaderText(std::string_view text) {
-  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
-
 bool isHeaderName(std::string_view name) {
   return !name.empty() && std::all_of(name.begin(), name.end(),
                                       [](char c) { return c > ' ' && c < 0x7f && c != ':'; });
@@ -102,7 +97,7 @@ void AnswerSettings::readHeaders(JSONReader& reader) {
         continue;
       }
       for (std::string& text : inner.strings(name).value_or(std::vector<std::string>())) {
-        if (!isHeaderText(text)) inner.fail(name, "must not contain line breaks or NUL");
+        if (!Answer::canBeHeaderText(text)) inner.fail(name, "must not contain line breaks or NUL");
         _headers.emplace_back(name, std::move(text));
       }
     }
@@ -111,12 +106,14 @@ void AnswerSettings::readHeaders(JSONReader& reader) {
 
   _cookies = reader.strings("setCookie");
   for (const std::string& cookie : _cookies.value_or(std::vector<std::string>())) {
-    if (!isHeaderText(cookie)) reader.fail("setCookie", "must not contain line breaks or NUL");
+    if (!Answer::canBeHeaderText(cookie))
+      reader.fail("setCookie", "must not contain line breaks or NUL");
   }
 
   const auto header = [&](std::string_view key, const char* name) {
     std::optional<std::string> text = reader.string(key);
-    if (text && !isHeaderText(*text)) reader.fail(key, "must not contain line breaks or NUL");
+    if (text && !Answer::canBeHeaderText(*text))
+      reader.fail(key, "must not contain line breaks or NUL");
     if (text && name != nullptr) _headers.emplace_back(name, text);
     return text;
   };
@@ -128,7 +125,8 @@ void AnswerSettings::readHeaders(JSONReader& reader) {
     if (maxAge->is_null()) {
       _headers.emplace_back("Cache-Control", std::nullopt);
     } else if (maxAge->is_number() ||
-               (maxAge->is_string() && isHeaderText(maxAge->get_ref<const std::string&>()))) {
+               (maxAge->is_string() &&
+                Answer::canBeHeaderText(maxAge->get_ref<const std::string&>()))) {
       const std::string text = maxAge->is_string() ? maxAge->get<std::string>() : maxAge->dump();
       _headers.emplace_back("Cache-Control", "max-age=" + text);
     } else {

@@ -1,12 +1,11 @@
 #include "devstore/MachineRegistry.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <vector>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Base64.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/Random.h"
@@ -50,10 +49,6 @@ void makeRoom(Map& map) {
   if (map.size() >= kMostKept) map.erase(map.begin());
 }
 
-}  // namespace
-
-namespace {
-
 // Why a request is not granted.
 class Refusal {
  public:
@@ -75,7 +70,7 @@ Dictionary bodyOf(const ReceivedRequest& request, bool isAnonymous) {
     throw Refusal(std::string("the body is not ") + kContentType);
   for (const auto& [name, value] : request.headers)
     for (const char* identity : kIdentityHeaders)
-      if (strcasecmp(name.c_str(), identity) == 0)
+      if (ascii::equalIgnoringCase(name, identity))
         throw Refusal("an exchange must not carry " + name);
   const Result<Value> body = PropertyList::decode(request.body);
   if (!body || body->dictionary() == nullptr) throw Refusal("the body is no dictionary");

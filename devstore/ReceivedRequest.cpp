@@ -1,8 +1,8 @@
 #include "devstore/ReceivedRequest.h"
 
-#include <strings.h>
-
 #include <algorithm>
+
+#include "platform/Base/ASCII.h"
 
 namespace tallow::devstore {
 
@@ -19,8 +19,7 @@ const std::string* firstValue(const std::vector<ReceivedRequest::Field>& fields,
 
 const std::string* ReceivedRequest::header(std::string_view name) const {
   return firstValue(headers, [&](const std::string& candidate) {
-    return candidate.size() == name.size() &&
-           strncasecmp(candidate.data(), name.data(), name.size()) == 0;
+    return ascii::equalIgnoringCase(candidate, name);
   });
 }
 

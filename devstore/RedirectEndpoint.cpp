@@ -29,7 +29,7 @@ Answer RedirectEndpoint::answer(const ReceivedRequest& request, const Settings*,
   if (request.path == "/redirect/loop") return Answer::redirect(kFound, "/redirect/loop");
   if (request.path == "/redirect/chain") return nextOfChain(request);
   const std::string* to = request.parameter("to");
-  if (to == nullptr || to->find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+  if (to == nullptr || !Answer::canBeHeaderText(*to)) {
     return Answer::text(400, "/redirect?to=URL\n");
   }
   return Answer::redirect(kFound, *to);

@@ -305,10 +305,11 @@ Value Bag::_signedBagDictionaryFromServerResponseDictionary(
   return *decoded;
 }
 
-std::filesystem::path Bag::_persistedStoreURL() const {
-  const std::string& identifier = *_storeClient->identifier;
-  const std::filesystem::path directory = Directories::shared().cacheHome / identifier;
-  if (!isSafePathComponent(identifier) || !ensureDirectoryExists(directory))
+std::optional<std::filesystem::path> Bag::_persistedStoreURL() const {
+  const std::optional<std::string>& identifier = _storeClient->identifier;
+  if (!identifier || !isSafePathComponent(*identifier)) return std::nullopt;
+  const std::filesystem::path directory = Directories::shared().cacheHome / *identifier;
+  if (!ensureDirectoryExists(directory))
     logLevel(1, "%@: Failed to create cache directory: %@", kClassName, directory.native());
   return directory / persistedFileName(_bagType);
 }
@@ -316,9 +317,10 @@ std::filesystem::path Bag::_persistedStoreURL() const {
 // Runs on the validation queue: one writer a bag.
 void Bag::_writePersistedStoreToDiskWithDictionary(const Dictionary& response,
                                                    const std::optional<URL>& bootstrapURL) {
-  if (!_validUntilDate || !_storeClient->identifier || _leavesPersistedStoreAlone) return;
-  if (!isSafePathComponent(*_storeClient->identifier)) return;
-  const std::filesystem::path path = _persistedStoreURL();
+  if (!_validUntilDate || _leavesPersistedStoreAlone) return;
+  const std::optional<std::filesystem::path> location = _persistedStoreURL();
+  if (!location) return;
+  const std::filesystem::path& path = *location;
   try {
     const Value address = bootstrapURL ? Value(bootstrapURL->absoluteString()) : Value();
     const Dictionary archive =
@@ -341,8 +343,9 @@ void Bag::_writePersistedStoreToDiskWithDictionary(const Dictionary& response,
 }
 
 void Bag::_loadFromPersistedStore() {
-  if (!_storeClient->identifier || !isSafePathComponent(*_storeClient->identifier)) return;
-  const std::filesystem::path path = _persistedStoreURL();
+  const std::optional<std::filesystem::path> location = _persistedStoreURL();
+  if (!location) return;
+  const std::filesystem::path& path = *location;
   const Result<Data> contents = readFile(path);
   if (!contents) {
     // None is no fault.

@@ -22,8 +22,6 @@ namespace tallow {
 
 class Bag;
 
-enum BagType : std::uint64_t { kBagTypeProduction = 1, kBagTypeSandbox = 2 };
-
 class BagDelegate {
  public:
   virtual ~BagDelegate() = default;
@@ -122,7 +120,8 @@ class Bag : public std::enable_shared_from_this<Bag> {
 
   Value _signedBagDictionaryFromServerResponseDictionary(
       const Dictionary& response, std::optional<Error>* returningError) const;
-  std::filesystem::path _persistedStoreURL() const;
+  // Nil for a client whose identifier names no folder.
+  std::optional<std::filesystem::path> _persistedStoreURL() const;
   void _writePersistedStoreToDiskWithDictionary(const Dictionary& response,
                                                 const std::optional<URL>& bootstrapURL);
   void _loadFromPersistedStore();

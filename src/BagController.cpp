@@ -12,17 +12,6 @@
 
 namespace tallow {
 
-namespace {
-
-// A header under its usual spelling, or else all in lower case as HTTP/2 has it. No other spelling.
-std::optional<std::string> headerInEitherCase(const HTTPResponse& response, const char* usual,
-                                              const char* lowerCase) {
-  auto value = response.header(usual);
-  return value ? value : response.header(lowerCase);
-}
-
-}  // namespace
-
 ClientRegistry<BagController>& BagController::registry() {
   static auto& registry = *new ClientRegistry<BagController>(
       {"bagControllerForClient:", "controller"},
@@ -175,8 +164,8 @@ bool BagController::ping(const Value& entry) {
 }
 
 void BagController::takeStoreFrontFromResponse(const HTTPResponse& response) {
-  const auto storeFrontID =
-      headerInEitherCase(response, "X-Set-Vantor-Store-Front", "x-set-vantor-store-front");
+  // The store request has handed it in already; setting it once more changes nothing.
+  const auto storeFrontID = HSStoreURLOperation::storeFrontSetBy(response);
   if (!storeFrontID) return;
   if (const auto controller = StoreFrontController::storefrontControllerForClient(storeClient()))
     controller->setStoreFrontID(storeFrontID);
@@ -185,7 +174,8 @@ void BagController::takeStoreFrontFromResponse(const HTTPResponse& response) {
 
 void BagController::takeCookieFromResponse(const HSStoreURLOperation& operation,
                                            const HTTPResponse& response) {
-  const auto cookie = headerInEitherCase(response, "Set-Cookie", "set-cookie");
+  auto cookie = response.header("Set-Cookie");
+  if (!cookie) cookie = response.header("set-cookie");  // as HTTP/2 has it; no other spelling
   if (!cookie) return;
   // The wrapper itself is handed over as the headers, not the dictionary inside it, so the jar
   // finds no Set-Cookie in it. That is intended: the store request has handed the ping's cookies in

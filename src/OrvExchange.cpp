@@ -7,14 +7,11 @@
 #include "platform/Base/Format.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 
 namespace tallow::OrvExchange {
 
-namespace {
-
-constexpr const char* kContentType = "application/x-vantor-plist";
-
-}  // namespace
+namespace {}  // namespace
 
 Error libraryError(std::int32_t status) {
   return Error{OrvLibrary::kErrorDomain, status, {}};
@@ -46,7 +43,7 @@ std::shared_ptr<HSStoreURLOperation> postOperation(
   request.suppressOrvHeaders = true;
   request.method = "POST";
   request.body = PropertyList::encode(body, PropertyList::Format::XML);
-  request.headers = {{"Content-Type", kContentType}};
+  request.headers = {{"Content-Type", kStoreContentType}};
 
   const auto provider = HSPropertyListProvider::providerWithStoreClient(storeClient);
   provider->setShouldProcessDialogs(false);  // nor is anybody asked to sign in
@@ -61,12 +58,11 @@ std::shared_ptr<HSStoreURLOperation> postOperation(
 }
 
 std::optional<Error> serverError(const Dictionary& answer) {
-  const Value& type = answer["failureType"];
+  const Value& type = answer[kStoreFailureTypeKey];
   if (type.isNil()) return std::nullopt;
-  const std::string* const message = answer["customerMessage"].string();
   // Some servers write the number as text.
-  return HSError(type.intValue().value_or(0),
-                 message == nullptr ? std::nullopt : std::optional(*message), std::nullopt);
+  return HSError(type.intValue().value_or(0), answer[kStoreCustomerMessageKey].stringOrNil(),
+                 std::nullopt);
 }
 
 std::optional<Data> decodedData(const Dictionary& answer, const char* key) {

@@ -9,6 +9,7 @@
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/MediaTypeMask.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/AccountService/AccountStore.h"
 
@@ -189,8 +190,8 @@ void RegisterPushNotificationOperation::operationFinishedWithOutput(HSStoreURLOp
     VBLogManager::sharedManager().logPropertyList(3, *answer, "ResponseBody_%@", lastComponent);
     const Value& status = (*answer)["status"];
     if (!status.isNumber()) {
-      failure = HSError((*answer)["failureType"].intValue().value_or(0), kTitle,
-                        (*answer)["customerMessage"].stringOrNil());
+      failure = HSError((*answer)[kStoreFailureTypeKey].intValue().value_or(0), kTitle,
+                        (*answer)[kStoreCustomerMessageKey].stringOrNil());
     } else if (status.signedValue() != 0) {
       failure = HSError(status.signedValue(), kTitle, kFailedToRegister);
     } else {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -44,6 +46,25 @@ constexpr bool startsWithIgnoringCase(std::string_view text, std::string_view pr
 
 constexpr bool hasControl(std::string_view text) {
   return std::any_of(text.begin(), text.end(), isControl);
+}
+
+inline void appendHexadecimal(std::string& text, std::span<const std::uint8_t> bytes) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  for (const std::uint8_t byte : bytes) text += {kDigits[byte >> 4], kDigits[byte & 15]};
+}
+
+// What stands for a character in the text of XML and its like; mostly itself.
+constexpr std::string_view markupOf(const char& c) {
+  switch (c) {
+    case '&':
+      return "&amp;";
+    case '<':
+      return "&lt;";
+    case '>':
+      return "&gt;";
+    default:
+      return {&c, 1};
+  }
 }
 
 constexpr std::string_view trimmed(std::string_view text) {

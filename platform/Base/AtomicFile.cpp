@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Random.h"
@@ -50,11 +51,7 @@ std::string temporaryName() {
   std::array<std::uint8_t, 8> bytes{};
   Random::shared().fill(bytes);
   std::string name(kTemporaryPrefix);
-  for (const std::uint8_t byte : bytes) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    name += kDigits[byte >> 4];
-    name += kDigits[byte & 15];
-  }
+  ascii::appendHexadecimal(name, bytes);
   return name.append(kTemporarySuffix);
 }
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/UTF8.h"
 #include "platform/Base/Value.h"
 
@@ -57,13 +58,9 @@ class Describer {
   }
 
   void append(const Data& data) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
     std::string text = "<";
-    for (const std::uint8_t byte :
-         data.span().first(std::min(data.length(), kMaxDescribedDataBytes))) {
-      text += kDigits[byte >> 4];
-      text += kDigits[byte & 15];
-    }
+    ascii::appendHexadecimal(text,
+                             data.span().first(std::min(data.length(), kMaxDescribedDataBytes)));
     if (data.length() > kMaxDescribedDataBytes) {
       text += "... " + std::to_string(data.length()) + " bytes";
     }

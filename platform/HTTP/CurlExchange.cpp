@@ -1,15 +1,13 @@
 #include "platform/HTTP/CurlExchange.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Format.h"
 #include "platform/HTTP/CurlLibrary.h"
 
@@ -25,13 +23,10 @@ long milliseconds(double seconds) {
   return rounded >= 1 ? static_cast<long>(std::min(rounded, kMost)) : 1;
 }
 
-bool equalIgnoringCase(std::string_view a, const char* b) {
-  return a.size() == std::strlen(b) && strncasecmp(a.data(), b, a.size()) == 0;
-}
-
 bool hasHeader(const HTTPHeaderList& headers, const char* name) {
-  return std::any_of(headers.begin(), headers.end(),
-                     [name](const auto& header) { return equalIgnoringCase(header.first, name); });
+  return std::any_of(headers.begin(), headers.end(), [name](const auto& header) {
+    return ascii::equalIgnoringCase(header.first, name);
+  });
 }
 
 // The library's parse of the URL's text, with the same settings as URL::parse, and with the very

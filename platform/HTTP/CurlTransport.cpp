@@ -316,7 +316,7 @@ std::shared_ptr<CurlExchange> CurlTransport::exchangeFor(HTTPRequest request,
 void CurlTransport::submit(const std::shared_ptr<CurlExchange>& exchange, Driver driver) {
   if (!CurlLibrary::isAvailable())
     exchange->finish(
-        makeError("HTTP", kOther, "The HTTP library (libcurl.so.4) cannot be loaded."));
+        makeError(kErrorDomain, kOther, "The HTTP library (libcurl.so.4) cannot be loaded."));
   else if (!(driver == Driver::Caller ? _loop->submitAndDrive(exchange) : _loop->submit(exchange)))
     exchange->finish(CURLE_OUT_OF_MEMORY);
 }

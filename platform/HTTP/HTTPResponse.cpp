@@ -3,27 +3,13 @@
 #include <cmath>
 #include <limits>
 
+#include "platform/Base/ASCII.h"
 #include "platform/HTTP/HTTPTransport.h"
 
 namespace tallow {
 namespace {
 
 constexpr double kLargestMaxAge = 2147483648.0;  // 2^31, RFC 9111 section 1.2.2
-
-char lowerCase(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return lowerCase(x) == lowerCase(y); });
-}
-
-std::string_view trimmed(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
 
 // Takes the next element of a comma-separated list off `list`; commas inside quoted strings do not
 // separate.
@@ -41,7 +27,7 @@ std::string_view takeElement(std::string_view& list) {
   }
   const std::string_view element = list.substr(0, end);
   list.remove_prefix(std::min(end + 1, list.size()));
-  return trimmed(element);
+  return ascii::trimmed(element);
 }
 
 // delta-seconds, which recipients also take quoted; a minus sign is no valid syntax, but says
@@ -78,7 +64,7 @@ Dictionary HTTPResponse::headerDictionary() const {
   for (const auto& [name, value] : headers) {
     const auto known = std::find_if(
         grouped.begin(), grouped.end(),
-        [&name = name](const Lines& lines) { return equalIgnoringCase(lines.name, name); });
+        [&name = name](const Lines& lines) { return ascii::equalIgnoringCase(lines.name, name); });
     if (known != grouped.end()) {
       known->values.emplace_back(value);
     } else {
@@ -89,7 +75,7 @@ Dictionary HTTPResponse::headerDictionary() const {
   entries.reserve(grouped.size());
   for (const Lines& lines : grouped) {
     // The one header whose lines cannot be joined: its values hold commas of their own.
-    if (lines.values.size() > 1 && equalIgnoringCase(lines.name, "Set-Cookie")) {
+    if (lines.values.size() > 1 && ascii::equalIgnoringCase(lines.name, "Set-Cookie")) {
       entries.push_back({std::string(lines.name),
                          Array(std::vector<Value>(lines.values.begin(), lines.values.end()))});
       continue;
@@ -105,13 +91,13 @@ Dictionary HTTPResponse::headerDictionary() const {
 std::optional<double> HTTPResponse::cacheControlMaxAgeSeconds() const {
   std::optional<double> maxAge;
   for (const auto& [name, value] : headers) {
-    if (!equalIgnoringCase(name, "Cache-Control")) continue;
+    if (!ascii::equalIgnoringCase(name, "Cache-Control")) continue;
     std::string_view rest = value;
     while (!rest.empty()) {
       const std::string_view directive = takeElement(rest);
       const std::size_t equals = directive.find('=');
       if (!maxAge && equals != std::string_view::npos &&
-          equalIgnoringCase(directive.substr(0, equals), "max-age"))
+          ascii::equalIgnoringCase(directive.substr(0, equals), "max-age"))
         maxAge = deltaSeconds(directive.substr(equals + 1));
     }
   }

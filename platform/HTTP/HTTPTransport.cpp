@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <future>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Format.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/HTTP/CurlTransport.h"
@@ -24,15 +25,8 @@ bool hasControlCharacter(std::string_view text) {
   });
 }
 
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return lower;
-}
-
 bool framesTheMessage(std::string_view headerName) {
-  const std::string name = lowerCase(headerName);
+  const std::string name = ascii::lowercased(headerName);
   return name == "host" || name == "content-length" || name == "transfer-encoding";
 }
 
@@ -62,7 +56,7 @@ std::optional<Error> HTTPTransport::refusalOf(const HTTPRequest& request) {
   const auto refusal = [](std::string description) {
     return makeError(HTTPTransport::kErrorDomain, kBadRequest, std::move(description));
   };
-  const std::string scheme = lowerCase(request.url.scheme());
+  const std::string scheme = ascii::lowercased(request.url.scheme());
   if (scheme != "http" && scheme != "https")
     return refusal(format("A URL of the scheme \"%s\" cannot be loaded.", request.url.scheme()));
   if (request.url.host().empty()) return refusal("The URL names no host.");

@@ -57,7 +57,7 @@ struct HTTPResponse {
 // Redirects are never followed here: who asked judges them. A response with any status code is a
 // response, not an error. Callable from any thread.
 //
-// Errors: domain "HTTP", code one of ErrorCode.
+// Errors: domain kErrorDomain, code one of ErrorCode.
 class HTTPTransport {
  public:
   static constexpr const char* kErrorDomain = "HTTP";

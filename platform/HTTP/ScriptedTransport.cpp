@@ -9,7 +9,7 @@ namespace tallow {
 namespace {
 
 Error scriptedError(HTTPTransport::ErrorCode code, std::string description) {
-  return makeError("HTTP", code, std::move(description));
+  return makeError(HTTPTransport::kErrorDomain, code, std::move(description));
 }
 
 }  // namespace

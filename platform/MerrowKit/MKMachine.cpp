@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Preferences/Preferences.h"
 #include "platform/VendBase/DefaultsKeys.h"
@@ -38,11 +39,6 @@ std::string trimmed(const std::string& text) {
   return first < last ? std::string(first, last) : std::string();
 }
 
-std::string lowerCase(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 // What stands in the tables of machines whose maker has given them no serial number.
 bool isPlaceholder(const std::string& serial) {
   static constexpr std::array kPlaceholders = {"",
@@ -60,7 +56,7 @@ bool isPlaceholder(const std::string& serial) {
                                                "not available",
                                                "invalid",
                                                "empty"};
-  const std::string text = lowerCase(serial);
+  const std::string text = ascii::lowercased(serial);
   return std::find(kPlaceholders.begin(), kPlaceholders.end(), text) != kPlaceholders.end() ||
          text.find_first_not_of("0") == std::string::npos;
 }
@@ -74,7 +70,7 @@ bool hasBurntInAddress(const sockaddr_ll& link) {
 }
 
 bool saysRecovery(const std::string& name) {
-  return lowerCase(name).find("recovery") != std::string::npos;
+  return ascii::lowercased(name).find("recovery") != std::string::npos;
 }
 
 class SystemMachine final : public MKMachine {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/Base/ASCII.h"
 #include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerConnection.h"
@@ -30,21 +31,7 @@ std::string sourceOf(const UserNotification& notification) {
 // For services that take the body as markup.
 std::string escapedForMarkup(const std::string& text) {
   std::string escaped;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
+  for (const char& c : text) escaped += ascii::markupOf(c);
   return escaped;
 }
 

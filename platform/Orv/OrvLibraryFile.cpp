@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Orv/OrvLibrary.h"
 #include "platform/Orv/OrvStatus.h"
 #include "platform/Orv/tallow-orv.h"
 #include "platform/Preferences/TOML.h"
@@ -22,7 +23,7 @@ constexpr std::size_t kLargestPreferences = 1u << 20;
 constexpr const char* kSymbol = "tallow_orv_get_library";
 
 Error unusable(const std::filesystem::path& file, const std::string& why) {
-  return makeError("OrvErrorDomain", kOrvNoLibrary, file.native() + ": " + why);
+  return makeError(OrvLibrary::kErrorDomain, kOrvNoLibrary, file.native() + ": " + why);
 }
 
 }  // namespace

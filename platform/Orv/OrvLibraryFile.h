@@ -24,7 +24,7 @@ Result<std::optional<std::filesystem::path>> administratorsChoice(
 std::optional<Error> objectionTo(const std::filesystem::path& file);
 
 // Loads it, for the life of the process, if there is nothing against it. Error domain
-// "OrvErrorDomain", code kOrvNoLibrary.
+// OrvLibrary::kErrorDomain, code kOrvNoLibrary.
 Result<const tallow_orv_library*> load(const std::filesystem::path& file);
 
 // The same without asking who could have written it.

@@ -33,7 +33,8 @@ constexpr std::array<NamedNumber, 5> kClientTypes{{
     {"media-store", kHSStoreClientTypeMediaStore},
     {"media-store-agent", kHSStoreClientTypeMediaStoreAgent},
 }};
-constexpr std::array<NamedNumber, 2> kBagTypes{{{"production", 1}, {"sandbox", 2}}};
+constexpr std::array<NamedNumber, 2> kBagTypes{
+    {{"production", kBagTypeProduction}, {"sandbox", kBagTypeSandbox}}};
 
 // Reads one table, remembers the first thing that is wrong with it and which keys it knows.
 class TableReader {

@@ -1,6 +1,7 @@
 #include "platform/VendBase/HSAuthenticationResponse.h"
 
 #include "platform/VendBase/HSStoreAccount.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 
 namespace tallow {
 
@@ -16,9 +17,9 @@ std::optional<std::string> HSAuthenticationResponse::string(std::string_view key
 }
 
 std::optional<std::uint64_t> HSAuthenticationResponse::dsID() const {
-  if (auto dsID = HSStoreAccount::dsidFromPlistValue(_responseDictionary["dsPersonId"]))
+  if (auto dsID = HSStoreAccount::dsidFromPlistValue(_responseDictionary[kStorePersonIDKey]))
     return dsID;
-  return HSStoreAccount::dsidFromPlistValue(_responseDictionary["dsid"]);
+  return HSStoreAccount::dsidFromPlistValue(_responseDictionary[kStoreDSIDKey]);
 }
 
 std::optional<std::string> HSAuthenticationResponse::identifier() const {
@@ -35,7 +36,7 @@ std::optional<std::string> HSAuthenticationResponse::storeFront() const {
 }
 
 std::optional<std::string> HSAuthenticationResponse::creditString() const {
-  return string("creditDisplay");
+  return string(kStoreCreditDisplayKey);
 }
 
 std::optional<std::int64_t> HSAuthenticationResponse::kind() const {

@@ -5,36 +5,28 @@
 #include <optional>
 #include <utility>
 
+#include "platform/Base/ASCII.h"
 #include "platform/VendBase/HSError.h"
 
 namespace tallow {
 
 namespace {
 
-char lowerCase(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return lowerCase(x) == lowerCase(y); });
-}
-
 const std::string* locationOf(const HTTPResponse& response) {
   for (const auto& [name, value] : response.headers)
-    if (equalIgnoringCase(name, "Location")) return &value;
+    if (ascii::equalIgnoringCase(name, "Location")) return &value;
   return nullptr;
 }
 
 // Unlike the bag's rules, which compare schemes as written, this one only ever refuses: "HTTP" is
 // as insecure as "http".
 bool isScheme(const URL& url, std::string_view scheme) {
-  return equalIgnoringCase(url.scheme(), scheme);
+  return ascii::equalIgnoringCase(url.scheme(), scheme);
 }
 
 bool sameOrigin(const URL& a, const URL& b) {
-  return equalIgnoringCase(a.scheme(), b.scheme()) && a.canonicalHost() == b.canonicalHost() &&
-         a.port() == b.port();
+  return ascii::equalIgnoringCase(a.scheme(), b.scheme()) &&
+         a.canonicalHost() == b.canonicalHost() && a.port() == b.port();
 }
 
 bool becomesGet(int statusCode, std::string_view method) {
@@ -86,8 +78,9 @@ Result<HSRequestHop> HSRequestHop::hopAfterRedirect(const HTTPResponse& response
 }
 
 bool HSRequestHop::hasHeader(std::string_view name) const {
-  return std::any_of(headers.begin(), headers.end(),
-                     [&](const auto& header) { return equalIgnoringCase(header.first, name); });
+  return std::any_of(headers.begin(), headers.end(), [&](const auto& header) {
+    return ascii::equalIgnoringCase(header.first, name);
+  });
 }
 
 bool HSRequestHop::addHeader(std::string_view name, std::string_view value) {
@@ -99,7 +92,8 @@ bool HSRequestHop::addHeader(std::string_view name, std::string_view value) {
 }
 
 void HSRequestHop::removeHeader(std::string_view name) {
-  std::erase_if(headers, [&](const auto& header) { return equalIgnoringCase(header.first, name); });
+  std::erase_if(headers,
+                [&](const auto& header) { return ascii::equalIgnoringCase(header.first, name); });
 }
 
 }  // namespace tallow

@@ -5,19 +5,20 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Random.h"
 #include "platform/Base/UTF8.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSStoreURLOperation.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 
 namespace {
 
-constexpr const char* kURLBagKey = "authenticateAccount";
 // For the bag, and for the account service to take the account in: what any request has in whole.
 constexpr double kPatienceSeconds = 60;
 
@@ -29,28 +30,12 @@ bool isText(std::string_view text) {
          });
 }
 
-std::string_view escapeOf(const char& c) {
-  switch (c) {
-    case '&':
-      return "&amp;";
-    case '<':
-      return "&lt;";
-    case '>':
-      return "&gt;";
-    default:
-      return {&c, 1};
-  }
-}
-
 // Stands for the password in the list as it is encoded: nobody can guess it.
 std::string placeholder() {
   std::array<std::uint8_t, 16> bytes{};
   Random::shared().fill(bytes);
   std::string text = "password-";
-  for (const std::uint8_t byte : bytes) {
-    text += static_cast<char>('a' + (byte >> 4));
-    text += static_cast<char>('a' + (byte & 15));
-  }
+  ascii::appendHexadecimal(text, bytes);
   return text;
 }
 
@@ -59,14 +44,14 @@ Data filledIn(const Data& list, std::string_view mark, const Secret& secret) {
   const std::string_view text = list.view();
   const std::size_t at = text.find(mark);
   std::size_t length = text.size() - mark.size();
-  for (const char& c : secret.view()) length += escapeOf(c).size();
+  for (const char& c : secret.view()) length += ascii::markupOf(c).size();
   std::vector<std::uint8_t> bytes;
   bytes.reserve(length);  // once: no copy is left behind
   const auto add = [&](std::string_view part) {
     bytes.insert(bytes.end(), part.begin(), part.end());
   };
   add(text.substr(0, at));
-  for (const char& c : secret.view()) add(escapeOf(c));
+  for (const char& c : secret.view()) add(ascii::markupOf(c));
   add(text.substr(at + mark.size()));
   return Data::wipedAfterUse(std::move(bytes));
 }
@@ -88,10 +73,10 @@ void HSSignInOperation::run() {
 }
 
 std::optional<Error> HSSignInOperation::_signIn() {
-  const std::optional<URL> url = urlForURLBagKey(kURLBagKey, kPatienceSeconds);
+  const std::optional<URL> url = urlForURLBagKey(kAuthenticateAccountBagKey, kPatienceSeconds);
   if (!url)
     return HSError(kHSErrorNoBagEntry, std::nullopt,
-                   format("There is no URL under the bag key %@", kURLBagKey));
+                   format("There is no URL under the bag key %@", kAuthenticateAccountBagKey));
   if (url->scheme() != "https") {
     logLevel(1, "%@: Not sending a password to %@", HSSignInOperation::kClassName, *url);
     return HSError(kHSErrorNotTrusted, std::nullopt, "The store asks for a password over http");
@@ -105,7 +90,7 @@ std::optional<Error> HSSignInOperation::_signIn() {
   provider->setShouldProcessProtocol(false);
   HSURLRequest post(*url);
   post.method = "POST";
-  post.headers = {{"Content-Type", "application/x-vantor-plist"}};
+  post.headers = {{"Content-Type", kStoreContentType}};
   post.body = *std::move(body);
   request->setRequest(std::move(post));
   request->setNeedsAuthentication(false);
@@ -132,10 +117,10 @@ std::optional<Data> HSSignInOperation::requestBody(const HSAuthenticationContext
 Result<std::uint64_t> HSSignInOperation::dsIDFromAnswer(const Value& answer,
                                                         const HSAuthenticationContext& context) {
   const Dictionary all = answer.dictionary() != nullptr ? *answer.dictionary() : Dictionary();
-  if (all.contains("failureType")) {
-    const std::string* const words = all["customerMessage"].string();
+  if (all.contains(kStoreFailureTypeKey)) {
+    const auto words = all[kStoreCustomerMessageKey].stringOrNil();
     return HSError(kHSErrorSignInRefused,
-                   words != nullptr ? *words : "The store does not accept this name and password.",
+                   words.value_or("The store does not accept this name and password."),
                    std::nullopt);
   }
   const std::optional<std::uint64_t> dsID = HSAuthenticationResponse(all).dsID();

@@ -118,15 +118,6 @@ void HSStoreAccount::setIsSignedIn(bool isSignedIn) {
 std::int64_t HSStoreAccount::kind() const {
   return copyOf(&Fields::kind);
 }
-void HSStoreAccount::setKind(std::int64_t kind) {
-  set(&Fields::kind, kind);
-}
-std::uint64_t HSStoreAccount::bagType() const {
-  return copyOf(&Fields::bagType);
-}
-void HSStoreAccount::setBagType(std::uint64_t bagType) {
-  set(&Fields::bagType, bagType);
-}
 std::optional<std::string> HSStoreAccount::storeFront() const {
   return copyOf(&Fields::storeFront);
 }
@@ -151,9 +142,6 @@ void HSStoreAccount::setToken(std::optional<std::string> token) {
 }
 std::optional<Date> HSStoreAccount::tokenIssuedDate() const {
   return copyOf(&Fields::tokenIssuedDate);
-}
-void HSStoreAccount::setTokenIssuedDate(std::optional<Date> date) {
-  set(&Fields::tokenIssuedDate, date);
 }
 
 bool HSStoreAccount::isAuthenticated() const {

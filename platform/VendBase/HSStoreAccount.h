@@ -64,9 +64,6 @@ class HSStoreAccount {
   bool isSignedIn() const;
   void setIsSignedIn(bool isSignedIn);
   std::int64_t kind() const;
-  void setKind(std::int64_t kind);
-  std::uint64_t bagType() const;
-  void setBagType(std::uint64_t bagType);
   std::optional<std::string> storeFront() const;
   void setStoreFront(std::optional<std::string> storeFront);
   std::optional<std::string> creditString() const;
@@ -77,7 +74,6 @@ class HSStoreAccount {
   std::optional<std::string> token() const;
   void setToken(std::optional<std::string> token);
   std::optional<Date> tokenIssuedDate() const;
-  void setTokenIssuedDate(std::optional<Date> date);
 
   // There is a token.
   bool isAuthenticated() const;

@@ -19,6 +19,8 @@ enum HSStoreClientType : std::int64_t {
   kHSStoreClientTypeMediaStoreAgent = 4,
 };
 
+enum BagType : std::uint64_t { kBagTypeProduction = 1, kBagTypeSandbox = 2 };
+
 // The calling store process, as its descriptor file describes it. Immutable once shared; passed
 // around as shared_ptr<const HSStoreClient>. Two calls of one process may see two different objects
 // when its descriptor changed in between: see isEqualToStoreClient.
@@ -32,7 +34,7 @@ class HSStoreClient {
 
   std::optional<std::string> identifier;
   std::int64_t clientType = kHSStoreClientTypeStoreAgent;
-  std::uint64_t requiredBagType = 1;
+  std::uint64_t requiredBagType = kBagTypeProduction;
   std::string appPreferencesDomain;
   std::string agentPreferencesDomain;
   std::vector<URL> productionBagURLs;

@@ -5,16 +5,15 @@
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSSignInOperation.h"
 #include "platform/VendBase/HSStoreURLOperation.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
 
 namespace {
 
-constexpr const char* kCreditKey = "creditDisplay";
 constexpr const char* kDownloadsKey = "downloads";
 constexpr const char* kDialogKey = "dialog";
-constexpr const char* kFailureKey = "failureType";
 
 // "downloads" is a list of what waits, or simply true.
 bool saysThatDownloadsWait(const Value& downloads) {
@@ -32,7 +31,7 @@ HSStoreProtocol::Outcome HSStoreProtocol::process(const Dictionary& answer) {
 }
 
 void HSStoreProtocol::_processCredit(const Dictionary& answer) {
-  if (!answer.contains(kCreditKey)) return;
+  if (!answer.contains(kStoreCreditDisplayKey)) return;
   if (const auto service = _operation.serviceProxy().accountService())
     service->parseCreditStringForProtocol(answer, {});
 }
@@ -61,7 +60,8 @@ void HSStoreProtocol::_processDialog(const Dictionary& answer) {
   _outcome.didProcessDialog = !isDismissed;
   if (!dialog->signIn) return;
   if (!isDismissed) _signIn(*std::move(dialog), std::move(given));
-  if (!_outcome.authenticatedAccountDSID && !_outcome.error && !answer.contains(kFailureKey))
+  if (!_outcome.authenticatedAccountDSID && !_outcome.error &&
+      !answer.contains(kStoreFailureTypeKey))
     _outcome.error = HSError(kHSErrorNotSignedIn, "Not signed in", std::nullopt);
 }
 

@@ -14,6 +14,7 @@
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/OrvAction.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -30,7 +31,6 @@ constexpr double kLeastIntakeSeconds = 5;
 constexpr int kMaxAttempts = 3;
 constexpr double kFirstRetryPauseSeconds = 0.5;  // doubled each time, and up to as much again
 
-constexpr const char* kStoreFrontHeader = "X-Vantor-Store-Front";
 constexpr const char* kGUIDHeader = "X-Vantor-GUID";
 constexpr const char* kDSIDHeader = "X-Vantor-DSID";
 constexpr const char* kTokenHeader = "X-Vantor-Token";
@@ -44,21 +44,13 @@ Error serviceUnavailable() {
 }
 
 Error timedOut() {
-  return makeError("HTTP", HTTPTransport::kTimedOut, "The request timed out");
-}
-
-std::optional<Error> failureForStatus(int statusCode) {
-  if (statusCode >= 200 && statusCode < 300) return std::nullopt;
-  Error error = HSError(kHSErrorHTTPStatus, std::nullopt,
-                        format("The store answered with status %d", statusCode));
-  error.userInfo = error.userInfo.setting(kHSErrorStatusKey, statusCode);
-  return error;
+  return makeError(HTTPTransport::kErrorDomain, HTTPTransport::kTimedOut, "The request timed out");
 }
 
 // Whether sending once more can help and cannot do the work twice: an exchange that never reached
 // the server, or one that a repeat leaves as it is (RFC 9110 section 9.2.2).
 bool mayRetry(const Error& error, std::string_view method) {
-  if (error.domain != "HTTP") return false;
+  if (error.domain != HTTPTransport::kErrorDomain) return false;
   if (error.code == HTTPTransport::kCannotConnect) return true;
   return (error.code == HTTPTransport::kTimedOut || error.code == HTTPTransport::kConnectionLost) &&
          method != "POST" && method != "PATCH";
@@ -86,6 +78,14 @@ std::optional<std::string> HSStoreURLOperation::storeFrontSetBy(const HTTPRespon
   for (const char* name : kSetStoreFrontHeaders)
     if (auto value = response.header(name)) return value;
   return std::nullopt;
+}
+
+std::optional<Error> HSStoreURLOperation::failureForStatus(int statusCode) {
+  if (statusCode >= 200 && statusCode < 300) return std::nullopt;
+  Error error = HSError(kHSErrorHTTPStatus, std::nullopt,
+                        format("The store answered with status %d", statusCode));
+  error.userInfo = error.userInfo.setting(kHSErrorStatusKey, statusCode);
+  return error;
 }
 
 HSStoreURLOperation::HSStoreURLOperation(std::shared_ptr<const HSStoreClient> initWithStoreClient)

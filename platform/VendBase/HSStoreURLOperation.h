@@ -52,7 +52,7 @@ class HSStoreURLOperationDelegate {
 // redirects may only stay on the host that it was told to trust. It never asks the account service
 // for anything that needs a bag, so it may run inside a bag's load.
 //
-// Errors: of the transport as they are (domain "HTTP"), of the data provider, and of
+// Errors: of the transport as they are (HTTPTransport::kErrorDomain), of the data provider, and of
 // kHSErrorDomain: NoBagEntry, NotTrusted, TooManyRedirects, InsecureRedirect, InvalidResponse (a
 // redirect to no web address), HTTPStatus (a final status outside 200 to 299, which is in the user
 // info), Cancelled, ServiceUnavailable, NotSignedIn (nobody wanted to).
@@ -74,6 +74,8 @@ class HSStoreURLOperation : public HSOperation {
   static std::shared_ptr<HSStoreURLOperation> propertyListOperationWithURLBagKey(
       std::string key, std::shared_ptr<const HSStoreClient> storeClient);
 
+  // What becomes of a run that ends with that status: an error unless it is one of success.
+  static std::optional<Error> failureForStatus(int statusCode);
   // The storefront that a response tells its client to have from now on.
   static std::optional<std::string> storeFrontSetBy(const HTTPResponse& response);
 
@@ -121,7 +123,6 @@ class HSStoreURLOperation : public HSOperation {
   // The response's max-age in seconds written into *maxAge; left unchanged when it states none.
   void getVantorMaxAge(double* maxAge) const;
 
-  const std::shared_ptr<HSDataProvider>& dataProvider() const { return _dataProvider; }
   // The account that this request was sent for, because it needed one or the store said so.
   std::optional<std::uint64_t> authenticatedDSID() const { return _authenticatedDSID; }
 

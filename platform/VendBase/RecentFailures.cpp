@@ -74,7 +74,7 @@ FailureKind kindOfStoreError(const Error& error) {
 }  // namespace
 
 FailureKind failureKindOf(const Error& error) {
-  if (error.domain == "HTTP") return kindOfTransport(error);
+  if (error.domain == HTTPTransport::kErrorDomain) return kindOfTransport(error);
   if (error.domain == kHSErrorDomain) return kindOfStoreError(error);
   if (error.domain == "org.freedesktop.DBus.Error.AccessDenied") return FailureKind::LockedOut;
   return FailureKind::Other;

@@ -5,6 +5,7 @@
 
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/VendBase/RecentFailures.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/HSStoreAccount+AccountService.h"
 
@@ -179,10 +180,7 @@ AccountStore::Account AccountStore::addAccountWithAuthenticationResponse(
   Account account = _requestQueue.sync([&]() -> Account {
     if (!hasRoomOnQueue(response.dsID())) return nullptr;
     Account found = _nonThreadSafeAccountForDSID(response.dsID());
-    if (!found) {
-      found = std::make_shared<HSStoreAccount>();
-      found->setBagType(storeClient()->requiredBagType);
-    }
+    if (!found) found = std::make_shared<HSStoreAccount>();
     // First: a timer of an earlier sign-in that is just firing must not take the new token along.
     found->retireTokenExpirationTimer();
     found->mergeValuesFromAuthenticationResponse(response);
@@ -219,14 +217,14 @@ void AccountStore::signInWithContext(const HSAuthenticationContext& context,
 
 bool AccountStore::authIsExpired() const {
   const Account primary = primaryAccount();
-  return !primary || !primary->isAuthenticated() || !primary->hasValidStrongToken();
+  return !primary || !primary->hasValidStrongToken();
 }
 
 void AccountStore::parseCreditStringForProtocol(const Dictionary& protocol) {
   Account account;
-  if (const auto person = HSStoreAccount::dsidFromPlistValue(protocol["dsPersonId"]))
+  if (const auto person = HSStoreAccount::dsidFromPlistValue(protocol[kStorePersonIDKey]))
     account = accountWithDSID(person);
-  else if (const auto dsID = HSStoreAccount::dsidFromPlistValue(protocol["dsid"]))
+  else if (const auto dsID = HSStoreAccount::dsidFromPlistValue(protocol[kStoreDSIDKey]))
     account = accountWithDSID(dsID);
   else
     account = primaryAccount();

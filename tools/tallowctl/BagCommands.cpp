@@ -1,3 +1,4 @@
+#include "platform/VendBase/HSStoreClient.h"
 #include "tools/tallowctl/Application.h"
 
 namespace tallow::ctl {
@@ -40,7 +41,8 @@ void addLoadAndValid(Application& application, CLI::App& bag) {
            [&application, type] {
              return application.withClient([&](AccountServiceClient& client) {
                return application.show(
-                   client.loadURLBagWithType(*type == "sandbox" ? 2 : 1),
+                   client.loadURLBagWithType(*type == "sandbox" ? kBagTypeSandbox
+                                                                : kBagTypeProduction),
                    [&](const auto& load) { return showLoad(application, load); });
              });
            })

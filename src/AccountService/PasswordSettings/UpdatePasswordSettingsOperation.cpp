@@ -7,6 +7,7 @@
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/StoreProtocolKeys.h"
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
@@ -15,11 +16,6 @@ namespace {
 
 // What the sign-in is for, by the store's own numbers.
 constexpr std::int64_t kAuthenticationReason = 7;
-
-std::optional<std::string> customerMessage(const Dictionary& answer) {
-  const std::string* const text = answer["customerMessage"].string();
-  return text != nullptr ? std::optional(*text) : std::nullopt;
-}
 
 }  // namespace
 
@@ -44,9 +40,10 @@ void UpdatePasswordSettingsOperation::run() {
       continue;
     }
     const Dictionary* const answer = request.provider->output().dictionary();
-    if (answer != nullptr && answer->contains("failureType")) {
+    if (answer != nullptr && answer->contains(kStoreFailureTypeKey)) {
       // The store's words become the title: that is what people are shown.
-      fail(HSError(kHSErrorInvalidResponse, customerMessage(*answer), std::nullopt));
+      fail(HSError(kHSErrorInvalidResponse, (*answer)[kStoreCustomerMessageKey].stringOrNil(),
+                   std::nullopt));
       return;
     }
     setSuccess(true);
