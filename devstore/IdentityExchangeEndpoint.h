@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string_view>
-
 #include "devstore/Endpoint.h"
 
 namespace tallow::devstore {

@@ -40,17 +40,22 @@ std::optional<IdentityOrder> IdentityOrder::read(JSONReader& reader) {
   return order;
 }
 
-std::optional<IdentityOrder> IdentityOrder::ofQuery(const ReceivedRequest& request) {
+Result<std::optional<IdentityOrder>> IdentityOrder::ofQuery(const ReceivedRequest& request) {
+  const auto complaint = [](const char* text) { return makeError("DevStore", 0, text); };
   const std::string* const text = request.parameter("order");
-  if (text == nullptr) return std::nullopt;
+  if (text == nullptr) return std::optional<IdentityOrder>();
   const auto action = actionNamed(*text);
-  if (!action) return std::nullopt;
+  if (!action) return complaint("order: must be one of reset, provision, sync");
   IdentityOrder order;
   order.action = *action;
-  if (const std::string* const dsID = request.parameter("dsid"))
-    std::from_chars(dsID->data(), dsID->data() + dsID->size(), order.dsID);
+  if (const std::string* const dsID = request.parameter("dsid")) {
+    const auto [end, error] =
+        std::from_chars(dsID->data(), dsID->data() + dsID->size(), order.dsID);
+    if (error != std::errc() || end != dsID->data() + dsID->size())
+      return complaint("dsid: must be a whole number");
+  }
   if (request.parameter("anonymous") != nullptr) order.dsID = kAnonymous;
-  return order;
+  return std::optional(order);
 }
 
 }  // namespace tallow::devstore

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "platform/Base/Result.h"
+
 namespace tallow::devstore {
 
 class JSONReader;
@@ -21,9 +23,9 @@ struct IdentityOrder {
 
   // Takes the key "identity" of an answer's staging; nullopt where there is none.
   static std::optional<IdentityOrder> read(JSONReader& reader);
-  // The query parameters "order", "dsid" and "anonymous"; nullopt where there is no order that is
-  // one.
-  static std::optional<IdentityOrder> ofQuery(const ReceivedRequest& request);
+  // The query parameters "order", "dsid" and "anonymous"; nullopt without the first, an error where
+  // they are no order.
+  static Result<std::optional<IdentityOrder>> ofQuery(const ReceivedRequest& request);
 };
 
 }  // namespace tallow::devstore

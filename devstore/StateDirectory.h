@@ -1,7 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,8 +20,6 @@ class StateDirectory {
 
   StateDirectory(const StateDirectory&) = delete;
   StateDirectory& operator=(const StateDirectory&) = delete;
-
-  const std::filesystem::path& path() const { return _path; }
 
   // The identity kept under keys/NAME.pem; nullopt when there is none yet, an error when the file
   // is damaged.

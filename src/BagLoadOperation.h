@@ -36,6 +36,7 @@ class BagLoadOperation final : public HSOperation, private HSStoreURLOperationDe
   BagLoadOperation(std::shared_ptr<Bag> initWithBag,
                    std::shared_ptr<const HSStoreClient> storeClient);
 
+  // For the output handler, which is handed the operation; today's knows its bag already.
   const std::shared_ptr<Bag>& bagToLoad() const { return _bagToLoad; }
   const OutputHandler& bagLoadOutputHandler() const { return _bagLoadOutputHandler; }
   void setBagLoadOutputHandler(OutputHandler handler) {

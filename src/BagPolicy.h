@@ -1,8 +1,5 @@
 #pragma once
 
-#include <optional>
-#include <string>
-
 #include "platform/Base/URL.h"
 #include "platform/Base/Value.h"
 

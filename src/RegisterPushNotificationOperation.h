@@ -44,7 +44,7 @@ class RegisterPushNotificationOperation final : public HSOperation,
   std::uint64_t mediaTypeMask() const { return _mediaTypeMask; }
   void setMediaTypeMask(std::uint64_t mask) { _mediaTypeMask = mask; }
 
-  // Always nil.
+  // Always nil, and asked by nobody: what the store answers is judged here and passed on to nobody.
   std::optional<Dictionary> copyResponseDictionary() const { return std::nullopt; }
 
   // The names of what is enabled for the account, asked of the store while the caller waits; nil

@@ -12,7 +12,6 @@ class LazyLibrary {
   // `fileName` as the loader looks it up ("libcurl.so.4"). Loads at once.
   explicit LazyLibrary(const char* fileName);
 
-  bool isLoaded() const { return _handle != nullptr; }
   // Sets `function` to the library's symbol; false, and null, when it has none.
   template <class Function>
   bool find(Function*& function, const char* symbol) const {

@@ -93,7 +93,7 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
   std::list<Entry> entries;
 
  private:
-  // Appends to the entries, or takes the turn if it has become free; true in that case. With the
+  // Says that somebody waits, or takes the turn if it has become free; true in that case. With the
   // mutex held.
   bool takeOrAnnounceWaiting();
   void handOver(std::unique_lock<std::mutex>& lock);
@@ -202,20 +202,8 @@ SerialQueue::SerialQueue(std::string label) : _state(std::make_shared<State>(std
 
 SerialQueue::~SerialQueue() = default;
 
-const std::string& SerialQueue::label() const {
-  return _state->label;
-}
-
 void SerialQueue::async(std::function<void()> block) {
   _state->submit(Activity::carriedTo(std::move(block)));
-}
-
-bool SerialQueue::isCurrent() const {
-  return _state->isCurrent();
-}
-
-std::size_t SerialQueue::depth() const {
-  return _state->depth();
 }
 
 std::map<std::string, std::size_t> SerialQueue::busyQueues() {

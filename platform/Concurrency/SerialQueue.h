@@ -22,8 +22,6 @@ class SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  const std::string& label() const;
-
   // Submits and returns at once.
   void async(std::function<void()> block);
 
@@ -45,11 +43,7 @@ class SerialQueue {
     return true;
   }
 
-  // True when the calling thread is inside one of this queue's blocks.
-  bool isCurrent() const;
-  // Blocks that wait or run, for status reports.
-  std::size_t depth() const;
-  // The same of all queues of the process where there are any, by label.
+  // How many blocks wait or run, of all queues of the process where any do, by label.
   static std::map<std::string, std::size_t> busyQueues();
 
  private:

@@ -2,18 +2,16 @@
 
 namespace tallow {
 
-void appendToCookieHeader(std::string& header, const Cookie& cookie) {
-  if (!header.empty()) header += "; ";
-  if (!cookie.name.empty()) {
-    header += cookie.name;
-    header += '=';
-  }
-  header += cookie.value;
-}
-
 std::string cookieHeaderValue(const std::vector<CookiePointer>& cookies) {
   std::string header;
-  for (const CookiePointer& cookie : cookies) appendToCookieHeader(header, *cookie);
+  for (const CookiePointer& cookie : cookies) {
+    if (!header.empty()) header += "; ";
+    if (!cookie->name.empty()) {
+      header += cookie->name;
+      header += '=';
+    }
+    header += cookie->value;
+  }
   return header;
 }
 

@@ -35,11 +35,7 @@ struct Cookie {
 };
 using CookiePointer = std::shared_ptr<const Cookie>;
 
-// Appends one cookie to a Cookie header value, "; " before it when the value is not empty. A cookie
-// without a name is written as its value alone.
-void appendToCookieHeader(std::string& header, const Cookie& cookie);
-
-// "name=value; name=value", empty for no cookies.
+// "name=value; name=value", empty for no cookies. A cookie without a name is its value alone.
 std::string cookieHeaderValue(const std::vector<CookiePointer>& cookies);
 
 }  // namespace tallow

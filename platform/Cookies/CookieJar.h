@@ -55,8 +55,6 @@ class CookieJar {
   // The cookies to send to `url`, in the order of RFC 6265 section 5.4 (longer paths first, then
   // older first). Expired cookies never; Secure cookies only when `secureAllowed`.
   virtual std::vector<CookiePointer> cookiesForURL(const URL& url, bool secureAllowed) = 0;
-  // cookieHeaderValue() of the same cookies, without making the list.
-  virtual std::string headerValueForURL(const URL& url, bool secureAllowed) = 0;
   // Judges each parsed cookie against `url` and stores what passes, all in one transaction.
   virtual std::vector<CookieDecision> setCookies(const std::vector<ParsedCookie>& cookies,
                                                  const URL& url) = 0;

@@ -51,22 +51,6 @@ std::vector<CookiePointer> SQLiteCookieJar::cookiesForURL(const URL& url, bool s
   return cookies;
 }
 
-std::string SQLiteCookieJar::headerValueForURL(const URL& url, bool secureAllowed) {
-  const Date now = Clock::shared().now();
-  const std::lock_guard lock(_mutex);
-  _reloadIfChanged();
-  const auto matches = _table.match(url, secureAllowed, now);
-  constexpr std::size_t kPunctuation = 3;  // "=" and "; "
-  std::size_t length = 0;
-  for (const CookieTable::Match& match : matches) {
-    length += match.cookie().name.size() + match.cookie().value.size() + kPunctuation;
-  }
-  std::string header;
-  header.reserve(length);
-  for (const CookieTable::Match& match : matches) appendToCookieHeader(header, match.cookie());
-  return header;
-}
-
 std::vector<CookieDecision> SQLiteCookieJar::setCookies(const std::vector<ParsedCookie>& cookies,
                                                         const URL& url) {
   const Date now = Clock::shared().now();

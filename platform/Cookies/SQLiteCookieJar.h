@@ -29,7 +29,6 @@ class SQLiteCookieJar final : public CookieJar {
   ~SQLiteCookieJar() override;
 
   std::vector<CookiePointer> cookiesForURL(const URL& url, bool secureAllowed) override;
-  std::string headerValueForURL(const URL& url, bool secureAllowed) override;
   std::vector<CookieDecision> setCookies(const std::vector<ParsedCookie>& cookies,
                                          const URL& url) override;
   void deleteAllCookies() override;

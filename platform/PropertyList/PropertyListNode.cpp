@@ -1,10 +1,13 @@
 #include "platform/PropertyList/PropertyListNode.h"
 
 #include <array>
+#include <span>
 #include <string_view>
 #include <vector>
 
 namespace tallow::PropertyList {
+
+namespace {
 
 Node nodeFromBinaryObject(std::span<const std::uint8_t> object) {
   constexpr std::string_view kMagic = "bplist00";
@@ -25,6 +28,8 @@ Node nodeFromBinaryObject(std::span<const std::uint8_t> object) {
                  static_cast<std::uint32_t>(list.size()), &node);
   return Node(node);
 }
+
+}  // namespace
 
 Node nodeFromBits(std::uint8_t marker, std::uint64_t bits, bool highZeros) {
   std::array<std::uint8_t, 17> object{marker};

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <type_traits>
 
@@ -36,11 +35,9 @@ using Node = std::unique_ptr<std::remove_pointer_t<plist_t>, NodeCloser>;
 // Moments of property lists count from 2001-01-01 00:00:00 UTC.
 inline constexpr double kEpochSecondsSince1970 = 978307200;
 
-// The node that the library's parser makes of one object in binary form. For values that its
-// constructors cannot take: dates by the double, integers above INT64_MAX. Null if it refuses.
-Node nodeFromBinaryObject(std::span<const std::uint8_t> object);
-
-// A binary object of `marker` and `bits`, big-endian; `highZeros` puts eight zero bytes between.
+// The node that the library's parser makes of one binary object: `marker` and `bits`, big-endian;
+// `highZeros` puts eight zero bytes between. For values that its constructors cannot take: dates by
+// the double, integers above INT64_MAX. Null if it refuses.
 Node nodeFromBits(std::uint8_t marker, std::uint64_t bits, bool highZeros = false);
 
 inline constexpr std::uint8_t kInteger64Marker = 0x13;

@@ -38,7 +38,6 @@ class HSPropertyListProvider final : public HSDataProvider {
   // Whether this request wants the store protocol in the answer acted on. The bag's requests do
   // not: what they fetch says who is to be trusted.
   void setShouldProcessProtocol(bool should) { _shouldProcessProtocol = should; }
-  bool shouldProcessProtocol() const { return _shouldProcessProtocol; }
   // Of the store protocol: whether its dialogs are shown (unless set: no; set to no, nobody is
   // asked to sign in either), and whether the download service is told that something waits for it
   // (unless set: yes).

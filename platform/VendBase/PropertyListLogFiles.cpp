@@ -11,21 +11,18 @@
 
 namespace tallow {
 
-namespace {
+PropertyListLogFiles::PropertyListLogFiles(std::filesystem::path folder, std::size_t maxFiles,
+                                           std::size_t maxFileBytes)
+    : _folder(std::move(folder)), _maxFiles(maxFiles), _maxFileBytes(maxFileBytes) {}
 
-Data contentsFor(const Value& value) {
+Data PropertyListLogFiles::contentsFor(const Value& value) const {
   if (value.isNil()) return Data(std::string_view("(null)\n"));
   Data whole = PropertyList::encode(value, PropertyList::Format::XML);
-  if (whole.length() <= PropertyListLogFiles::kMaxFileBytes) return whole;
-  std::string cut(whole.view().substr(0, PropertyListLogFiles::kMaxFileBytes));
+  if (whole.length() <= _maxFileBytes) return whole;
+  std::string cut(whole.view().substr(0, _maxFileBytes));
   cut += format("\n<!-- cut here; %lu bytes in all -->\n", whole.length());
   return Data(std::string_view(cut));
 }
-
-}  // namespace
-
-PropertyListLogFiles::PropertyListLogFiles(std::filesystem::path folder)
-    : _folder(std::move(folder)) {}
 
 void PropertyListLogFiles::write(std::string_view fileName, const Value& value) {
   if (!isSafePathComponent(fileName)) {
@@ -62,7 +59,7 @@ void PropertyListLogFiles::removeOldest() {
     oldestTime = time;
     oldest = entry->path();
   }
-  if (count >= kMaxFiles) std::filesystem::remove(oldest, error);
+  if (count >= _maxFiles) std::filesystem::remove(oldest, error);
 }
 
 }  // namespace tallow

@@ -20,15 +20,18 @@ class PropertyListLogFiles {
   static constexpr std::size_t kMaxFiles = 128;
   static constexpr std::size_t kMaxFileBytes = 8u << 20;
 
-  explicit PropertyListLogFiles(std::filesystem::path folder);
+  explicit PropertyListLogFiles(std::filesystem::path folder, std::size_t maxFiles = kMaxFiles,
+                                std::size_t maxFileBytes = kMaxFileBytes);
 
   // What cannot be written is logged at level 1; a dump is never worth more than that.
   void write(std::string_view fileName, const Value& value);
 
  private:
+  Data contentsFor(const Value& value) const;
   void removeOldest();
 
   const std::filesystem::path _folder;
+  const std::size_t _maxFiles, _maxFileBytes;
   std::mutex _mutex;
 };
 

@@ -202,9 +202,7 @@ void AccountServiceObject::Describe(sdbus::Result<std::string>&& result) {
     const std::uint32_t uid = asking.connection().uid;
     WorkerPool::shared().async([status = _status, reply, callers = _callers.describeTo(uid),
                                 seesAll = uid == 0 || uid == geteuid()] {
-      const auto text = JSON::decode(*status ? (*status)() : "{}");
-      const Dictionary* const told = text ? text->dictionary() : nullptr;
-      Dictionary all = told == nullptr ? Dictionary() : *told;
+      Dictionary all = *status ? (*status)() : Dictionary();
       // Failures name the clients and files of whoever had them.
       if (!seesAll) all = all.removing("failures");
       reply->answer(JSON::encode(all.setting("callers", callers)));

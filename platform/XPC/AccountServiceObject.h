@@ -27,7 +27,7 @@ class AccountServiceObject final
   // Of one text of an account.
   static constexpr std::size_t kMaxAccountTextBytes = 4096;
 
-  using StatusProvider = std::function<std::string()>;
+  using StatusProvider = std::function<Dictionary()>;
 
   AccountServiceObject(sdbus::IConnection& connection, CallerTable& callers,
                        std::shared_ptr<const StatusProvider> status);

@@ -34,7 +34,7 @@ class BusListener final : public XPCListener {
   ~BusListener() override { stop(); }
 
   void setDelegate(XPCListenerDelegate* delegate) override { _delegate = delegate; }
-  void setStatusProvider(std::function<std::string()> provider) override {
+  void setStatusProvider(std::function<Dictionary()> provider) override {
     *_status = std::move(provider);
   }
   void setInvalidationHandler(std::function<void()> handler) override {
@@ -181,8 +181,8 @@ class BusListener final : public XPCListener {
   Bus _bus;
   bool _hasName = false;  // the reading thread's, once it runs
   XPCListenerDelegate* _delegate = nullptr;
-  std::shared_ptr<std::function<std::string()>> _status =
-      std::make_shared<std::function<std::string()>>();
+  std::shared_ptr<std::function<Dictionary()>> _status =
+      std::make_shared<std::function<Dictionary()>>();
   std::function<void()> _invalidated;
   std::shared_ptr<BusConnection> _connection;
   std::unique_ptr<CallerTable> _callers;

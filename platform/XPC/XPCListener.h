@@ -44,9 +44,9 @@ class XPCListener {
   // Connects, exports, claims the name and starts the reader thread. The error when the bus is not
   // there or the name is taken.
   virtual std::optional<Error> resume() = 0;
-  // What the status interface's Describe() answers, one JSON object, to which the listener adds its
+  // What the status interface's Describe() answers, as JSON, once the listener has added its
   // "callers" (other users' only for root); asked on a worker thread. Before resume.
-  virtual void setStatusProvider(std::function<std::string()> provider) = 0;
+  virtual void setStatusProvider(std::function<Dictionary()> provider) = 0;
   // Called once, on the listener's thread, when the bus has gone away. Before resume.
   virtual void setInvalidationHandler(std::function<void()> handler) = 0;
   // What callers make the listener hold.

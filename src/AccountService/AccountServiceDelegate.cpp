@@ -70,7 +70,7 @@ int runAccountService(int argc, const char* const* argv) {
                                                                         XPCListener::Bus::Session);
   listener->setDelegate(&delegate);
   listener->setStatusProvider([isDaemon, startedAt = Clock::shared().monotonicSeconds()] {
-    return serviceStatusText(isDaemon, startedAt);
+    return serviceStatus(isDaemon, startedAt);
   });
   // Nobody can reach a service whose bus has gone; a new bus starts a new one.
   listener->setInvalidationHandler([] { RunLoop::main().stop(0); });

@@ -6,7 +6,6 @@
 
 #include "platform/Base/Clock.h"
 #include "platform/Concurrency/SerialQueue.h"
-#include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/HSOperationQueue.h"
 #include "platform/VendBase/RecentFailures.h"
 #include "platform/XPC/XPCTransaction.h"
@@ -124,29 +123,29 @@ Array identitiesStatus(const OrvController::Status& status) {
   for (const std::uint64_t dsID : dsIDs)
     identities.emplace_back(Dictionary{
         {"dsid", dsID},
-        {"provisioned", status.provisionedDSIDs ? Value(provisioned.contains(dsID)) : Value()},
-        {"syncState", status.hasSyncState}});
+        {"provisioned", status.provisionedDSIDs ? Value(provisioned.contains(dsID)) : Value()}});
   return Array(std::move(identities));
 }
 
 }  // namespace
 
-std::string serviceStatusText(bool isDaemon, double startedAt) {
+Dictionary serviceStatus(bool isDaemon, double startedAt) {
   const double uptime = Clock::shared().monotonicSeconds() - startedAt;
   const OrvController::Status identity = OrvController::sharedController().status();
-  return JSON::encode(Dictionary{{"version", TALLOW_VERSION},
-                                 {"instance", isDaemon ? "daemon" : "agent"},
-                                 {"started", Clock::shared().now().addingSeconds(-uptime)},
-                                 {"uptimeSeconds", static_cast<std::int64_t>(uptime)},
-                                 {"transactions", XPCTransaction::count()},
-                                 {"accounts", accountsStatus()},
-                                 {"bags", bagsStatus()},
-                                 {"failures", failuresStatus()},
-                                 {"identities", identitiesStatus(identity)},
-                                 {"identityLibrary", identity.library},
-                                 {"jars", jarsStatus()},
-                                 {"queues", queuesStatus()},
-                                 {"storefronts", storefrontsStatus()}});
+  return Dictionary{{"version", TALLOW_VERSION},
+                    {"instance", isDaemon ? "daemon" : "agent"},
+                    {"started", Clock::shared().now().addingSeconds(-uptime)},
+                    {"uptimeSeconds", static_cast<std::int64_t>(uptime)},
+                    {"transactions", XPCTransaction::count()},
+                    {"accounts", accountsStatus()},
+                    {"bags", bagsStatus()},
+                    {"failures", failuresStatus()},
+                    {"identities", identitiesStatus(identity)},
+                    {"identityLibrary", identity.library},
+                    {"identitySyncState", identity.hasSyncState},
+                    {"jars", jarsStatus()},
+                    {"queues", queuesStatus()},
+                    {"storefronts", storefrontsStatus()}};
 }
 
 }  // namespace tallow

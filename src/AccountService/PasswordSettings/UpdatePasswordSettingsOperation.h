@@ -20,7 +20,7 @@ class UpdatePasswordSettingsOperation final : public HSOperation {
 
   using HSOperation::HSOperation;
 
-  // Before it runs.
+  // Set before it runs; readable as its sibling's are, though only the operation itself reads them.
   const std::optional<Dictionary>& passwordSettings() const { return _passwordSettings; }
   void setPasswordSettings(std::optional<Dictionary> settings) {
     _passwordSettings = std::move(settings);

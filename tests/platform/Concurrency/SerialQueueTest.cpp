@@ -33,8 +33,8 @@ class HeldTurn {
   std::promise<void> _entered, _release;
 };
 
-void waitForDepth(const SerialQueue& queue, std::size_t depth) {
-  while (queue.depth() < depth) std::this_thread::yield();
+void waitForDepth(const char* label, std::size_t depth) {
+  while (SerialQueue::busyQueues()[label] < depth) std::this_thread::yield();
 }
 
 TEST(SerialQueueTest, RunsEverythingInTheOrderOfSubmission) {
@@ -43,16 +43,16 @@ TEST(SerialQueueTest, RunsEverythingInTheOrderOfSubmission) {
   std::vector<int> order;
   queue.async([&] { order.push_back(1); });
   std::thread second([&] { queue.sync([&] { order.push_back(2); }); });
-  waitForDepth(queue, 3);
+  waitForDepth("order", 3);
   queue.async([&] { order.push_back(3); });
   std::thread fourth([&] { queue.sync([&] { order.push_back(4); }); });
-  waitForDepth(queue, 5);
+  waitForDepth("order", 5);
   turn.release();
   queue.sync([&] { order.push_back(5); });
   second.join();
   fourth.join();
   EXPECT_THAT(order, ElementsAre(1, 2, 3, 4, 5));
-  EXPECT_EQ(queue.depth(), 0u);
+  EXPECT_EQ(SerialQueue::busyQueues().count("order"), 0u);
 }
 
 TEST(SerialQueueTest, SyncRunsOnTheCallingThreadAndReturnsTheResult) {
@@ -102,27 +102,6 @@ TEST(SerialQueueTest, TrySyncTakesOnlyAnIdleQueue) {
   EXPECT_TRUE(queue.trySync([] {}));
 }
 
-TEST(SerialQueueTest, KnowsWhichQueuesTheThreadIsInside) {
-  SerialQueue outer("outer"), inner("inner"), other("other");
-  EXPECT_FALSE(outer.isCurrent());
-  outer.sync([&] {
-    inner.sync([&] {
-      EXPECT_TRUE(outer.isCurrent());
-      EXPECT_TRUE(inner.isCurrent());
-      EXPECT_FALSE(other.isCurrent());
-      std::thread([&] { EXPECT_FALSE(outer.isCurrent()); }).join();
-    });
-    EXPECT_TRUE(outer.isCurrent());
-    EXPECT_FALSE(inner.isCurrent());
-  });
-  EXPECT_FALSE(outer.isCurrent());
-  std::promise<bool> inAsync, inNext;
-  outer.async([&] { inAsync.set_value(outer.isCurrent()); });
-  other.async([&] { inNext.set_value(outer.isCurrent()); });
-  EXPECT_TRUE(inAsync.get_future().get());
-  EXPECT_FALSE(inNext.get_future().get());
-}
-
 TEST(SerialQueueDeathTest, AbortsWithTheLabelWhenEnteredTwice) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   SerialQueue queue("Bag Serial Access Queue");
@@ -156,7 +135,7 @@ TEST(SerialQueueTest, WaitingBlocksOutliveTheQueueObject) {
 TEST(SerialQueueTest, ReleasesWhatABlockHeldInsideItsTurn) {
   SerialQueue queue("release");
   bool wasInside = false;
-  auto held = std::shared_ptr<void>(nullptr, [&](void*) { wasInside = queue.isCurrent(); });
+  auto held = std::shared_ptr<void>(nullptr, [&](void*) { wasInside = !queue.trySync([] {}); });
   queue.async([held = std::move(held)] {});
   queue.sync([] {});
   EXPECT_TRUE(wasInside);

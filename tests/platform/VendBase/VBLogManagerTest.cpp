@@ -161,16 +161,15 @@ TEST_F(PropertyListLogFilesTest, RefusesNamesThatLeaveTheFolder) {
 }
 
 TEST_F(PropertyListLogFilesTest, BoundsSizeAndNumber) {
-  const Value large = Data(std::vector<std::uint8_t>(PropertyListLogFiles::kMaxFileBytes, 7));
-  _files.write("Large", large);
-  EXPECT_LT(std::filesystem::file_size(_folder / "log/Large"),
-            PropertyListLogFiles::kMaxFileBytes + 100);
+  constexpr std::size_t kFiles = 4, kBytes = 1000;
+  PropertyListLogFiles files(_folder / "log", kFiles, kBytes);
+  files.write("Large", Data(std::string(kBytes, 'x')));
+  EXPECT_LT(std::filesystem::file_size(_folder / "log/Large"), kBytes + 100);
   EXPECT_THAT(contentsOf(_folder / "log/Large"), ::testing::HasSubstr("cut here"));
-  for (std::size_t i = 0; i < PropertyListLogFiles::kMaxFiles + 10; ++i) {
-    _files.write("Dump" + std::to_string(i), Value(1));
-  }
+  std::filesystem::last_write_time(_folder / "log/Large", {});  // long ago
+  for (std::size_t i = 0; i < 2 * kFiles; ++i) files.write("Dump" + std::to_string(i), Value(1));
   const auto count = std::distance(std::filesystem::directory_iterator(_folder / "log"), {});
-  EXPECT_EQ(static_cast<std::size_t>(count), PropertyListLogFiles::kMaxFiles);
+  EXPECT_EQ(static_cast<std::size_t>(count), kFiles);
   EXPECT_FALSE(std::filesystem::exists(_folder / "log/Large"));
 }
 

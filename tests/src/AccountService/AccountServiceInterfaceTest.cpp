@@ -37,18 +37,6 @@ class AccountServiceInterfaceTest : public ::testing::Test {
       std::make_shared<AccountServiceInterface>(client);
 };
 
-TEST_F(AccountServiceInterfaceTest, HeadersAreTheCookiesAndEmptyWithoutAny) {
-  EXPECT_TRUE(headersFor("https://www.example.com/").empty());
-  done([&](auto reply) {
-    interface->consumeCookiesWithHTTPHeaders({{"set-cookie", "a=1; Path=/"}},
-                                             URL::parse("https://www.example.com/"), reply);
-  });
-  EXPECT_EQ(headersFor("https://www.example.com/"), (Dictionary{{"Cookie", "a=1"}}));
-  EXPECT_TRUE(world.transport.requests().empty()) << "without identity headers no bag is asked for";
-  done([&](auto reply) { interface->deleteAllCookies(reply); });
-  EXPECT_TRUE(headersFor("https://www.example.com/").empty());
-}
-
 // What a store request asks of the service, and what it hands in: on the calling thread, before the
 // call returns, once the service has it all at hand; and even then not while it would mean waiting.
 TEST_F(AccountServiceInterfaceTest, WhatNeedNotWaitIsAnsweredAtOnce) {

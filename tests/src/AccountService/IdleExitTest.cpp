@@ -17,7 +17,7 @@ class LoadedListener final : public XPCListener {
  public:
   void setDelegate(XPCListenerDelegate*) override {}
   std::optional<Error> resume() override { return std::nullopt; }
-  void setStatusProvider(std::function<std::string()>) override {}
+  void setStatusProvider(std::function<Dictionary()>) override {}
   void setInvalidationHandler(std::function<void()>) override {}
   void tellLoad(LoadHandler told) override { told(load); }
   void giveUpNameIf(std::function<bool(const Load&)> decide,
