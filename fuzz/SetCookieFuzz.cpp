@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -41,8 +42,7 @@ static void checkCookie(const ParsedCookie& parsed, const Cookie& cookie, Date n
   check(!cookie.expiresDate ||
         cookie.expiresDate->secondsSince(now) <= CookiePolicy::kLongestLifetimeSeconds);
 
-  std::string header;
-  appendToCookieHeader(header, cookie);
+  const std::string header = cookieHeaderValue({std::make_shared<const Cookie>(cookie)});
   check(header.find_first_of(std::string_view("\r\n\0;", 4)) == std::string::npos);
   if (cookie.name.empty()) return;
   const auto again = parseSetCookie(header);

@@ -115,21 +115,6 @@ TEST(Road, WhatAHostileStoreSendsIsRefusedAndTheOldBagStays) {
   EXPECT_EQ(buyURL(service), good);
 }
 
-TEST(Road, ACallerThatNoDescriptorNamesGetsNothing) {
-  RunningService service;
-  std::filesystem::remove(service.configHome() / "clients.d" / "test.toml");
-  service.reconnect();
-  for (const Error& error :
-       {service.client().valueForURLBagKey("a").error(),
-        service.client().httpHeadersForURL("https://a/", {}, false).error(),
-        service.client().storeFront().error(), service.client().describe().error()})
-    EXPECT_EQ(error.code, AccountServiceClient::kRefused) << error.localizedDescription();
-  service.describeClient("https");
-  EXPECT_FALSE(service.client().storeFront()) << "takes effect at the next connection";
-  service.reconnect();
-  EXPECT_TRUE(service.client().storeFront());
-}
-
 TEST(Road, DamagedFilesAreSetAsideAndTheServiceGoesOn) {
   RunningService service;
   const std::string page = service.storeURL("https", "/store/page");

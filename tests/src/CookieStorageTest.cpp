@@ -99,22 +99,6 @@ TEST_F(CookieStorageTest, FoldersAndFilesThatDoNotOpen) {
   EXPECT_TRUE(cookiesFor("https://www.example.com/a/b").isNil());
 }
 
-TEST_F(CookieStorageTest, RegistryRule) {
-  EXPECT_EQ(CookieStorage::storageForClient(std::make_shared<HSStoreClient>()), nullptr);
-  EXPECT_TRUE(world.log.mentions(
-      1, "CookieStorage: storeForClient: called with nil storeClient.identifier"));
-  const auto first = storage();
-  auto changed = std::make_shared<HSStoreClient>(*client);
-  changed->requiredBagType = 2;
-  EXPECT_EQ(CookieStorage::storageForClient(changed), first);
-  const auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
-  const auto old = CookieStorage::storageForClient(outfitter);
-  auto changedOutfitter = std::make_shared<HSStoreClient>(*outfitter);
-  changedOutfitter->requiredBagType = 2;
-  EXPECT_NE(CookieStorage::storageForClient(changedOutfitter), old);
-  EXPECT_TRUE(world.log.contains(1, "CookieStorage: Outfitter is updated, storage is switching"));
-}
-
 TEST_F(CookieStorageTest, TheWhitelistIsAQueryOnly) {
   EXPECT_TRUE(CookieStorage::_defaultCookieIsWhitelistedWithName("xp_ci"));
   EXPECT_FALSE(CookieStorage::_defaultCookieIsWhitelistedWithName("XP_CI"));

@@ -1,14 +1,8 @@
-#include <pty.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
-
 #include "platform/Preferences/MemoryPreferences.h"
 #include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/HSError.h"
 #include "tests/platform/XPC/ListenerFixture.h"
 #include "tools/tallowctl/Application.h"
-#include "tools/tallowctl/Terminal.h"
 
 namespace tallow {
 namespace {
@@ -197,46 +191,6 @@ TEST(TallowctlTest, KeepsPreferencesOfEveryType) {
   EXPECT_THAT(preferences.copyAppKeyList("d"), IsEmpty());
   preferences.setWritesFail(true);
   EXPECT_EQ(run({"defaults", "write", "d", "k", "v"}).status, 1);
-}
-
-// A password is typed at a terminal of its own: never shown, and the terminal shows things again
-// after it.
-TEST(TerminalTest, AsksForASecretWithoutEcho) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    const auto own = ctl::Terminal::open();
-    const auto name = own->askLine("Name: ");
-    const auto secret = own->askSecret("Password\033: ");
-    own->say("got " + *name + " and " + std::to_string(secret->view().size()));
-    own->askLine("End: ");
-    _exit(0);
-  }
-  std::string shown;
-  const auto readUntil = [&](std::string_view text) {
-    char character = 0;
-    while (shown.find(text) == std::string::npos && read(terminal, &character, 1) == 1)
-      shown += character;
-  };
-  const auto type = [&](std::string_view text) {
-    ASSERT_EQ(write(terminal, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  };
-  readUntil("Name: ");
-  type("me\n");
-  readUntil("Password\\x1b: ");
-  type("hunter2\n");
-  readUntil("End: ");
-  termios settings{};
-  EXPECT_EQ(tcgetattr(terminal, &settings), 0);
-  EXPECT_TRUE(settings.c_lflag & ECHO);
-  type("\n");
-  int status = -1;
-  waitpid(child, &status, 0);
-  close(terminal);
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(shown, HasSubstr("got me and 7"));
-  EXPECT_THAT(shown, testing::Not(HasSubstr("hunter2")));
 }
 
 TEST_F(TallowctlServiceTest, ShowsAccountsAndTakesNoPasswordAsAnArgument) {

@@ -5,6 +5,7 @@
 #include <pty.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <string>
@@ -14,8 +15,9 @@ namespace tallow {
 namespace {
 
 struct Shown {
-  std::string terminal;  // what the person has seen
-  std::string answer;    // "BUTTON NAME PASSWORD", the button -1 for a closed dialog
+  std::string terminal;     // what the person has seen
+  std::string answer;       // "BUTTON NAME PASSWORD", the button -1 for a closed dialog
+  bool showsAgain = false;  // what is typed after it
 };
 
 std::string readAll(int file) {
@@ -52,6 +54,8 @@ Shown show(const Dictionary& dialog, std::vector<std::string> lines, bool isGone
   }
   shown.answer = readAll(answer[0]);
   waitpid(child, nullptr, 0);
+  termios settings{};
+  shown.showsAgain = tcgetattr(terminal, &settings) == 0 && (settings.c_lflag & ECHO) != 0;
   close(answer[0]);
   close(terminal);
   return shown;
@@ -83,6 +87,7 @@ TEST(TerminalDialogTest, AsksForNameAndPasswordWithoutShowingIt) {
     EXPECT_EQ(shown.answer, each.answer) << shown.terminal;
     EXPECT_EQ(shown.terminal.find("hunter2"), std::string::npos) << shown.terminal;
     EXPECT_NE(shown.terminal.find("com.example.store"), std::string::npos) << "for whom";
+    EXPECT_TRUE(shown.showsAgain);
   }
 }
 

@@ -16,13 +16,6 @@
 namespace tallow {
 namespace {
 
-template <class Work>
-void onFourThreads(const Work& work) {
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) threads.emplace_back(work, thread);
-  for (std::thread& thread : threads) thread.join();
-}
-
 TEST(BaseConcurrentTest, FirstUsesAndSharedObjectsAreForManyThreads) {
   const auto expression = RegularExpression::compile("(\\d+)-\\1$", {});
   const Value shared = Dictionary{{"a", Array{1, "two", Data("three")}}, {"b", "text"}};

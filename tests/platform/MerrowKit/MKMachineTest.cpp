@@ -55,12 +55,5 @@ TEST_F(MKMachineTest, TheRecoveryPartitionIsToldByTheKernelOrItsName) {
   EXPECT_TRUE(machine->isOnRecoveryPartition());
 }
 
-TEST_F(MKMachineTest, TheROMAddressIsTwelveDigitsOrNone) {
-  const std::optional<std::string> address = machine->romAddress();
-  if (!address) return;  // a machine without hardware of its own
-  EXPECT_EQ(address->size(), 12u);
-  EXPECT_EQ(address->find_first_not_of("0123456789ABCDEF"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace tallow

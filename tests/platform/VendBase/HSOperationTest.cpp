@@ -87,16 +87,6 @@ TEST(HSOperation, HandlerAndCallerSeeTheOutcome) {
   EXPECT_DEATH(operation->runSyncReturningError(nullptr), "run twice");
 }
 
-TEST(HSOperation, PlainOneRunsOthersUnderItself) {
-  const auto plain = std::make_shared<HSOperation>(makeClient());
-  const auto step =
-      std::make_shared<BlockOperation>([](BlockOperation& self) { self.setSuccess(true); });
-  std::optional<Error> error = Error{};
-  EXPECT_TRUE(plain->runSubOperation(*step, &error));
-  EXPECT_EQ(error, std::nullopt);
-  EXPECT_TRUE(plain->runSyncReturningError(nullptr));
-}
-
 TEST(HSOperation, CancelledBeforeItsTurnNeverRuns) {
   const auto operation =
       std::make_shared<BlockOperation>([](BlockOperation&) { FAIL() << "has run"; });
@@ -104,16 +94,6 @@ TEST(HSOperation, CancelledBeforeItsTurnNeverRuns) {
   std::optional<Error> error;
   EXPECT_FALSE(operation->runSyncReturningError(&error));
   EXPECT_EQ(error->code, kHSErrorCancelled);
-}
-
-TEST(HSOperation, WaitsForNothingOnceCancelled) {
-  const auto operation = std::make_shared<BlockOperation>([](BlockOperation& self) {
-    self.cancel();
-    const HSPendingReply<bool> reply;
-    const auto callback = reply.callback();
-    EXPECT_FALSE(self.waitForReply(reply));
-  });
-  EXPECT_FALSE(operation->runSyncReturningError(nullptr));
 }
 
 TEST(HSOperation, CancelReachesTheRunningStep) {
@@ -245,11 +225,6 @@ TEST_F(HSOperationLookup, AsksAsAClientOfTheRequiredBag) {
   EXPECT_EQ(clients[0]->requiredBagType, 2u);
   EXPECT_EQ(clients[0]->identifier, "com.vantor.test");
   EXPECT_EQ(clients[1], outfitter.storeClient()) << "its registries would switch to a changed one";
-}
-
-TEST(HSServiceProxy, IsNullWithoutALocalService) {
-  HSServiceProxy proxy(makeClient());
-  EXPECT_EQ(proxy.accountService(), nullptr);
 }
 
 }  // namespace

@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
-#include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
-#include "platform/VendBase/HSPropertyListProvider.h"
 
 namespace tallow {
 namespace {
@@ -27,39 +23,12 @@ TEST(HSURLRequest, SendsItsQueryEncodedAndInKeyOrder) {
   EXPECT_EQ(HSURLRequest().urlToSend(), std::nullopt);
 }
 
-TEST(HSURLRequest, KeepsTheURLItWasMadeWith) {
-  HSURLRequest request(*URL::parse("https://a.example/"));
-  request.setURLs({*URL::parse("https://a.example/"), *URL::parse("https://b.example/")});
-  EXPECT_EQ(request.primaryURL(), URL::parse("https://a.example/"));
-}
-
 TEST(HSError, ShowsTheMessageElseTheTitle) {
   EXPECT_EQ(HSError(5, "title", "message").localizedDescription(), "message");
   const Error titled = HSError(5, "title", std::nullopt);
   EXPECT_EQ(titled.localizedDescription(), "title");
   EXPECT_FALSE(titled.userInfo.contains(kHSErrorMessageKey));
   EXPECT_TRUE(HSError(5, std::nullopt, std::nullopt).userInfo.empty());
-}
-
-TEST(HSPropertyListProvider, DecodesOrSaysWhatIsWrong) {
-  const auto provider = HSPropertyListProvider::providerWithStoreClient(nullptr);
-  HTTPResponse response(*URL::parse("https://a.example/"));
-  response.body = Data(std::string_view(
-      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>a</key><integer>1</integer>"
-      "</dict></plist>"));
-  const auto output = provider->outputForResponse(response);
-  ASSERT_TRUE(output);
-  EXPECT_EQ(*output, Value(Dictionary{{"a", 1}}));
-  EXPECT_EQ(provider->output(), *output);
-
-  for (const std::string_view body : {"", "<html>Sorry</html>", "bplist00"}) {
-    response.body = Data(body);
-    const auto refused = provider->outputForResponse(response);
-    ASSERT_FALSE(refused) << body;
-    EXPECT_EQ(refused.error().domain, kHSErrorDomain);
-    EXPECT_EQ(refused.error().code, kHSErrorInvalidPropertyList);
-    EXPECT_TRUE(provider->output().isNil()) << "the last response's output";
-  }
 }
 
 TEST(HSDevice, GUIDIsSteadyAndHexadecimal) {

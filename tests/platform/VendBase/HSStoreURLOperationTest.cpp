@@ -244,32 +244,6 @@ TEST_F(HSStoreURLOperationTest, GivesTheOutputToHandlerAndDelegate) {
   EXPECT_EQ(delegate.outputs.size(), 2u);
 }
 
-TEST_F(HSStoreURLOperationTest, HandlerMayTakeSuccessBack) {
-  respond(200, {}, "body");
-  const auto operation = operationFor("https://store.example/");
-  operation->setOutputHandler([](HSStoreURLOperation& finished, const Value&) {
-    finished.setSuccess(false);
-    finished.setError(HSError(kHSErrorInvalidResponse, "failed", std::nullopt));
-  });
-  EXPECT_EQ(run(*operation), kHSErrorInvalidResponse);
-}
-
-TEST_F(HSStoreURLOperationTest, ReadsTheMaxAge) {
-  const auto maxAge = [&](const char* cacheControl) {
-    respond(200, {{"Cache-Control", cacheControl}});
-    const auto operation = operationFor("https://store.example/");
-    double seconds = 68400;
-    operation->getVantorMaxAge(&seconds);
-    EXPECT_EQ(seconds, 68400) << "without a response";
-    EXPECT_EQ(run(*operation), 0);
-    operation->getVantorMaxAge(&seconds);
-    return seconds;
-  };
-  EXPECT_EQ(maxAge("public, max-age=3600"), 3600);
-  EXPECT_EQ(maxAge("max-age=0"), 0);
-  EXPECT_EQ(maxAge("public"), 68400);
-}
-
 TEST_F(HSStoreURLOperationTest, SetsTheStoreFrontOfAResponse) {
   const auto runWith = [&](const char* name, HSStoreURLOperationDelegate* delegate) {
     respond(200, {{name, "7"}});

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -166,7 +167,8 @@ TEST_F(PropertyListLogFilesTest, BoundsSizeAndNumber) {
   files.write("Large", Data(std::string(kBytes, 'x')));
   EXPECT_LT(std::filesystem::file_size(_folder / "log/Large"), kBytes + 100);
   EXPECT_THAT(contentsOf(_folder / "log/Large"), ::testing::HasSubstr("cut here"));
-  std::filesystem::last_write_time(_folder / "log/Large", {});  // long ago
+  const auto written = std::filesystem::last_write_time(_folder / "log/Large");
+  std::filesystem::last_write_time(_folder / "log/Large", written - std::chrono::hours(1));
   for (std::size_t i = 0; i < 2 * kFiles; ++i) files.write("Dump" + std::to_string(i), Value(1));
   const auto count = std::distance(std::filesystem::directory_iterator(_folder / "log"), {});
   EXPECT_EQ(static_cast<std::size_t>(count), kFiles);
