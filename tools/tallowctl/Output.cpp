@@ -77,6 +77,10 @@ const char* adviceFor(const Error& error) {
     case AccountServiceClient::kUnreachable:
       return "Is a message bus running, and is tallowd installed for it? See tallowd(8).";
     case AccountServiceClient::kRefused:
+      // The words of the bus itself.
+      if (error.localizedDescription().find("Rejected send message") != std::string::npos)
+        return "The system-wide service answers root and the members of its group: adduser USER "
+               "tallowd.";
       return "Name a client with --client IDENTIFIER, or describe this one in a client "
              "descriptor: tallowd-clients.d(5).";
     case AccountServiceClient::kInvalidArgument:
