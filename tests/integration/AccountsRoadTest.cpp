@@ -123,7 +123,7 @@ TEST(AccountsRoad, ATransactionServiceThatDiesInTheMiddleEndsTheSignInAtOnce) {
 }
 
 TEST(AccountsRoad, ObserversThatAreSlowOrGoneDelayNobody) {
-  constexpr std::size_t kChanges = 400;  // more than a socket holds
+  constexpr std::size_t kChanges = 160;  // more than a socket holds
   Heard<std::uint64_t> told;
   RunningService service;
   const auto observeWithoutReading = [] {

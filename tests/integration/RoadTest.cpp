@@ -101,7 +101,7 @@ TEST(Road, WhatAHostileStoreSendsIsRefusedAndTheOldBagStays) {
                              R"({"bag": {"plist": ["a", "list"]}})",
                              R"({"bag": {"truncateAt": 700}})",
                              R"({"bag": {"size": 17825792}})",
-                             R"({"bag": {"nest": 1000000}})",
+                             R"({"bag": {"nest": 100000}})",
                              R"({"bag": {"redirectTo": "/redirect/loop"}})",
                              R"({"bag": {"redirectTo": "http://store.example.net/bag"}})"}) {
     ASSERT_FALSE(service.store().stage(staged)) << staged;

@@ -201,7 +201,7 @@ TEST(URLTest, HostileReferencesCostLittle) {
   const auto base = URL::parse(deep);
   ASSERT_TRUE(base);
   EXPECT_TRUE(base->resolving(up + "x")->lastPathComponent() == "x");
-  EXPECT_FALSE(base->resolving(std::string(5'000'000, '.')));
+  EXPECT_FALSE(base->resolving(std::string(500'000, '.')));
 }
 
 }  // namespace

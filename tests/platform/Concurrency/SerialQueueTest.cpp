@@ -66,7 +66,7 @@ TEST(SerialQueueTest, SyncRunsOnTheCallingThreadAndReturnsTheResult) {
 
 // Many threads, both ways in, more blocks than one batch: a plain counter stays exact.
 TEST(SerialQueueTest, ExcludesUnderContention) {
-  constexpr int kThreads = 8, kRounds = 2000;
+  constexpr int kThreads = 8, kRounds = 500;
   SerialQueue queue("contention");
   std::int64_t counter = 0;
   std::int64_t tried = 0;

@@ -25,8 +25,8 @@ TEST(HostileXMLListTest, NestingIsBounded) {
   };
   EXPECT_TRUE(isAcceptedText(nested(PropertyList::kMaxDepth)));
   EXPECT_FALSE(isAcceptedText(nested(PropertyList::kMaxDepth + 1)));
-  EXPECT_FALSE(isAcceptedText(nested(1'000'000)));
-  EXPECT_FALSE(isAcceptedText(repeated("<array>", 2'100'000)));
+  EXPECT_FALSE(isAcceptedText(nested(100'000)));
+  EXPECT_FALSE(isAcceptedText(repeated("<array>", 100'000)));
   EXPECT_FALSE(isAcceptedText(repeated("<dict><key></key>", 100'000)));
   // Closing tags that are none must not hide the depth.
   EXPECT_FALSE(isAcceptedText(repeated("<array><!--</array>-->", 100'000)));

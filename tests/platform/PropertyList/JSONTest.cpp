@@ -37,11 +37,11 @@ TEST(JSONTest, HostileTextsAreRefusedAndCostLittle) {
   EXPECT_FALSE(JSON::decode(std::string(100'000, '[')));
   EXPECT_FALSE(JSON::decode("\"" + std::string(17u << 20, 'a') + "\""));
   std::string manyKeys = "{";
-  for (int index = 0; index < 20'000; ++index) manyKeys += "\"" + std::to_string(index) + "\":1,";
+  for (int index = 0; index < 5'000; ++index) manyKeys += "\"" + std::to_string(index) + "\":1,";
   const auto decoded = JSON::decode(manyKeys + "\"last\":1}");
   ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->dictionary()->count(), 20'001u);
-  EXPECT_GT(JSON::encode(*decoded).size(), 160'000u);
+  EXPECT_EQ(decoded->dictionary()->count(), 5'001u);
+  EXPECT_GT(JSON::encode(*decoded).size(), 30'000u);
 }
 
 }  // namespace
