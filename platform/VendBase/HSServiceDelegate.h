@@ -20,6 +20,7 @@ class HSServiceDelegate : public XPCListenerDelegate {
 
   explicit HSServiceDelegate(std::string initWithServiceName);
 
+  // What the host calls the service; hosts of several tell their delegates apart by it.
   const std::string& serviceName() const { return _serviceName; }
   virtual ClientInterfaceClass clientInterfaceClass() const = 0;
 

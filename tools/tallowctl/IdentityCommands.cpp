@@ -17,7 +17,9 @@ int showIdentities(const Output& output, const std::string& text) {
   if (identities == nullptr)
     return output.failure(makeError("tallowctl", 1, "The service's status is not readable"));
   if (output.isJSON()) {
-    output.value(Dictionary{{"identities", *identities}, {"library", (*told)["identityLibrary"]}});
+    output.value(Dictionary{{"identities", *identities},
+                            {"library", (*told)["identityLibrary"]},
+                            {"syncState", (*told)["identitySyncState"]}});
     return kDone;
   }
   std::vector<Value> rows;
@@ -31,6 +33,8 @@ int showIdentities(const Output& output, const std::string& text) {
     output.line("Library: " + *library);
   else
     output.line("An exchange with the store is going on.");
+  if ((*told)["identitySyncState"] == Value(true))
+    output.line("The state of a synchronisation is held.");
   return kDone;
 }
 
