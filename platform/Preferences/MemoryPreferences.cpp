@@ -1,5 +1,6 @@
 #include "platform/Preferences/MemoryPreferences.h"
 
+#include <cerrno>
 #include <set>
 
 #include "platform/VendBase/VBLogManager.h"
@@ -28,7 +29,15 @@ class MemoryPreferences::MemoryEditor final : public Editor {
 Value MemoryPreferences::copyValue(std::string_view key, std::string_view domain, User user,
                                    Host host) {
   const std::lock_guard lock(_mutex);
+  if (_readsFail && user == User::Current) return {};
   return valueAt(placeFor(key, domain, user, host));
+}
+
+Result<Value> MemoryPreferences::tryToCopyValue(std::string_view key, std::string_view domain,
+                                                Host host) {
+  const std::lock_guard lock(_mutex);
+  if (_readsFail) return makeError(Preferences::kClassName, EIO, "cannot be read");
+  return valueAt(placeFor(key, domain, User::Current, host));
 }
 
 Value MemoryPreferences::copyAppValue(std::string_view key, std::string_view domain) {
@@ -70,8 +79,9 @@ bool MemoryPreferences::update(std::string_view domain,
   MemoryEditor editor(*this, domain);
   const auto before = _values;
   change(editor);
-  if (_writesFail) _values = before;
-  return !_writesFail;
+  if (!_writesFail && !_readsFail) return true;
+  _values = before;
+  return false;
 }
 
 void MemoryPreferences::setAnyUserValue(std::string_view key, const Value& value,
@@ -83,6 +93,11 @@ void MemoryPreferences::setAnyUserValue(std::string_view key, const Value& value
 void MemoryPreferences::setWritesFail(bool fail) {
   const std::lock_guard lock(_mutex);
   _writesFail = fail;
+}
+
+void MemoryPreferences::setReadsFail(bool fail) {
+  const std::lock_guard lock(_mutex);
+  _readsFail = fail;
 }
 
 std::vector<MemoryPreferences::Synchronization> MemoryPreferences::synchronizations() const {

@@ -18,6 +18,7 @@ namespace tallow {
 class MemoryPreferences final : public Preferences {
  public:
   Value copyValue(std::string_view key, std::string_view domain, User user, Host host) override;
+  Result<Value> tryToCopyValue(std::string_view key, std::string_view domain, Host host) override;
   Value copyAppValue(std::string_view key, std::string_view domain) override;
   std::vector<std::string> copyAppKeyList(std::string_view domain) override;
   void setValue(std::string_view key, const Value& value, std::string_view domain, User user,
@@ -30,6 +31,8 @@ class MemoryPreferences final : public Preferences {
   // From now on the disk refuses writes: what setValue() changes is only in memory, update()
   // changes nothing, and synchronize() and update() answer false.
   void setWritesFail(bool fail);
+  // From now on nothing of the current user's can be read, nor updated.
+  void setReadsFail(bool fail);
 
   struct Synchronization {
     std::string domain;
@@ -52,6 +55,7 @@ class MemoryPreferences final : public Preferences {
   std::map<Place, Value> _values;
   std::vector<Synchronization> _synchronizations;
   bool _writesFail = false;
+  bool _readsFail = false;
 };
 
 }  // namespace tallow

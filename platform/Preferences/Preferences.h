@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Base/Result.h"
 #include "platform/Base/Value.h"
 
 namespace tallow {
@@ -30,8 +31,12 @@ class Preferences {
   virtual ~Preferences() = default;
   static Preferences& shared();
 
-  // The exact place only. Nil when there is no value.
+  // The exact place only. Nil when there is no value, or when it cannot be read just now.
   virtual Value copyValue(std::string_view key, std::string_view domain, User user, Host host) = 0;
+  // The same of the current user, for whom the difference matters: nil when there is no value, an
+  // error when it cannot be told.
+  virtual Result<Value> tryToCopyValue(std::string_view key, std::string_view domain,
+                                       Host host) = 0;
   // The application's search list: current user and current host, current user and any host, then
   // any user.
   virtual Value copyAppValue(std::string_view key, std::string_view domain) = 0;
@@ -43,7 +48,8 @@ class Preferences {
   // Nil removes the key. Writing for any user is refused, logged, and changes nothing.
   virtual void setValue(std::string_view key, const Value& value, std::string_view domain,
                         User user, Host host) = 0;
-  // Makes everything written to the domain so far durable, and picks up what other processes wrote.
+  // Makes everything written to the domain so far durable, and picks up what other processes wrote:
+  // what could not be read is looked for again at once.
   // False, logged, when something could not be written.
   virtual bool synchronize(std::string_view domain, User user, Host host) = 0;
 

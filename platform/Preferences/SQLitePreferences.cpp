@@ -102,6 +102,12 @@ Value SQLitePreferences::copyValue(std::string_view key, std::string_view domain
   return read(placeFor(key, domain, host));
 }
 
+Result<Value> SQLitePreferences::tryToCopyValue(std::string_view key, std::string_view domain,
+                                                Host host) {
+  const std::lock_guard lock(_mutex);
+  return tryToRead(placeFor(key, domain, host));
+}
+
 Value SQLitePreferences::copyAppValue(std::string_view key, std::string_view domain) {
   for (const Host host : {Host::Current, Host::Any}) {
     Value value = copyValue(key, domain, User::Current, host);
@@ -154,6 +160,7 @@ void SQLitePreferences::setValue(std::string_view key, const Value& value, std::
 // There is one file, so whatever is asked for, everything becomes durable.
 bool SQLitePreferences::synchronize(std::string_view, User, Host) {
   const std::lock_guard lock(_mutex);
+  _failedToOpenSeconds.reset();
   // A file that could only be read as it was is opened afresh: it sees no other process's writes.
   if (_file && !_file->isWritable()) close();
   if (!writePending()) return false;
@@ -276,7 +283,12 @@ Result<Value> SQLitePreferences::tryToRead(const Place& place) {
   if (const auto pending = _pending.find(place); pending != _pending.end()) {
     return pending->second.value;
   }
-  if (!ensureOpen(false)) return Value();
+  if (!ensureOpen(false)) {
+    if (!fileExists()) return Value();
+    return makeError(PreferencesFile::kErrorDomain,
+                     static_cast<std::int64_t>(PreferencesFile::Failure::Refused),
+                     _configuration.file.native() + " cannot be opened");
+  }
   Result<Value> stored = readFromFile(place);
   if (stored || !recoverFrom(stored.error(), "read")) return stored;
   // What the damaged file is known to have held is pending now.

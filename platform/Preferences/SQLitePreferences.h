@@ -40,6 +40,7 @@ class SQLitePreferences final : public Preferences {
   ~SQLitePreferences() override;
 
   Value copyValue(std::string_view key, std::string_view domain, User user, Host host) override;
+  Result<Value> tryToCopyValue(std::string_view key, std::string_view domain, Host host) override;
   Value copyAppValue(std::string_view key, std::string_view domain) override;
   std::vector<std::string> copyAppKeyList(std::string_view domain) override;
   void setValue(std::string_view key, const Value& value, std::string_view domain, User user,

@@ -28,18 +28,24 @@ std::string AccountStore::registryKey(const HSStoreClient& client) {
 
 std::shared_ptr<AccountStore> AccountStore::accountStoreForClient(
     const std::shared_ptr<const HSStoreClient>& client) {
-  return registry().entryForClient(client);
+  auto store = registry().entryForClient(client);
+  if (store) store->loadAccountsFromPersistedStore();
+  return store;
 }
 
 std::shared_ptr<AccountStore> AccountStore::accountStoreForClientIfAtHand(
     const std::shared_ptr<const HSStoreClient>& client) {
-  return registry().entryForClientIfAtHand(client);
+  auto store = registry().entryForClientIfAtHand(client);
+  return store && store->_isLoaded ? store : nullptr;
 }
 
 std::shared_ptr<AccountStore> AccountStore::initWithStoreClient(
     std::shared_ptr<const HSStoreClient> client) {
   std::shared_ptr<AccountStore> store(new AccountStore(std::move(client)));
   store->loadAccountsFromPersistedStore();
+  if (!store->_isLoaded)
+    logLevel(1, "%@: what is known of %@ cannot be read yet", kClassName,
+             store->storeClient()->identifier);
   return store;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "platform/Base/Error.h"
+#include "platform/Base/Result.h"
 #include "platform/Base/Value.h"
 #include "platform/Concurrency/SerialQueue.h"
 #include "platform/Preferences/Preferences.h"
@@ -29,7 +31,8 @@ namespace tallow {
 //
 // Accounts live in the preferences of the client's agent domain, beside those of other stores:
 // AccountStorePersistence.cpp. What a call has changed is on disk when the call returns, or the log
-// says why not; memory goes on either way.
+// says why not; memory goes on either way. A store that could not read what is on disk tries again
+// whenever it is asked for, and writes nothing before it has.
 //
 // Any thread may call. Accounts and primary account are guarded by the request queue; writing them
 // and telling observers happens after its block, never inside. An observer may call back in.
@@ -49,13 +52,14 @@ class AccountStore final : public ClientController,
   // Null, logged, for a client without an identifier.
   static std::shared_ptr<AccountStore> accountStoreForClient(
       const std::shared_ptr<const HSStoreClient>& client);
-  // The same, only if it is there already and can be had without waiting; else null.
+  // The same, only if it is there already, knows what is on disk, and can be had without waiting;
+  // else null.
   static std::shared_ptr<AccountStore> accountStoreForClientIfAtHand(
       const std::shared_ptr<const HSStoreClient>& client);
   static ClientRegistry<AccountStore>& registry();
   static std::string registryKey(const HSStoreClient& client);
 
-  // Reads the persisted accounts.
+  // Reads the persisted accounts, if they can be read.
   static std::shared_ptr<AccountStore> initWithStoreClient(
       std::shared_ptr<const HSStoreClient> client);
 
@@ -113,7 +117,8 @@ class AccountStore final : public ClientController,
   // Writes once more what the disk has refused, of all stores; false when it refuses again.
   static bool writeWhatWasRefused();
 
-  // The steps of the above, of no use from outside but to their tests.
+  // The steps of the above, of no use from outside but to their tests. Loading happens once; what
+  // was changed here before it could be read stays, and the rest joins it.
   void loadAccountsFromPersistedStore();
   void writeAccountsToPersistedStore();
   void _primaryAccountDidChange();
@@ -128,11 +133,14 @@ class AccountStore final : public ClientController,
   void setPrimaryOnQueue(const Account& account);
   void setAccountsOnQueue(std::vector<Account> accounts);
 
-  // Loading; on the request queue, while the store is being made.
-  Account persistedPrimaryAccount() const;
-  std::optional<Dictionary> _migratePersistedStore() const;
+  // Loading; on the request queue. An error where the preferences cannot be read.
+  struct Persisted;
+  Result<Persisted> readPersisted() const;
+  Result<std::optional<Dictionary>> _migratePersistedStore() const;
   Account accountFromMediaStore() const;
-  std::vector<Account> persistedKnownAccounts(const Account& primary, bool hasMigrated) const;
+  static std::vector<Account> accountsFromRecords(const Value& records, const Account& primary,
+                                                  bool hasMigrated);
+  void joinOnQueue(Persisted persisted);
   // Writing.
   void writeTo(Preferences::Editor& preferences) const;
 
@@ -142,8 +150,9 @@ class AccountStore final : public ClientController,
   std::vector<Account> _accounts;                              // guarded by _requestQueue
   std::unordered_map<std::uint64_t, Account> _accountsByDSID;  // the first of each; likewise
   Account _primaryAccount;                                     // likewise
-  std::uint64_t _changes = 0;  // how often the primary account has changed; likewise
-  bool _wasRefused = false;    // the disk lacks the last change; likewise
+  std::uint64_t _changes = 0;          // how often the primary account has changed; likewise
+  bool _wasRefused = false;            // the disk lacks the last change; likewise
+  std::atomic<bool> _isLoaded{false};  // set on the request queue
 
   std::vector<std::shared_ptr<HSAccountStoreObserver>> _observers;  // guarded by _observersLock
   std::uint64_t _toldChanges = 0;                                   // likewise

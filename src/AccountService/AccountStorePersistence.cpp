@@ -21,9 +21,8 @@ namespace {
 
 constexpr const char* kMediaStoreDomain = "com.vantor.Harlow";
 
-Value currentUserValue(const char* key, const std::string& domain) {
-  return Preferences::shared().copyValue(key, domain, Preferences::User::Current,
-                                         Preferences::Host::Any);
+Result<Value> currentUserValue(const char* key, const std::string& domain) {
+  return Preferences::shared().tryToCopyValue(key, domain, Preferences::Host::Any);
 }
 
 // The entry, or nil where the value is no dictionary.
@@ -64,57 +63,98 @@ std::optional<std::string> oldAgentDomain(std::int64_t clientType) {
 
 }  // namespace
 
+// What is on disk of one store.
+struct AccountStore::Persisted {
+  Account primary;
+  std::vector<Account> known;  // the primary one, if any, first
+  bool hasMigrated = false;
+};
+
 void AccountStore::loadAccountsFromPersistedStore() {
-  const bool needsWrite = _requestQueue.sync([&] {
-    Account primary = persistedPrimaryAccount();
-    bool hasMigrated = false;
-    if (!primary) {
-      if (const auto record = _migratePersistedStore()) {
-        primary = accountFromRecord(*record);
-        hasMigrated = true;
-      }
-    }
-    const std::int64_t type = storeClient()->clientType;
-    if (!primary &&
-        (type == kHSStoreClientTypeMediaStore || type == kHSStoreClientTypeMediaStoreAgent))
-      primary = accountFromMediaStore();
-    _primaryAccount = primary;
-    setAccountsOnQueue(persistedKnownAccounts(primary, hasMigrated));
-    return hasMigrated;
+  if (_isLoaded) return;
+  bool hasMigrated = false;
+  bool hasFoundPrimary = false;
+  _requestQueue.sync([&] {
+    if (_isLoaded) return;
+    Result<Persisted> persisted = readPersisted();
+    if (!persisted) return;  // the preferences have logged it
+    hasMigrated = persisted->hasMigrated;
+    hasFoundPrimary = persisted->primary && _changes == 0;
+    joinOnQueue(*std::move(persisted));
+    _isLoaded = true;
   });
-  if (needsWrite) writeAccountsToPersistedStore();
+  if (hasMigrated) writeAccountsToPersistedStore();
+  if (hasFoundPrimary) _primaryAccountDidChange();
 }
 
-AccountStore::Account AccountStore::persistedPrimaryAccount() const {
-  const Value table =
-      currentUserValue(kDefaultsPrimaryAccountKey, storeClient()->agentPreferencesDomain);
-  return accountFromRecord(entry(entry(table, typeKey(*storeClient())), bagKey(*storeClient())));
+void AccountStore::joinOnQueue(Persisted persisted) {
+  if (persisted.primary && _changes == 0) setPrimaryOnQueue(persisted.primary);
+  std::vector<Account> accounts = std::move(persisted.known);
+  std::erase_if(accounts, [&](const Account& each) {
+    return _nonThreadSafeAccountForDSID(each->dsID()) != nullptr;
+  });
+  accounts.insert(accounts.end(), _accounts.begin(), _accounts.end());
+  setAccountsOnQueue(std::move(accounts));
 }
 
-std::optional<Dictionary> AccountStore::_migratePersistedStore() const {
+Result<AccountStore::Persisted> AccountStore::readPersisted() const {
+  const std::string& domain = storeClient()->agentPreferencesDomain;
+  const Result<Value> table = currentUserValue(kDefaultsPrimaryAccountKey, domain);
+  if (!table) return table.error();
+  const Result<Value> known = currentUserValue(kDefaultsKnownAccountsKey, domain);
+  if (!known) return known.error();
+  Persisted persisted;
+  persisted.primary =
+      accountFromRecord(entry(entry(*table, typeKey(*storeClient())), bagKey(*storeClient())));
+  if (!persisted.primary) {
+    const auto record = _migratePersistedStore();
+    if (!record) return record.error();
+    persisted.hasMigrated = record->has_value();
+    if (*record) persisted.primary = accountFromRecord(**record);
+  }
+  const std::int64_t type = storeClient()->clientType;
+  if (!persisted.primary &&
+      (type == kHSStoreClientTypeMediaStore || type == kHSStoreClientTypeMediaStoreAgent))
+    persisted.primary = accountFromMediaStore();
+  persisted.known = accountsFromRecords(*known, persisted.primary, persisted.hasMigrated);
+  return persisted;
+}
+
+Result<std::optional<Dictionary>> AccountStore::_migratePersistedStore() const {
   const std::string& domain = storeClient()->agentPreferencesDomain;
   Preferences& preferences = Preferences::shared();
   if (preferences.getAppBooleanValue(kDefaultsPrimaryAccountMigratedKey, domain))
-    return std::nullopt;
+    return std::optional<Dictionary>();
+  const auto setMigrated = [&](const Value& value) {
+    preferences.setValue(kDefaultsPrimaryAccountMigratedKey, value, domain,
+                         Preferences::User::Current, Preferences::Host::Any);
+  };
   // Before anything is read: a record that brings the service down is not read a second time.
-  preferences.setValue(kDefaultsPrimaryAccountMigratedKey, true, domain, Preferences::User::Current,
-                       Preferences::Host::Any);
+  setMigrated(true);
   preferences.synchronize(domain, Preferences::User::Current, Preferences::Host::Any);
 
-  Value flat = currentUserValue(kDefaultsPrimaryAccountKey, *storeClient()->identifier);
-  if (flat.isNil())
+  Result<Value> flat = currentUserValue(kDefaultsPrimaryAccountKey, *storeClient()->identifier);
+  if (flat && flat->isNil())
     if (const auto agentDomain = oldAgentDomain(storeClient()->clientType))
       flat = currentUserValue(kDefaultsPrimaryAccountKey, *agentDomain);
-  const Dictionary* record = flat.dictionary();
-  if (record == nullptr) return std::nullopt;
-  return accountFromRecord(flat) ? *record
-                                 : HSStoreAccount::migratePersistedStoreDictionary(*record);
+  if (!flat) {
+    setMigrated(nullptr);
+    return flat.error();
+  }
+  const Dictionary* record = flat->dictionary();
+  if (record == nullptr) return std::optional<Dictionary>();
+  return accountFromRecord(*flat) ? *record
+                                  : HSStoreAccount::migratePersistedStoreDictionary(*record);
 }
 
 AccountStore::Account AccountStore::accountFromMediaStore() const {
-  const Value vantorID = currentUserValue("Store Vantor ID", kMediaStoreDomain);
-  const Value dsID = currentUserValue("Store DSID", kMediaStoreDomain);
-  const Value storefront = currentUserValue("storefront", kMediaStoreDomain);
+  const auto setting = [](const char* key) {
+    return Preferences::shared().copyValue(key, kMediaStoreDomain, Preferences::User::Current,
+                                           Preferences::Host::Any);
+  };
+  const Value vantorID = setting("Store Vantor ID");
+  const Value dsID = setting("Store DSID");
+  const Value storefront = setting("storefront");
   Account account;
   if (vantorID.string() != nullptr && dsID.isNumber() && storefront.string() != nullptr)
     account = accountFromRecord(Dictionary{{"bagtype", 1},
@@ -131,14 +171,13 @@ AccountStore::Account AccountStore::accountFromMediaStore() const {
   return account;
 }
 
-std::vector<AccountStore::Account> AccountStore::persistedKnownAccounts(const Account& primary,
-                                                                        bool hasMigrated) const {
+std::vector<AccountStore::Account> AccountStore::accountsFromRecords(const Value& records,
+                                                                     const Account& primary,
+                                                                     bool hasMigrated) {
   std::vector<Account> accounts;
   if (primary) accounts.push_back(primary);
-  const Value known =
-      currentUserValue(kDefaultsKnownAccountsKey, storeClient()->agentPreferencesDomain);
-  if (known.array() == nullptr) return accounts;
-  for (const Value& record : *known.array()) {
+  if (records.array() == nullptr) return accounts;
+  for (const Value& record : *records.array()) {
     if (record.dictionary() == nullptr) continue;
     Account account = accountFromRecord(record);
     if (!account && hasMigrated)
@@ -151,12 +190,18 @@ std::vector<AccountStore::Account> AccountStore::persistedKnownAccounts(const Ac
 }
 
 void AccountStore::writeAccountsToPersistedStore() {
+  Preferences& preferences = Preferences::shared();
+  // What is written replaces what is on disk, which has to be known first.
+  if (!_isLoaded) {
+    preferences.synchronize(storeClient()->agentPreferencesDomain, Preferences::User::Current,
+                            Preferences::Host::Any);
+    loadAccountsFromPersistedStore();
+  }
   _requestQueue.sync([&] {
-    Preferences& preferences = Preferences::shared();
     // One transaction: other stores, in other processes, too, write into the same table.
     const bool isWritten =
-        preferences.update(storeClient()->agentPreferencesDomain,
-                           [&](Preferences::Editor& editor) { writeTo(editor); });
+        _isLoaded && preferences.update(storeClient()->agentPreferencesDomain,
+                                        [&](Preferences::Editor& editor) { writeTo(editor); });
     // The flush names the identifier's domain, not the one that was written; that is the one that
     // the client's own processes watch.
     const bool isFlushed = preferences.synchronize(

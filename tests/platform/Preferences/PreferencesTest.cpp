@@ -6,6 +6,7 @@
 #include <fstream>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "platform/Preferences/MemoryPreferences.h"
 #include "platform/Preferences/SQLitePreferences.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/InTheWay.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -26,7 +28,19 @@ constexpr const char* kTestDomain = "com.vantor.test";
 // Preferences on disk, and how an administrator writes into them.
 struct OnDisk {
   TemporaryFolder folder;
-  SQLitePreferences preferences{{folder / "preferences.db", {folder / "xdg"}, "host"}};
+  const SQLitePreferences::Configuration configuration{
+      folder / "preferences.db", {folder / "xdg"}, "host"};
+  std::optional<SQLitePreferences> preferencesOnDisk{configuration};
+  Preferences& preferences() { return *preferencesOnDisk; }
+  std::optional<InTheWay> inTheWay;
+
+  // The same for what has just started.
+  void setUnreadable(bool isUnreadable) {
+    if (!isUnreadable) return inTheWay.reset();
+    preferencesOnDisk.reset();
+    inTheWay.emplace(configuration.file);
+    preferencesOnDisk.emplace(configuration);
+  }
 
   void administratorSets(const std::string& key, int value) {
     std::filesystem::create_directory(folder / "xdg");
@@ -34,10 +48,12 @@ struct OnDisk {
   }
 };
 struct InMemory {
-  MemoryPreferences preferences;
+  MemoryPreferences preferencesInMemory;
+  Preferences& preferences() { return preferencesInMemory; }
+  void setUnreadable(bool isUnreadable) { preferencesInMemory.setReadsFail(isUnreadable); }
 
   void administratorSets(const std::string& key, int value) {
-    preferences.setAnyUserValue(key, value, kTestDomain);
+    preferencesInMemory.setAnyUserValue(key, value, kTestDomain);
   }
 };
 
@@ -51,7 +67,7 @@ class PreferencesTest : public ::testing::Test {
   void write(std::string_view key, const Value& value, Host host = Host::Any) {
     preferences().setValue(key, value, kTestDomain, User::Current, host);
   }
-  Preferences& preferences() { return fixture.preferences; }
+  Preferences& preferences() { return fixture.preferences(); }
 
   CapturedLog log;
   Fixture fixture;
@@ -166,6 +182,23 @@ TYPED_TEST(PreferencesTest, UpdatesSeveralValuesAtOnce) {
   EXPECT_TRUE(this->read("gone").isNil());
   EXPECT_EQ(this->read("made"), Value(3));
   EXPECT_TRUE(this->preferences().update(kTestDomain, [](Preferences::Editor&) {}));
+}
+
+TYPED_TEST(PreferencesTest, TellsWhatCannotBeReadFromWhatIsNotThere) {
+  const auto tryToRead = [&](std::string_view key) {
+    return this->preferences().tryToCopyValue(key, kTestDomain, Host::Any);
+  };
+  this->write("key", 1);
+  this->fixture.setUnreadable(true);
+  EXPECT_FALSE(tryToRead("key"));
+  EXPECT_FALSE(tryToRead("absent"));
+  EXPECT_TRUE(this->read("key").isNil());
+  EXPECT_FALSE(this->preferences().update(
+      kTestDomain, [](Preferences::Editor& editor) { editor.setValue("key", 2); }));
+  this->fixture.setUnreadable(false);
+  EXPECT_TRUE(this->preferences().synchronize(kTestDomain, User::Current, Host::Any));
+  EXPECT_EQ(*tryToRead("key"), Value(1));
+  EXPECT_TRUE(tryToRead("absent")->isNil());
 }
 
 TYPED_TEST(PreferencesTest, CountsExactlyWithManyThreads) {

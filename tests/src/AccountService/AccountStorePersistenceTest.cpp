@@ -3,6 +3,7 @@
 #include "platform/Preferences/SQLitePreferences.h"
 #include "tests/src/AccountService/AccountsFixture.h"
 #include "tests/support/FullDisk.h"
+#include "tests/support/InTheWay.h"
 
 namespace tallow {
 namespace {
@@ -207,6 +208,44 @@ TEST_F(AccountsTest, WhatAFullDiskRefusesStaysInMemoryAndIsWrittenNextTime) {
   }
   EXPECT_TRUE(AccountStore::writeWhatWasRefused());
   EXPECT_EQ(storeReadAgain()->primaryAccount(), nullptr);
+}
+
+TEST_F(AccountsTest, WhatCannotBeReadYetIsNotWrittenOver) {
+  std::filesystem::create_directories(world.directories.configHome);
+  const auto configuration = SQLitePreferences::configurationFor(world.directories);
+  {
+    SQLitePreferences before(configuration);
+    const ScopedShared<Preferences> onDisk(before);
+    store()->addAccount(account(9, "known"));
+    store()->addAccountWithAuthenticationResponse(response(1), true);
+  }
+  for (const bool signsOut : {false, true}) {
+    SQLitePreferences files(configuration);
+    const ScopedShared<Preferences> onDisk(files);
+    std::shared_ptr<AccountStore> unread;
+    const auto observer = std::make_shared<Observer>();
+    {
+      const InTheWay folder(configuration.file);
+      unread = storeReadAgain();
+      unread->addAccountStoreObserver(observer);
+      EXPECT_THAT(dsIDs(*unread), IsEmpty());
+      EXPECT_EQ(AccountStore::accountStoreForClientIfAtHand(client), nullptr);
+      unread->addAccount(account(2, "new"));
+      EXPECT_FALSE(AccountStore::writeWhatWasRefused());
+    }
+    if (signsOut) {
+      unread->signOut();
+      finishOperations();
+    } else {
+      world.clock.advance(1);
+      EXPECT_EQ(store()->primaryAccount()->dsID(), 1u) << "whoever asks has it looked for";
+      EXPECT_THAT(observer->told, ElementsAre(1u));
+      EXPECT_TRUE(AccountStore::writeWhatWasRefused());
+    }
+    const auto again = storeReadAgain();
+    EXPECT_THAT(dsIDs(*again), testing::UnorderedElementsAre(1u, 9u, 2u));
+    EXPECT_EQ(again->primaryAccount() == nullptr, signsOut);
+  }
 }
 
 TEST_F(AccountsTest, TextsAreTheSameBeforeAndAfterARestart) {
