@@ -23,12 +23,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr mode_t kFileMode = S_IRUSR | S_IWUSR;
+constexpr const char* kFileErrorDomain = "File";
 constexpr int kMaxCorruptCopies = 1000;
 constexpr std::string_view kTemporaryPrefix = ".tallowd-";
 constexpr std::string_view kTemporarySuffix = ".tmp";
 
 Error fileError(const fs::path& path, int code) {
-  return makeError("File", code, path.string() + ": " + std::generic_category().message(code));
+  return makeError(kFileErrorDomain, code,
+                   path.string() + ": " + std::generic_category().message(code));
 }
 
 FileDescriptor openParent(const fs::path& path) {
@@ -133,6 +135,22 @@ Result<Data> readFile(const fs::path& path, std::size_t maxBytes) {
   const FileDescriptor file = openToRead(path);
   if (!file) return fileError(path, errno);
   return readFile(file, path, maxBytes);
+}
+
+Result<Data> readLinkedFile(const fs::path& path, std::size_t maxBytes) {
+  std::error_code failure;
+  const fs::path target = fs::canonical(path, failure);
+  return readFile(failure ? path : target, maxBytes);
+}
+
+bool mayPass(const Error& error) {
+  return error.domain == kFileErrorDomain && mayPass(static_cast<int>(error.code));
+}
+
+bool mayPass(int code) {
+  constexpr std::array kLasting = {ENOENT, ENOTDIR, ENAMETOOLONG, ELOOP, EISDIR,
+                                   EINVAL, EFBIG,   EACCES,       EPERM, ENXIO};
+  return std::find(kLasting.begin(), kLasting.end(), code) == kLasting.end();
 }
 
 Result<Data> readFile(const FileDescriptor& file, const fs::path& path, std::size_t maxBytes) {

@@ -16,7 +16,16 @@ namespace tallow {
 // on a FIFO or device.
 Result<Data> readFile(const std::filesystem::path& path, std::size_t maxBytes = 64u << 20);
 
-// The same in two steps, for who has to look at the very file that is read: openToRead() gives no
+// The same of a file that an administrator has put in place, who may well link to one that is kept
+// elsewhere: links are followed.
+Result<Data> readLinkedFile(const std::filesystem::path& path, std::size_t maxBytes);
+
+// Whether an error of reading, or an errno, may pass although the file stays as it is: there are
+// too many files open, or the disk, or the network that it is on, does not answer.
+bool mayPass(const Error& error);
+bool mayPass(int code);
+
+// readFile() in two steps, for who has to look at the very file that is read: openToRead() gives no
 // descriptor, and errno, where there is nothing to read; `path` is for messages.
 FileDescriptor openToRead(const std::filesystem::path& path);
 Result<Data> readFile(const FileDescriptor& file, const std::filesystem::path& path,

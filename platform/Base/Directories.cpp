@@ -85,6 +85,10 @@ Directories& Directories::shared() {
       [] { return std::make_unique<Directories>(fromEnvironment()); });
 }
 
+fs::path authoritiesFile() {
+  return absolutePath(std::getenv("TALLOW_CA_FILE")).value_or(fs::path());
+}
+
 bool isSafePathComponent(std::string_view name) {
   if (name.empty() || name.size() > kMaxComponentBytes || name == "." || name == "..") return false;
   return std::none_of(name.begin(), name.end(), [](char c) {

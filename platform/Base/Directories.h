@@ -35,6 +35,10 @@ class Directories {
   static Directories& shared();
 };
 
+// The file of authorities that are trusted for https in place of the system's, from TALLOW_CA_FILE;
+// empty where that names none, or not by an absolute path.
+std::filesystem::path authoritiesFile();
+
 // Whether `name` may become one component of a path: not empty, no separator, no NUL or control
 // character, not "." or "..", at most 200 bytes. What comes from a client descriptor or the bus and
 // ends up in a file name passes through here.

@@ -8,11 +8,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <string_view>
-#include <system_error>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Certificates/CryptoContext.h"
@@ -25,6 +26,7 @@ namespace {
 constexpr std::string_view kExtension = ".pem";
 constexpr std::size_t kMaxFiles = 256;
 constexpr std::size_t kMaxFileBytes = 1u << 20;
+constexpr double kSecondsBetweenTries = 1;
 
 using DirectoryPointer = std::unique_ptr<DIR, int (*)(DIR*)>;
 
@@ -58,13 +60,6 @@ bool addCertificates(const Data& pem, X509_STORE& store, std::size_t& count) {
   return !found.empty();
 }
 
-// An administrator may well link to a certificate that is kept elsewhere.
-Result<Data> contentsOf(const std::filesystem::path& file) {
-  std::error_code failure;
-  const std::filesystem::path target = std::filesystem::canonical(file, failure);
-  return readFile(failure ? file : target, kMaxFileBytes);
-}
-
 Date dateOf(const ASN1_TIME* time) {
   std::tm parts = {};
   ASN1_TIME_to_tm(time, &parts);
@@ -85,38 +80,46 @@ AnchorStore& AnchorStore::shared() {
 }
 
 AnchorStore::Anchors AnchorStore::current() {
-  std::vector<FileState> files = scan();
+  bool isWhole = true;
+  Files files = scan(isWhole);
+  const double now = Clock::shared().monotonicSeconds();
   const std::lock_guard<std::mutex> guard(_lock);
-  if (_anchors.store == nullptr || files != _files) {
-    _anchors = load(files);
+  const bool isFirst = _anchors.store == nullptr;
+  // What was read before counts until all of it can be seen again.
+  if (!isFirst && !isWhole) return _anchors;
+  if (isFirst || files != _files || (_readAgainAt && now >= *_readAgainAt)) {
+    isWhole = true;
+    _anchors = load(files, isWhole);
     _files = std::move(files);
+    _readAgainAt = isWhole ? std::nullopt : std::optional(now + kSecondsBetweenTries);
   }
   return _anchors;
 }
 
-std::vector<AnchorStore::FileState> AnchorStore::scan() {
-  std::vector<FileState> files;
+AnchorStore::Files AnchorStore::scan(bool& isWhole) {
+  Files files;
   for (const std::filesystem::path& base : Directories::shared().systemConfigDirs()) {
     const std::filesystem::path folder = base / "anchors";
     const DirectoryPointer directory(opendir(folder.c_str()), &closedir);
-    if (!directory) continue;
+    if (!directory) {
+      isWhole = isWhole && !mayPass(errno);
+      continue;
+    }
     while (const dirent* entry = readdir(directory.get())) {
       const std::string_view name = entry->d_name;
       struct stat status = {};
       if (!name.ends_with(kExtension) || name.starts_with('.') ||
           fstatat(dirfd(directory.get()), entry->d_name, &status, 0) != 0)
         continue;
-      files.push_back({folder / name, status.st_dev, status.st_ino,
-                       static_cast<std::uint64_t>(status.st_size), status.st_mtim.tv_sec,
-                       status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec});
+      files.emplace_back(folder / name, FileStamp::of(status));
     }
   }
   std::sort(files.begin(), files.end(),
-            [](const FileState& a, const FileState& b) { return a.path < b.path; });
+            [](const auto& a, const auto& b) { return a.first < b.first; });
   return files;
 }
 
-AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
+AnchorStore::Anchors AnchorStore::load(const Files& files, bool& isWhole) {
   const std::shared_ptr<X509_STORE> store(X509_STORE_new(), &X509_STORE_free);
   Anchors anchors{store, 0};
   if (!store) return anchors;
@@ -125,13 +128,15 @@ AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
     logLevel(1, "%@: Reading only %lu of %lu trust anchor files", AnchorStore::kClassName,
              kMaxFiles, files.size());
   for (std::size_t i = 0; i < std::min(files.size(), kMaxFiles); ++i) {
-    const Result<Data> pem = contentsOf(files[i].path);
+    const std::filesystem::path& path = files[i].first;
+    const Result<Data> pem = readLinkedFile(path, kMaxFileBytes);
     if (!pem) {
+      isWhole = isWhole && !mayPass(pem.error());
       logLevel(1, "%@: Cannot read trust anchors from %@ - %@", AnchorStore::kClassName,
-               files[i].path.string(), pem.error());
+               path.string(), pem.error());
     } else if (!addCertificates(*pem, *store, anchors.count)) {
       logLevel(1, "%@: Trust anchor file %@ is damaged or holds no certificate",
-               AnchorStore::kClassName, files[i].path.string());
+               AnchorStore::kClassName, path.string());
     }
   }
   ERR_pop_to_mark();
@@ -141,13 +146,14 @@ AnchorStore::Anchors AnchorStore::load(const std::vector<FileState>& files) {
 std::vector<AnchorStore::Certificate> AnchorStore::installed() {
   std::vector<Certificate> result;
   ERR_set_mark();
-  for (const FileState& file : scan()) {
-    const Result<Data> pem = contentsOf(file.path);
+  bool isWhole = true;
+  for (const auto& [path, stamp] : scan(isWhole)) {
+    const Result<Data> pem = readLinkedFile(path, kMaxFileBytes);
     const auto found = pem ? certificatesIn(*pem) : std::vector<X509Pointer>();
-    for (const X509Pointer& each : found) result.push_back(described(file.path, *each));
+    for (const X509Pointer& each : found) result.push_back(described(path, *each));
     if (found.empty())
       result.push_back(
-          {file.path,
+          {path,
            "",
            {},
            {},

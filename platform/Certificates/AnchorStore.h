@@ -1,13 +1,16 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Base/Date.h"
+#include "platform/Base/FileStamp.h"
 
 namespace tallow {
 
@@ -16,9 +19,9 @@ namespace tallow {
 // its own trust), whatever its issuer.
 //
 // current() looks at the files' names, sizes and times on every call (a few system calls) and reads
-// them again only when something has changed. A file that cannot be read or decoded is logged once
-// per change and contributes nothing; the others still count. One per process, made on first use.
-// Callable from any thread.
+// them again only when something has changed, or could not be read in passing. A file that cannot
+// be read or decoded is logged once per change and contributes nothing; the others still count. One
+// per process, made on first use. Callable from any thread.
 class AnchorStore {
  public:
   static constexpr const char* kClassName = "AnchorStore";  // in log lines
@@ -49,22 +52,18 @@ class AnchorStore {
   static std::vector<Certificate> installed();
 
  private:
-  // What tells one state of the anchor files from another.
-  struct FileState {
-    std::filesystem::path path;
-    std::uint64_t device = 0, inode = 0, size = 0;
-    std::int64_t modifiedSeconds = 0, modifiedNanoseconds = 0;
-    std::int64_t changedSeconds = 0, changedNanoseconds = 0;
+  // In order of their paths.
+  using Files = std::vector<std::pair<std::filesystem::path, FileStamp>>;
 
-    friend bool operator==(const FileState&, const FileState&) = default;
-  };
-
-  static std::vector<FileState> scan();
-  static Anchors load(const std::vector<FileState>& files);
+  // `isWhole`: else a folder could not be listed just now.
+  static Files scan(bool& isWhole);
+  // `isWhole`: else a file could not be read just now.
+  static Anchors load(const Files& files, bool& isWhole);
 
   std::mutex _lock;
-  std::vector<FileState> _files;
+  Files _files;
   Anchors _anchors;
+  std::optional<double> _readAgainAt;  // monotonic; nullopt: not before something changes
 };
 
 }  // namespace tallow

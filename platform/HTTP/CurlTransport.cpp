@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Base/Directories.h"
 #include "platform/Concurrency/MemoryPressure.h"
 #include "platform/HTTP/CurlExchange.h"
 #include "platform/HTTP/CurlLibrary.h"
@@ -67,8 +68,7 @@ void refuseSignals() {
 }  // namespace
 
 CurlTransport::Options CurlTransport::Options::fromEnvironment() {
-  const char* file = std::getenv("TALLOW_CA_FILE");
-  return {.additionalCAFile = file != nullptr ? file : ""};
+  return {.additionalCAFile = authoritiesFile().string()};
 }
 
 // What the I/O thread and its callers share. One thread at a time drives the exchanges: the I/O

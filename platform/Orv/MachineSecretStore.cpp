@@ -121,7 +121,7 @@ std::int32_t MachineSecretStore::read(std::uint64_t dsID, Data& contents) {
                           path));
     return kOrvNotProvisioned;
   }
-  const Stamp stamp{status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+  const FileStamp stamp = FileStamp::of(status);
   if (kept != _sealed.end() && kept->second.stamp == stamp) {
     kept->second.lookedAt = now;
     contents = kept->second.contents;
@@ -170,7 +170,6 @@ std::int32_t MachineSecretStore::save(std::uint64_t dsID, const MachineSecret& s
   ByteWriter(contents).bytes(std::span(header).first(kHeaderBytes)).bytes(sealed.span());
 
   if (isFromTheFuture(dsID)) return kOrvNewerFormat;
-  _sealed.erase(dsID);
   _complained.erase(dsID);
   if (!ensurePrivateFolder(_folder)) {
     _log(1, format("Cannot make the folder %s, or others may write to it", _folder.native()));
@@ -180,6 +179,7 @@ std::int32_t MachineSecretStore::save(std::uint64_t dsID, const MachineSecret& s
     _log(1, format("Cannot write %@", *error));
     return kOrvNotStored;
   }
+  _sealed.erase(dsID);
   return kOrvSuccess;
 }
 

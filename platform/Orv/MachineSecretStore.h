@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/Base/Data.h"
+#include "platform/Base/FileStamp.h"
 #include "platform/Orv/MachineSecret.h"
 #include "platform/Orv/OrvCrypto.h"
 
@@ -44,14 +45,8 @@ class MachineSecretStore {
   std::vector<std::uint64_t> dsIDs() const;
 
  private:
-  // What tells that a file is still the one that was read.
-  struct Stamp {
-    std::uint64_t inode = 0;
-    std::int64_t size = 0, seconds = 0, nanoseconds = 0;
-    friend bool operator==(const Stamp&, const Stamp&) = default;
-  };
   struct Sealed {
-    Stamp stamp;
+    FileStamp stamp;  // of the file that was read
     Data contents;
     double lookedAt = 0;  // when the file was last seen to be still that one; monotonic
   };

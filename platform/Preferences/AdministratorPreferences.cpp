@@ -1,9 +1,10 @@
 #include "platform/Preferences/AdministratorPreferences.h"
 
-#include <sys/stat.h>
-
+#include <cerrno>
 #include <utility>
 
+#include "platform/Base/AtomicFile.h"
+#include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
 #include "platform/Preferences/Preferences.h"
 #include "platform/Preferences/TOML.h"
@@ -11,7 +12,11 @@
 
 namespace tallow {
 
-namespace {}  // namespace
+namespace {
+
+constexpr double kSecondsBetweenAttempts = 1;
+
+}  // namespace
 
 AdministratorPreferences::AdministratorPreferences(std::vector<std::filesystem::path> folders)
     : _folders(std::move(folders)) {}
@@ -41,20 +46,22 @@ std::set<std::string> AdministratorPreferences::keys(std::string_view domain) {
 }
 
 const Dictionary* AdministratorPreferences::valuesOf(const std::filesystem::path& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
+  const std::optional<FileStamp> stamp = FileStamp::at(path.c_str());
+  if (!stamp && !mayPass(errno)) {
     _files.erase(path);
     return nullptr;
   }
-  const Stamp stamp{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
-                    status.st_mtim.tv_nsec};
   const auto [found, isNew] = _files.try_emplace(path);
   File& file = found->second;
-  if (!isNew && file.stamp == stamp) return &file.values;
-  file.stamp = stamp;
+  const double now = Clock::shared().monotonicSeconds();
+  const bool isDue = file.readAgainAt && now >= *file.readAgainAt;
+  if (!stamp || (!isNew && file.stamp == *stamp && !isDue)) return &file.values;
+  file.stamp = *stamp;
+  file.readAgainAt.reset();
   if (Result<Dictionary> read = TOML::decodeFile(path)) {
     file.values = *std::move(read);
   } else {
+    if (mayPass(read.error())) file.readAgainAt = now + kSecondsBetweenAttempts;
     logLevel(1, "%@: cannot use %@: %@", Preferences::kClassName, path.native(),
              read.error().localizedDescription());
   }

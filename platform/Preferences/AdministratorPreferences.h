@@ -3,11 +3,13 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/Base/FileStamp.h"
 #include "platform/Base/Value.h"
 
 namespace tallow {
@@ -17,7 +19,8 @@ namespace tallow {
 // are on, so a value is one for the current host and for any host alike.
 //
 // A changed file counts at the next read. One that cannot be read or understood is logged once, and
-// what it said before stays. Owned by SQLitePreferences; any thread.
+// what it said before stays; one that could not be read in passing is read again within a second.
+// Owned by SQLitePreferences; any thread.
 class AdministratorPreferences {
  public:
   explicit AdministratorPreferences(std::vector<std::filesystem::path> folders);
@@ -26,15 +29,10 @@ class AdministratorPreferences {
   std::set<std::string> keys(std::string_view domain);
 
  private:
-  // What tells that a file has been changed.
-  struct Stamp {
-    std::uint64_t device = 0, inode = 0;
-    std::int64_t size = 0, seconds = 0, nanoseconds = 0;
-    friend bool operator==(const Stamp&, const Stamp&) = default;
-  };
   struct File {
-    Stamp stamp;
+    FileStamp stamp;
     Dictionary values;
+    std::optional<double> readAgainAt;  // monotonic; nullopt: not before it changes
   };
 
   // The file's values, read again if it has changed; null when there is no such file.
@@ -42,7 +40,7 @@ class AdministratorPreferences {
 
   const std::vector<std::filesystem::path> _folders;
   std::mutex _mutex;
-  std::map<std::filesystem::path, File> _files;  // those that exist
+  std::map<std::filesystem::path, File> _files;  // those that exist, or did when last seen
 };
 
 }  // namespace tallow

@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -90,10 +89,7 @@ Result<Dictionary> decode(std::string_view text) {
 }
 
 Result<Dictionary> decodeFile(const std::filesystem::path& path) {
-  // Configuration managers like to put links; where they lead is the administrator's word.
-  std::error_code ignored;
-  const std::filesystem::path file = std::filesystem::canonical(path, ignored);
-  const Result<Data> contents = readFile(file.empty() ? path : file, kMaxFileBytes);
+  const Result<Data> contents = readLinkedFile(path, kMaxFileBytes);
   if (!contents) return contents.error();
   return decode(contents->view());
 }

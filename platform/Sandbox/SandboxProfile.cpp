@@ -40,8 +40,8 @@ std::optional<Paths> valuesOfVariable(std::string_view variable) {
     return failure ? Paths() : Paths{program};
   }
   if (variable == "$CA_FILE") {
-    const char* file = std::getenv("TALLOW_CA_FILE");
-    return file != nullptr && *file == '/' ? Paths{file} : Paths();
+    const std::filesystem::path file = authoritiesFile();
+    return file.empty() ? Paths() : Paths{file};
   }
   return std::nullopt;
 }
@@ -160,7 +160,7 @@ Result<SandboxProfile> SandboxProfile::named(const std::string& name) {
   };
   for (const std::filesystem::path& folder : Directories::shared().systemDataDirs()) {
     const std::filesystem::path file = folder / "sandbox" / (name + ".toml");
-    const Result<Data> text = readFile(file, kMaxProfileBytes);
+    const Result<Data> text = readLinkedFile(file, kMaxProfileBytes);
     if (text) return parsed(text->view());
     if (text.error().code != ENOENT && text.error().code != ENOTDIR)
       return makeError(kSandboxErrorDomain, text.error().code,

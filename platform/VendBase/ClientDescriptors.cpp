@@ -1,17 +1,20 @@
 #include "platform/VendBase/ClientDescriptors.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Base/Clock.h"
 #include "platform/Base/Directories.h"
+#include "platform/Base/FileStamp.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -21,44 +24,49 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{64} << 10;
 constexpr std::size_t kMaxFiles = 1000;
+constexpr double kSecondsBetweenTries = 1;
 
-// What tells one state of a file from another.
-struct FileState {
+struct InstalledFile {
   std::filesystem::path path;
-  std::uint64_t inode = 0;
-  std::int64_t size = 0;
-  std::int64_t changedSeconds = 0;
-  std::int64_t changedNanoseconds = 0;
+  FileStamp stamp;
 
-  friend bool operator==(const FileState&, const FileState&) = default;
+  friend bool operator==(const InstalledFile&, const InstalledFile&) = default;
 };
 
 // By file name, so that a later directory replaces what an earlier one has.
-using Files = std::map<std::string, FileState>;
+using Files = std::map<std::string, InstalledFile>;
 
-void addFilesOf(const std::filesystem::path& folder, Files& files) {
+// False when the folder could not be listed just now.
+bool addFilesOf(const std::filesystem::path& folder, Files& files) {
   std::error_code error;
   for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
     std::string name = entry->path().filename().string();
     if (!name.ends_with(".toml") || name.starts_with('.')) continue;
-    struct stat status {};
-    if (stat(entry->path().c_str(), &status) != 0) continue;
+    const auto stamp = FileStamp::at(entry->path().c_str());
+    if (!stamp) continue;
     if (files.size() >= kMaxFiles && files.count(name) == 0) continue;
-    files[std::move(name)] = {entry->path(), status.st_ino, status.st_size, status.st_ctim.tv_sec,
-                              status.st_ctim.tv_nsec};
+    files[std::move(name)] = {entry->path(), *stamp};
   }
+  return !error || !mayPass(error.value());
 }
 
-Files filesThatCount() {
+Files filesThatCount(bool& isWhole) {
   const Directories& directories = Directories::shared();
   Files files;
   // The directories are listed with the most important one first.
   for (const auto* list : {&directories.dataDirs, &directories.configDirs}) {
     for (auto folder = list->rbegin(); folder != list->rend(); ++folder)
-      addFilesOf(*folder / "clients.d", files);
+      isWhole = addFilesOf(*folder / "clients.d", files) && isWhole;
   }
   return files;
+}
+
+// Links are followed: an administrator may keep the file elsewhere.
+Result<ClientDescriptor> descriptorIn(const InstalledFile& file) {
+  const Result<Data> contents = readLinkedFile(file.path, kMaxFileBytes);
+  if (!contents) return contents.error();
+  return ClientDescriptor::parse(contents->view(), file.path.string());
 }
 
 class InstalledClientDescriptors final : public ClientDescriptors {
@@ -77,6 +85,11 @@ class InstalledClientDescriptors final : public ClientDescriptors {
       found = descriptor;
     }
     return found;
+  }
+
+  bool isComplete() override {
+    const std::lock_guard lock(_mutex);
+    return _areAllListed && !_readAgainAt;
   }
 
   std::shared_ptr<const HSStoreClient> clientWithIdentifier(std::string_view identifier) override {
@@ -101,29 +114,34 @@ class InstalledClientDescriptors final : public ClientDescriptors {
   using List = std::vector<std::shared_ptr<const ClientDescriptor>>;
 
   std::shared_ptr<const List> current() {
-    Files files = filesThatCount();
+    bool isWhole = true;
+    Files files = filesThatCount(isWhole);
+    const double now = Clock::shared().monotonicSeconds();
     const std::lock_guard lock(_mutex);
-    if (!_list || files != _files) {
-      _list = read(files);
+    _areAllListed = isWhole;
+    // What was read before counts until all of it can be seen again.
+    if (_list && !isWhole) return _list;
+    if (!_list || files != _files || (_readAgainAt && now >= *_readAgainAt)) {
+      isWhole = true;
+      _list = read(files, isWhole);
       _files = std::move(files);
+      _readAgainAt = isWhole ? std::nullopt : std::optional(now + kSecondsBetweenTries);
     }
     return _list;
   }
 
-  static std::shared_ptr<const List> read(const Files& files) {
+  static std::shared_ptr<const List> read(const Files& files, bool& isWhole) {
     static std::atomic<std::uint64_t> readings{0};
     const std::uint64_t reading = ++readings;
     auto list = std::make_shared<List>();
-    for (const auto& [name, state] : files) {
-      if (state.size == 0) continue;
-      const auto contents = readFile(state.path, kMaxFileBytes);
-      if (!contents) {
-        logLevel(1, "%@: cannot read %@: %@", ClientDescriptors::kClassName, state.path.string(),
-                 contents.error());
-        continue;
-      }
-      auto descriptor = ClientDescriptor::parse(contents->view(), state.path.string());
+    if (files.size() == kMaxFiles)
+      logLevel(1, "%@: there are %lu descriptors or more; no others are read",
+               ClientDescriptors::kClassName, kMaxFiles);
+    for (const auto& [name, file] : files) {
+      if (file.stamp.size == 0) continue;
+      Result<ClientDescriptor> descriptor = descriptorIn(file);
       if (!descriptor) {
+        isWhole = isWhole && !mayPass(descriptor.error());
         logLevel(1, "%@: ignoring %@", ClientDescriptors::kClassName,
                  descriptor.error().localizedDescription());
         continue;
@@ -154,6 +172,8 @@ class InstalledClientDescriptors final : public ClientDescriptors {
   std::mutex _mutex;
   Files _files;
   std::shared_ptr<const List> _list;
+  bool _areAllListed = true;
+  std::optional<double> _readAgainAt;  // monotonic; nullopt: not before something changes
 };
 
 }  // namespace
@@ -162,10 +182,14 @@ ClientDescriptors& ClientDescriptors::shared() {
   return SharedInstance<ClientDescriptors>::get(&ClientDescriptors::make);
 }
 
-std::vector<std::filesystem::path> ClientDescriptors::installedFiles() {
-  std::vector<std::filesystem::path> paths;
-  for (const auto& [name, state] : filesThatCount()) paths.push_back(state.path);
-  return paths;
+std::vector<ClientDescriptors::Installed> ClientDescriptors::installed() {
+  std::vector<Installed> installed;
+  bool isWhole = true;
+  for (const auto& [name, file] : filesThatCount(isWhole)) {
+    Installed& each = installed.emplace_back(Installed{file.path, std::nullopt});
+    if (file.stamp.size != 0) each.descriptor = descriptorIn(file);
+  }
+  return installed;
 }
 
 std::unique_ptr<ClientDescriptors> ClientDescriptors::make() {

@@ -104,8 +104,12 @@ void CallerIdentification::_gotCredentials(const std::string& uniqueName, Creden
     known.process = ProcessInspector::shared().inspect(*credentials.pid, process);
     known.process.uid = *credentials.uid;
     known.process.securityLabel = credentials.securityLabel;
-    known.descriptor = ClientDescriptors::shared().descriptorForProcess(known.process);
-    if (!known.descriptor) known.refusal = refusalOf(known.process);
+    ClientDescriptors& descriptors = ClientDescriptors::shared();
+    known.descriptor = descriptors.descriptorForProcess(known.process);
+    if (!known.descriptor) {
+      known.refusal = refusalOf(known.process);
+      known.mayPass = known.process.isUnseen || !descriptors.isComplete();
+    }
     const bool isCertain = process >= 0;
     connection->post(
         [this, uniqueName, known = std::move(known), isCertain, done = std::move(done)]() mutable {

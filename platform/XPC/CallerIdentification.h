@@ -26,6 +26,7 @@ class CallerIdentification {
     // Null: no descriptor names the process, or it is another user's.
     std::shared_ptr<const ClientDescriptor> descriptor;
     std::string refusal;
+    bool mayPass = false;  // the refusal: the next time may be better
   };
   using Done = std::function<void(Outcome)>;
 

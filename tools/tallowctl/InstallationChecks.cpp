@@ -146,25 +146,19 @@ std::optional<Date> modificationDate(const fs::path& path) {
 void checkClients(Findings& findings) {
   const std::vector<ProcessIdentity> processes = runningProcesses();
   bool isAny = false;
-  for (const fs::path& path : ClientDescriptors::installedFiles()) {
-    const auto contents = readFile(path);
-    if (!contents) {
-      findings.problem(kClients, contents.error().localizedDescription(),
-                       "The service's user must be able to read it.");
-      continue;
-    }
-    if (contents->empty()) {
-      findings.note(kClients, path.native() + " is empty: it masks a client of that file name",
-                    "Remove it to have the client back.");
-      continue;
-    }
-    const auto descriptor = ClientDescriptor::parse(contents->view(), path.native());
+  for (const auto& [file, descriptor] : ClientDescriptors::installed()) {
     if (!descriptor) {
-      findings.problem(kClients, descriptor.error().localizedDescription(), kDescribe);
-      continue;
+      findings.note(kClients, file.native() + " is empty: it masks a client of that file name",
+                    "Remove it to have the client back.");
+    } else if (!*descriptor) {
+      const Error& error = descriptor->error();
+      findings.problem(
+          kClients, error.localizedDescription(),
+          error.domain == "File" ? "The service's user must be able to read it." : kDescribe);
+    } else {
+      isAny = true;
+      checkClient(**descriptor, processes, findings);
     }
-    isAny = true;
-    checkClient(*descriptor, processes, findings);
   }
   if (!isAny)
     findings.problem(kClients, "no client is described, so every call is refused", kDescribe);

@@ -24,6 +24,7 @@ namespace {
 
 constexpr const char* kStoreArea = "store";
 constexpr double kConnectSeconds = 5;
+constexpr std::size_t kMostAtOnce = 16;
 constexpr double kTotalSeconds = 10;
 // Beyond it signatures and tokens are judged wrongly.
 constexpr double kToleratedClockSeconds = 300;
@@ -47,12 +48,9 @@ Addresses bootstrapAddresses() {
       if (const auto url = URL::parse(*text))
         addAddresses({*url}, std::string("preference ") + key, addresses);
   }
-  for (const auto& path : ClientDescriptors::installedFiles()) {
-    const auto contents = readFile(path);
-    if (!contents || contents->empty()) continue;
-    const auto descriptor = ClientDescriptor::parse(contents->view(), path.native());
-    if (!descriptor || !descriptor->client) continue;
-    const HSStoreClient& client = *descriptor->client;
+  for (const auto& [file, descriptor] : ClientDescriptors::installed()) {
+    if (!descriptor || !*descriptor || !(*descriptor)->client) continue;
+    const HSStoreClient& client = *(*descriptor)->client;
     addAddresses(client.productionBagURLs, *client.identifier, addresses);
     addAddresses(client.sandboxBagURLs, *client.identifier + " (sandbox)", addresses);
   }
@@ -101,13 +99,17 @@ void judge(const std::string& address, const std::string& owners,
 
 void checkStores(Findings& findings) {
   const Addresses addresses = bootstrapAddresses();
-  std::vector<std::future<Result<HTTPResponse>>> answers;
-  for (const auto& [address, owners] : addresses)
-    answers.push_back(
-        std::async(std::launch::async, [url = *URL::parse(address)] { return ask(url); }));
-  auto answer = answers.begin();
-  for (const auto& [address, owners] : addresses)
-    judge(address, owners, (answer++)->get(), findings);
+  for (auto next = addresses.begin(); next != addresses.end();) {
+    auto judged = next;
+    std::vector<std::future<Result<HTTPResponse>>> answers;
+    for (; next != addresses.end() && answers.size() < kMostAtOnce; ++next)
+      answers.push_back(
+          std::async(std::launch::async, [url = *URL::parse(next->first)] { return ask(url); }));
+    for (auto& answer : answers) {
+      judge(judged->first, judged->second, answer.get(), findings);
+      ++judged;
+    }
+  }
   if (addresses.empty())
     findings.note(kStoreArea, "no client names an address to load its bag from",
                   "Write production-bag-urls into its descriptor: tallowd-clients.d(5).");

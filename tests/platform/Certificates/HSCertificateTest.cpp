@@ -13,6 +13,7 @@
 #include "platform/Certificates/AnchorStore.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/CertificateAuthority.h"
+#include "tests/support/NoMoreFiles.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -363,6 +364,27 @@ TEST_F(AnchorStoreTest, NoticesEveryChange) {
   write(anchorFile("own.pem", 0),
         chain().root.pem());  // in the user's own folder, which counts not
   EXPECT_THAT(verdict(chain().certificates()), HasSubstr("no trust anchors"));
+}
+
+TEST_F(AnchorStoreTest, WhatCannotBeReadInPassingIsReadAgain) {
+  install(chain().root);
+  std::filesystem::create_symlink("/proc/self/mem", anchorFile("z.pem"));  // EIO
+  const auto count = [&] { return _anchors.current().count; };
+  {
+    const NoMoreFiles none;
+    EXPECT_EQ(count(), 0u);
+  }
+  const CapturedLog log;
+  EXPECT_EQ(count(), 1u);
+  {
+    const NoMoreFiles none;
+    EXPECT_EQ(count(), 1u) << "what was read before counts";
+  }
+  EXPECT_EQ(count(), 1u);
+  EXPECT_EQ(log.lines(1).size(), 1U);
+  _clock.advance(1);
+  EXPECT_EQ(count(), 1u);
+  EXPECT_EQ(log.lines(1).size(), 2U) << "the disk may answer by now";
 }
 
 TEST_F(AnchorStoreTest, ADamagedFileSpoilsNoOther) {

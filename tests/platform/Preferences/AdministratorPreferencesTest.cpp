@@ -5,6 +5,8 @@
 #include <fstream>
 #include <string>
 
+#include "platform/Base/Clock.h"
+#include "platform/Base/SharedInstance.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -50,6 +52,21 @@ TEST_F(AdministratorPreferencesTest, ADamagedFileKeepsWhatItSaidBefore) {
   EXPECT_TRUE(_log.mentions(1, "domain.toml: line 1"));
   write("near/domain.toml", "a = 3");
   EXPECT_EQ(_preferences.value("a", "domain"), Value(3));
+}
+
+TEST_F(AdministratorPreferencesTest, WhatCannotBeReadInPassingIsReadAgain) {
+  ManualClock clock{Date{1'800'000'000}};
+  const ScopedShared<Clock> sharedClock(clock);
+  write("near/domain.toml", "a = 1");
+  EXPECT_EQ(_preferences.value("a", "domain"), Value(1));
+  std::filesystem::create_symlink("/proc/self/mem", _folder / "eio");
+  std::filesystem::rename(_folder / "eio", _folder / "near/domain.toml");
+  EXPECT_EQ(_preferences.value("a", "domain"), Value(1));
+  EXPECT_EQ(_preferences.value("a", "domain"), Value(1));
+  EXPECT_EQ(_log.lines(1).size(), 1u);
+  clock.advance(1);
+  EXPECT_EQ(_preferences.value("a", "domain"), Value(1));
+  EXPECT_EQ(_log.lines(1).size(), 2u) << "the disk may answer by now";
 }
 
 TEST_F(AdministratorPreferencesTest, ADomainIsNoPath) {

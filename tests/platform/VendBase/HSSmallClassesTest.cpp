@@ -2,8 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
+#include "platform/Base/Directories.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
+#include "tests/support/NoMoreFiles.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
@@ -29,6 +37,30 @@ TEST(HSError, ShowsTheMessageElseTheTitle) {
   EXPECT_EQ(titled.localizedDescription(), "title");
   EXPECT_FALSE(titled.userInfo.contains(kHSErrorMessageKey));
   EXPECT_TRUE(HSError(5, std::nullopt, std::nullopt).userInfo.empty());
+}
+
+TEST(ClientDescriptors, WhatCannotBeListedInPassingIsLookedForAgain) {
+  const TemporaryFolder folder;
+  Directories directories;
+  directories.configDirs = {folder.path()};
+  const ScopedShared<Directories> sharedDirectories(directories);
+  const auto descriptors = ClientDescriptors::make();
+  const auto finds = [&] { return descriptors->clientWithIdentifier("a") != nullptr; };
+  EXPECT_FALSE(finds());
+  EXPECT_TRUE(descriptors->isComplete());
+  std::filesystem::create_directory(folder / "clients.d");
+  std::ofstream(folder / "elsewhere") << "identifier = \"a\"";
+  std::filesystem::create_symlink(folder / "elsewhere", folder / "clients.d/a.toml");
+  {
+    const NoMoreFiles none;
+    EXPECT_FALSE(finds());
+    EXPECT_FALSE(descriptors->isComplete());
+  }
+  EXPECT_TRUE(finds());
+  EXPECT_TRUE(descriptors->isComplete());
+  const NoMoreFiles none;
+  EXPECT_TRUE(finds()) << "what was read before counts";
+  EXPECT_FALSE(descriptors->isComplete());
 }
 
 TEST(HSDevice, GUIDIsSteadyAndHexadecimal) {
