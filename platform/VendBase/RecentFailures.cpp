@@ -13,6 +13,8 @@ namespace tallow {
 
 namespace {
 
+constexpr double kSecondsBetweenLines = 60;
+
 // How the cryptographic library says that a certificate's dates do not fit the clock's; nothing but
 // its text travels in an error.
 bool isAboutDates(const Error& error) {
@@ -113,21 +115,35 @@ RecentFailures& RecentFailures::shared() {
 void RecentFailures::note(const Error& error, const std::string& client) {
   if (error.domain == kHSErrorDomain && error.code == kHSErrorCancelled) return;
   const auto activity = Activity::current();
-  Failure failure{Clock::shared().now(), 1, activity ? activity->client : client,
-                  activity ? activity->operation : "", error};
-  logLevel(2, "%@: %s: %@ %@ %@", RecentFailures::kClassName, nameOf(failureKindOf(error)), error,
-           failure.client, failure.operation);
+  Failure failure{Clock::shared().now(),
+                  1,
+                  activity ? activity->client : client,
+                  activity ? activity->operation : "",
+                  error,
+                  Clock::shared().monotonicSeconds()};
+  if (_add(failure))
+    logLevel(2, "%@: %s: %@ %@ %@", RecentFailures::kClassName, nameOf(failureKindOf(error)), error,
+             failure.client, failure.operation);
+}
+
+bool RecentFailures::_add(Failure failure) {
+  bool isToBeLogged = true;
+  const std::string text = failure.error.localizedDescription();
   const std::lock_guard guard(_lock);
   const auto same = std::find_if(_failures.begin(), _failures.end(), [&](const Failure& other) {
     return other.client == failure.client && other.operation == failure.operation &&
-           other.error.domain == error.domain && other.error.code == error.code;
+           other.error.domain == failure.error.domain && other.error.code == failure.error.code &&
+           other.error.localizedDescription() == text;
   });
   if (same != _failures.end()) {
+    isToBeLogged = failure.loggedAt - same->loggedAt >= kSecondsBetweenLines;
+    if (!isToBeLogged) failure.loggedAt = same->loggedAt;
     failure.times = same->times + 1;
     _failures.erase(same);
   }
   _failures.push_front(std::move(failure));
   if (_failures.size() > kMost) _failures.pop_back();
+  return isToBeLogged;
 }
 
 std::vector<RecentFailures::Failure> RecentFailures::list() const {

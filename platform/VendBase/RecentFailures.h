@@ -20,8 +20,8 @@ const char* nameOf(FailureKind kind);
 const char* adviceFor(FailureKind kind);
 
 // What has failed lately, for status reports: the last kMost failures, each with its client and the
-// operation that it was called by (Activity). The same failure again counts as one more of the one
-// that is there. Any thread.
+// operation that it was called by (Activity). The same failure again, with the same text, counts as
+// one more of the one that is there. Any thread.
 class RecentFailures {
  public:
   static constexpr const char* kClassName = "RecentFailures";  // in log lines
@@ -34,17 +34,21 @@ class RecentFailures {
     std::string client;     // empty: not known, or none
     std::string operation;  // likewise
     Error error;
+    double loggedAt = 0;  // monotonic
   };
 
   static RecentFailures& shared();
 
-  // Also logged, as a warning. `client` where no activity names one. What was cancelled has not
-  // failed.
+  // Also logged, as a warning; the same again at most once a minute. `client` where no activity
+  // names one. What was cancelled has not failed.
   void note(const Error& error, const std::string& client = {});
   // The latest first.
   std::vector<Failure> list() const;
 
  private:
+  // Whether it is to be logged, too.
+  bool _add(Failure failure);
+
   mutable std::mutex _lock;
   std::deque<Failure> _failures;  // guarded by _lock
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/Base/Format.h"
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/RecentFailures.h"
@@ -19,6 +20,15 @@ namespace {
 constexpr const char* kNameHasLeft =
     "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
     "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
+
+// Tells programs apart, and not the runs or connections of one: who tries again and again is one
+// failure.
+std::string failureText(const CallerIdentification::Outcome& outcome) {
+  const ProcessIdentity& process = outcome.process;
+  const std::string& who = process.executable.empty() ? process.doubt : process.executable;
+  if (who.empty()) return outcome.refusal;
+  return format("No client descriptor names %s of user %u", who, *outcome.uid);
+}
 
 }  // namespace
 
@@ -113,20 +123,19 @@ void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr
     _callerHasLeft(uniqueName);
     return;
   }
-  if (!outcome.descriptor && outcome.process.isUnseen) {
-    // A passing failure. Not kept either.
+  if (outcome.mayPass) {
+    // Not kept: its next call is looked at afresh.
     --_unknownCallers;
     _callers.erase(found);
     logLevel(2, "%@: refusing a call of %@: %@", CallerTable::kClassName, uniqueName,
              outcome.refusal);
     caller->refuse({kLimitsExceeded, std::move(outcome.refusal)});
   } else if (!_count(found->second, *outcome.uid)) {
-    // Not kept: its next call is looked at afresh.
-    _callers.erase(found);
+    _callers.erase(found);  // not kept either
     caller->refuse({kLimitsExceeded, "This user has too many connections to the service."});
   } else if (!outcome.descriptor) {
-    RecentFailures::shared().note(
-        makeError(kAccessDenied, -1, uniqueName + " is refused: " + outcome.refusal));
+    logLevel(3, "%@: refusing %@: %@", CallerTable::kClassName, uniqueName, outcome.refusal);
+    RecentFailures::shared().note(makeError(kAccessDenied, -1, failureText(outcome)));
     caller->refuse({kAccessDenied, std::move(outcome.refusal)});
   } else {
     logLevel(3, "%@: %@ is %@, known by %@", CallerTable::kClassName, uniqueName,

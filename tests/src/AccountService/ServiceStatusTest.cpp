@@ -130,6 +130,15 @@ TEST_F(ServiceStatusTest, KindsOfFailureAreToldApart) {
   for (int code = 0; code < 40; ++code) failures.note(makeError("Many", code, "x"), "client");
   EXPECT_EQ(failures.list().size(), RecentFailures::kMost);
   EXPECT_EQ(failures.list().front().error.code, 39);
+
+  const auto lines = [&] { return world.log.lines(2).size(); };
+  const std::size_t before = lines();
+  for (int i = 0; i < 100; ++i) failures.note(makeError("Who", 1, i % 2 == 0 ? "a" : "b"));
+  EXPECT_EQ(failures.list()[1].times, 50u);
+  EXPECT_EQ(lines(), before + 2) << "a repetition is logged once a minute";
+  world.clock.advance(60);
+  failures.note(makeError("Who", 1, "a"));
+  EXPECT_EQ(lines(), before + 3);
 }
 
 // What is sent to the journal beside the text of a line.
