@@ -15,6 +15,7 @@ namespace {
 
 // A provisioning has one session, which the service ends when it is over.
 constexpr std::size_t kMostSessions = 16;
+constexpr double kSecondsBetweenSaves = 60;
 
 OrvCrypto::Key derived(std::span<const std::uint8_t> machineID, std::string_view purpose) {
   OrvCrypto::Key key;
@@ -70,16 +71,26 @@ std::int32_t BuiltInOrv::requestPassword(std::uint64_t dsID, SecretVector& ident
 }
 
 bool BuiltInOrv::passwordIsAtHand(std::uint64_t dsID) const {
-  return _secrets.isInMemory(dsID) && !_clocksToKeep.contains(dsID);
+  const auto toKeep = _clocksToKeep.find(dsID);
+  return _secrets.isInMemory(dsID) &&
+         (toKeep == _clocksToKeep.end() || Clock::shared().monotonicSeconds() < toKeep->second);
 }
 
 // Called also where writing would take too long: then the password is not at hand the next time.
 void BuiltInOrv::keepClock(std::uint64_t dsID, MachineSecret& secret) {
-  if (!secret.clock.isOwnClockSet(_boot)) return;
-  if (_clocksToKeep.insert(dsID).second) return;
-  _clocksToKeep.erase(dsID);
+  if (!secret.clock.isOwnClockSet(_boot)) {
+    _clocksToKeep.erase(dsID);
+    return;
+  }
+  const double now = Clock::shared().monotonicSeconds();
+  const auto [toKeep, isNew] = _clocksToKeep.emplace(dsID, now);
+  if (isNew || now < toKeep->second) return;
   secret.clock.compareOwnClock(_boot);
-  _secrets.save(dsID, secret);  // or not: it is logged, and tried again
+  if (_secrets.save(dsID, secret) == kOrvSuccess) {
+    _clocksToKeep.erase(toKeep);
+  } else {
+    toKeep->second = now + kSecondsBetweenSaves;  // it is logged, and tried again
+  }
 }
 
 std::vector<std::uint64_t> BuiltInOrv::provisionedDSIDs() {

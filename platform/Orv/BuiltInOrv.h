@@ -5,7 +5,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -65,7 +64,8 @@ class BuiltInOrv {
   const OrvCrypto::Key _fingerprintKey;
   const StoreClock::Boot _boot;
   MachineSecretStore _secrets;
-  std::set<std::uint64_t> _clocksToKeep;  // of these DSIDs, seen where writing was not in order
+  // Of which DSIDs, and not before when (monotonic). Seen where writing was not in order.
+  std::map<std::uint64_t, double> _clocksToKeep;
   std::map<std::uint32_t, Session> _sessions;
   std::uint32_t _lastSession = 0;
 };

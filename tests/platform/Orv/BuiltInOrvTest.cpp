@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 
@@ -10,6 +11,7 @@
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FullDisk.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -152,6 +154,24 @@ TEST_F(BuiltInOrvTest, WhatIsNotFromTheStoreProvisionsNothing) {
   for (int i = 0; i < 100 && status == kOrvSuccess; ++i)
     status = orv.startProvisioning(kDSID, start.span(), clientData, session);
   EXPECT_EQ(status, kOrvTooManySessions);
+}
+
+TEST_F(BuiltInOrvTest, ADiskThatRefusesIsAskedOnceAMinute) {
+  BuiltInOrv orv = machine();
+  Store store;
+  ASSERT_EQ(provision(orv, store), kOrvSuccess);
+  const std::string password = passwordOf(orv);
+  clock.set(Date{clock.now().secondsSince1970 + 5000});
+  {
+    const FullDisk full;
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(passwordOf(orv), password);
+  }
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+  EXPECT_TRUE(orv.passwordIsAtHand(kDSID));
+  const Data before = *readFile(file());
+  clock.advance(60);
+  passwordOf(orv);
+  EXPECT_NE(*readFile(file()), before);
 }
 
 TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
