@@ -30,9 +30,9 @@ constexpr const char* kServiceHasChanged =
 class Service final : public sdbus::ProxyInterfaces<com::vantor::HSDialogService_proxy,
                                                     com::vantor::HSServiceRemoteObject_proxy> {
  public:
-  explicit Service(sdbus::IConnection& connection)
-      : ProxyInterfaces(connection, bus::ServiceName{kServiceName},
-                        sdbus::ObjectPath{kServicePath}) {
+  // `uniqueName`: a call never reaches one that was started later.
+  Service(sdbus::IConnection& connection, const std::string& uniqueName)
+      : ProxyInterfaces(connection, bus::ServiceName{uniqueName}, sdbus::ObjectPath{kServicePath}) {
     registerProxy();
   }
   ~Service() { unregisterProxy(); }
@@ -61,6 +61,7 @@ class DialogAgent::Agent {
   };
 
   void _register();
+  std::string _findService();
   std::string _ownerOfService();
   void _work();
   void _showOne(const Waiting& waiting);
@@ -73,6 +74,8 @@ class DialogAgent::Agent {
     eventfd_write(_gone.get(), 1);
   }
   bool _isService(const std::string& uniqueName);
+  // With the lock held.
+  bool _mustRegister() const { return !_owner.empty() && _owner != _registeredWith; }
 
   const std::string _client;
   const Show _show;
@@ -84,12 +87,12 @@ class DialogAgent::Agent {
   FileDescriptor _gone;          // of that dialog
   std::string _owner;            // the service's unique name
   bool _isGone = false;
-  bool _mustRegister = false;
+  std::string _registeredWith;  // or tried to
+  std::uint64_t _ownersHeard = 0;
   bool _isEnding = false;
 
   std::unique_ptr<sdbus::IConnection> _connection;
   std::unique_ptr<sdbus::IProxy> _busDaemon;
-  std::unique_ptr<Service> _service;
   std::unique_ptr<Object> _object;
   sdbus::Slot _ownerMatch;
   std::thread _worker;
@@ -142,13 +145,8 @@ void DialogAgent::Agent::start() {
   });
   _object = std::make_unique<Object>(*_connection, *this);
   _busDaemon = bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus");
-  _service = std::make_unique<Service>(*_connection);
   _connection->enterEventLoopAsync();
   _register();
-  {
-    const std::lock_guard guard(_lock);
-    _mustRegister = false;  // what was heard of so far has been registered with
-  }
   _worker = std::thread([this] { _work(); });
 }
 
@@ -173,10 +171,10 @@ std::string DialogAgent::Agent::_ownerOfService() {
   return owner;
 }
 
-void DialogAgent::Agent::_register() {
-  std::string owner;
+// Started if need be.
+std::string DialogAgent::Agent::_findService() {
   try {
-    owner = _ownerOfService();
+    return _ownerOfService();
   } catch (const sdbus::Error&) {
     std::uint32_t started = 0;
     _busDaemon->callMethod("StartServiceByName")
@@ -184,22 +182,34 @@ void DialogAgent::Agent::_register() {
         .withTimeout(kStartPatience)
         .withArguments(std::string(kServiceName), std::uint32_t{0})
         .storeResultsTo(started);
-    owner = _ownerOfService();
+    return _ownerOfService();
   }
+}
+
+// With one service, even if another takes its place meanwhile: that one is registered with next.
+void DialogAgent::Agent::_register() {
+  std::uint64_t heardBefore = 0;
   {
     const std::lock_guard guard(_lock);
-    _owner = owner;
+    heardBefore = _ownersHeard;
   }
-  if (!_client.empty()) _service->actAs(_client);
-  _service->registerDialogAgent(sdbus::ObjectPath{kAgentPath});
+  const std::string owner = _findService();
+  {
+    const std::lock_guard guard(_lock);
+    if (_ownersHeard == heardBefore) _owner = owner;  // else what was heard is newer
+    _registeredWith = owner;
+  }
+  Service service(*_connection, owner);
+  if (!_client.empty()) service.actAs(_client);
+  service.registerDialogAgent(sdbus::ObjectPath{kAgentPath});
 }
 
 void DialogAgent::Agent::_serviceHasChanged(const std::string& owner) {
   const std::lock_guard guard(_lock);
   _owner = owner;
+  ++_ownersHeard;
   _waiting.clear();  // nobody waits for these any more
   if (_shown != 0) _takeAway();
-  _mustRegister = !owner.empty();
   _changed.notify_all();
 }
 
@@ -223,14 +233,16 @@ void DialogAgent::Agent::_dismiss(std::uint64_t number) {
 void DialogAgent::Agent::_work() {
   std::unique_lock lock(_lock);
   for (;;) {
-    _changed.wait(lock, [&] { return _isEnding || _mustRegister || !_waiting.empty(); });
+    _changed.wait(lock, [&] { return _isEnding || _mustRegister() || !_waiting.empty(); });
     if (_isEnding) return;
-    if (std::exchange(_mustRegister, false)) {
+    if (_mustRegister()) {
+      // Once only: where that fails the service dismisses its dialogs, and nobody is left waiting.
+      _registeredWith = _owner;
       lock.unlock();
       try {
         _register();
       } catch (const sdbus::Error&) {
-        // Without an agent the service dismisses its dialogs: nobody is left waiting.
+        // The next service may take it.
       }
       lock.lock();
       continue;

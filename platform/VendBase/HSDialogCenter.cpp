@@ -8,8 +8,6 @@
 
 namespace tallow {
 
-namespace {}  // namespace
-
 struct HSDialogCenter::State {
   mutable std::mutex lock;
   std::vector<std::shared_ptr<HSDialogAgent>> agents;  // in the order of their registration
@@ -97,7 +95,10 @@ std::uint64_t HSDialogCenter::show(const HSDialog& dialog, const std::string& cl
     isOpen = found != _state->open.end();
     if (isOpen) found->second.timer = timer;
   }
-  if (!isOpen) timer->invalidate();  // has been dismissed meanwhile
+  if (!isOpen) {  // has been dismissed meanwhile
+    timer->invalidate();
+    return 0;
+  }
   logLevel(3, "%@: Showing dialog %lu for %@", HSDialogCenter::kClassName, number, client);
   HSDialog shown = dialog;
   shown.client = client;

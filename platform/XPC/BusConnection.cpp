@@ -13,8 +13,6 @@
 
 namespace tallow {
 
-namespace {}  // namespace
-
 Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
   try {
     auto connection = bus == Bus::Session ? sdbus::createSessionBusConnection()
@@ -50,6 +48,12 @@ void BusConnection::stop() {
   _stopping = true;
   _wake();
   if (_thread.joinable()) _thread.join();
+  std::exchange(_keptWhileReading, {}).clear();
+}
+
+void BusConnection::keepWhileReading(std::shared_ptr<void> object) {
+  const void* const key = object.get();
+  _keptWhileReading.insert_or_assign(key, std::move(object));
 }
 
 void BusConnection::post(std::function<void()> task) {

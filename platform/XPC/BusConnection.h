@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -35,13 +36,18 @@ class BusConnection {
   // Starts to read. `disconnected` is called on the reading thread, at most once, when the bus has
   // gone away; the thread then ends.
   void start(std::function<void()> disconnected);
-  // Ends the reading thread and waits for it. Not on that thread.
+  // Ends the reading thread and waits for it, and lets go of what was kept while it reads. Not on
+  // that thread.
   void stop();
   // Runs `task` on the reading thread, between two messages. Any thread. What has not run when that
   // thread ends, and what comes later, is destroyed.
   void post(std::function<void()> task);
   // Handles the messages that have arrived. On the reading thread, from a posted task.
   void readArrived();
+  // Keeps a proxy whose call is not answered yet until it is released, or nothing is read any more:
+  // calls that are outstanding then are given up on the thread that stops. On the reading thread.
+  void keepWhileReading(std::shared_ptr<void> object);
+  void release(const void* object) { _keptWhileReading.erase(object); }
   // Keeps an exported object until this connection goes, and so until its last message has gone:
   // the bus library looks at the object's method table even while it seals a late answer. After
   // stop().
@@ -57,7 +63,8 @@ class BusConnection {
 
   std::unique_ptr<sdbus::IConnection> _connection;
   std::vector<std::shared_ptr<void>> _kept;  // goes before the connection it is exported on
-  int _wakeUp = -1;                          // eventfd
+  std::map<const void*, std::shared_ptr<void>> _keptWhileReading;  // the reading thread's
+  int _wakeUp = -1;                                                // eventfd
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _hasPosted{false};
   std::mutex _mutex;

@@ -1,14 +1,14 @@
 #include "platform/XPC/PeerBacklog.h"
 
+#include <utility>
+
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/PeerConnection.h"
 #include "platform/XPC/XPCTransaction.h"
 
 namespace tallow {
 
-namespace {}  // namespace
-
-bool PeerBacklog::add(Call call, std::size_t bytes) {
+bool PeerBacklog::add(Call call, std::size_t bytes, Dropped dropped) {
   {
     const std::lock_guard lock(_lock);
     if (_unanswered == kMaxUnanswered) {
@@ -17,7 +17,7 @@ bool PeerBacklog::add(Call call, std::size_t bytes) {
                  PeerBacklog::kClassName, _what);
         return false;
       }
-      _waiting.emplace_back(std::move(call), bytes);
+      _waiting.push_back({std::move(call), bytes, std::move(dropped)});
       _waitingBytes += bytes;
       return true;
     }
@@ -33,7 +33,7 @@ void PeerBacklog::make(const Call& call) {
 }
 
 void PeerBacklog::answered(const std::optional<Error>& error) {
-  std::deque<std::pair<Call, std::size_t>> dropped;
+  std::deque<Waiting> dropped;
   Call next;
   {
     const std::lock_guard lock(_lock);
@@ -44,14 +44,16 @@ void PeerBacklog::answered(const std::optional<Error>& error) {
     if (_waiting.empty()) {
       if (--_unanswered == 0) _transaction.reset();
     } else {
-      next = std::move(_waiting.front().first);
-      _waitingBytes -= _waiting.front().second;
+      next = std::move(_waiting.front().call);
+      _waitingBytes -= _waiting.front().bytes;
       _waiting.pop_front();
     }
   }
   if (!dropped.empty())
     logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped",
              PeerBacklog::kClassName, _what, dropped.size());
+  for (const Waiting& each : dropped)
+    if (each.dropped) each.dropped(*error);
   if (next) make(next);
 }
 

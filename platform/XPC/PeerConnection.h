@@ -39,9 +39,10 @@ class PeerConnection {
   static bool cannotBeReached(const Error& error);
 
   // Calls the peer's method. `reply` runs exactly once, on the bus's reading thread or, where there
-  // is no bus, on the calling one; it must not block. Its error is kHSErrorServiceUnavailable when
-  // the peer is not there and cannot be started, goes away before it has answered, or does not
-  // answer within `patience`; any other error of the bus is passed on with its text.
+  // is no bus, on the calling one, or on the one that ends the reading; it must not block. Its
+  // error is kHSErrorServiceUnavailable when the peer is not there and cannot be started, goes away
+  // before it has answered, or does not answer within `patience`; any other error of the bus is
+  // passed on with its text.
   template <class... Results, class... Arguments>
   static void call(const Address& to, const char* method, std::chrono::seconds patience,
                    std::function<void(std::optional<Error>, Results...)> reply,
@@ -60,16 +61,20 @@ class PeerConnection {
             .onInterface(interface)
             .withTimeout(patience)
             .withArguments(arguments...)
-            .uponReplyInvoke(
-                [weak, peer, pending](bus::CallError error, const Results&... results) {
-                  if (error) {
-                    pending->fail(*error);
-                  } else {
-                    pending->answer(results...);
-                  }
-                  // The proxy is in use until this handler has returned.
-                  if (const auto still = weak.lock()) still->post([peer] {});
+            .uponReplyInvoke([weak, peer = peer.get(), pending](bus::CallError error,
+                                                                const Results&... results) {
+              if (error) {
+                pending->fail(*error);
+              } else {
+                pending->answer(results...);
+              }
+              // The proxy is in use until this handler has returned.
+              if (const auto still = weak.lock())
+                still->post([weak, peer] {
+                  if (const auto reading = weak.lock()) reading->release(peer);
                 });
+            });
+        open->keepWhileReading(peer);
       } catch (const sdbus::Error& error) {
         pending->fail(error);
       }

@@ -31,7 +31,10 @@ void RemoteDownloadService::checkAutomaticDownloadQueue(Reply reply) {
                 }),
             client);
       },
-      client.size());
+      client.size(),
+      [reply](const Error& error) {
+        if (reply) reply(error);
+      });
   if (!isTaken && reply)
     reply(HSError(kHSErrorServiceUnavailable, std::nullopt, "The download service is busy"));
 }

@@ -160,18 +160,30 @@ TEST_F(PushServiceConnectionTest, AnAbsentAgentInvalidatesAndOneThatLeavesInterr
   EXPECT_EQ(ask(), (Answer{false, std::nullopt}));
 }
 
+TEST_F(PushServiceConnectionTest, ACallThatIsOutstandingWhenTheServiceEndsIsAnswered) {
+  std::promise<void> isHeld;
+  const RawAgent agent([&](sd_bus_message*) { isHeld.set_value(); });
+  int replies = 0;
+  connection->getDeviceTokenForEnvironmentNamed(
+      "env", [&](bool success, const std::optional<Data>&) { replies += success ? 100 : 1; });
+  isHeld.get_future().wait();
+  bus->stop();
+  EXPECT_EQ(replies, 1);
+}
+
 TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
   const CapturedLog log;
   PeerBacklog backlog("peer");
   std::deque<PeerBacklog::Answered> unanswered;
   std::vector<int> made;
+  std::vector<int> dropped;
   const auto add = [&](int number, std::size_t bytes) {
     return backlog.add(
         [&, number](PeerBacklog::Answered answered) {
           made.push_back(number);
           unanswered.push_back(std::move(answered));
         },
-        bytes);
+        bytes, [&, number](const Error&) { dropped.push_back(number); });
   };
   constexpr int kCalls = 1000;
   for (int i = 0; i < kCalls; ++i) EXPECT_TRUE(add(i, 1));
@@ -192,6 +204,7 @@ TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
   const Error gone = HSError(kHSErrorServiceUnavailable, std::nullopt, "gone");
   for (; !unanswered.empty(); unanswered.pop_front()) unanswered.front()(gone);
   EXPECT_TRUE(made.empty()) << "what waited has gone with it";
+  EXPECT_EQ(dropped, std::vector<int>{1}) << "and was told so";
   EXPECT_TRUE(add(3, 1));
   EXPECT_EQ(made, std::vector<int>{3});
 }
