@@ -36,6 +36,7 @@ class TransactionAgent::Object final
       : AdaptorInterfaces(connection, sdbus::ObjectPath{kPath}),
         _busDaemon(bus::makeProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")),
         _instance(instance),
+        _service(instance),
         _ask(std::move(ask)) {
     registerAdaptor();
   }
@@ -45,6 +46,12 @@ class TransactionAgent::Object final
   }
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
+
+  // The service has to see who calls, which it cannot any more when the program has asked for a
+  // password and hidden its memory. Where that fails, the sign-in says why.
+  void introduce() {
+    if (_ownerOfService()) static_cast<void>(_service.describe());
+  }
 
  private:
   void dsidByAuthenticatingWithContext(Answer&& result, std::string client,
@@ -59,7 +66,7 @@ class TransactionAgent::Object final
     _queue.async([this, answer, sender, client = std::move(client),
                   context = HSAuthenticationContext::initWithDictionary(context.value)] {
       try {
-        if (_isAccountService(sender)) {
+        if (_ownerOfService() == sender) {
           _signIn(*answer, client, context);
         } else {
           answer->returnError(
@@ -72,7 +79,8 @@ class TransactionAgent::Object final
     });
   }
 
-  bool _isAccountService(const std::string& sender) {
+  // Nothing when it does not run.
+  std::optional<std::string> _ownerOfService() {
     const char* service = _instance == AccountServiceClient::Instance::Daemon
                               ? "com.vantor.tallowd.daemon"
                               : "com.vantor.tallowd";
@@ -82,9 +90,9 @@ class TransactionAgent::Object final
           .onInterface("org.freedesktop.DBus")
           .withArguments(std::string(service))
           .storeResultsTo(owner);
-      return owner == sender;
+      return owner;
     } catch (const sdbus::Error&) {
-      return false;
+      return std::nullopt;
     }
   }
 
@@ -101,9 +109,8 @@ class TransactionAgent::Object final
   // Nil when the person does not want to.
   Result<std::optional<std::uint64_t>> _dsIDForClient(const std::string& client,
                                                       const HSAuthenticationContext& context) {
-    AccountServiceClient service(_instance);
-    if (auto error = service.actAs(client)) return *error;
-    StoreSignIn signIn(service, client, context);
+    if (auto error = _service.actAs(client)) return *error;
+    StoreSignIn signIn(_service, client, context);
     std::optional<Error> refusal;
     for (int attempt = 1;; ++attempt) {
       const std::optional<Credentials> credentials = _ask(
@@ -122,6 +129,7 @@ class TransactionAgent::Object final
 
   const std::unique_ptr<sdbus::IProxy> _busDaemon;
   const AccountServiceClient::Instance _instance;
+  AccountServiceClient _service;  // one connection: the service knows it from before any question
   const Ask _ask;
   std::atomic<std::size_t> _waiting{0};
   SerialQueue _queue{"Transaction Agent Queue"};
@@ -134,6 +142,7 @@ struct TransactionAgent::Export {
                        : sdbus::createSessionBusConnection()),
         object(std::make_unique<Object>(*connection, instance, std::move(ask))) {
     bus::requestName(*connection, kName);
+    object->introduce();
     connection->enterEventLoopAsync();
   }
   // Nothing new comes in, then what is going on ends, then the object goes.

@@ -46,6 +46,7 @@ TransactionAgent::Ask askOnce(std::optional<Secret> password) {
   return [left](const std::string&, const HSAuthenticationContext& context,
                 const std::optional<std::string>& complaint) -> std::optional<Credentials> {
     if (complaint || !context.identifier || !*left) return std::nullopt;
+    forbidCoreDumps();  // not before: the service has to see who calls, and has by now
     return Credentials{*context.identifier, *std::exchange(*left, std::nullopt)};
   };
 }
@@ -59,7 +60,8 @@ int showSignIn(const Output& output, const AccountServiceClient::SignIn& signIn)
 }
 
 int signIn(Application& application, const SignInOptions& options) {
-  // A core file would have the password in it.
+  // A core file would have the password in it. That is all that can be done before the service has
+  // seen who calls.
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
   TransactionAgent::Ask ask = askOnTerminal;
@@ -71,16 +73,22 @@ int signIn(Application& application, const SignInOptions& options) {
       return application.output().wrongUsage(
           "Standard input has no password: one line of at most 4095 bytes");
     ask = askOnce(std::move(password));
-  } else if (!Terminal::open()) {
+  } else if (!Terminal::isThere()) {
     return application.output().failure(noTerminal());
   }
   return application.withClient([&](AccountServiceClient& client) {
-    const auto dialogs = showDialogsOnTerminal(application);
+    if (const auto seen = client.describe(); !seen)
+      return application.output().failure(seen.error());
+    std::unique_ptr<DialogAgent> dialogs;
+    // Nobody is asked anything before the service knows all the connections of this process.
+    std::optional<Terminal> turn = Terminal::open();
+    dialogs = showDialogsOnTerminal(application);
     // Where somebody else is the transaction service already, they ask.
     const auto agent = TransactionAgent::start(application.instance(), ask);
     if (!agent &&
         (agent.error().code != AccountServiceClient::kTaken || options.passwordFromStandardInput))
       return application.output().failure(agent.error());
+    turn.reset();
     const HSAuthenticationContext context = [&] {
       HSAuthenticationContext made;
       if (!options.name.empty()) made.identifier = options.name;

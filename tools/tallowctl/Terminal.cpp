@@ -10,6 +10,7 @@
 #include <csignal>
 #include <utility>
 
+#include "platform/Base/FileDescriptor.h"
 #include "tools/tallowctl/Output.h"
 
 namespace tallow::ctl {
@@ -82,6 +83,10 @@ ssize_t readByte(int descriptor, int giveUp, char* byte) {
 }
 
 }  // namespace
+
+bool Terminal::isThere() {
+  return static_cast<bool>(FileDescriptor(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)));
+}
 
 std::optional<Terminal> Terminal::open() {
   const int descriptor = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);

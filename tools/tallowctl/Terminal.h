@@ -15,6 +15,7 @@ namespace tallow::ctl {
 // conversation, by one thread; a second conversation waits for the first to end.
 class Terminal {
  public:
+  static bool isThere();
   // Nothing where the process has no terminal.
   static std::optional<Terminal> open();
   ~Terminal();

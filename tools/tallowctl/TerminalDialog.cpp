@@ -95,7 +95,7 @@ DialogAgent::Answer showOnTerminal(const DialogAgent::Dialog& dialog) {
 }
 
 std::unique_ptr<DialogAgent> showDialogsOnTerminal(const Application& application) {
-  if (application.instance() != AccountServiceClient::Instance::Agent || !Terminal::open())
+  if (application.instance() != AccountServiceClient::Instance::Agent || !Terminal::isThere())
     return nullptr;
   Result<std::unique_ptr<DialogAgent>> agent =
       DialogAgent::start(application.client(), showOnTerminal);
