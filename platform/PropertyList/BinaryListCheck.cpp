@@ -166,7 +166,8 @@ std::optional<Error> BinaryListCheck::checkScalar(const Object& object) {
     case kData:
     case kASCII:
     case kUTF16:
-      _contentBytes += object.count;
+      // A unit of UTF-16 takes up to three bytes of what is kept.
+      _contentBytes += object.kind == kUTF16 ? 3 * object.count : object.count;
       if (_contentBytes > kMaxContentBytes) {
         return listError(kTooLarge, "Property list with too much text or data");
       }
