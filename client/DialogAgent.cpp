@@ -6,12 +6,14 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "bus/com.vantor.HSDialogAgent_adaptor.h"
 #include "bus/com.vantor.HSDialogService_proxy.h"
 #include "bus/com.vantor.HSServiceRemoteObject_proxy.h"
+#include "client/BusReader.h"
 #include "client/ClientCalls.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/XPC/SDBus.h"
@@ -95,6 +97,7 @@ class DialogAgent::Agent {
   std::unique_ptr<sdbus::IProxy> _busDaemon;
   std::unique_ptr<Object> _object;
   sdbus::Slot _ownerMatch;
+  std::optional<BusReader> _reader;
   std::thread _worker;
 };
 
@@ -145,7 +148,7 @@ void DialogAgent::Agent::start() {
   });
   _object = std::make_unique<Object>(*_connection, *this);
   _busDaemon = bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus");
-  _connection->enterEventLoopAsync();
+  _reader.emplace(*_connection);
   _register();
   _worker = std::thread([this] { _work(); });
 }
@@ -159,7 +162,7 @@ DialogAgent::Agent::~Agent() {
   }
   _changed.notify_all();
   if (_worker.joinable()) _worker.join();
-  if (_connection) _connection->leaveEventLoop();
+  _reader.reset();
 }
 
 std::string DialogAgent::Agent::_ownerOfService() {

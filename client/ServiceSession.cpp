@@ -1,8 +1,5 @@
 #include "client/ServiceSession.h"
 
-#include <pthread.h>
-
-#include <csignal>
 #include <utility>
 
 #include "client/ClientCalls.h"
@@ -73,25 +70,14 @@ ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::strin
     signal >> name >> before >> now;
     ownerChanged(now);
   });
-  // Signals of the program are not for this thread.
-  sigset_t all;
-  sigset_t previous;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &previous);
-  _reader = std::thread([this, ownerChanged] {
-    try {
-      _connection->enterEventLoop();
-    } catch (const sdbus::Error&) {
-      _hasGone = true;
-      ownerChanged("");
-    }
+  _reader.emplace(*_connection, [this, ownerChanged] {
+    _hasGone = true;
+    ownerChanged("");
   });
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 ServiceBus::~ServiceBus() {
-  _connection->leaveEventLoop();
-  _reader.join();
+  _reader.reset();
 }
 
 // A service that is just leaving may own the name, be found, and be gone.

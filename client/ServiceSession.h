@@ -4,8 +4,8 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 
 #include "bus/com.vantor.HSAccountService_proxy.h"
 #include "bus/com.vantor.HSAccountStoreObserver_adaptor.h"
@@ -14,6 +14,7 @@
 #include "bus/com.vantor.tallowd.Status_proxy.h"
 #include "client/AccountServiceClient.h"
 #include "client/AccountWatch.h"
+#include "client/BusReader.h"
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
@@ -58,7 +59,7 @@ class ServiceBus {
   std::unique_ptr<Observer> _observer;
   std::unique_ptr<AccountsObserver> _accountsObserver;
   std::atomic<bool> _hasGone{false};
-  std::thread _reader;
+  std::optional<BusReader> _reader;
 };
 
 // One running service, addressed by its unique name: a call never reaches another one that was

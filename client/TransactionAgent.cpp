@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include "bus/com.vantor.HSTransactionService_adaptor.h"
+#include "client/BusReader.h"
 #include "client/ClientCalls.h"
 #include "client/StoreSignIn.h"
 #include "platform/Concurrency/SerialQueue.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr const char* kName = "com.vantor.transactionservice";
 constexpr const char* kPath = "/com/vantor/transactionservice";
 constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr const char* kServiceUnknown = "org.freedesktop.DBus.Error.ServiceUnknown";
 constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 // What the bus library makes of the bus's answer that the name has an owner.
 constexpr std::string_view kTakenErrors[] = {"org.freedesktop.DBus.Error.FileExists",
@@ -47,6 +49,12 @@ class TransactionAgent::Object final
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
 
+  // Returns when nobody is asked any more; whoever comes later is refused.
+  void end() {
+    _isEnding = true;
+    _queue.sync([] {});
+  }
+
   // The service has to see who calls, which it cannot any more when the program has asked for a
   // password and hidden its memory. Where that fails, the sign-in says why.
   void introduce() {
@@ -66,7 +74,9 @@ class TransactionAgent::Object final
     _queue.async([this, answer, sender, client = std::move(client),
                   context = HSAuthenticationContext::initWithDictionary(context.value)] {
       try {
-        if (_ownerOfService() == sender) {
+        if (_isEnding) {
+          answer->returnError(bus::makeError(kServiceUnknown, "The sign-in service is leaving."));
+        } else if (_ownerOfService() == sender) {
           _signIn(*answer, client, context);
         } else {
           answer->returnError(
@@ -132,6 +142,7 @@ class TransactionAgent::Object final
   AccountServiceClient _service;  // one connection: the service knows it from before any question
   const Ask _ask;
   std::atomic<std::size_t> _waiting{0};
+  std::atomic<bool> _isEnding{false};
   SerialQueue _queue{"Transaction Agent Queue"};
 };
 
@@ -143,15 +154,19 @@ struct TransactionAgent::Export {
         object(std::make_unique<Object>(*connection, instance, std::move(ask))) {
     bus::requestName(*connection, kName);
     object->introduce();
-    connection->enterEventLoopAsync();
+    reader.emplace(*connection);
   }
-  // Nothing new comes in, then what is going on ends, then the object goes.
-  ~Export() { connection->leaveEventLoop(); }
+  // What is going on ends, while the bus is still read: it may wait for an answer.
+  ~Export() {
+    object->end();
+    reader.reset();
+  }
   Export(const Export&) = delete;
   Export& operator=(const Export&) = delete;
 
   const std::unique_ptr<sdbus::IConnection> connection;
   const std::unique_ptr<Object> object;
+  std::optional<BusReader> reader;
 };
 
 TransactionAgent::TransactionAgent(std::unique_ptr<Export> exported)

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <random>
 #include <set>
@@ -120,6 +121,44 @@ TEST(AccountsRoad, ATransactionServiceThatDiesInTheMiddleEndsTheSignInAtOnce) {
   const auto again = service.client().signInWithContext({});
   ASSERT_TRUE(again && again->account) << "the bus has started another";
   EXPECT_EQ((*again->account)["dsid"], Value(42));
+}
+
+// What waits behind a question that is open asks the bus who it is from: by then the agent's
+// program may be leaving.
+TEST(AccountsRoad, AnAgentLeavesAlsoWhenSomebodyStillWaits) {
+  RunningService service;
+  std::promise<void> isAsked, mayAnswer;
+  auto agent = TransactionAgent::start(Instance::Agent, [&](const auto&...) {
+    isAsked.set_value();
+    mayAnswer.get_future().wait();
+    return std::optional<TransactionAgent::Credentials>();
+  });
+  ASSERT_TRUE(agent) << agent.error().localizedDescription();
+  std::thread asking([&] { EXPECT_FALSE(service.client().signInWithContext({})->success); });
+  isAsked.get_future().wait();
+
+  sd_bus* stranger = nullptr;
+  ASSERT_GE(sd_bus_open_user(&stranger), 0);
+  constexpr const char* kAgent = "com.vantor.transactionservice";
+  ASSERT_GE(
+      sd_bus_call_method_async(stranger, nullptr, kAgent, "/com/vantor/transactionservice",
+                               "com.vantor.HSTransactionService", "dsidByAuthenticatingWithContext",
+                               nullptr, nullptr, "sa{sv}", "com.example", 0),
+      0);
+  ASSERT_GE(sd_bus_call_method(stranger, kAgent, "/", "org.freedesktop.DBus.Peer", "Ping", nullptr,
+                               nullptr, ""),
+            0)
+      << "answered after the call before it has come in";
+  std::promise<void> isLeaving;
+  std::thread leaving([&] {
+    isLeaving.set_value();
+    *agent = nullptr;
+  });
+  isLeaving.get_future().wait();
+  mayAnswer.set_value();
+  leaving.join();
+  asking.join();
+  sd_bus_flush_close_unref(stranger);
 }
 
 TEST(AccountsRoad, ObserversThatAreSlowOrGoneDelayNobody) {
