@@ -147,14 +147,14 @@ class TransactionAgent::Object final
 };
 
 struct TransactionAgent::Export {
-  Export(AccountServiceClient::Instance instance, Ask ask)
+  Export(AccountServiceClient::Instance instance, Ask ask, std::function<void()> busHasGone)
       : connection(instance == AccountServiceClient::Instance::Daemon
                        ? sdbus::createSystemBusConnection()
                        : sdbus::createSessionBusConnection()),
         object(std::make_unique<Object>(*connection, instance, std::move(ask))) {
     bus::requestName(*connection, kName);
     object->introduce();
-    reader.emplace(*connection);
+    reader.emplace(*connection, std::move(busHasGone));
   }
   // What is going on ends, while the bus is still read: it may wait for an answer.
   ~Export() {
@@ -175,10 +175,10 @@ TransactionAgent::TransactionAgent(std::unique_ptr<Export> exported)
 TransactionAgent::~TransactionAgent() = default;
 
 Result<std::unique_ptr<TransactionAgent>> TransactionAgent::start(
-    AccountServiceClient::Instance instance, Ask ask) {
+    AccountServiceClient::Instance instance, Ask ask, std::function<void()> busHasGone) {
   try {
-    return std::unique_ptr<TransactionAgent>(
-        new TransactionAgent(std::make_unique<Export>(instance, std::move(ask))));
+    return std::unique_ptr<TransactionAgent>(new TransactionAgent(
+        std::make_unique<Export>(instance, std::move(ask), std::move(busHasGone))));
   } catch (const sdbus::Error& error) {
     const std::string name = bus::errorName(error);
     const bool isTaken = std::ranges::find(kTakenErrors, name) != std::end(kTakenErrors);

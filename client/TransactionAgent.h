@@ -40,8 +40,10 @@ class TransactionAgent {
 
   // An error of AccountServiceClient's domain where there is no bus, the bus does not let this user
   // be the transaction service (kRefused), or somebody else is already (kTaken).
-  static Result<std::unique_ptr<TransactionAgent>> start(AccountServiceClient::Instance instance,
-                                                         Ask ask);
+  // `busHasGone` is called, on a thread of the agent's, when the bus has gone away and nobody can
+  // ask any more.
+  static Result<std::unique_ptr<TransactionAgent>> start(
+      AccountServiceClient::Instance instance, Ask ask, std::function<void()> busHasGone = nullptr);
   // Waits for the sign-in that is going on.
   ~TransactionAgent();
   TransactionAgent(const TransactionAgent&) = delete;

@@ -6,7 +6,8 @@
 
 namespace tallow::devstore {
 
-Result<std::unique_ptr<TransactionAgent>> startScriptedTransactionService(std::string accountName) {
+Result<std::unique_ptr<TransactionAgent>> startScriptedTransactionService(
+    std::string accountName, std::function<void()> busHasGone) {
   return TransactionAgent::start(
       AccountServiceClient::Instance::Agent,
       [accountName = std::move(accountName)](const std::string&,
@@ -16,7 +17,8 @@ Result<std::unique_ptr<TransactionAgent>> startScriptedTransactionService(std::s
         if (complaint) return std::nullopt;
         return TransactionAgent::Credentials{context.identifier.value_or(accountName),
                                              Secret(AuthenticateEndpoint::kPassword)};
-      });
+      },
+      std::move(busHasGone));
 }
 
 }  // namespace tallow::devstore

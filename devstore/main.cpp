@@ -1,5 +1,6 @@
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -52,7 +53,9 @@ int runPeer(const CommandLine::Peer& wanted, const sigset_t& endings) {
 }
 
 int runTransactionService(const std::string& name, const sigset_t& endings) {
-  const auto service = tallow::devstore::startScriptedTransactionService(name);
+  // Without its bus it is of no use to anybody.
+  const auto service =
+      tallow::devstore::startScriptedTransactionService(name, [] { ::kill(getpid(), SIGTERM); });
   if (!service)
     return fail("cannot be the transaction service: " + service.error().localizedDescription());
   return runUntilEnded(endings);

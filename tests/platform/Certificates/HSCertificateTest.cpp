@@ -370,6 +370,7 @@ TEST_F(AnchorStoreTest, WhatCannotBeReadInPassingIsReadAgain) {
   install(chain().root);
   std::filesystem::create_symlink("/proc/self/mem", anchorFile("z.pem"));  // EIO
   const auto count = [&] { return _anchors.current().count; };
+  AnchorStore().current();  // at its first look at a type a sanitizer opens files of its own
   {
     const NoMoreFiles none;
     EXPECT_EQ(count(), 0u);
