@@ -70,7 +70,9 @@ TEST(MemoryPressureTest, IsHeardWhereTheServiceManagerSays) {
     loop.advance(0);
     char letter = 0;
     EXPECT_EQ(read(end.get(), &letter, 1) < 0, each.isHeard);
-    if (each.line != nullptr) EXPECT_TRUE(log.mentions(each.isHeard ? 3 : 1, each.line));
+    if (each.line != nullptr) {
+      EXPECT_TRUE(log.mentions(each.isHeard ? 3 : 1, each.line));
+    }
   }
   unsetenv("MEMORY_PRESSURE_WATCH");
   unsetenv("MEMORY_PRESSURE_WRITE");
