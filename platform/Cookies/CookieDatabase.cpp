@@ -23,6 +23,12 @@ namespace {
 
 constexpr int kBusyMilliseconds = 500;
 
+// Pages in the log. Whoever opens the file after a kill reads all of it before the first lookup, so
+// that it is emptied early, off the way of who stores; and by who stores where that has not
+// happened.
+constexpr int kLongLog = 32;
+constexpr int kTooLongLog = 256;
+
 static_assert(CookieDatabase::kVersion == CookieRows::kVersion);
 
 struct Finalize {
@@ -88,6 +94,7 @@ struct CookieDatabase::Connection {
   const volatile std::uint32_t* sharedHeader = nullptr;
   Glance seenHeader{};
   std::int64_t seenVersion = -1;
+  int pagesInLog = 0;
 
   Error error(int code) {
     const int primary = code & 0xFF;
@@ -104,6 +111,7 @@ struct CookieDatabase::Connection {
   std::optional<Error> checkVersion();
   std::optional<Error> makeFormat();
   void findSharedHeader();
+  static int committed(void* connection, sqlite3* database, const char* schema, int pagesInLog);
 
   std::optional<Error> execute(const char* sql);
   // The integer that a query answers with.
@@ -169,10 +177,10 @@ std::optional<Error> CookieDatabase::Connection::readFormat() {
   if (!readOnly) {
     if (auto problem = execute("PRAGMA journal_mode = WAL;"
                                "PRAGMA synchronous = NORMAL;"
-                               "PRAGMA wal_autocheckpoint = 256;"
                                "PRAGMA journal_size_limit = 1048576")) {
       return problem;
     }
+    sqlite3_wal_hook(database.get(), &committed, this);
   }
   if (*version < kVersion) {
     const Result<std::int64_t> tables = query("SELECT count(*) FROM sqlite_schema");
@@ -212,6 +220,15 @@ void CookieDatabase::Connection::findSharedHeader() {
   void volatile* region = nullptr;
   if (shared->pMethods->xShmMap(shared, 0, kIndexBytes, 0, &region) != SQLITE_OK) return;
   sharedHeader = static_cast<const volatile std::uint32_t*>(region);
+}
+
+int CookieDatabase::Connection::committed(void* connection, sqlite3* database, const char* schema,
+                                          int pagesInLog) {
+  static_cast<Connection*>(connection)->pagesInLog = pagesInLog;
+  // What cannot be emptied now can be later: the commit itself has been made.
+  if (pagesInLog >= kTooLongLog)
+    sqlite3_wal_checkpoint_v2(database, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  return SQLITE_OK;
 }
 
 std::optional<Error> CookieDatabase::Connection::execute(const char* sql) {
@@ -433,6 +450,23 @@ Result<FileDescriptor> CookieDatabase::fileToSync() const {
   if (!file && errno != ENOENT)
     return makeError(CookieJar::kClassName, errno, std::strerror(errno));
   return file;
+}
+
+bool CookieDatabase::isLogLong() const {
+  return _connection->pagesInLog >= kLongLog;
+}
+
+void CookieDatabase::emptyLog(const std::filesystem::path& path) {
+  // A connection of its own takes no lock that a lookup, or a change, would have to wait for.
+  sqlite3* opened = nullptr;
+  const int code = sqlite3_open_v2(
+      path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE,
+      nullptr);
+  const std::unique_ptr<sqlite3, Close> database(opened);
+  // The log is found when something is read.
+  if (code == SQLITE_OK &&
+      sqlite3_exec(opened, "PRAGMA user_version", nullptr, nullptr, nullptr) == SQLITE_OK)
+    sqlite3_wal_checkpoint_v2(opened, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 void CookieDatabase::scrub() {

@@ -65,6 +65,12 @@ class CookieDatabase {
   // The file that has to be synchronised for what has been committed to survive a power cut; none
   // when it survives one already. Synchronising it needs no lock of the database's.
   Result<FileDescriptor> fileToSync() const;
+  // Whether so much is in the log that it should be emptied.
+  bool isLogLong() const;
+  // Moves what the log of the file at `path` holds into the file, as far as nobody reads it just
+  // now; waits for the disk. What cannot be done now is done later. Any thread, beside whatever
+  // else happens to the file.
+  static void emptyLog(const std::filesystem::path& path);
   // Leaves no trace of removed cookies in the files, where no other process is reading just now.
   void scrub();
 

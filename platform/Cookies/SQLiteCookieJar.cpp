@@ -113,6 +113,7 @@ std::optional<Error> SQLiteCookieJar::synchronize() {
   };
   FileDescriptor file;
   std::uint64_t changes = 0;
+  bool isLogLong = false;
   {
     const std::lock_guard lock(_mutex);
     if (!_table.isSaved()) {
@@ -125,10 +126,12 @@ std::optional<Error> SQLiteCookieJar::synchronize() {
     if (!found) return failed(found.error());
     file = std::move(*found);
     changes = _changes;
+    isLogLong = _database.isLogLong();
   }
   // The disk takes milliseconds, which nobody who looks a cookie up should wait.
   if (file && fdatasync(file.get()) != 0)
     return failed(makeError(kClassName, errno, std::strerror(errno)));
+  if (isLogLong) CookieDatabase::emptyLog(_database.path());
   const std::lock_guard lock(_mutex);
   _synchronizedChanges = std::max(_synchronizedChanges, changes);
   return std::nullopt;

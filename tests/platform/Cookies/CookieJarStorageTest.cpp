@@ -115,6 +115,20 @@ TEST_F(CookieJarStorageTest, LeavesNoTraceOfDeletedCookies) {
   EXPECT_EQ(open()->count(), 0U);
 }
 
+// What is in the log must be read before anything else by whoever starts after a kill.
+TEST_F(CookieJarStorageTest, KeepsItsLogShort) {
+  constexpr std::uintmax_t kPage = 4096 + 24;
+  const auto jar = open();
+  for (int i = 0; i < 60; ++i) {
+    setCookie(*jar, "c" + std::to_string(i) + "=1", kStore);
+    ASSERT_EQ(jar->synchronize(), std::nullopt);
+  }
+  EXPECT_LT(std::filesystem::file_size(beside("-wal")), 48 * kPage);
+  for (int i = 0; i < 600; ++i) setCookie(*jar, "d" + std::to_string(i % 7) + "=1", kStore);
+  EXPECT_LT(std::filesystem::file_size(beside("-wal")), 300 * kPage) << "nobody synchronises";
+  EXPECT_EQ(open()->count(), 67U);
+}
+
 TEST_F(CookieJarStorageTest, SetsADamagedFileAside) {
   {
     const auto jar = open();
