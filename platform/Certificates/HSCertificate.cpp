@@ -295,6 +295,17 @@ bool HSCertificate::checkData(const Data& data, const Data& againstSignature) co
   return verified;
 }
 
+void HSCertificate::prepare() {
+  const ErrorMark mark;
+  const AnchorStore::Anchors anchors = AnchorStore::shared().current();
+  if (anchors.count == 0) return;
+  STACK_OF(X509_OBJECT)* all =
+      X509_STORE_get0_objects(static_cast<X509_STORE*>(anchors.store.get()));
+  X509* anchor = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(all, 0));
+  // Whether it has signed itself is of no interest; looking makes the library find its algorithms.
+  if (anchor != nullptr) X509_verify(anchor, X509_get0_pubkey(anchor));
+}
+
 const std::string& HSCertificate::reason() const {
   return _state->reason;
 }

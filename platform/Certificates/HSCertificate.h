@@ -31,6 +31,11 @@ class HSCertificate {
   // Why the last isValid() or checkData() said no, for logs and people; empty after a yes.
   const std::string& reason() const;
 
+  // Does beforehand what the first check of a process would wait for, which is most of what it
+  // takes: reads the anchors and has the library find its algorithms. Any thread; changes nothing
+  // else.
+  static void prepare();
+
  private:
   struct State;
   std::unique_ptr<State> _state;

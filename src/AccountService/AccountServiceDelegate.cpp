@@ -9,10 +9,13 @@
 
 #include "platform/Base/Clock.h"
 #include "platform/Base/Secret.h"
+#include "platform/Certificates/HSCertificate.h"
 #include "platform/Concurrency/MemoryPressure.h"
 #include "platform/Concurrency/RunLoop.h"
+#include "platform/Concurrency/WorkerPool.h"
 #include "platform/Notifications/UserNotificationCenter.h"
 #include "platform/Sandbox/Sandbox.h"
+#include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/HSServiceProxy.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/ProcessInspector.h"
@@ -53,6 +56,12 @@ int runAccountService(int argc, const char* const* argv) {
   RunLoop::main().onSignal(SIGTERM, [&idleExit] { idleExit->leaveNow(); });
 
   memoryPressure.watch(RunLoop::main());
+
+  // The first to call will have to be recognised, and will wait for a bag to be checked: what that
+  // takes is got ready while the bus is being reached.
+  WorkerPool::shared().async(HSCertificate::prepare);
+  WorkerPool::shared().async(
+      [] { static_cast<void>(ClientDescriptors::shared().clientWithIdentifier("")); });
 
   AccountServiceDelegate delegate("AccountService");
   // The store library's own requests reach the service like anybody's, but inside the process.

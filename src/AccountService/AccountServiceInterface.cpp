@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/Concurrency/WorkerPool.h"
 #include "platform/VendBase/VBLogManager.h"
 #include "src/BagController.h"
 #include "src/BagPolicy.h"
@@ -217,6 +218,10 @@ Dictionary AccountServiceInterface::composedHeadersForURL(const std::optional<UR
   Dictionary ofMachine;
   std::optional<Dictionary> ofAccount;
   if (includeOrvHeaders && url) {
+    // At the first call of a client, the jar is opened while the bag is read and checked.
+    if (!CookieStorage::storageForClientIfAtHand(storeClient()))
+      WorkerPool::shared().async(
+          [client = storeClient()] { CookieStorage::storageForClient(client); });
     // One look at the bag for both, so that the two sets are always of one and the same.
     const IdentityNeed need(bagDictionary(), url);
     OrvController& orv = OrvController::sharedController();
