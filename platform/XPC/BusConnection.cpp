@@ -7,11 +7,19 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 #include "platform/VendBase/VBLogManager.h"
 
 namespace tallow {
+
+namespace {
+
+// How long the bus is given to pass answers on.
+constexpr timespec kMoment{0, 100'000};
+
+}  // namespace
 
 Result<std::shared_ptr<BusConnection>> BusConnection::open(Bus bus) {
   try {
@@ -57,11 +65,20 @@ void BusConnection::keepWhileReading(std::shared_ptr<void> object) {
 }
 
 void BusConnection::post(std::function<void()> task) {
+  _add(std::move(task), _posted);
+}
+
+void BusConnection::postAfterAnswers(std::function<void()> task) {
+  _add(std::move(task), _later);
+}
+
+void BusConnection::_add(std::function<void()> task, Tasks& to) {
   {
     const std::lock_guard lock(_mutex);
     if (_hasEnded) return;
-    _posted.push_back(std::move(task));
-    _hasPosted = true;
+    to.push_back(std::move(task));
+    _hasPosted = !_posted.empty();
+    _laterCount = _later.size();
   }
   // The reading thread itself looks again before it waits.
   if (_reader != std::this_thread::get_id()) _wake();
@@ -72,16 +89,22 @@ void BusConnection::_read(const std::function<void()>& disconnected) {
   try {
     while (!_stopping) {
       _readUntilIdle();
-      if (!_stopping) _wait();
+      if (_stopping) break;
+      // Were a call to go out at once, the bus would on a busy processor pass it on, and whoever is
+      // called would run, before the caller has its answer.
+      const bool hasLater = _laterCount > 0;
+      _wait(hasLater ? Wait::AMoment : Wait::ForMessages);
+      if (hasLater) _run(_later);
     }
   } catch (const sdbus::Error& error) {
     logLevel(1, "%@: the bus has gone away: %@", BusConnection::kClassName, error.getMessage());
     if (disconnected) disconnected();
   }
-  std::vector<std::function<void()>> abandoned;
+  Tasks abandoned, abandonedLater;
   const std::lock_guard lock(_mutex);
   _hasEnded = true;
   abandoned.swap(_posted);
+  abandonedLater.swap(_later);
 }
 
 void BusConnection::readArrived() {
@@ -92,25 +115,38 @@ void BusConnection::readArrived() {
 
 void BusConnection::_readUntilIdle() {
   do {
-    if (_hasPosted) _runPosted();
-  } while (!_stopping && (bus::processOne(*_connection) || _hasPosted));
+    if (_hasPosted) _run(_posted);
+  } while (!_stopping && (_readOne() || _hasPosted));
 }
 
-void BusConnection::_runPosted() {
-  std::vector<std::function<void()>> tasks;
+bool BusConnection::_readOne() {
+  const bool hasLater = _laterCount > 0;
+  if (!bus::processOne(*_connection)) return false;
+  // While there is no pause, what was put off goes out one message later.
+  if (hasLater) _run(_later);
+  return true;
+}
+
+void BusConnection::_run(Tasks& waiting) {
+  Tasks tasks;
   {
     const std::lock_guard lock(_mutex);
-    tasks.swap(_posted);
-    _hasPosted = false;
+    tasks.swap(waiting);
+    _hasPosted = !_posted.empty();
+    _laterCount = _later.size();
   }
   for (const auto& task : tasks) task();
 }
 
-void BusConnection::_wait() {
+void BusConnection::_wait(Wait how) {
   const auto data = _connection->getEventLoopPollData();
   pollfd files[] = {
       {data.fd, data.events, 0}, {_wakeUp, POLLIN, 0}, {bus::eventFile(data), POLLIN, 0}};
-  poll(files, std::size(files), data.getPollTimeout());
+  const int milliseconds = data.getPollTimeout();
+  if (how == Wait::AMoment && milliseconds != 0)
+    ppoll(files, std::size(files), &kMoment, nullptr);
+  else
+    poll(files, std::size(files), milliseconds);
   if ((files[1].revents & POLLIN) != 0) {
     eventfd_t count = 0;
     eventfd_read(_wakeUp, &count);

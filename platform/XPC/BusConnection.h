@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -42,6 +43,10 @@ class BusConnection {
   // Runs `task` on the reading thread, between two messages. Any thread. What has not run when that
   // thread ends, and what comes later, is destroyed.
   void post(std::function<void()> task);
+  // The same for what none of those concerns who are waiting for an answer: it runs when all that
+  // has arrived is answered and the bus has had a moment to pass the answers on, or else after the
+  // next message. Any thread; in order among themselves.
+  void postAfterAnswers(std::function<void()> task);
   // Handles the messages that have arrived. On the reading thread, from a posted task.
   void readArrived();
   // Keeps a proxy whose call is not answered yet until it is released, or nothing is read any more:
@@ -57,8 +62,12 @@ class BusConnection {
   explicit BusConnection(std::unique_ptr<sdbus::IConnection> connection);
   void _read(const std::function<void()>& disconnected);
   void _readUntilIdle();
-  void _runPosted();
-  void _wait();
+  using Tasks = std::vector<std::function<void()>>;
+  void _add(std::function<void()> task, Tasks& to);
+  bool _readOne();
+  void _run(Tasks& waiting);
+  enum class Wait { ForMessages, AMoment };
+  void _wait(Wait how);
   void _wake() const;
 
   std::unique_ptr<sdbus::IConnection> _connection;
@@ -67,8 +76,10 @@ class BusConnection {
   int _wakeUp = -1;                                                // eventfd
   std::atomic<bool> _stopping{false};
   std::atomic<bool> _hasPosted{false};
+  std::atomic<std::size_t> _laterCount{0};
   std::mutex _mutex;
-  std::vector<std::function<void()>> _posted;
+  Tasks _posted;
+  Tasks _later;  // once all is answered
   bool _hasEnded = false;
   std::thread _thread;
   std::atomic<std::thread::id> _reader{};  // that thread, once it runs

@@ -50,9 +50,9 @@ class PeerConnection {
     const auto pending = std::make_shared<Pending<Results...>>(to.what, std::move(reply));
     const std::shared_ptr<BusConnection> connection = bus();
     if (!connection) return;  // which answers
-    connection->post([weak = std::weak_ptr(connection), name = std::string(to.name),
-                      path = std::string(to.path), interface = to.interface, method, patience,
-                      pending, ... arguments = std::move(arguments)] {
+    connection->postAfterAnswers([weak = std::weak_ptr(connection), name = std::string(to.name),
+                                  path = std::string(to.path), interface = to.interface, method,
+                                  patience, pending, ... arguments = std::move(arguments)] {
       const auto open = weak.lock();
       if (!open) return;
       try {
