@@ -18,6 +18,7 @@ CookieDomain::Entry& CookieDomain::put(Cookie cookie, const CookieRecord& record
   static_cast<CookieRecord&>(entry) = record;
   if (cookie.expiresDate) entry.expires = cookie.expiresDate->secondsSince1970;
   entry.pathLength = static_cast<std::uint16_t>(cookie.path.size());
+  if (!cookie.path.empty()) entry.pathEnd = cookie.path.back();
   entry.hostOnly = cookie.hostOnly;
   entry.secure = cookie.secure;
 

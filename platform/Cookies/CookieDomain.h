@@ -26,6 +26,7 @@ class CookieDomain {
   struct Entry : CookieRecord {
     double expires = std::numeric_limits<double>::infinity();  // seconds since 1970
     std::uint16_t pathLength = 0;
+    char pathEnd = '\0';  // the path's last character, which tells most paths from the request's
     bool hostOnly = true;
     bool secure = false;
     bool onDisk = false;     // the file holds a row of this identity

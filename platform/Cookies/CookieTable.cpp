@@ -53,6 +53,13 @@ std::span<const CookieTable::Match> CookieTable::match(const URL& url, bool secu
   const std::string_view host = url.canonicalHost();
   if (host.empty() || host.size() > CookiePolicy::kLongestDomain) return {};
   const std::string_view path = url.path().starts_with('/') ? url.path() : std::string_view("/");
+  // Looks at the cookie itself only where the entry does not tell already.
+  const auto isOnPath = [&path](const CookieDomain& domain, std::size_t i) {
+    const Entry& entry = domain.entry(i);
+    if (entry.pathLength <= 1) return true;
+    return entry.pathLength <= path.size() && path[entry.pathLength - 1u] == entry.pathEnd &&
+           CookiePolicy::pathMatches(path, domain.cookie(i).path);
+  };
   const auto collect = [&](CookieDomain& domain, bool exact) {
     for (std::size_t i = 0; i < domain.count(); ++i) {
       const Entry& entry = domain.entry(i);
@@ -60,7 +67,7 @@ std::span<const CookieTable::Match> CookieTable::match(const URL& url, bool secu
           entry.expires <= now.secondsSince1970) {
         continue;
       }
-      if (entry.pathLength > 1 && !CookiePolicy::pathMatches(path, domain.cookie(i).path)) continue;
+      if (!isOnPath(domain, i)) continue;
       _matches.push_back({&domain, i});
     }
   };
