@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <unordered_map>
+#include <numeric>
 #include <utility>
 
 #include "platform/Base/Directories.h"
@@ -55,15 +55,23 @@ bool sharesGroupCookies(const HSStoreClient& client) {
 // order puts longer paths first, so of two cookies the one with the shorter path is sent. That is
 // what the store's servers have always been sent, so it stays.
 std::vector<CookiePointer> lastOfEachName(const std::vector<CookiePointer>& cookies) {
-  std::unordered_map<std::string_view, std::size_t> lastIndex;
-  lastIndex.reserve(cookies.size());
-  for (std::size_t i = 0; i < cookies.size(); ++i) lastIndex[cookies[i]->name] = i;
-  // A second list: the map looks at names that belong to the cookies of the first one.
+  const auto nameOf = [&](std::size_t index) -> const std::string& { return cookies[index]->name; };
+  std::vector<std::size_t> indexes(cookies.size());
+  std::iota(indexes.begin(), indexes.end(), std::size_t{0});
+  // Of each name, the last one first, so that it is the one that stays.
+  std::sort(indexes.begin(), indexes.end(), [&](std::size_t a, std::size_t b) {
+    const int order = nameOf(a).compare(nameOf(b));
+    return order != 0 ? order < 0 : a > b;
+  });
+  const auto rest = std::unique(indexes.begin(), indexes.end(), [&](std::size_t a, std::size_t b) {
+    return nameOf(a) == nameOf(b);
+  });
+  std::sort(indexes.begin(), rest);
   std::vector<CookiePointer> last;
   last.reserve(cookies.size());
-  for (std::size_t i = 0; i < cookies.size(); ++i) {
-    if (!cookies[i]->name.empty() && lastIndex[cookies[i]->name] == i) last.push_back(cookies[i]);
-  }
+  std::for_each(indexes.begin(), rest, [&](std::size_t index) {
+    if (!nameOf(index).empty()) last.push_back(cookies[index]);
+  });
   return last;
 }
 
