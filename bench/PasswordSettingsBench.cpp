@@ -1,6 +1,6 @@
-// password_settings_operation_over_http: what reading the password settings takes the service, over one
-// bare request of the HTTP library, on a kept connection, to the same address. The service's own
-// objects as its process makes them, the store of a private world, and no bus in between.
+// password_settings_operation_over_http: what reading the password settings takes the service, over
+// one bare request of the HTTP library, on a kept connection, to the same address. The service's
+// own objects as its process makes them, the store of a private world, and no bus in between.
 
 #include <condition_variable>
 #include <mutex>

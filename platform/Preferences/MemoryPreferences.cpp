@@ -40,14 +40,6 @@ Result<Value> MemoryPreferences::tryToCopyValue(std::string_view key, std::strin
   return valueAt(placeFor(key, domain, User::Current, host));
 }
 
-Value MemoryPreferences::copyAppValue(std::string_view key, std::string_view domain) {
-  for (const Host host : {Host::Current, Host::Any}) {
-    Value value = copyValue(key, domain, User::Current, host);
-    if (!value.isNil()) return value;
-  }
-  return copyValue(key, domain, User::Any, Host::Current);
-}
-
 std::vector<std::string> MemoryPreferences::copyAppKeyList(std::string_view domain) {
   const std::lock_guard lock(_mutex);
   std::set<std::string> keys;

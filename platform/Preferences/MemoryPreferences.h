@@ -19,7 +19,6 @@ class MemoryPreferences final : public Preferences {
  public:
   Value copyValue(std::string_view key, std::string_view domain, User user, Host host) override;
   Result<Value> tryToCopyValue(std::string_view key, std::string_view domain, Host host) override;
-  Value copyAppValue(std::string_view key, std::string_view domain) override;
   std::vector<std::string> copyAppKeyList(std::string_view domain) override;
   void setValue(std::string_view key, const Value& value, std::string_view domain, User user,
                 Host host) override;

@@ -6,6 +6,14 @@
 
 namespace tallow {
 
+Value Preferences::copyAppValue(std::string_view key, std::string_view domain) {
+  for (const Host host : {Host::Current, Host::Any}) {
+    Value value = copyValue(key, domain, User::Current, host);
+    if (!value.isNil()) return value;
+  }
+  return copyValue(key, domain, User::Any, Host::Any);
+}
+
 bool Preferences::getAppBooleanValue(std::string_view key, std::string_view domain, bool* exists) {
   const std::optional<bool> flag = copyAppValue(key, domain).boolValue();
   if (exists != nullptr) *exists = flag.has_value();

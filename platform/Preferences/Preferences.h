@@ -39,7 +39,7 @@ class Preferences {
                                        Host host) = 0;
   // The application's search list: current user and current host, current user and any host, then
   // any user.
-  virtual Value copyAppValue(std::string_view key, std::string_view domain) = 0;
+  Value copyAppValue(std::string_view key, std::string_view domain);
   // The keys that have a value somewhere in the application's search list, in order.
   virtual std::vector<std::string> copyAppKeyList(std::string_view domain) = 0;
   // The search list's value if it answers to boolValue (and then *exists is true), else false.

@@ -108,14 +108,6 @@ Result<Value> SQLitePreferences::tryToCopyValue(std::string_view key, std::strin
   return tryToRead(placeFor(key, domain, host));
 }
 
-Value SQLitePreferences::copyAppValue(std::string_view key, std::string_view domain) {
-  for (const Host host : {Host::Current, Host::Any}) {
-    Value value = copyValue(key, domain, User::Current, host);
-    if (!value.isNil()) return value;
-  }
-  return _administrators.value(key, domain);
-}
-
 std::vector<std::string> SQLitePreferences::copyAppKeyList(std::string_view domain) {
   std::set<std::string> keys = _administrators.keys(domain);
   const std::lock_guard lock(_mutex);
@@ -179,24 +171,20 @@ bool SQLitePreferences::update(std::string_view domain,
   if (!beginWriting()) return false;
   UpdateEditor editor(*this, domain);
   change(editor);
-  Changes before = _pending;
   if (editor.hasFailed) {
     if (_isWriting) _file->rollback();
     _isWriting = false;
     return false;
   }
+  _pendingIfRefused = _pending;
   for (const auto& [place, changed] : editor.changes) _pending.insert_or_assign(place, changed);
   // A damaged file that was found while reading has ended the transaction.
   const bool isWritten =
       _isWriting ? commitPending() || (!_file && writePending()) : writePending();
-  if (isWritten) return true;
-  // What was computed from one state of the file is not written over a later one. Whatever else
-  // waits stays: it may be what a damaged file is known to have held.
-  for (const auto& [place, changed] : editor.changes) {
-    _pending.erase(place);
-    if (auto was = before.extract(place)) _pending.insert(std::move(was));
-  }
-  return false;
+  // What was computed from one state of the file is not written over a later one.
+  if (!isWritten) _pending = *std::move(_pendingIfRefused);
+  _pendingIfRefused.reset();
+  return isWritten;
 }
 
 std::size_t SQLitePreferences::pendingChanges() const {
@@ -385,8 +373,11 @@ bool SQLitePreferences::recoverFrom(const Error& error, const char* action) {
   if (_file && !_file->isWritable()) return false;
   // What this process knows goes into the new file.
   for (const auto& [place, value] : _cache) {
-    if (value.isNil() || _pending.contains(place)) continue;
-    if (auto change = changeFor(place, value)) _pending.emplace(place, *std::move(change));
+    if (value.isNil()) continue;
+    const auto change = changeFor(place, value);
+    if (!change) continue;
+    _pending.emplace(place, *change);
+    if (_pendingIfRefused) _pendingIfRefused->emplace(place, *change);
   }
   std::unique_ptr<PreferencesFile> damaged = std::move(_file);
   close();

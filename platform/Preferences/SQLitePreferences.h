@@ -41,7 +41,6 @@ class SQLitePreferences final : public Preferences {
 
   Value copyValue(std::string_view key, std::string_view domain, User user, Host host) override;
   Result<Value> tryToCopyValue(std::string_view key, std::string_view domain, Host host) override;
-  Value copyAppValue(std::string_view key, std::string_view domain) override;
   std::vector<std::string> copyAppKeyList(std::string_view domain) override;
   void setValue(std::string_view key, const Value& value, std::string_view domain, User user,
                 Host host) override;
@@ -94,6 +93,8 @@ class SQLitePreferences final : public Preferences {
   bool _isWriting = false;  // between beginWriting() and the end of its transaction
   bool _isDurable = true;   // nothing written since the last synchronize
   Changes _pending;
+  // While update() writes: what will be pending if that fails.
+  std::optional<Changes> _pendingIfRefused;
   std::map<Place, Value> _cache;  // nil for what is known to be absent
   std::size_t _cachedBytes = 0;
   std::int64_t _cacheVersion = 0;

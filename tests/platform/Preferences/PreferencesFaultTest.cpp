@@ -187,6 +187,26 @@ TEST_F(PreferencesFaultTest, AnUpdateSurvivesDamageFoundInsideIt) {
   EXPECT_EQ(stored("after"), Value(2));
 }
 
+TEST_F(PreferencesFaultTest, AnUpdateThatMeetsDamageAndAFullDiskLosesNothing) {
+  write(*open(), "small", "remembered");
+  write(*open(), "large", std::string(500'000, 'x'));
+  const auto preferences = open();
+  EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
+  overwrite(_file, 8 * 4096, std::string(fs::file_size(_file) - 8 * 4096, '\xaa'));
+  {
+    const FullDisk full;
+    EXPECT_FALSE(preferences->update(kDomain, [](Preferences::Editor& editor) {
+      editor.setValue("small", "computed");
+      editor.setValue("large", 1);  // walks the pages of the old one
+    }));
+    EXPECT_TRUE(fs::exists(_state / "preferences.db.corrupt"));
+    EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
+  }
+  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_EQ(stored("small"), Value("remembered"));
+  EXPECT_TRUE(stored("large").isNil());
+}
+
 TEST_F(PreferencesFaultTest, AValueThatCannotBeUnderstoodIsAbsent) {
   write(*open(), "other", "fine");
   write(*open(), "key", "hello there");  // the later row comes first in the file
