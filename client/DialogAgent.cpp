@@ -16,6 +16,7 @@
 #include "client/BusReader.h"
 #include "client/ClientCalls.h"
 #include "platform/Base/FileDescriptor.h"
+#include "platform/XPC/BusDaemon.h"
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
@@ -24,9 +25,6 @@ namespace {
 
 constexpr const char* kServiceName = "com.vantor.tallowd";
 constexpr const char* kAgentPath = "/com/vantor/tallowd/client/dialogs";
-constexpr const char* kServiceHasChanged =
-    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-    "member='NameOwnerChanged',arg0='com.vantor.tallowd'";
 
 // The service's two interfaces that an agent speaks.
 class Service final : public sdbus::ProxyInterfaces<com::vantor::HSDialogService_proxy,
@@ -63,8 +61,6 @@ class DialogAgent::Agent {
   };
 
   void _register();
-  std::string _findService();
-  std::string _ownerOfService();
   void _work();
   void _showOne(const Waiting& waiting);
   void _add(std::uint64_t number, Dictionary contents);
@@ -94,9 +90,9 @@ class DialogAgent::Agent {
   bool _isEnding = false;
 
   std::unique_ptr<sdbus::IConnection> _connection;
-  std::unique_ptr<sdbus::IProxy> _busDaemon;
+  std::optional<bus::BusDaemon> _busDaemon;
   std::unique_ptr<Object> _object;
-  sdbus::Slot _ownerMatch;
+  sdbus::Slot _ownerWatch;
   std::optional<BusReader> _reader;
   std::thread _worker;
 };
@@ -139,15 +135,11 @@ class DialogAgent::Agent::Object final
 
 void DialogAgent::Agent::start() {
   _connection = sdbus::createSessionBusConnection();
-  _ownerMatch = bus::addMatch(*_connection, kServiceHasChanged, [this](auto&& signal) {
-    std::string name;
-    std::string before;
-    std::string now;
-    signal >> name >> before >> now;
-    _serviceHasChanged(now);
-  });
+  _ownerWatch = bus::watchOwner(
+      *_connection, kServiceName,
+      [this](const std::string&, const std::string& now) { _serviceHasChanged(now); });
   _object = std::make_unique<Object>(*_connection, *this);
-  _busDaemon = bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus");
+  _busDaemon.emplace(*_connection);
   _reader.emplace(*_connection);
   _register();
   _worker = std::thread([this] { _work(); });
@@ -165,30 +157,6 @@ DialogAgent::Agent::~Agent() {
   _reader.reset();
 }
 
-std::string DialogAgent::Agent::_ownerOfService() {
-  std::string owner;
-  _busDaemon->callMethod("GetNameOwner")
-      .onInterface(kBusDaemonName)
-      .withArguments(std::string(kServiceName))
-      .storeResultsTo(owner);
-  return owner;
-}
-
-// Started if need be.
-std::string DialogAgent::Agent::_findService() {
-  try {
-    return _ownerOfService();
-  } catch (const sdbus::Error&) {
-    std::uint32_t started = 0;
-    _busDaemon->callMethod("StartServiceByName")
-        .onInterface(kBusDaemonName)
-        .withTimeout(kStartPatience)
-        .withArguments(std::string(kServiceName), std::uint32_t{0})
-        .storeResultsTo(started);
-    return _ownerOfService();
-  }
-}
-
 // With one service, even if another takes its place meanwhile: that one is registered with next.
 void DialogAgent::Agent::_register() {
   std::uint64_t heardBefore = 0;
@@ -196,7 +164,7 @@ void DialogAgent::Agent::_register() {
     const std::lock_guard guard(_lock);
     heardBefore = _ownersHeard;
   }
-  const std::string owner = _findService();
+  const std::string owner = _busDaemon->ownerOfStarted(kServiceName);
   {
     const std::lock_guard guard(_lock);
     if (_ownersHeard == heardBefore) _owner = owner;  // else what was heard is newer

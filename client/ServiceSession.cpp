@@ -6,12 +6,6 @@
 
 namespace tallow {
 
-namespace {
-
-constexpr int kMaxAttempts = 10;
-
-}  // namespace
-
 class ServiceBus::Observer final
     : public sdbus::AdaptorInterfaces<com::vantor::HSURLBagObserver_adaptor> {
  public:
@@ -58,18 +52,10 @@ ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::strin
     : _connection(instance == AccountServiceClient::Instance::Daemon
                       ? sdbus::createSystemBusConnection()
                       : sdbus::createSessionBusConnection()),
-      _busDaemon(bus::makeProxy(*_connection, kBusDaemonName, "/org/freedesktop/DBus")) {
-  const std::string rule =
-      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-      "member='NameOwnerChanged',arg0='" +
-      serviceName + "'";
-  _ownerMatch = bus::addMatch(*_connection, rule, [ownerChanged](auto&& signal) {
-    std::string name;
-    std::string before;
-    std::string now;
-    signal >> name >> before >> now;
-    ownerChanged(now);
-  });
+      _busDaemon(*_connection),
+      _ownerWatch(bus::watchOwner(
+          *_connection, serviceName,
+          [ownerChanged](const std::string&, const std::string& now) { ownerChanged(now); })) {
   _reader.emplace(*_connection, [this, ownerChanged] {
     _hasGone = true;
     ownerChanged("");
@@ -78,34 +64,6 @@ ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::strin
 
 ServiceBus::~ServiceBus() {
   _reader.reset();
-}
-
-// A service that is just leaving may own the name, be found, and be gone.
-std::string ServiceBus::findService(const std::string& serviceName) {
-  for (int attempt = 1;; ++attempt) {
-    try {
-      return _ownerOf(serviceName);
-    } catch (const sdbus::Error& error) {
-      if (bus::errorName(error) != "org.freedesktop.DBus.Error.NameHasNoOwner" ||
-          attempt == kMaxAttempts)
-        throw;
-    }
-    std::uint32_t outcome = 0;
-    _busDaemon->callMethod("StartServiceByName")
-        .onInterface(kBusDaemonName)
-        .withTimeout(kStartPatience)
-        .withArguments(serviceName, std::uint32_t{0})
-        .storeResultsTo(outcome);
-  }
-}
-
-std::string ServiceBus::_ownerOf(const std::string& serviceName) {
-  std::string owner;
-  _busDaemon->callMethod("GetNameOwner")
-      .onInterface(kBusDaemonName)
-      .withArguments(serviceName)
-      .storeResultsTo(owner);
-  return owner;
 }
 
 void ServiceBus::exportObserver(const AccountServiceClient::BagObserver& observer) {

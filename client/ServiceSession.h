@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -15,15 +14,13 @@
 #include "client/AccountServiceClient.h"
 #include "client/AccountWatch.h"
 #include "client/BusReader.h"
+#include "platform/XPC/BusDaemon.h"
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
 
-// The service's object, and the bus daemon's name.
+// The service's object.
 inline constexpr const char* kServicePath = "/com/vantor/tallowd";
-inline constexpr const char* kBusDaemonName = "org.freedesktop.DBus";
-// How long starting the service may take: what the bus daemon itself allows, and a little.
-inline constexpr std::chrono::seconds kStartPatience{125};
 
 // A connection to the bus, read by a thread of its own, with the observer objects that the client
 // exports there.
@@ -40,7 +37,9 @@ class ServiceBus {
   bool hasGone() const { return _hasGone; }
   sdbus::IConnection& connection() { return *_connection; }
   // The unique name of who owns the service's name, started if need be. Throws sdbus::Error.
-  std::string findService(const std::string& serviceName);
+  std::string findService(const std::string& serviceName) const {
+    return _busDaemon.ownerOfStarted(serviceName);
+  }
   // Each exports the observer at its path; an empty one takes it back.
   void exportObserver(const AccountServiceClient::BagObserver& observer);
   void exportObserver(const std::shared_ptr<AccountWatch>& watch);
@@ -51,11 +50,10 @@ class ServiceBus {
  private:
   class Observer;
   class AccountsObserver;
-  std::string _ownerOf(const std::string& serviceName);
 
   std::unique_ptr<sdbus::IConnection> _connection;
-  std::unique_ptr<sdbus::IProxy> _busDaemon;
-  sdbus::Slot _ownerMatch;
+  const bus::BusDaemon _busDaemon;
+  const sdbus::Slot _ownerWatch;
   std::unique_ptr<Observer> _observer;
   std::unique_ptr<AccountsObserver> _accountsObserver;
   std::atomic<bool> _hasGone{false};

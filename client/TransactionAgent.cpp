@@ -12,6 +12,7 @@
 #include "client/StoreSignIn.h"
 #include "platform/Concurrency/SerialQueue.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/XPC/BusDaemon.h"
 #include "platform/XPC/SDBus.h"
 
 namespace tallow {
@@ -36,7 +37,7 @@ class TransactionAgent::Object final
  public:
   Object(sdbus::IConnection& connection, AccountServiceClient::Instance instance, Ask ask)
       : AdaptorInterfaces(connection, sdbus::ObjectPath{kPath}),
-        _busDaemon(bus::makeProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")),
+        _busDaemon(connection),
         _instance(instance),
         _service(instance),
         _ask(std::move(ask)) {
@@ -95,12 +96,7 @@ class TransactionAgent::Object final
                               ? "com.vantor.tallowd.daemon"
                               : "com.vantor.tallowd";
     try {
-      std::string owner;
-      _busDaemon->callMethod("GetNameOwner")
-          .onInterface("org.freedesktop.DBus")
-          .withArguments(std::string(service))
-          .storeResultsTo(owner);
-      return owner;
+      return _busDaemon.ownerOf(service);
     } catch (const sdbus::Error&) {
       return std::nullopt;
     }
@@ -137,7 +133,7 @@ class TransactionAgent::Object final
     }
   }
 
-  const std::unique_ptr<sdbus::IProxy> _busDaemon;
+  const bus::BusDaemon _busDaemon;
   const AccountServiceClient::Instance _instance;
   AccountServiceClient _service;  // one connection: the service knows it from before any question
   const Ask _ask;

@@ -6,6 +6,7 @@
 #include "platform/Base/ASCII.h"
 #include "platform/PropertyList/JSON.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/BusDaemon.h"
 #include "platform/XPC/PeerConnection.h"
 #include "platform/XPC/XPCTransaction.h"
 
@@ -146,10 +147,6 @@ void DesktopNotificationCenter::_addMatches(BusConnection& bus) {
       "type='signal',path='/org/freedesktop/Notifications',"
       "interface='org.freedesktop.Notifications',sender='" +
       std::string(kService) + "',member=";
-  const std::string ofOwner =
-      "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-      "member='NameOwnerChanged',arg0='" +
-      std::string(kService) + "'";
   const auto invoked = onQueue([](DesktopNotificationCenter& self, std::uint32_t number,
                                   const std::string& key) { self._actionInvoked(number, key); });
   const auto closed = onQueue([](DesktopNotificationCenter& self, std::uint32_t number,
@@ -171,7 +168,8 @@ void DesktopNotificationCenter::_addMatches(BusConnection& bus) {
                                        signal >> number >> reason;
                                        closed(number, reason);
                                      }));
-    _matches.push_back(bus::addMatch(bus.connection(), ofOwner, [gone](auto&&) { gone(); }));
+    _matches.push_back(bus::watchOwner(bus.connection(), kService,
+                                       [gone](const std::string&, const std::string&) { gone(); }));
   } catch (const sdbus::Error& error) {
     logLevel(1, "%@: cannot listen to the notification service: %@",
              UserNotificationCenter::kClassName, error.getMessage());

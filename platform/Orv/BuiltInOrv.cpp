@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/Base/ASCII.h"
 #include "platform/Base/Clock.h"
 #include "platform/Orv/ByteLayout.h"
 
@@ -29,11 +30,7 @@ OrvCrypto::Key derived(std::span<const std::uint8_t> machineID, std::string_view
 std::string folderName(std::span<const std::uint8_t> machineID) {
   const OrvCrypto::Key key = derived(machineID, "tallow-orv 1 folder");
   std::string name;
-  for (const std::uint8_t byte : key.span().first(8)) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    name += kDigits[byte >> 4];
-    name += kDigits[byte & 15];
-  }
+  ascii::appendHexadecimal(name, key.span().first(8));
   return name;
 }
 

@@ -6,6 +6,7 @@
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/VBLogManager.h"
+#include "platform/XPC/BusDaemon.h"
 #include "platform/XPC/PeerConnection.h"
 
 namespace tallow {
@@ -25,8 +26,8 @@ class BusPushServiceConnection final
       : _serviceName(std::move(serviceName)) {}
   ~BusPushServiceConnection() override {
     // Perhaps in the match's own handler, which must not lose what it runs on.
-    if (!_ownerChanged) return;
-    _bus->post([match = std::make_shared<sdbus::Slot>(std::move(_ownerChanged))] {});
+    if (!_ownerWatch) return;
+    _bus->post([match = std::make_shared<sdbus::Slot>(std::move(_ownerWatch))] {});
   }
 
   void setInterruptionHandler(Handler handler) override { _interrupted = std::move(handler); }
@@ -61,21 +62,14 @@ class BusPushServiceConnection final
 
  private:
   void _watchOwner() {
-    const std::string rule =
-        "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
-        "member='NameOwnerChanged',arg0='" +
-        _serviceName + "'";
     try {
-      _ownerChanged =
-          bus::addMatch(_bus->connection(), rule, [weak = weak_from_this()](auto&& signal) {
-            std::string name;
-            std::string before;
-            std::string now;
-            signal >> name >> before >> now;
-            // An agent that has just been started is no loss.
-            const auto self = weak.lock();
-            if (self && !before.empty()) self->_tell(self->_interrupted);
-          });
+      _ownerWatch =
+          bus::watchOwner(_bus->connection(), _serviceName,
+                          [weak = weak_from_this()](const std::string& before, const std::string&) {
+                            // An agent that has just been started is no loss.
+                            const auto self = weak.lock();
+                            if (self && !before.empty()) self->_tell(self->_interrupted);
+                          });
     } catch (const sdbus::Error& error) {
       logLevel(1, "%@: cannot watch %@: %@", PushServiceConnection::kClassName, _serviceName,
                error.getMessage());
@@ -90,7 +84,7 @@ class BusPushServiceConnection final
   const std::string _serviceName;
   std::shared_ptr<BusConnection> _bus;  // set by resume()
   Handler _interrupted, _invalidated;   // fixed by resume()
-  sdbus::Slot _ownerChanged;            // reading thread
+  sdbus::Slot _ownerWatch;              // reading thread
 };
 
 }  // namespace
