@@ -55,7 +55,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Date now{1'700'000'000};
 
   CookieTable table;
-  for (const std::string& line : setCookieLines(Dictionary{{"Set-Cookie", text}})) {
+  const Dictionary headers{{"Set-Cookie", text}};
+  for (const std::string_view line : setCookieLines(headers, size + 1)) {
     const auto parsed = parseSetCookie(line);
     if (!parsed) continue;
     if (parsed->expires) check(parseCookieDate(dateText(*parsed->expires)) == parsed->expires);

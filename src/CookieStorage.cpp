@@ -16,8 +16,8 @@ namespace tallow {
 
 namespace {
 
-// Each host is a transaction of its own in the jar.
-constexpr std::size_t kMostSetupCookies = 1024;
+// Far more than a jar keeps of one host; whoever sends more has something else in mind.
+constexpr std::size_t kMostCookiesAtOnce = 1024;
 
 using CookiesByURL = std::vector<std::pair<URL, std::vector<ParsedCookie>>>;
 
@@ -25,13 +25,10 @@ using CookiesByURL = std::vector<std::pair<URL, std::vector<ParsedCookie>>>;
 // domain, or else `url`.
 CookiesByURL byOwnDomain(std::vector<ParsedCookie> cookies, const URL& url) {
   std::map<std::string, std::vector<ParsedCookie>> byHost;
-  for (std::size_t i = 0; i < std::min(cookies.size(), kMostSetupCookies); ++i) {
-    const auto& domain = cookies[i].domain;
-    byHost[domain && !domain->empty() ? *domain : url.host()].push_back(std::move(cookies[i]));
+  for (ParsedCookie& cookie : cookies) {
+    const auto& domain = cookie.domain;
+    byHost[domain && !domain->empty() ? *domain : url.host()].push_back(std::move(cookie));
   }
-  if (cookies.size() > kMostSetupCookies)
-    logLevel(1, "%@: Taking only %lu of %lu cookies of a set-up response",
-             CookieStorage::kClassName, kMostSetupCookies, cookies.size());
   CookiesByURL made;
   for (auto& [host, ofHost] : byHost) {
     if (auto from = URL::parse("https://" + host + "/")) {
@@ -194,8 +191,14 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
                                                   Origin origin) {
   if (!headers) return;
   logLevel(3, "%@: consumeCookiesFromURL: %@ httpHeaders: %@", kClassName, fromURL, *headers);
+  std::vector<std::string_view> lines = setCookieLines(*headers, kMostCookiesAtOnce + 1);
+  if (lines.size() > kMostCookiesAtOnce) {
+    logLevel(1, "%@: Taking only the first %lu cookies of a response", kClassName,
+             kMostCookiesAtOnce);
+    lines.pop_back();
+  }
   std::vector<ParsedCookie> cookies;
-  for (const std::string& line : setCookieLines(*headers))
+  for (const std::string_view line : lines)
     if (auto cookie = parseSetCookie(line)) cookies.push_back(std::move(*cookie));
   if (cookies.empty() || !fromURL) return;
 
@@ -224,7 +227,7 @@ void CookieStorage::consumeCookiesWithHTTPHeaders(const std::optional<Dictionary
 }
 
 bool CookieStorage::setsCookies(const Dictionary& headers) {
-  return !setCookieLines(headers).empty();
+  return !setCookieLines(headers, 1).empty();
 }
 
 void CookieStorage::deleteAllCookies() {
@@ -242,6 +245,13 @@ void CookieStorage::synchronizeSoon() {
     self->_willSynchronize = false;
     if (self->_cookieStorage) self->_cookieStorage->synchronize();
   });
+}
+
+bool CookieStorage::writeWhatWasRefused() {
+  bool isWritten = true;
+  for (const auto& [identifier, storage] : registry().entries())
+    if (storage->_cookieStorage && storage->_cookieStorage->synchronize()) isWritten = false;
+  return isWritten;
 }
 
 std::size_t CookieStorage::cookieCount() const {

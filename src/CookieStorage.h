@@ -65,6 +65,9 @@ class CookieStorage final : public ClientController,
   static const std::vector<std::string_view>& _defaultCookieStoreWhitelist();
   static bool _defaultCookieIsWhitelistedWithName(std::optional<std::string_view> name);
 
+  // Writes what is only in memory, of all clients; false, logged, where the disk still refuses.
+  static bool writeWhatWasRefused();
+
   // For status reports; 0 without a jar.
   std::size_t cookieCount() const;
 

@@ -80,15 +80,16 @@ bool beginsCookie(std::string_view text) {
   return at != std::string_view::npos && text[at] == '=';
 }
 
-void appendJoinedLines(std::vector<std::string>& lines, std::string_view joined) {
+void appendJoinedLines(std::vector<std::string_view>& lines, std::string_view joined,
+                       std::size_t most) {
   std::size_t start = 0;
-  for (std::size_t comma = joined.find(','); comma != std::string_view::npos;
+  for (std::size_t comma = joined.find(','); comma != std::string_view::npos && lines.size() < most;
        comma = joined.find(',', comma + 1)) {
     if (!beginsCookie(joined.substr(comma + 1))) continue;
-    lines.emplace_back(ascii::trimmed(joined.substr(start, comma - start)));
+    lines.push_back(ascii::trimmed(joined.substr(start, comma - start)));
     start = comma + 1;
   }
-  lines.emplace_back(ascii::trimmed(joined.substr(start)));
+  if (lines.size() < most) lines.push_back(ascii::trimmed(joined.substr(start)));
 }
 
 }  // namespace
@@ -115,14 +116,15 @@ std::optional<ParsedCookie> parseSetCookie(std::string_view line) {
   return cookie;
 }
 
-std::vector<std::string> setCookieLines(const Dictionary& responseHeaders) {
-  std::vector<std::string> lines;
+std::vector<std::string_view> setCookieLines(const Dictionary& responseHeaders, std::size_t most) {
+  std::vector<std::string_view> lines;
   for (const auto& [name, value] : responseHeaders) {
     if (!ascii::equalIgnoringCase(name, kHeaderName)) continue;
     if (const std::string* const joined = value.string()) {
-      appendJoinedLines(lines, *joined);
+      appendJoinedLines(lines, *joined, most);
     } else if (const Array* const list = value.array()) {
       for (const Value& line : *list) {
+        if (lines.size() == most) return lines;
         if (const std::string* const text = line.string()) lines.push_back(*text);
       }
     }

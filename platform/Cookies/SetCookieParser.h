@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,7 +31,8 @@ std::optional<ParsedCookie> parseSetCookie(std::string_view line);
 
 // The Set-Cookie lines of a response header dictionary: the name matched without regard to case,
 // the value a string, an array of strings, or one string of several cookies joined with commas
-// (commas inside Expires are not separators). Anything else is no cookie.
-std::vector<std::string> setCookieLines(const Dictionary& responseHeaders);
+// (commas inside Expires are not separators). Anything else is no cookie. The first `most` at most;
+// they are views into the dictionary.
+std::vector<std::string_view> setCookieLines(const Dictionary& responseHeaders, std::size_t most);
 
 }  // namespace tallow

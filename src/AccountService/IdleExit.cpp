@@ -15,6 +15,7 @@
 #include "platform/VendBase/VBLogManager.h"
 #include "platform/XPC/XPCTransaction.h"
 #include "src/AccountService/AccountStore.h"
+#include "src/CookieStorage.h"
 
 namespace tallow {
 
@@ -25,7 +26,7 @@ constexpr double kLeavingSeconds = 0.05;
 
 // Once more where the disk has refused it.
 bool everythingIsWritten() {
-  return AccountStore::writeWhatWasRefused() &&
+  return AccountStore::writeWhatWasRefused() && CookieStorage::writeWhatWasRefused() &&
          Preferences::shared().synchronize(kDaemonDefaultsID, Preferences::User::Current,
                                            Preferences::Host::Any);
 }

@@ -86,6 +86,15 @@ TEST_F(CookieStorageTest, MediaClientsAlsoReadTheGroupsJar) {
   EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("later=g; sooner=o; only=g"));
 }
 
+TEST_F(CookieStorageTest, OneResponseBringsSoManyCookiesAndNoMore) {
+  std::string many = "first=1";
+  for (int i = 0; i < 500'000; ++i) many += ",a=";
+  consume(many + ",last=1");
+  EXPECT_EQ(storage()->cookieCount(), 2u);
+  EXPECT_TRUE(
+      world.log.contains(1, "CookieStorage: Taking only the first 1024 cookies of a response"));
+}
+
 TEST_F(CookieStorageTest, FoldersAndFilesThatDoNotOpen) {
   client->appPreferencesDomain = "../escape";
   EXPECT_EQ(storage(), nullptr);

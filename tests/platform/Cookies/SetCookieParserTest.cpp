@@ -90,24 +90,35 @@ TEST(SetCookieParser, ReadsMaxAgeAsAWholeNumber) {
   }
 }
 
+std::vector<std::string> linesOf(const Dictionary& headers, std::size_t most = 100) {
+  const auto lines = setCookieLines(headers, most);
+  return {lines.begin(), lines.end()};
+}
+
 TEST(SetCookieLines, TakesListsAndJoinedText) {
-  EXPECT_THAT(setCookieLines({{"Set-Cookie", Array{"a=1; Path=/", "b=2, c=3", 7, Value()}}}),
+  EXPECT_THAT(linesOf({{"Set-Cookie", Array{"a=1; Path=/", "b=2, c=3", 7, Value()}}}),
               ElementsAre("a=1; Path=/", "b=2, c=3"));
-  EXPECT_THAT(setCookieLines({{"set-COOKIE",
-                               "a=1; Expires=Wed, 09 Jun 2021 10:18:14 GMT; Path=/, b=x,y;"
-                               "Expires=Thu,01-Jan-1970 00:00:00 GMT,c =3 , d=, =,e"}}),
+  EXPECT_THAT(linesOf({{"set-COOKIE",
+                        "a=1; Expires=Wed, 09 Jun 2021 10:18:14 GMT; Path=/, b=x,y;"
+                        "Expires=Thu,01-Jan-1970 00:00:00 GMT,c =3 , d=, =,e"}}),
               ElementsAre("a=1; Expires=Wed, 09 Jun 2021 10:18:14 GMT; Path=/",
                           "b=x,y;Expires=Thu,01-Jan-1970 00:00:00 GMT", "c =3", "d=, =,e"));
-  EXPECT_THAT(setCookieLines({{"SET-COOKIE", "a=1"}, {"Set-Cookie", Array{"b=2"}}}),
+  EXPECT_THAT(linesOf({{"SET-COOKIE", "a=1"}, {"Set-Cookie", Array{"b=2"}}}),
               ElementsAre("a=1", "b=2"));
 }
 
+TEST(SetCookieLines, TakesNoMoreThanItIsAskedFor) {
+  const Dictionary headers{{"SET-COOKIE", "a=1,b=2"}, {"Set-Cookie", Array{"c=3", "d=4"}}};
+  EXPECT_THAT(linesOf(headers, 1), ElementsAre("a=1"));
+  EXPECT_THAT(linesOf(headers, 2), ElementsAre("a=1", "b=2"));
+  EXPECT_THAT(linesOf(headers, 3), ElementsAre("a=1", "b=2", "c=3"));
+}
+
 TEST(SetCookieLines, IgnoresEverythingElse) {
-  EXPECT_THAT(setCookieLines({}), IsEmpty());
-  EXPECT_THAT(setCookieLines({{"Cookie", "a=1"}, {"Set-Cookie2", "a=1"}}), IsEmpty());
-  EXPECT_THAT(
-      setCookieLines({{"Set-Cookie", 1}, {"set-cookie", Dictionary{{"Set-Cookie", "a=1"}}}}),
-      IsEmpty());
+  EXPECT_THAT(linesOf({}), IsEmpty());
+  EXPECT_THAT(linesOf({{"Cookie", "a=1"}, {"Set-Cookie2", "a=1"}}), IsEmpty());
+  EXPECT_THAT(linesOf({{"Set-Cookie", 1}, {"set-cookie", Dictionary{{"Set-Cookie", "a=1"}}}}),
+              IsEmpty());
 }
 
 }  // namespace

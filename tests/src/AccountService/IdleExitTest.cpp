@@ -7,7 +7,9 @@
 
 #include "platform/VendBase/HSStoreURLOperation.h"
 #include "platform/XPC/XPCTransaction.h"
+#include "src/CookieStorage.h"
 #include "tests/src/AccountService/AccountsFixture.h"
+#include "tests/support/FullDisk.h"
 
 namespace tallow {
 namespace {
@@ -136,8 +138,18 @@ TEST_F(IdleExitTest, LeavesOnlyWhenNobodyNeedsTheService) {
   world.preferences.setWritesFail(true);
   store()->addAccount(account(1, "a"));
   world.preferences.setWritesFail(false);
+  const URL url = *URL::parse("https://store.example.com/");
+  {
+    const FullDisk full;
+    CookieStorage::storageForClient(client)->consumeCookiesWithHTTPHeaders(
+        Dictionary{{"Set-Cookie", "a=b"}}, url);
+    staysWhile("a cookie is not on disk");
+  }
   passUntilTheNameIsGone();
   EXPECT_FALSE(stored(kDefaultsKnownAccountsKey).isNil());
+  const auto jar = CookieJar::open(world.directories.dataHome / "Cookies" /
+                                   (client->appPreferencesDomain + ".cookies"));
+  EXPECT_EQ((*jar)->cookiesForURL(url, true).size(), 1u);
   listener.load.waitingCalls = 0;
   pass(1);
   EXPECT_EQ(loop.pendingTimers(), 0u);
