@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/Base/SourceLocation.h"
 #include "platform/VendBase/HSStoreClient.h"
 #include "platform/VendBase/VBLogManager.h"
 
@@ -48,20 +49,24 @@ class ClientRegistry {
   explicit ClientRegistry(Texts texts, Replaced replaced = nullptr)
       : _texts(texts), _replaced(std::move(replaced)) {}
 
-  // Null for a client without an identifier (logged), or when no controller could be made.
-  Entry entryForClient(const Client& client) {
+  // Null for a client without an identifier, or when no controller could be made. What is logged
+  // is said in the name of the accessor that asks.
+  Entry entryForClient(const Client& client,
+                       const SourceLocation& accessor = SourceLocation::current()) {
+    VBLogManager& log = VBLogManager::sharedManager();
     if (!client || !client->identifier) {
-      logLevel(1,
-               "%@: %s called with nil storeClient.identifier (storeClient is %@). No %@ will be "
-               "available for this client",
-               Controller::kClassName, _texts.accessor, client, Controller::kClassName);
+      log.logLevelAt(
+          accessor, 1,
+          "%@: %s called with nil storeClient.identifier (storeClient is %@). No %@ will be "
+          "available for this client",
+          Controller::kClassName, _texts.accessor, client, Controller::kClassName);
       return nullptr;
     }
     const Holding holding(*this);
     if (const auto found = _entries.find(keyFor(*client)); found != _entries.end()) {
       if (!mustReplace(*found->second, *client)) return found->second;
-      logLevel(1, "%@: Outfitter is updated, %s is switching", Controller::kClassName,
-               _texts.switchingSubject);
+      log.logLevelAt(accessor, 1, "%@: Outfitter is updated, %s is switching",
+                     Controller::kClassName, _texts.switchingSubject);
       return makeEntry(client, /*replacing=*/true);
     }
     return makeEntry(client, /*replacing=*/false);
@@ -80,14 +85,14 @@ class ClientRegistry {
   // True while this thread is inside entryForClient (making or replacing an entry).
   bool isHeldByCurrentThread() const { return _holder.load() == std::this_thread::get_id(); }
 
-  // A snapshot, for status reports.
+  // A snapshot, for status reports. Does not wait for an entry that is being made.
   std::map<std::string, Entry> entries() {
-    const std::lock_guard lock(_lock);
+    const std::lock_guard lock(_entriesLock);
     return {_entries.begin(), _entries.end()};
   }
   // Forgets every entry, as a fresh process would be (tests).
   void removeAll() {
-    const std::lock_guard lock(_lock);
+    const std::scoped_lock locks(_lock, _entriesLock);
     _entries.clear();
   }
 
@@ -122,7 +127,10 @@ class ClientRegistry {
   Entry makeEntry(const Client& client, bool replacing) {
     Entry entry = Controller::initWithStoreClient(client);
     if (!entry) return nullptr;
-    _entries.insert_or_assign(keyFor(*client), entry);
+    {
+      const std::lock_guard lock(_entriesLock);
+      _entries.insert_or_assign(keyFor(*client), entry);
+    }
     if (replacing && _replaced) _replaced(*entry);
     return entry;
   }
@@ -131,7 +139,8 @@ class ClientRegistry {
   const Replaced _replaced;
   std::mutex _lock;
   std::atomic<std::thread::id> _holder{};
-  std::map<std::string, Entry, std::less<>> _entries;
+  std::mutex _entriesLock;                             // after _lock, and only for a moment
+  std::map<std::string, Entry, std::less<>> _entries;  // written with both locks, read with either
 };
 
 // What a registered controller knows of its client: the client itself, and the rule that tells

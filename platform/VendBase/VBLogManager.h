@@ -73,10 +73,16 @@ class VBLogManager {
   template <class... Args>
   void logLevel(int level, LogFormat<std::type_identity_t<Args>...> withFormat,
                 const Args&... arguments) {
+    logLevelAt(withFormat.where, level, withFormat.format, arguments...);
+  }
+  // In the name of another place.
+  template <class... Args>
+  void logLevelAt(const SourceLocation& where, int level,
+                  CheckedFormat<std::type_identity_t<Args>...> withFormat,
+                  const Args&... arguments) {
     if (!isEnabled(level)) return;
     const FormatArgument packed[sizeof...(Args) + 1] = {FormatArgument::make(arguments)...};
-    _write(level, withFormat.where, withFormat.format.text(), {packed, sizeof...(Args)},
-           errorAmong(arguments...));
+    _write(level, where, withFormat.text(), {packed, sizeof...(Args)}, errorAmong(arguments...));
   }
 
   // Dumps `value` at `level` to the log file named by the format.
