@@ -23,6 +23,7 @@ namespace {
 
 // The persisted file: { "version": 1, "archive": { the response's entries, and these two } }.
 constexpr std::int64_t kPersistedFormatVersion = 1;
+constexpr std::size_t kArchiveDepth = 1;  // what the response is inside of
 constexpr const char* kVersionKey = "version";
 constexpr const char* kArchiveKey = "archive";
 constexpr const char* kValidUntilDateKey = "validUntilDate";
@@ -328,7 +329,12 @@ void Bag::_writePersistedStoreToDiskWithDictionary(const Dictionary& response,
     const Data contents = PropertyList::encode(
         Dictionary{{kVersionKey, kPersistedFormatVersion}, {kArchiveKey, archive}},
         PropertyList::Format::Binary);
-    if (const auto error = writeFileAtomically(path, contents)) {
+    // What would not be read again must not take the place of what would.
+    auto error = PropertyList::depth(response) + kArchiveDepth > PropertyList::kMaxDepth ||
+                         contents.length() > PropertyList::kMaxBytes
+                     ? std::optional(makeError(kClassName, EFBIG, "It is too large"))
+                     : writeFileAtomically(path, contents);
+    if (error) {
       logLevel(1, "%@: Error writing persisted bag to %@ - %@", kClassName, path.native(),
                error->localizedDescription());
       return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -12,6 +13,21 @@ bool isValidUTF8(std::string_view text);
 
 // `text` with every malformed part replaced by U+FFFD; unchanged when it is valid.
 std::string replacingInvalidUTF8(std::string_view text);
+
+// `text` with every character for which `isUnwanted` (of one byte, ASCII) replaced by U+FFFD.
+template <class Predicate>
+std::string replacingCharacters(std::string text, Predicate isUnwanted) {
+  if (std::none_of(text.begin(), text.end(), isUnwanted)) return text;
+  std::string result;
+  for (const char c : text) {
+    if (isUnwanted(c)) {
+      result += "\xEF\xBF\xBD";
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
 
 // The longest beginning of `text` of at most `maxBytes` bytes that does not end inside a character.
 std::string_view prefixOnCharacterBoundary(std::string_view text, std::size_t maxBytes);

@@ -17,13 +17,17 @@ enum class Format { XML, Binary };
 // the list, keys that are no strings, null, UIDs and sets, strings with NUL or malformed UTF-8,
 // numbers and dates that are none, entity declarations. Of equal keys the last counts.
 inline constexpr std::size_t kMaxDepth = 512;
-Result<Value> decode(const Data& bytes, std::size_t maxBytes = 16u << 20);
+inline constexpr std::size_t kMaxBytes = std::size_t{16} << 20;
+Result<Value> decode(const Data& bytes, std::size_t maxBytes = kMaxBytes);
 
 // Never fails: what a format cannot carry is written as the nearest that it can. In both, malformed
 // UTF-8 and NUL become U+FFFD; in XML, so do other control characters, and dates lose the fraction
 // of their second and stay within the years 1000 to 9999. Everything else round-trips.
 // To encode nil is a programmer error and aborts.
 Data encode(const Value& value, Format format);
+
+// How many arrays and dictionaries are nested in one another; 0 for a value that is neither.
+std::size_t depth(const Value& value);
 
 }  // namespace PropertyList
 

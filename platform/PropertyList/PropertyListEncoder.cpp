@@ -13,8 +13,6 @@ namespace tallow::PropertyList {
 
 namespace {
 
-constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
-
 // In XML the library writes four digits of the year from the year 1000 on, and whole seconds.
 constexpr double kFirstXMLDate = -30610224000;
 constexpr double kLastXMLDate = 253402300799;
@@ -75,13 +73,8 @@ class Builder {
   // What the format cannot carry becomes U+FFFD: malformed UTF-8, and NUL, where the library would
   // cut; in XML every control character but tab and line ends.
   std::string clean(const std::string& text) const {
-    std::string result = isValidUTF8(text) ? text : replacingInvalidUTF8(text);
-    for (std::size_t index = 0; index < result.size(); ++index) {
-      if (!isForbidden(result[index])) continue;
-      result.replace(index, 1, kReplacement);
-      index += kReplacement.size() - 1;
-    }
-    return result;
+    return replacingCharacters(isValidUTF8(text) ? text : replacingInvalidUTF8(text),
+                               [this](char c) { return isForbidden(c); });
   }
 
   bool isForbidden(char c) const {
@@ -93,6 +86,18 @@ class Builder {
 };
 
 }  // namespace
+
+std::size_t depth(const Value& value) {
+  std::size_t deepest = 0;
+  if (const Dictionary* const dictionary = value.dictionary()) {
+    for (const auto& [key, member] : *dictionary) deepest = std::max(deepest, depth(member));
+  } else if (const Array* const array = value.array()) {
+    for (const Value& element : *array) deepest = std::max(deepest, depth(element));
+  } else {
+    return 0;
+  }
+  return deepest + 1;
+}
 
 Data encode(const Value& value, Format format) {
   const Node root = Builder(format).build(value);

@@ -249,6 +249,20 @@ TEST_F(BagTest, DamagedAndNewerCopiesAreNeverDestroyed) {
   EXPECT_EQ(*readFile(persistedFile()), newer);
 }
 
+TEST_F(BagTest, WhatCouldNotBeReadAgainIsNotWritten) {
+  const auto subject = bag(3);
+  Value deep = "x";
+  for (std::size_t depth = 1; depth < PropertyList::kMaxDepth; ++depth) deep = Array{deep};
+  subject->bagDictionaryWithServerResponseDictionary({{"a", deep}}, inOneHour(), kHTTPS, nullptr);
+  EXPECT_FALSE(std::filesystem::exists(persistedFile("UnknownBag")));
+  EXPECT_TRUE(world.log.mentions(1, "Bag: Error writing persisted bag to "));
+  deep = *deep.array()->begin();
+  deep = *deep.array()->begin();
+  subject->bagDictionaryWithServerResponseDictionary({{"a", deep}}, inOneHour().addingSeconds(1),
+                                                     kHTTPS, nullptr);
+  EXPECT_EQ(bag(3)->valueForKey("a"), deep);
+}
+
 TEST_F(BagTest, AFolderThatCannotBeWrittenLosesOnlyTheCopy) {
   std::filesystem::create_directories(world.directories.cacheHome);
   std::ofstream(world.directories.cacheHome / *client->identifier) << "in the way";

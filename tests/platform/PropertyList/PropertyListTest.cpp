@@ -85,6 +85,8 @@ TEST(PropertyListTest, WhatAFormatCannotCarryIsReplaced) {
                                                 "b\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"));
   EXPECT_EQ(roundTrip(Dictionary{{"\xFF", 1}}, Format::XML),
             Value(Dictionary{{"\xEF\xBF\xBD", 1}}));
+  // In time that grows with the text, whatever is in it.
+  EXPECT_EQ(roundTrip(std::string(4u << 20, '\x01'), Format::XML).string()->size(), 12u << 20);
 }
 
 TEST(PropertyListTest, XMLIsReadAsItIsMeant) {
