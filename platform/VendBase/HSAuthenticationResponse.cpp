@@ -1,19 +1,38 @@
 #include "platform/VendBase/HSAuthenticationResponse.h"
 
+#include <algorithm>
+#include <iterator>
+
+#include "platform/Base/UTF8.h"
 #include "platform/VendBase/HSStoreAccount.h"
 #include "platform/VendBase/StoreProtocolKeys.h"
 
 namespace tallow {
 
+namespace {
+
+bool isTooLong(const Value& value) {
+  return value.string() != nullptr &&
+         value.string()->size() > HSAuthenticationResponse::kMaxTextBytes;
+}
+
+}  // namespace
+
 // A NUL, which a binary list can have and a record cannot, is what it would be read back as.
 std::optional<std::string> HSAuthenticationResponse::string(std::string_view key) const {
-  constexpr std::string_view kReplacement = "\uFFFD";
   const Value& value = _responseDictionary[key];
   if (value.string() == nullptr) return std::nullopt;
-  std::string text = *value.string();
-  for (std::size_t at = 0; (at = text.find('\0', at)) != std::string::npos;)
-    text.replace(at, 1, kReplacement);
-  return text;
+  return replacingCharacters(*value.string(), [](char c) { return c == '\0'; });
+}
+
+std::optional<std::string> HSAuthenticationResponse::recordText(std::string_view key) const {
+  return isTooLong(_responseDictionary[key]) ? std::nullopt : string(key);
+}
+
+bool HSAuthenticationResponse::hasTooLongText() const {
+  const char* const texts[] = {kIdentifierKey, kTokenKey, kStoreFrontKey, kStoreCreditDisplayKey};
+  return std::any_of(std::begin(texts), std::end(texts),
+                     [this](const char* key) { return isTooLong(_responseDictionary[key]); });
 }
 
 std::optional<std::uint64_t> HSAuthenticationResponse::dsID() const {
@@ -23,20 +42,20 @@ std::optional<std::uint64_t> HSAuthenticationResponse::dsID() const {
 }
 
 std::optional<std::string> HSAuthenticationResponse::identifier() const {
-  return string("identifier");
+  return recordText(kIdentifierKey);
 }
 
 std::optional<std::string> HSAuthenticationResponse::token() const {
-  auto token = string("token");
+  auto token = string(kTokenKey);
   return token && !token->empty() ? token : std::nullopt;
 }
 
 std::optional<std::string> HSAuthenticationResponse::storeFront() const {
-  return string("storefront");
+  return recordText(kStoreFrontKey);
 }
 
 std::optional<std::string> HSAuthenticationResponse::creditString() const {
-  return string(kStoreCreditDisplayKey);
+  return recordText(kStoreCreditDisplayKey);
 }
 
 std::optional<std::int64_t> HSAuthenticationResponse::kind() const {

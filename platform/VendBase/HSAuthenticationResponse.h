@@ -20,9 +20,15 @@ namespace tallow {
 //   "creditDisplay"             the account's credit, for people
 //   "kind"                      the account's kind, an integer
 //
+// A text for the account's record that is longer than kMaxTextBytes counts as absent, too: every
+// account is kept, and written with all the others at every change.
+//
 // A plain value; the token is in it, so it is never logged or sent to other callers.
 class HSAuthenticationResponse {
  public:
+  // Of one text of an account's record.
+  static constexpr std::size_t kMaxTextBytes = 4096;
+
   HSAuthenticationResponse() = default;
   explicit HSAuthenticationResponse(Dictionary responseDictionary)
       : _responseDictionary(std::move(responseDictionary)) {}
@@ -36,7 +42,16 @@ class HSAuthenticationResponse {
   std::optional<std::string> creditString() const;
   std::optional<std::int64_t> kind() const;
 
+  // Whether a text is left out, or a token is there, for being too long.
+  bool hasTooLongText() const;
+
  private:
+  static constexpr const char* kIdentifierKey = "identifier";
+  static constexpr const char* kTokenKey = "token";
+  static constexpr const char* kStoreFrontKey = "storefront";
+
+  // Nil when it is too long for a record.
+  std::optional<std::string> recordText(std::string_view key) const;
   std::optional<std::string> string(std::string_view key) const;
 
   Dictionary _responseDictionary;

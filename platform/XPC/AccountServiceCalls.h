@@ -50,17 +50,22 @@ class AccountServiceObject::Arguments {
         HSStoreAccount::initWithPersistedStoreDictionary(dictionary(name, std::move(value)));
     if (!account->dsID()) _refuse(name, "has no dsid");
     for (const auto& text : {account->identifier(), account->storeFront(), account->creditString()})
-      _refuseLongAccountText(name, text);
+      if (text && text->size() > HSAuthenticationResponse::kMaxTextBytes)
+        _refuseLongAccountText(name);
     return account;
   }
 
   HSAuthenticationResponse authenticationResponse(const char* name, WireDictionary&& value) {
-    HSAuthenticationResponse response(dictionary(name, std::move(value)));
+    HSAuthenticationResponse response(protocol(name, std::move(value)));
     if (!response.dsID()) _refuse(name, "has neither dsPersonId nor dsid");
-    for (const auto& text :
-         {response.identifier(), response.storeFront(), response.creditString(), response.token()})
-      _refuseLongAccountText(name, text);
     return response;
+  }
+
+  // A store's answer, of which texts may go into an account's record.
+  Dictionary protocol(const char* name, WireDictionary&& value) {
+    Dictionary answer = dictionary(name, std::move(value));
+    if (HSAuthenticationResponse(answer).hasTooLongText()) _refuseLongAccountText(name);
+    return answer;
   }
 
   std::size_t bytes() const { return _bytes; }
@@ -68,10 +73,8 @@ class AccountServiceObject::Arguments {
   const std::string& refusal() const { return _refusal; }
 
  private:
-  // Each account is kept, and written with all the others at every change.
-  void _refuseLongAccountText(const char* name, const std::optional<std::string>& text) {
-    if (text && text->size() > kMaxAccountTextBytes)
-      _refuse(name, "has a text of more than 4 KiB in it");
+  void _refuseLongAccountText(const char* name) {
+    _refuse(name, "has a text of more than 4 KiB in it");
   }
   void _refuse(const char* name, const std::string& why) {
     if (isFine()) _refusal = std::string(name) + ": " + why;

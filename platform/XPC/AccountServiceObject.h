@@ -24,8 +24,6 @@ class AccountServiceObject final
   static constexpr const char* kPath = "/com/vantor/tallowd";
   // Of one text argument.
   static constexpr std::size_t kMaxTextBytes = std::size_t{1} << 20;
-  // Of one text of an account.
-  static constexpr std::size_t kMaxAccountTextBytes = 4096;
 
   using StatusProvider = std::function<Dictionary()>;
 

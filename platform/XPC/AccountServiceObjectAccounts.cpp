@@ -123,7 +123,7 @@ void AccountServiceObject::signOut(sdbus::Result<>&& result) {
 void AccountServiceObject::parseCreditStringForProtocol(sdbus::Result<>&& result,
                                                         WireDictionary protocol) {
   Arguments arguments;
-  auto taken = arguments.dictionary("protocol", std::move(protocol));
+  auto taken = arguments.protocol("protocol", std::move(protocol));
   _call(std::move(result), std::move(arguments),
         [taken = std::move(taken)](Caller& caller, auto reply) {
           caller.service().parseCreditStringForProtocol(taken, [reply] { reply->answer(); });

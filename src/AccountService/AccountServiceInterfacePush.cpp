@@ -146,7 +146,12 @@ HSAccountService::Account AccountServiceInterface::accountFromSetupResponse(
     }
   }
 
-  account->setIdentifier(response["email"].stringOrNil());
+  auto email = response["email"].stringOrNil();
+  if (email && email->size() > HSAuthenticationResponse::kMaxTextBytes) {
+    systemLog("%@: %@ email is too long", kClassName, client);
+    email.reset();
+  }
+  account->setIdentifier(std::move(email));
   return account;
 }
 

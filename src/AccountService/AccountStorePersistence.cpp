@@ -88,7 +88,11 @@ void AccountStore::loadAccountsFromPersistedStore() {
 }
 
 void AccountStore::joinOnQueue(Persisted persisted) {
-  if (persisted.primary && _changes == 0) setPrimaryOnQueue(persisted.primary);
+  // The primary account is one of those in the list: what somebody has added meanwhile is newer.
+  if (persisted.primary && _changes == 0) {
+    const Account added = _nonThreadSafeAccountForDSID(persisted.primary->dsID());
+    setPrimaryOnQueue(added ? added : persisted.primary);
+  }
   std::vector<Account> accounts = std::move(persisted.known);
   std::erase_if(accounts, [&](const Account& each) {
     return _nonThreadSafeAccountForDSID(each->dsID()) != nullptr;

@@ -248,6 +248,32 @@ TEST_F(AccountsTest, WhatCannotBeReadYetIsNotWrittenOver) {
   }
 }
 
+TEST_F(AccountsTest, ThePrimaryAccountThatIsFoundLaterIsTheOneThatIsKnown) {
+  std::filesystem::create_directories(world.directories.configHome);
+  SQLitePreferences files(SQLitePreferences::configurationFor(world.directories));
+  const ScopedShared<Preferences> onDisk(files);
+  store()->addAccountWithAuthenticationResponse(response(1), true);
+  SQLitePreferences later(SQLitePreferences::configurationFor(world.directories));
+  const ScopedShared<Preferences> onDiskLater(later);
+  {
+    const InTheWay folder(SQLitePreferences::configurationFor(world.directories).file);
+    storeReadAgain()->addAccount(account(1, "newer"));
+  }
+  world.clock.advance(1);
+  EXPECT_NE(store()->primaryAccount(), nullptr);
+  EXPECT_EQ(store()->primaryAccount(), store()->accountWithDSID(1));
+}
+
+TEST_F(AccountsTest, ATextThatIsTooLongForARecordIsLeftOut) {
+  const std::string megabyte(1u << 20, 'x');
+  store()->addAccountWithAuthenticationResponse(
+      HSAuthenticationResponse({{"dsPersonId", 1}, {"identifier", megabyte}}), true);
+  store()->parseCreditStringForProtocol({{"creditDisplay", megabyte}});
+  EXPECT_FALSE(store()->primaryAccount()->identifier());
+  EXPECT_FALSE(store()->primaryAccount()->creditString());
+  EXPECT_EQ(storeReadAgain()->primaryAccount()->dsID(), 1u);
+}
+
 TEST_F(AccountsTest, TextsAreTheSameBeforeAndAfterARestart) {
   const std::string withNUL("a\0b", 3);
   store()->addAccountWithAuthenticationResponse(
