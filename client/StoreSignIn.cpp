@@ -4,6 +4,7 @@
 
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/ClientDescriptors.h"
+#include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSRequestHop.h"
 #include "platform/VendBase/HSSignInOperation.h"
@@ -64,6 +65,9 @@ std::optional<Error> StoreSignIn::_addStandardHeaders(HSRequestHop& hop) {
   hop.addHeader(kStoreFrontHeader, storeFront->value_or(""));
   for (const auto& [name, value] : *given)
     if (const std::string* const text = value.string()) hop.addHeader(name, *text);
+  const auto maySendGUID = _service.shouldSendGUIDWithRequestForURL(hop.url.absoluteString());
+  if (!maySendGUID) return maySendGUID.error();
+  if (*maySendGUID) hop.addHeader(kGUIDHeader, HSDevice::shared().guid().value_or(""));
   return std::nullopt;
 }
 

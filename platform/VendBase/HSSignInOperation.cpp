@@ -19,7 +19,7 @@ namespace tallow {
 
 namespace {
 
-// For the bag, and for the account service to take the account in: what any request has in whole.
+// For the account service to take the account in: what any request has in whole.
 constexpr double kPatienceSeconds = 60;
 
 // What property lists can carry.
@@ -73,7 +73,7 @@ void HSSignInOperation::run() {
 }
 
 std::optional<Error> HSSignInOperation::_signIn() {
-  const std::optional<URL> url = urlForURLBagKey(kAuthenticateAccountBagKey, kPatienceSeconds);
+  const std::optional<URL> url = urlForURLBagKey(kAuthenticateAccountBagKey);
   if (!url)
     return HSError(kHSErrorNoBagEntry, std::nullopt,
                    format("There is no URL under the bag key %@", kAuthenticateAccountBagKey));

@@ -84,7 +84,10 @@ void HSStoreProtocol::_signIn(HSDialog dialog, HSDialogAnswer answer) {
       _outcome.error = std::move(error);
       return;
     }
-    if (tries == kMaxSignInTries) return;
+    if (tries == kMaxSignInTries) {
+      _outcome.error = std::move(error);
+      return;
+    }
     dialog.explanation = HSDialog::shownText(error->localizedDescription());
     dialog.signIn->accountName = HSDialog::shownText(name);
     answer = _operation.showDialog(dialog);

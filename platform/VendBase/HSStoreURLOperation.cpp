@@ -31,7 +31,6 @@ constexpr double kLeastIntakeSeconds = 5;
 constexpr int kMaxAttempts = 3;
 constexpr double kFirstRetryPauseSeconds = 0.5;  // doubled each time, and up to as much again
 
-constexpr const char* kGUIDHeader = "X-Vantor-GUID";
 constexpr const char* kDSIDHeader = "X-Vantor-DSID";
 constexpr const char* kTokenHeader = "X-Vantor-Token";
 constexpr int kAuthenticationRequiredStatus = 401;
@@ -118,9 +117,8 @@ void HSStoreURLOperation::getVantorMaxAge(double* maxAge) const {
 }
 
 void HSStoreURLOperation::run() {
-  _restartTime();
   std::optional<Error> failure = _resolveURL();
-  _restartTime();  // loading the bag has a time of its own
+  _restartTime();
   if (!failure && _needsAuthentication.value_or(false)) failure = _authenticateIfExpired();
   if (!failure) failure = _fetch();
   if (!failure && _response->statusCode == kAuthenticationRequiredStatus &&
@@ -141,7 +139,8 @@ void HSStoreURLOperation::run() {
 std::optional<Error> HSStoreURLOperation::_resolveURL() {
   if (!_request.urls().empty()) return std::nullopt;
   std::optional<URL> url;
-  if (_urlBagKey) url = urlForURLBagKey(*_urlBagKey, _remainingSeconds());
+  // A bag that has to be loaded first has a time of its own.
+  if (_urlBagKey) url = urlForURLBagKey(*_urlBagKey, _totalTimeoutSeconds);
   if (!url)
     return HSError(kHSErrorNoBagEntry, std::nullopt,
                    format("There is no URL under the bag key %@", _urlBagKey));

@@ -13,6 +13,7 @@ inline constexpr const char* kStoreDSIDKey = "dsid";
 inline constexpr const char* kAuthenticateAccountBagKey = "authenticateAccount";
 
 inline constexpr const char* kStoreFrontHeader = "X-Vantor-Store-Front";
+inline constexpr const char* kGUIDHeader = "X-Vantor-GUID";
 inline constexpr const char* kStoreContentType = "application/x-vantor-plist";
 
 }  // namespace tallow

@@ -117,6 +117,17 @@ TEST_F(StoreProtocolTest, ActsOnAnAnswerAsTheSwitchesAllow) {
       _log.contains(1, "HSStoreProtocol: The downloads wait: absent (HSErrorDomain error 106)"));
 }
 
+TEST_F(StoreProtocolTest, TheLastRefusalOfManyIsTheRequestsError) {
+  answerWith({{"dialog", signInDialog()}});
+  for (int tries = 0; tries < HSStoreProtocol::kMaxSignInTries; ++tries) {
+    answerWith({{"failureType", 1}, {"customerMessage", "Wrong password"}});
+    _dialogs.agent->willAnswer(FakeDialogAgent::pressing(0, "a@example.com", "wrong"));
+  }
+  EXPECT_EQ(run(*operationWithDialogs()), kHSErrorSignInRefused);
+  EXPECT_EQ(_dialogs.agent->shown.size(),
+            static_cast<std::size_t>(HSStoreProtocol::kMaxSignInTries));
+}
+
 TEST_F(StoreProtocolTest, SignsInThroughADialogUntilTheStoreBelievesIt) {
   answerWith({{"dialog", signInDialog(Dictionary{{"accountName", "a@example.com"}})}});
   answerWith({{"failureType", 1}, {"customerMessage", "Wrong \x01 password"}});
