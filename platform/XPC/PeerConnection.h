@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/Base/Activity.h"
 #include "platform/Base/Error.h"
 #include "platform/XPC/BusConnection.h"
 #include "platform/XPC/WireTypes.h"
@@ -87,7 +88,7 @@ class PeerConnection {
   class Pending {
    public:
     Pending(const char* what, std::function<void(std::optional<Error>, Results...)> reply)
-        : _what(what), _reply(std::move(reply)) {}
+        : _what(what), _activity(Activity::current()), _reply(std::move(reply)) {}
     ~Pending() {
       if (_reply) _finish(_absent(_what, "there is no bus"), Results()...);
     }
@@ -99,10 +100,12 @@ class PeerConnection {
 
    private:
     void _finish(std::optional<Error> error, Results... results) {
+      const Activity::Scope scope(_activity);
       if (const auto reply = std::exchange(_reply, nullptr))
         reply(std::move(error), std::move(results)...);
     }
     const char* const _what;
+    const std::shared_ptr<const Activity> _activity;  // of who calls, for what the answer causes
     std::function<void(std::optional<Error>, Results...)> _reply;
   };
 

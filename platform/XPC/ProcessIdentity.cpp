@@ -1,18 +1,21 @@
 #include "platform/XPC/ProcessIdentity.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/FileDescriptor.h"
@@ -28,14 +31,22 @@ bool hasEnded(int pidfd) {
   return poll(&file, 1, 0) > 0;
 }
 
+// A user's private group, as distributions make it, has the user's number and no other member.
+bool isPrivateGroup(gid_t group) {
+  if (group != getegid() || group != geteuid()) return false;
+  std::vector<char> texts(4096);
+  struct group entry {};
+  struct group* found = nullptr;
+  while (getgrgid_r(group, &entry, texts.data(), texts.size(), &found) == ERANGE)
+    texts.resize(2 * texts.size());
+  return found != nullptr && found->gr_mem[0] == nullptr;
+}
+
 // Whether somebody beside root and this service's user can write.
 bool isWritableByOthers(const struct stat& status) {
   if (status.st_uid != 0 && status.st_uid != geteuid()) return true;
   if ((status.st_mode & S_IWOTH) != 0) return true;
-  // A user's private group, as distributions make it, has the user's number and no other member.
-  const bool isPrivateGroup =
-      status.st_gid == 0 || (status.st_gid == getegid() && getegid() == geteuid());
-  return (status.st_mode & S_IWGRP) != 0 && !isPrivateGroup;
+  return (status.st_mode & S_IWGRP) != 0 && status.st_gid != 0 && !isPrivateGroup(status.st_gid);
 }
 
 // Why the file at `path`, which is `running`, may not be what its path says; empty when it is.
