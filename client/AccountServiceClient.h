@@ -39,9 +39,9 @@ class AccountServiceClient {
   static constexpr const char* kErrorNameKey = "name";
 
   struct BagLoad {
-    bool valid = false;
-    bool success = false;
-    std::optional<Error> error;
+    bool valid = false;          // there is a valid bag now
+    bool success = false;        // it was valid before, and nothing had to be loaded
+    std::optional<Error> error;  // why loading it failed
   };
   struct MediaTypes {
     bool success = false;

@@ -47,11 +47,24 @@ class ServiceBus::AccountsObserver final
   const std::shared_ptr<AccountWatch> _watch;
 };
 
+namespace {
+
+// A bus that does not let this process in is, for it, not there: nobody has refused the call.
+std::unique_ptr<sdbus::IConnection> openBus(AccountServiceClient::Instance instance) {
+  try {
+    return instance == AccountServiceClient::Instance::Daemon ? sdbus::createSystemBusConnection()
+                                                              : sdbus::createSessionBusConnection();
+  } catch (const sdbus::Error& error) {
+    if (bus::errorName(error) != "org.freedesktop.DBus.Error.AccessDenied") throw;
+    throw bus::makeError("org.freedesktop.DBus.Error.NoServer", error.getMessage());
+  }
+}
+
+}  // namespace
+
 ServiceBus::ServiceBus(AccountServiceClient::Instance instance, const std::string& serviceName,
                        const std::function<void(const std::string&)>& ownerChanged)
-    : _connection(instance == AccountServiceClient::Instance::Daemon
-                      ? sdbus::createSystemBusConnection()
-                      : sdbus::createSessionBusConnection()),
+    : _connection(openBus(instance)),
       _busDaemon(*_connection),
       _ownerWatch(bus::watchOwner(
           *_connection, serviceName,

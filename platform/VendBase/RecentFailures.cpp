@@ -96,9 +96,10 @@ const char* adviceFor(FailureKind kind) {
       return "Somebody is not let in. A program: describe it, tallowd-clients.d(5). An account or "
              "this machine: the store has to unlock it; trying again soon makes it worse.";
     case FailureKind::Expired:
-      return "Somebody has to sign in again (tallowctl sign-in); where a certificate is meant, "
-             "look "
-             "at the machine's clock and renew the anchor or the store's certificate.";
+      return "Somebody has to sign in again (tallowctl --client CLIENT sign-in); where a "
+             "certificate is meant, look at the machine's clock and renew the anchor or the "
+             "store's "
+             "certificate.";
     case FailureKind::Refused:
       return "What came is not to be trusted: install the store's anchor or authority, or look at "
              "who answers in its place. For a sign-in: name or password is wrong.";

@@ -70,7 +70,7 @@ TEST_F(TallowctlServiceTest, AsksTheServiceAndShowsItsAnswers) {
   EXPECT_EQ(run({"consume", kURL, "Set-Cookie: a=b", "Date:  now", "Set-Cookie: c=d"}).status, 0);
   EXPECT_EQ(service(5)->consumed().at(0).headers,
             (Dictionary{{"Set-Cookie", Array{"a=b", "c=d"}}, {"Date", "now"}}));
-  EXPECT_EQ(json({"storefront"}, 0), Value());
+  EXPECT_EQ(json({"storefront"}, 1), Value());
   EXPECT_EQ(run({"storefront", "143441"}).status, 0);
   EXPECT_EQ(service(7)->storeFrontID(), "143441");
   EXPECT_EQ(run({"storefront", "--clear"}).status, 0);
@@ -99,6 +99,16 @@ TEST_F(TallowctlServiceTest, SaysNoWithItsExitStatus) {
   EXPECT_THAT(unknown.errors, HasSubstr("tallowd-clients.d(5)"));
 }
 
+TEST_F(TallowctlServiceTest, SaysThatACommandNeedsAClient) {
+  writeDescriptor("self.toml", "store-client = false\n" + recognisingThisProcess());
+  for (const auto& command : {"sign-out", "accounts", "invalidate", "password-settings"}) {
+    const Outcome outcome = run({command});
+    EXPECT_EQ(outcome.status, 1) << command;
+    EXPECT_THAT(outcome.errors, HasSubstr("Name a client with --client")) << command;
+  }
+  EXPECT_EQ(run({"status"}).status, 0);
+}
+
 TEST_F(TallowctlServiceTest, SaysWhenTheServiceIsNotThere) {
   listener->stop();
   EXPECT_EQ(run({"bag", "valid"}).status, 3);
@@ -123,6 +133,13 @@ TEST(TallowctlTest, RefusesWrongUsageBeforeItAsksAnybody) {
       {"headers", kURL, "--dsid", "18446744073709551616"},
       {"consume", kURL, "no header"},
       {"storefront", "1", "--clear"},
+      {"push", "nonsense"},
+      {"push", "registered", "1", "99999999999999999999"},
+      {"push", "deliver", "--dsid", "-1"},
+      {"push", "deliver", "--payload", "/"},
+      {"eligibility", "99999999999999999999"},
+      {"--system", "defaults", "read", "domain"},
+      {"defaults", "write", "domain", "key", "2026-02-30T00:00:00Z", "--type", "date"},
       {"defaults", "write", "domain", "key"},
       {"defaults", "write", "domain", "key", "x", "--type", "int"},
       {"defaults", "write", "domain", "key", "x", "--type", "odd"},

@@ -93,16 +93,6 @@ void addAccounts(Application& application) {
       ->required();
 }
 
-// A text that may not be there; the exit status says whether it was.
-int showText(const Application& application, const std::optional<std::string>& text,
-             const char* nothing) {
-  if (text || application.output().isJSON())
-    application.output().value(text);
-  else
-    application.output().line(nothing);
-  return text ? kDone : kServiceSaidNo;
-}
-
 void addToken(Application& application) {
   auto asksExpired = std::make_shared<bool>(false);
   application
@@ -114,7 +104,7 @@ void addToken(Application& application) {
                    return application.output().answer(yes);
                  });
                return application.show(client.strongToken(), [&](const auto& token) {
-                 return showText(application, token, "There is no token; sign in.");
+                 return application.showText(token, "There is no token; sign in.");
                });
              });
            })
@@ -137,8 +127,9 @@ void addCredit(Application& application) {
                                            : client.accountWithDSID(*dsIDFromText(*dsID));
           return application.show(whose, [&](const OptionalAccount& account) {
             const std::string* known = account ? (*account)["creditstring"].string() : nullptr;
-            return showText(application, known != nullptr ? std::optional(*known) : std::nullopt,
-                            account ? "No credit is known." : "There is no such account.");
+            return application.showText(
+                known != nullptr ? std::optional(*known) : std::nullopt,
+                account ? "No credit is known." : "There is no such account.");
           });
         });
       });
@@ -168,7 +159,7 @@ void addEligibility(Application& application) {
           });
         });
       });
-  eligibility->add_option("SERVICE", *service, "The service's number")->required();
+  eligibility->add_option("SERVICE", *service, "The service's number")->required()->check(isDSID());
   eligibility->add_flag("--cached", *cached, "Ask nobody, say what is remembered");
 }
 
@@ -176,7 +167,7 @@ void addEligibility(Application& application) {
 void addSuggestions(Application& application) {
   application.add(application.root(), "demo-mode",
                   "Show how a shop's demonstration machine is set up", [&application] {
-                    return application.withClient([&](AccountServiceClient& client) {
+                    return application.withService([&](AccountServiceClient& client) {
                       return application.show(client.retailStoreDemoMode(), [&](const auto& mode) {
                         application.output().table(Dictionary{{"demoMode", mode.demoMode},
                                                               {"name", mode.name},
@@ -190,9 +181,9 @@ void addSuggestions(Application& application) {
   const auto addText = [&](const char* name, const char* description, Question question,
                            const char* nothing) {
     application.add(application.root(), name, description, [&application, question, nothing] {
-      return application.withClient([&](AccountServiceClient& client) {
+      return application.withService([&](AccountServiceClient& client) {
         return application.show((client.*question)(), [&](const auto& text) {
-          return showText(application, text, nothing);
+          return application.showText(text, nothing);
         });
       });
     });

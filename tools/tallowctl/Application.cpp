@@ -1,9 +1,13 @@
 #include "tools/tallowctl/Application.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <charconv>
 #include <utility>
 
 #include "platform/Base/URL.h"
+#include "platform/PropertyList/JSON.h"
 
 namespace tallow::ctl {
 
@@ -55,15 +59,28 @@ int Application::run(int argc, const char* const* argv) {
   try {
     _root.parse(argc, argv);
   } catch (const CLI::CallForVersion&) {
-    return _output.about("version", TALLOW_VERSION, std::string("tallowctl ") + TALLOW_VERSION);
+    return _ended(
+        _output.about("version", TALLOW_VERSION, std::string("tallowctl ") + TALLOW_VERSION));
   } catch (const CLI::Success&) {  // --help, of the command that it was asked of
+    if (const auto unknown = _unknownWord()) return _output.wrongUsage(*unknown);
     const std::string help = _helped().help();
-    return _output.about("help", help, help);
+    return _ended(_output.about("help", help, help));
   } catch (const CLI::ParseError& error) {
-    return _output.wrongUsage(error.what());
+    return _output.wrongUsage(_unknownWord().value_or(error.what()));
   }
-  const int status = _chosen ? _chosen() : _output.wrongUsage("A command is required");
+  return _ended(_chosen ? _chosen() : _output.wrongUsage("A command is required"));
+}
+
+int Application::_ended(int status) {
   return _output.flush() ? status : int{kServiceSaidNo};
+}
+
+// Where a command with commands of its own was given something else.
+std::optional<std::string> Application::_unknownWord() const {
+  if (_helped().get_require_subcommand_min() == 0) return std::nullopt;
+  const std::vector<std::string> rest = _root.remaining(true);
+  if (rest.empty()) return std::nullopt;
+  return "There is no command \"" + rest.front() + "\"; --help lists them";
 }
 
 const CLI::App& Application::_helped() const {
@@ -72,7 +89,38 @@ const CLI::App& Application::_helped() const {
   return *app;
 }
 
+namespace {
+
+// What the service takes this process for. It answers a caller that is no client, too, but does
+// nothing for it.
+std::optional<Error> refusalOfNoClient(AccountServiceClient& client) {
+  const Result<std::string> text = client.describe();
+  if (!text) return text.error();
+  const Result<Value> status = JSON::decode(*text);
+  const Dictionary* const told = status ? status->dictionary() : nullptr;
+  const Array* const callers = told != nullptr ? (*told)["callers"].array() : nullptr;
+  if (callers == nullptr) return std::nullopt;
+  const bool isClient = std::any_of(callers->begin(), callers->end(), [](const Value& caller) {
+    const Dictionary* const line = caller.dictionary();
+    return line != nullptr && (*line)["pid"] == Value(getpid()) && line->contains("identifier");
+  });
+  if (isClient) return std::nullopt;
+  return makeError(AccountServiceClient::kErrorDomain, AccountServiceClient::kRefused,
+                   "tallowctl is no store client itself.");
+}
+
+}  // namespace
+
 int Application::withClient(const std::function<int(AccountServiceClient&)>& body) {
+  return withService([&](AccountServiceClient& client) {
+    if (_client.empty()) {
+      if (const auto error = refusalOfNoClient(client)) return _output.failure(*error);
+    }
+    return body(client);
+  });
+}
+
+int Application::withService(const std::function<int(AccountServiceClient&)>& body) {
   AccountServiceClient client(instance());
   if (!_client.empty()) {
     if (const auto error = client.actAs(_client)) return _output.failure(*error);
@@ -88,6 +136,14 @@ int Application::finish(const std::optional<Error>& error, const std::string& do
     _output.line(done);
   }
   return kDone;
+}
+
+int Application::showText(const std::optional<std::string>& text, const char* nothing) const {
+  if (text || _output.isJSON())
+    _output.value(text);
+  else
+    _output.line(nothing);
+  return text ? kDone : kServiceSaidNo;
 }
 
 CLI::Validator isURL() {

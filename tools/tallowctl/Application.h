@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "client/AccountServiceClient.h"
@@ -32,6 +33,8 @@ class Application {
     return _system ? AccountServiceClient::Instance::Daemon : AccountServiceClient::Instance::Agent;
   }
   // Runs `body` with a connection that acts as the client that --client names.
+  int withService(const std::function<int(AccountServiceClient&)>& body);
+  // The same for what only a store client can ask: says so where there is none.
   int withClient(const std::function<int(AccountServiceClient&)>& body);
   // The usual ends of a command: the error, or what `show` makes of the answer.
   template <class T, class Show>
@@ -39,9 +42,13 @@ class Application {
     return result ? show(*result) : _output.failure(result.error());
   }
   int finish(const std::optional<Error>& error, const std::string& done) const;
+  // A text that may not be there; the exit status says whether it was.
+  int showText(const std::optional<std::string>& text, const char* nothing) const;
 
  private:
   const CLI::App& _helped() const;
+  std::optional<std::string> _unknownWord() const;
+  int _ended(int status);
 
   CLI::App _root;
   Output _output;

@@ -20,7 +20,12 @@ struct DefaultsOptions {
 std::optional<Value> dateFromText(const std::string& text) {
   std::tm parts{};
   const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-  if (end != nullptr && *end == '\0') return Value(Date{static_cast<double>(timegm(&parts))});
+  if (end != nullptr && *end == '\0') {
+    const int day = parts.tm_mday;
+    const double seconds = static_cast<double>(timegm(&parts));
+    // A day that the month does not have has become one of the next.
+    return parts.tm_mday == day ? std::optional(Value(Date{seconds})) : std::nullopt;
+  }
   const Result<Value> seconds = JSON::decode(text);
   if (!seconds || !seconds->isNumber() || seconds->boolean() != nullptr) return std::nullopt;
   return Value(Date{seconds->realValue()});
@@ -96,6 +101,15 @@ int read(const Application& application, const DefaultsOptions& options) {
   return kDone;
 }
 
+int onOwn(const Application& application, const DefaultsOptions& options,
+          int (*work)(const Application&, const DefaultsOptions&)) {
+  if (application.instance() == AccountServiceClient::Instance::Daemon)
+    return application.output().wrongUsage(
+        "defaults are those of who runs tallowctl; the system-wide instance's are set in the "
+        "administrators' files, see tallowd(8)");
+  return work(application, options);
+}
+
 }  // namespace
 
 void addDefaultsCommands(Application& application) {
@@ -107,13 +121,13 @@ void addDefaultsCommands(Application& application) {
 
   CLI::App* const reading =
       application.add(*defaults, "read", "Show a value, or all of a domain",
-                      [&application, options] { return read(application, *options); });
+                      [&application, options] { return onOwn(application, *options, read); });
   CLI::App* const writing =
       application.add(*defaults, "write", "Set a value",
-                      [&application, options] { return write(application, *options); });
+                      [&application, options] { return onOwn(application, *options, write); });
   CLI::App* const deleting = application.add(
       *defaults, "delete", "Remove a value, or all that this user has set in a domain",
-      [&application, options] { return remove(application, *options); });
+      [&application, options] { return onOwn(application, *options, remove); });
   for (CLI::App* const command : {reading, writing, deleting}) {
     command->add_option("DOMAIN", options->domain, "com.vantor.tallowd, or a client's")->required();
     command->add_option("KEY", options->key)->required(command == writing);

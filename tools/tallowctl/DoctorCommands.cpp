@@ -42,7 +42,9 @@ bool checkService(const Application& application, Findings& findings) {
   const auto text = client.describe();
   if (!text) {
     const bool isRefused = text.error().code == AccountServiceClient::kRefused;
-    if (isRefused)
+    if (isTurnedAwayByBus(text.error()))
+      findings.problem(kServiceArea, text.error().localizedDescription(), adviceFor(text.error()));
+    else if (isRefused)
       findings.note(kServiceArea, text.error().localizedDescription(),
                     "Describe tallowctl as a client: tallowd-clients.d(5).");
     else
@@ -58,7 +60,9 @@ bool checkService(const Application& application, Findings& findings) {
                   "the service that runs is of version " +
                       (version != nullptr ? *version : "unknown") + ", tallowctl of " +
                       TALLOW_VERSION,
-                  "Let the service start anew: systemctl --user restart tallowd.service.");
+                  application.instance() == AccountServiceClient::Instance::Daemon
+                      ? "Let the service start anew: systemctl restart tallowd-daemon.service."
+                      : "Let the service start anew: systemctl --user restart tallowd.service.");
   else
     findings.fine(kServiceArea, "it answers, version " + *version);
   return true;

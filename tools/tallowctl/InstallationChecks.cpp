@@ -3,6 +3,8 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -79,16 +81,20 @@ std::string nameOfUser(unsigned uid) {
 
 // What is in a folder of secrets is nobody else's.
 void checkContents(const fs::path& folder, Findings& findings) {
+  const auto checkModeOf = [&findings](const fs::path& path) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 || S_ISLNK(status.st_mode)) return;
+    if ((status.st_mode & 077) != 0)
+      findings.problem(
+          kFolders, path.native() + " can be used by others",
+          format("chmod %s %@", S_ISDIR(status.st_mode) ? "700" : "600", path.native()));
+  };
+  checkModeOf(folder);
   std::error_code error;
   constexpr auto kPassOver = fs::directory_options::skip_permission_denied;
   for (fs::recursive_directory_iterator entry(folder, kPassOver, error), end;
        !error && entry != end; entry.increment(error)) {
-    struct stat status {};
-    if (lstat(entry->path().c_str(), &status) != 0 || S_ISLNK(status.st_mode)) continue;
-    if ((status.st_mode & 077) != 0)
-      findings.problem(
-          kFolders, entry->path().native() + " can be used by others",
-          format("chmod %s %@", S_ISDIR(status.st_mode) ? "700" : "600", entry->path().native()));
+    checkModeOf(entry->path());
     if (entry->path().native().find(".corrupt") != std::string::npos)
       findings.note(kFolders, entry->path().native() + " was damaged and set aside",
                     "Look at the disk; remove the file when nobody needs it.");
@@ -98,7 +104,11 @@ void checkContents(const fs::path& folder, Findings& findings) {
 void checkFolder(const char* what, const fs::path& folder, unsigned owner, Findings& findings) {
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0) {
-    findings.fine(kFolders, format("%s: %@, not made yet", what, folder.native()));
+    if (errno == ENOENT)
+      findings.fine(kFolders, format("%s: %@, not made yet", what, folder.native()));
+    else
+      findings.note(kFolders, format("%s: %@: %s", what, folder.native(), std::strerror(errno)),
+                    "Run tallowctl doctor as root, or as the service's user.");
     return;
   }
   if (!S_ISDIR(status.st_mode)) {

@@ -68,6 +68,13 @@ void printRows(const std::vector<std::vector<std::string>>& rows) {
   }
 }
 
+}  // namespace
+
+// The words of the bus itself.
+bool isTurnedAwayByBus(const Error& error) {
+  return error.localizedDescription().find("Rejected send message") != std::string::npos;
+}
+
 const char* adviceFor(const Error& error) {
   if (error.domain != AccountServiceClient::kErrorDomain) {
     const FailureKind kind = failureKindOf(error);
@@ -77,8 +84,7 @@ const char* adviceFor(const Error& error) {
     case AccountServiceClient::kUnreachable:
       return "Is a message bus running, and is tallowd installed for it? See tallowd(8).";
     case AccountServiceClient::kRefused:
-      // The words of the bus itself.
-      if (error.localizedDescription().find("Rejected send message") != std::string::npos)
+      if (isTurnedAwayByBus(error))
         return "The system-wide service answers root and the members of its group: adduser USER "
                "tallowd.";
       return "Name a client with --client IDENTIFIER, or describe this one in a client "
@@ -90,8 +96,6 @@ const char* adviceFor(const Error& error) {
              "tallowd-daemon).";
   }
 }
-
-}  // namespace
 
 void Output::value(const Value& value) const {
   if (_json) {

@@ -21,6 +21,11 @@ enum ExitStatus {
 // texts: what a terminal acts on, and what cannot be seen, is escaped.
 std::string printable(std::string_view text);
 
+// What to do about a failure of the service or of a call; "" when there is nothing to say.
+const char* adviceFor(const Error& error);
+// Whether it was the bus that did not let the call through.
+bool isTurnedAwayByBus(const Error& error);
+
 // Everything that tallowctl says. For people: plain lines and tables, errors on standard error with
 // what to do next. With --json: exactly one JSON value on standard output for each result, errors
 // included, and nothing else. Control characters from outside are shown escaped.

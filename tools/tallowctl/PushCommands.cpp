@@ -1,6 +1,8 @@
+#include <cerrno>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "platform/PropertyList/JSON.h"
 #include "platform/PropertyList/PropertyList.h"
@@ -10,12 +12,27 @@ namespace tallow::ctl {
 
 namespace {
 
+// Of whatever can be read: a file, a pipe, standard input.
+Result<std::string> textOfFile(const std::string& path) {
+  const auto failed = [&path] {
+    return makeError("tallowctl", errno, path + ": " + std::strerror(errno));
+  };
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
+      std::fopen(path == "-" ? "/dev/stdin" : path.c_str(), "rbe"), std::fclose);
+  if (!file) return failed();
+  std::string text;
+  char buffer[4096];
+  while (const std::size_t length = std::fread(buffer, 1, sizeof(buffer), file.get()))
+    text.append(buffer, length);
+  if (std::ferror(file.get()) != 0) return failed();
+  return text;
+}
+
 // The dictionary in a file that holds a property list or JSON; "-" is standard input.
 Result<Dictionary> dictionaryFromFile(const std::string& path) {
-  std::ifstream file(path == "-" ? "/dev/stdin" : path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (!file.good() && text.empty())
-    return makeError("tallowctl", 0, path + ": there is nothing to read");
+  const Result<std::string> contents = textOfFile(path);
+  if (!contents) return contents.error();
+  const std::string& text = *contents;
   Result<Value> value = PropertyList::decode(Data(text));
   if (!value) value = JSON::decode(text);
   const Dictionary* const entries = value ? value->dictionary() : nullptr;
@@ -62,8 +79,10 @@ void addRegistered(Application& application, CLI::App& push) {
                                   [&](bool yes) { return application.output().answer(yes); });
         });
       });
-  registered->add_option("DSID", options->dsID, "The account")->required();
-  registered->add_option("MASK", options->mask, "1 mac-software, 2 ebook, 3 both")->required();
+  registered->add_option("DSID", options->dsID, "The account")->required()->check(isDSID());
+  registered->add_option("MASK", options->mask, "1 mac-software, 2 ebook, 3 both")
+      ->required()
+      ->check(CLI::IsMember({0, 1, 2, 3}));
 }
 
 void addDeliver(Application& application, CLI::App& push) {
@@ -83,11 +102,11 @@ void addDeliver(Application& application, CLI::App& push) {
         }
         if (options->dsID) message = message.setting("0", *options->dsID);
         if (options->kind) message = message.setting("1", *options->kind);
-        return application.withClient([&](AccountServiceClient& client) {
+        return application.withService([&](AccountServiceClient& client) {
           return application.finish(client.handlePushNotificationMessage(message), "Delivered.");
         });
       });
-  deliver->add_option("--dsid", options->dsID, "The account that it is for");
+  deliver->add_option("--dsid", options->dsID, "The account that it is for")->check(isDSID());
   deliver->add_option("--kind", options->kind,
                       "2 check automatic downloads, 4 offer to turn them on, 7 purchase "
                       "permission");

@@ -118,7 +118,7 @@ int watch(const Application& application, AccountServiceClient& client) {
 
 void addStatusCommands(Application& application) {
   application.add(application.root(), "status", "Show what the service is doing", [&application] {
-    return application.withClient([&](AccountServiceClient& client) {
+    return application.withService([&](AccountServiceClient& client) {
       return application.show(client.describe(), [&](const std::string& text) {
         return showStatus(application.output(), text);
       });

@@ -2,24 +2,6 @@
 
 namespace tallow::ctl {
 
-namespace {
-
-// Shows what is in force afterwards: for a caller that is no client the service keeps none.
-int setStoreFront(const Application& application, AccountServiceClient& client,
-                  const std::string& identifier) {
-  if (const auto error = client.setStoreFrontID(identifier))
-    return application.output().failure(*error);
-  return application.show(client.storeFront(), [&](const std::optional<std::string>& current) {
-    if (!current)
-      return application.output().failure(
-          makeError(AccountServiceClient::kErrorDomain, AccountServiceClient::kRefused,
-                    "The service keeps no storefront for a caller that is no client."));
-    return application.finish(std::nullopt, "The storefront is " + *current + ".");
-  });
-}
-
-}  // namespace
-
 void addStoreFrontCommands(Application& application) {
   auto identifier = std::make_shared<std::string>();
   auto isGiven = std::make_shared<bool>(false);  // "" is an identifier, too
@@ -31,13 +13,11 @@ void addStoreFrontCommands(Application& application) {
                           if (*clear)
                             return application.finish(client.setStoreFrontID(std::nullopt),
                                                       "The storefront is cleared.");
-                          if (*isGiven) return setStoreFront(application, client, *identifier);
+                          if (*isGiven)
+                            return application.finish(client.setStoreFrontID(*identifier),
+                                                      "The storefront is " + *identifier + ".");
                           return application.show(client.storeFront(), [&](const auto& current) {
-                            if (!current && !application.output().isJSON())
-                              application.output().line("No storefront is set.");
-                            else
-                              application.output().value(current);
-                            return static_cast<int>(kDone);
+                            return application.showText(current, "No storefront is set.");
                           });
                         });
                       });
