@@ -2,7 +2,7 @@
 # What the scripts share. To be sourced from a script in this folder:
 #   source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 # Gives: $root (the repository; also the working directory), say, die, install_packages, cores,
-# build_dir, configure_preset, build_preset.
+# build_dir, configure_preset, build_preset, make_packages.
 
 set -euo pipefail
 shopt -s inherit_errexit
@@ -102,4 +102,15 @@ build_preset() {
     _logged "$(build_dir "$preset")/build.log" "${ninja[@]}" -- -k 0 || return
   fi
   say "Built $preset in $((SECONDS - started)) s"
+}
+
+# make_packages: builds a release and makes its Debian packages.
+make_packages() {
+  install_packages build package
+  build_preset release
+  local build
+  build=$(build_dir release)
+  say "Making the packages"
+  rm -rf "$build/packages"
+  (cd "$build" && cpack -G DEB >packages.log 2>&1) || die "cpack failed: $(tail -n 20 "$build/packages.log")"
 }
