@@ -124,6 +124,8 @@ struct CookieDatabase::Connection {
 
   Glance glance() const;
   std::optional<Error> readRows(std::vector<StoredCookie>& rows);
+  // Whether the whole file is as it should be, which takes reading all of it.
+  bool isSound() const;
 };
 
 void CookieDatabase::Connection::close() {
@@ -309,11 +311,24 @@ std::optional<Error> CookieDatabase::Connection::readRows(std::vector<StoredCook
       ++refused;
   }
   if (code != SQLITE_DONE) return error(code);
+  // Nobody writes such rows: the file may be damaged where reading does not meet it, and would
+  // swallow what is written next.
+  if (refused > 0 && !isSound()) return error(SQLITE_CORRUPT);
   if (refused > 0) {
     logLevel(1, "%@: Left out %lu rows of %@ that are no cookies", CookieJar::kClassName, refused,
              file.path().native());
   }
   return std::nullopt;
+}
+
+bool CookieDatabase::Connection::isSound() const {
+  Statement check;
+  if (prepared(check, "PRAGMA quick_check(1)") == nullptr ||
+      sqlite3_step(check.get()) != SQLITE_ROW) {
+    return false;
+  }
+  const unsigned char* const found = sqlite3_column_text(check.get(), 0);
+  return found != nullptr && reinterpret_cast<const char*>(found) == std::string_view("ok");
 }
 
 CookieDatabase::CookieDatabase(std::filesystem::path path)
