@@ -1,12 +1,5 @@
 #include "platform/Preferences/TOML.h"
 
-#define TOML_EXCEPTIONS 0
-// The library's assertions do not end the process: one of them, about a key's first character,
-// takes what a person has written ("[[[") for a fault of the program, and the line after it reports
-// it.
-#define TOML_ASSERT static_cast<void>
-#include <toml++/toml.h>
-
 #include <chrono>
 #include <string>
 #include <utility>
@@ -14,6 +7,7 @@
 
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Format.h"
+#include "platform/Preferences/TOMLLibrary.h"
 
 namespace tallow::TOML {
 

@@ -1,9 +1,5 @@
 #include "platform/VendBase/ClientDescriptor.h"
 
-#define TOML_EXCEPTIONS 0
-#define TOML_ASSERT static_cast<void>  // as in TOML.cpp
-#include <toml++/toml.h>
-
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -11,6 +7,7 @@
 #include <utility>
 
 #include "platform/Base/Directories.h"
+#include "platform/Preferences/TOMLLibrary.h"
 #include "platform/VendBase/MediaTypeMask.h"
 
 namespace tallow {
