@@ -23,7 +23,6 @@ constexpr const char* kName = "com.vantor.transactionservice";
 constexpr const char* kPath = "/com/vantor/transactionservice";
 constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr const char* kServiceUnknown = "org.freedesktop.DBus.Error.ServiceUnknown";
-constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 // What the bus library makes of the bus's answer that the name has an owner.
 constexpr std::string_view kTakenErrors[] = {"org.freedesktop.DBus.Error.FileExists",
                                              "System.Error.EEXIST"};
@@ -68,7 +67,7 @@ class TransactionAgent::Object final
     const auto answer = std::make_shared<Answer>(std::move(result));
     if (++_waiting > kMaxWaiting + 1) {
       --_waiting;
-      answer->returnError(bus::makeError(kLimitsExceeded, "too many sign-ins wait"));
+      answer->returnError(bus::makeError(bus::kLimitsExceeded, "too many sign-ins wait"));
       return;
     }
     const std::string sender = sd_bus_message_get_sender(bus::currentMessage(getObject()));

@@ -23,8 +23,16 @@ std::string_view upToQuery(std::string_view url) {
 // What one question may take over its patterns in all. Each has a limit of its own, but their
 // number has none.
 constexpr double kPatternSeconds = 1;
-// Above any pattern of host names.
-constexpr std::size_t kMaxHostPatternBytes = 1024;
+// The same for what is looked through at once: far above any bag's, and nothing a caller would
+// notice.
+constexpr std::ptrdiff_t kMostHostPatterns = 1000;
+constexpr std::ptrdiff_t kMostMachineDataKeys = 10'000;
+// A host has 253.
+constexpr std::size_t kMaxHostPatternBytes = 256;
+
+auto endOfFirst(const Array& array, std::ptrdiff_t most) {
+  return array.begin() + std::min(most, array.end() - array.begin());
+}
 
 bool matchesSomewhere(const Value& pattern, const std::string& text) {
   const std::string* string = pattern.string();
@@ -49,7 +57,8 @@ bool urlIsTrusted(const Dictionary& bag, const URL& url) {
 bool urlRequiresAMD(const Dictionary& bag, const URL& url) {
   const Array* patterns = bag["amd-domains"].array();
   if (patterns == nullptr) return false;
-  return std::any_of(patterns->begin(), patterns->end(), [&url](const Value& pattern) {
+  const auto end = endOfFirst(*patterns, kMostHostPatterns);
+  return std::any_of(patterns->begin(), end, [&url](const Value& pattern) {
     const std::string* string = pattern.string();
     return string != nullptr && string->size() <= kMaxHostPatternBytes && !url.host().empty() &&
            isLikeIgnoringCase(url.host(), *string);
@@ -63,10 +72,11 @@ bool urlRequiresMD(const Dictionary& bag, const URL& url) {
     return candidate != nullptr && upToQuery(*candidate) == wanted;
   };
   if (const Array* keys = bag["md-data-requested"].array()) {
-    return std::any_of(keys->begin(), keys->end(), [&](const Value& key) {
-      const std::string* name = key.string();
-      return name != nullptr && namesURL(*name);
-    });
+    return std::any_of(keys->begin(), endOfFirst(*keys, kMostMachineDataKeys),
+                       [&](const Value& key) {
+                         const std::string* name = key.string();
+                         return name != nullptr && namesURL(*name);
+                       });
   }
   return std::any_of(kDefaultMachineDataKeys.begin(), kDefaultMachineDataKeys.end(), namesURL);
 }

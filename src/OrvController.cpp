@@ -1,5 +1,6 @@
 #include "src/OrvController.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/Base/Base64.h"
@@ -65,14 +66,19 @@ std::optional<Dictionary> OrvController::httpRequestHeadersForDSID(
   return _serialQueue.sync([&] { return _httpRequestHeadersForDSID(dsID); });
 }
 
-std::optional<Dictionary> OrvController::httpRequestHeadersForDSIDIfIdle(
-    std::optional<std::uint64_t> dsID) {
-  if (!_isLibraryOpen || !dsID) return std::nullopt;
-  std::optional<Dictionary> headers;
+std::optional<std::vector<Dictionary>> OrvController::httpRequestHeadersForDSIDsIfIdle(
+    std::span<const std::uint64_t> dsIDs) {
+  std::vector<Dictionary> headers;
+  if (dsIDs.empty()) return headers;
+  if (!_isLibraryOpen) return std::nullopt;
   _serialQueue.trySync([&] {
-    if (OrvLibrary::shared().passwordIsAtHand(*dsID)) headers = _httpRequestHeadersForDSID(dsID);
+    const OrvLibrary& library = OrvLibrary::shared();
+    if (!std::all_of(dsIDs.begin(), dsIDs.end(),
+                     [&](std::uint64_t dsID) { return library.passwordIsAtHand(dsID); }))
+      return;
+    for (const std::uint64_t dsID : dsIDs) headers.push_back(*_httpRequestHeadersForDSID(dsID));
   });
-  return headers;
+  return headers.empty() ? std::nullopt : std::optional(std::move(headers));
 }
 
 std::optional<Dictionary> OrvController::_httpRequestHeadersForDSID(

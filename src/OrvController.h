@@ -40,8 +40,9 @@ class OrvController {
   // Headers that identify the machine to an account: empty where it is not provisioned, nil for a
   // nil DSID.
   std::optional<Dictionary> httpRequestHeadersForDSID(std::optional<std::uint64_t> dsID);
-  // The same, only if nothing of it can wait; else nil, also for a nil DSID.
-  std::optional<Dictionary> httpRequestHeadersForDSIDIfIdle(std::optional<std::uint64_t> dsID);
+  // The same for each, and only if nothing of any of them can wait; else nil.
+  std::optional<std::vector<Dictionary>> httpRequestHeadersForDSIDsIfIdle(
+      std::span<const std::uint64_t> dsIDs);
 
   // Reads a response's action headers and has the action carried out. Returns at once.
   void processHTTPHeaders(const Dictionary& headers,

@@ -204,7 +204,7 @@ void PushServiceStoreDispatch::registerToken(RegisterPushNotificationOperation::
   xpcConnection()->getDeviceTokenForEnvironmentNamed(
       environmentName,
       [self = shared_from_this(), type, reply, completion = std::move(completion),
-       transaction = XPCTransaction::hold()](bool success, const std::optional<Data>& token) {
+       transaction = XPCTransaction::work()](bool success, const std::optional<Data>& token) {
         if (!success || !token) {
           if (reply) reply(false, makeError(kClassName, -1, "Failed to get device token"));
           return;

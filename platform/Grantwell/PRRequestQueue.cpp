@@ -32,13 +32,12 @@ class BusRequestQueue final : public PRRequestQueue {
                    const PeerBacklog::Answered& answered) {
     std::function<void(std::optional<Error>)> done = [identifier,
                                                       answered](const std::optional<Error>& error) {
-      if (error)
+      if (answered(error) && error)
         logLevel(1, "%@: %@ has not taken a store push: %@", PRRequestQueue::kClassName, identifier,
                  *error);
-      answered(error);
     };
     PeerConnection::call<>(kPermissionService, "_didReceiveStorePushNotificationWithPayload",
-                           PeerConnection::kUsualPatience, std::move(done), identifier,
+                           PeerBacklog::kPatience, std::move(done), identifier,
                            wire::dictionary(payload));
   }
 

@@ -78,7 +78,7 @@ void DesktopNotificationCenter::_deliver(const UserNotification& notification) {
                     UserNotificationCenter::kClassName, notification);
   ++_beingShown;
   const std::shared_ptr<void> turn(
-      nullptr, [self = shared_from_this(), transaction = XPCTransaction::hold()](void*) {
+      nullptr, [self = shared_from_this(), transaction = XPCTransaction::work()](void*) {
         --self->_beingShown;
       });
   _listen();

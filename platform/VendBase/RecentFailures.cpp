@@ -5,6 +5,7 @@
 #include "platform/Base/Activity.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"
+#include "platform/Base/UTF8.h"
 #include "platform/HTTP/HTTPTransport.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/VBLogManager.h"
@@ -73,6 +74,24 @@ FailureKind kindOfStoreError(const Error& error) {
   }
 }
 
+// Peers and servers word errors at any length, and many are kept.
+constexpr std::size_t kMostTextBytes = 1024;
+
+Error shortened(const Error& error) {
+  const auto cut = [](std::string_view text) {
+    return std::string(prefixOnCharacterBoundary(text, kMostTextBytes));
+  };
+  Error made{cut(error.domain), error.code, {}};
+  for (const auto& [key, value] : error.userInfo) {
+    if (const std::string* const text = value.string()) {
+      made.userInfo = made.userInfo.setting(cut(key), cut(*text));
+    } else if (value.isNumber()) {
+      made.userInfo = made.userInfo.setting(cut(key), value);
+    }
+  }
+  return made;
+}
+
 }  // namespace
 
 FailureKind failureKindOf(const Error& error) {
@@ -120,7 +139,7 @@ void RecentFailures::note(const Error& error, const std::string& client) {
                   1,
                   activity ? activity->client : client,
                   activity ? activity->operation : "",
-                  error,
+                  shortened(error),
                   Clock::shared().monotonicSeconds()};
   if (_add(failure))
     logLevel(2, "%@: %s: %@ %@ %@", RecentFailures::kClassName, nameOf(failureKindOf(error)), error,

@@ -68,6 +68,15 @@ class AccountServiceObject::Arguments {
     return answer;
   }
 
+  // What a person is shown, and another process is sent.
+  HSAuthenticationContext authenticationContext(const char* name, WireDictionary&& value) {
+    auto context = HSAuthenticationContext::initWithDictionary(dictionary(name, std::move(value)));
+    for (const auto& text : {context.identifier, context.title, context.message})
+      if (text && text->size() > HSAuthenticationResponse::kMaxTextBytes)
+        _refuseLongAccountText(name);
+    return context;
+  }
+
   std::size_t bytes() const { return _bytes; }
   bool isFine() const { return _refusal.empty(); }
   const std::string& refusal() const { return _refusal; }

@@ -103,8 +103,7 @@ void AccountServiceObject::signInWithContext(
     sdbus::Result<bool, std::vector<WireDictionary>, std::vector<WireError>>&& result,
     WireDictionary context) {
   Arguments arguments;
-  auto taken = HSAuthenticationContext::initWithDictionary(
-      arguments.dictionary("context", std::move(context)));
+  auto taken = arguments.authenticationContext("context", std::move(context));
   _call(std::move(result), std::move(arguments),
         [taken = std::move(taken)](Caller& caller, auto reply) {
           caller.service().signInWithContext(

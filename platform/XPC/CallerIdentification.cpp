@@ -101,7 +101,7 @@ void CallerIdentification::_gotCredentials(const std::string& uniqueName, Creden
   WorkerPool::shared().async([this, connection = _connection, uniqueName, known, credentials,
                               done = std::move(done)]() mutable {
     const int process = credentials.process ? credentials.process->get() : -1;
-    known.process = ProcessInspector::shared().inspect(*credentials.pid, process);
+    known.process = ProcessInspector::shared().inspect(*credentials.pid, process, credentials.uid);
     known.process.uid = *credentials.uid;
     known.process.securityLabel = credentials.securityLabel;
     ClientDescriptors& descriptors = ClientDescriptors::shared();
@@ -124,7 +124,8 @@ void CallerIdentification::_gotCredentials(const std::string& uniqueName, Creden
 
 // Without a descriptor of the process from the bus daemon, the process that was looked at is the
 // caller's only if the caller was still connected then: else its number might have been given to
-// another process.
+// another process. A connection that has outlived its process is known by the other's user, unless
+// that is the same: who runs programs of a user can be taken for any of that user's.
 void CallerIdentification::_confirm(const std::string& uniqueName, Outcome outcome, Done done) {
   _busDaemon->callMethodAsync("NameHasOwner")
       .onInterface(kBusName)

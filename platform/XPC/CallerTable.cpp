@@ -44,7 +44,15 @@ CallerTable::CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerD
             std::string name;
             signal >> name;
             _callerHasLeft(name);
-          })) {}
+          })) {
+  if (_ownUserOnly) return;
+  RemoteTransactionService::setQuestionEndedHandler(
+      [this, bus = _connection] { bus->post([this] { _takeBack(); }); });
+}
+
+CallerTable::~CallerTable() {
+  if (!_ownUserOnly) RemoteTransactionService::setQuestionEndedHandler(nullptr);
+}
 
 void CallerTable::writeOut(sd_bus_message* call) {
   sd_bus* const connection = sd_bus_message_get_bus(call);
@@ -62,7 +70,7 @@ Caller* CallerTable::_addCaller(const std::string& sender) {
   if (_unknownCallers >= kMaxUnknownCallers) return nullptr;
   ++_unknownCallers;
   const auto caller = std::make_shared<Caller>(_connection, sender);
-  _callers.emplace(sender, Entry{caller, std::nullopt});
+  _callers.emplace(sender, Entry{caller, std::nullopt, std::nullopt});
   _identification.identify(
       sender, [this, sender, who = std::weak_ptr(caller)](CallerIdentification::Outcome outcome) {
         _identified(sender, who, std::move(outcome));
@@ -174,11 +182,15 @@ void CallerTable::_callerHasLeft(const std::string& uniqueName) {
     _callersOfUser.erase(count);
   }
   entry.caller->forgetObservers();
+  if (entry.uid && entry.caller->counts()->waitingBytes > 0)
+    _leftBehind.emplace_back(*entry.uid, entry.caller->counts());
 }
 
 void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
   const XPCConnection& who = caller.connection();
-  const bool isItself = who.storeClient && who.storeClient->identifier == identifier;
+  const Entry& entry = _callers.at(who.uniqueName);
+  const auto& client = entry.own ? entry.own->storeClient : who.storeClient;
+  const bool isItself = client && client->identifier == identifier;
   if (!isItself && !who.mayActAsOthers) {
     done(kAccessDenied,
          "This client may not act as others; see may-act-as-others in "
@@ -187,7 +199,7 @@ void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
   }
   caller.suspend();
   if (isItself || _ownUserOnly || who.uid == 0) {
-    _become(who.uniqueName, std::move(identifier), std::move(done));
+    _become(who.uniqueName, std::move(identifier), /*isAsked=*/false, std::move(done));
     return;
   }
   _identification.findProcess(
@@ -195,7 +207,7 @@ void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
       [this, uniqueName = who.uniqueName, pid = who.pid, identifier = std::move(identifier),
        done = std::move(done)](std::optional<std::uint32_t> transactionService) {
         if (transactionService == pid && RemoteTransactionService::isAskedFor(identifier)) {
-          _become(uniqueName, identifier, done);
+          _become(uniqueName, identifier, /*isAsked=*/true, done);
         } else {
           _stayAs(uniqueName, kAccessDenied,
                   "On the system bus only root may act as another client, and a transaction "
@@ -205,11 +217,12 @@ void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
       });
 }
 
-void CallerTable::_become(const std::string& uniqueName, std::string identifier, ActedAs done) {
-  WorkerPool::shared().async([this, connection = _connection, uniqueName,
+void CallerTable::_become(const std::string& uniqueName, std::string identifier, bool isAsked,
+                          ActedAs done) {
+  WorkerPool::shared().async([this, connection = _connection, uniqueName, isAsked,
                               identifier = std::move(identifier), done = std::move(done)] {
     auto client = ClientDescriptors::shared().clientWithIdentifier(identifier);
-    connection->post([this, uniqueName, identifier, client = std::move(client), done] {
+    connection->post([this, uniqueName, identifier, isAsked, client = std::move(client), done] {
       if (!client) {
         _stayAs(uniqueName, kNoSuchClient,
                 "No client descriptor has the identifier \"" + identifier + "\".", done);
@@ -218,16 +231,31 @@ void CallerTable::_become(const std::string& uniqueName, std::string identifier,
       const auto found = _callers.find(uniqueName);
       if (found == _callers.end()) return;
       Caller& waiting = *found->second.caller;
+      auto& own = found->second.own;
+      if (!isAsked) own.reset();
+      if (isAsked && !own) own = waiting.connection();
       waiting.forgetObservers();
       XPCConnection as = waiting.connection();
       as.storeClient = client;
       done(nullptr, {});
       _accept(waiting, std::move(as));
+      if (isAsked) _takeBack();  // it may have answered meanwhile
     });
   });
 }
 
-bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) const {
+void CallerTable::_takeBack() {
+  for (auto& [name, entry] : _callers) {
+    Caller& caller = *entry.caller;
+    if (!entry.own || caller.refusal() != nullptr ||
+        RemoteTransactionService::isAskedFor(std::string(caller.identifier())))
+      continue;
+    caller.forgetObservers();
+    _accept(caller, *std::exchange(entry.own, std::nullopt));
+  }
+}
+
+bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) {
   if (CallCounts::totalWaitingBytes.load(std::memory_order_relaxed) + bytes <= kMuchWaitingBytes)
     return true;
   const auto found = _callers.find(sender);
@@ -235,6 +263,9 @@ bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) const {
   std::size_t held = bytes;
   for (const auto& [name, entry] : _callers)
     if (entry.uid == found->second.uid) held += entry.caller->counts()->waitingBytes;
+  std::erase_if(_leftBehind, [](const auto& each) { return each.second->waitingBytes == 0; });
+  for (const auto& [uid, counts] : _leftBehind)
+    if (uid == found->second.uid) held += counts->waitingBytes;
   return held <= kMaxWaitingBytesPerUser;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "platform/XPC/Caller.h"
 #include "platform/XPC/CallerIdentification.h"
@@ -40,13 +41,16 @@ class CallerTable {
   static constexpr std::size_t kMaxWaitingBytesPerUser = std::size_t{64} << 20;
 
   static constexpr const char* kAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
-  static constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+  static constexpr const char* kLimitsExceeded = bus::kLimitsExceeded;
   static constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
   static constexpr const char* kNoSuchClient = "com.vantor.Error.NoSuchClient";
 
   // `ownUserOnly`: callers of other users are refused always.
   CallerTable(std::shared_ptr<BusConnection> connection, XPCListenerDelegate& delegate,
               bool ownUserOnly);
+  ~CallerTable();
+  CallerTable(const CallerTable&) = delete;
+  CallerTable& operator=(const CallerTable&) = delete;
 
   // Hands the call that is being handled to its caller's object: `invoke(Caller&,
   // std::shared_ptr<PendingReply<Results...>>)` runs at once where it is known who calls, else as
@@ -59,7 +63,8 @@ class CallerTable {
   // Makes the caller act as another client from its next call on. `done` is told the name and text
   // of an error, or nullptr. As the client that it is anybody may act; as another, whom the
   // descriptor lets. On the system bus that would be for other users too: there it has to be root,
-  // or the transaction service, while it is asked to sign somebody in for that client.
+  // or the transaction service, while it is asked to sign somebody in for that client; then it is
+  // itself again.
   using ActedAs = std::function<void(const char* errorName, const std::string& errorText)>;
   void actAs(Caller& caller, std::string identifier, ActedAs done);
 
@@ -77,13 +82,15 @@ class CallerTable {
   struct Entry {
     std::shared_ptr<Caller> caller;
     std::optional<std::uint32_t> uid;  // once known
+    // Who it is itself, while it acts for another client as the transaction service that is asked.
+    std::optional<XPCConnection> own;
   };
 
   // Null when there are too many.
   Caller* _callerNamed(const std::string& sender);
   Caller* _addCaller(const std::string& sender);
   // Whether the caller's user may make the service hold so much more in arguments.
-  bool _mayHold(const std::string& sender, std::size_t bytes) const;
+  bool _mayHold(const std::string& sender, std::size_t bytes);
   // May leave the caller undecided, and any other.
   void _makeSureThatItReads(Caller& caller);
   void _makeSureThatAllRead();
@@ -94,7 +101,7 @@ class CallerTable {
   bool _count(Entry& entry, std::uint32_t uid);
   void _accept(Caller& caller, XPCConnection connection);
   // Both of a suspended caller, which may have left.
-  void _become(const std::string& uniqueName, std::string identifier, ActedAs done);
+  void _become(const std::string& uniqueName, std::string identifier, bool isAsked, ActedAs done);
   void _stayAs(const std::string& uniqueName, const char* errorName, const std::string& errorText,
                const ActedAs& done);
   template <class... Results>
@@ -107,7 +114,12 @@ class CallerTable {
   CallerIdentification _identification;
   UnreadAnswers _unreadAnswers;
   std::size_t _unreadQuestions = 0;  // that the bus has not answered yet
+  // Those who are no longer asked to sign in whom they act for.
+  void _takeBack();
+
   std::unordered_map<std::string, Entry> _callers;
+  // Whose calls are still answered, of users whose connection has left.
+  std::vector<std::pair<std::uint32_t, std::shared_ptr<CallCounts>>> _leftBehind;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
   std::size_t _unknownCallers = 0;
   std::uint64_t _calls = 0;

@@ -9,52 +9,97 @@
 namespace tallow {
 
 bool PeerBacklog::add(Call call, std::size_t bytes, Dropped dropped) {
+  auto added = std::make_shared<Waiting>(Waiting{std::move(call), bytes, std::move(dropped)});
   {
     const std::lock_guard lock(_lock);
-    if (_unanswered == kMaxUnanswered) {
+    if (!_waiting.empty() || !hasRoomFor(bytes)) {
       if (_waiting.size() == kMaxWaiting || _waitingBytes + bytes > kMaxWaitingBytes) {
         logLevel(1, "%@: The %s has too much to do already; a call is dropped",
                  PeerBacklog::kClassName, _what);
         return false;
       }
-      _waiting.push_back({std::move(call), bytes, std::move(dropped)});
+      _waiting.push_back(std::move(added));
       _waitingBytes += bytes;
       return true;
     }
-    ++_unanswered;
-    if (!_transaction) _transaction = XPCTransaction::hold();
+    begin(*added);
   }
-  make(call);
+  make(std::move(added));
   return true;
 }
 
-void PeerBacklog::make(const Call& call) {
-  call([this](const std::optional<Error>& error) { answered(error); });
+// With the lock held, as what follows.
+bool PeerBacklog::hasRoomFor(std::size_t bytes) const {
+  if (_untilRoom) return false;
+  return _unanswered == 0 ||
+         (_unanswered < kMaxUnanswered && _unansweredBytes + bytes <= kMaxUnansweredBytes);
 }
 
-void PeerBacklog::answered(const std::optional<Error>& error) {
-  std::deque<Waiting> dropped;
-  Call next;
+void PeerBacklog::begin(const Waiting& call) {
+  ++_unanswered;
+  _unansweredBytes += call.bytes;
+  if (!_transaction) _transaction = XPCTransaction::work();
+}
+
+// Without the lock.
+void PeerBacklog::make(std::shared_ptr<Waiting> call) {
+  const Call& work = call->call;
+  work([this, call](const std::optional<Error>& error) { return answered(call, error); });
+}
+
+bool PeerBacklog::answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error) {
+  const bool isRefused = error && error->domain == bus::kLimitsExceeded;
+  std::deque<std::shared_ptr<Waiting>> dropped;
   {
     const std::lock_guard lock(_lock);
-    if (error && PeerConnection::cannotBeReached(*error)) {
+    --_unanswered;
+    _unansweredBytes -= call->bytes;
+    if (isRefused) {
+      _waitingBytes += call->bytes;
+      _waiting.push_front(std::move(call));
+      waitForRoom();
+    } else if (error && PeerConnection::cannotBeReached(*error)) {
       dropped.swap(_waiting);
       _waitingBytes = 0;
     }
-    if (_waiting.empty()) {
-      if (--_unanswered == 0) _transaction.reset();
-    } else {
-      next = std::move(_waiting.front().call);
-      _waitingBytes -= _waiting.front().bytes;
-      _waiting.pop_front();
-    }
+    if (_unanswered == 0 && _waiting.empty()) _transaction.reset();
   }
   if (!dropped.empty())
     logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped",
              PeerBacklog::kClassName, _what, dropped.size());
-  for (const Waiting& each : dropped)
-    if (each.dropped) each.dropped(*error);
-  if (next) make(next);
+  for (const auto& each : dropped)
+    if (each->dropped) each->dropped(*error);
+  if (!isRefused) makeNext();
+  return !isRefused;
+}
+
+// With the lock held.
+void PeerBacklog::waitForRoom() {
+  if (_untilRoom) return;
+  logLevel(2, "%@: The bus takes no more calls for now; %lu of the %s wait",
+           PeerBacklog::kClassName, _waiting.size(), _what);
+  _untilRoom = RunLoop::main().addTimer(kSecondsBetweenTries, [this] {
+    {
+      const std::lock_guard lock(_lock);
+      _untilRoom.reset();
+    }
+    makeNext();
+  });
+}
+
+void PeerBacklog::makeNext() {
+  for (;;) {
+    std::shared_ptr<Waiting> next;
+    {
+      const std::lock_guard lock(_lock);
+      if (_waiting.empty() || !hasRoomFor(_waiting.front()->bytes)) return;
+      next = std::move(_waiting.front());
+      _waitingBytes -= next->bytes;
+      _waiting.pop_front();
+      begin(*next);
+    }
+    make(std::move(next));
+  }
 }
 
 }  // namespace tallow

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -8,13 +9,16 @@
 #include <optional>
 
 #include "platform/Base/Error.h"
+#include "platform/Concurrency/RunLoop.h"
 
 namespace tallow {
 
 // The calls of one peer for which nobody here waits: only so many are unanswered at a time, since a
 // bus bounds what may be (128 on many a system bus), and the next ones wait their turn. So a burst
-// is worked off without loss by a peer that answers, and one that does not holds a bounded number.
-// One for each peer, for the life of the process. Any thread.
+// is worked off without loss by a peer that answers, and one that does not holds a bounded number:
+// a bus holds a call open until it is answered or the peer has gone, however long its caller wants
+// to wait, so that is waited for. A call that the bus refuses, for too many are open all the same,
+// is made again in a second. One for each peer, for the life of the process. Any thread.
 class PeerBacklog {
  public:
   static constexpr const char* kClassName = "PeerBacklog";  // in log lines
@@ -22,8 +26,14 @@ class PeerBacklog {
   static constexpr std::size_t kMaxUnanswered = 32;
   static constexpr std::size_t kMaxWaiting = 1 << 15;
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{16} << 20;
+  // Of those that are unanswered, unless it is one alone: what a peer does not read fills the bus.
+  static constexpr std::size_t kMaxUnansweredBytes = std::size_t{16} << 20;
+  // For the calls: longer than any peer takes.
+  static constexpr std::chrono::hours kPatience{24};
+  static constexpr double kSecondsBetweenTries = 1;
 
-  using Answered = std::function<void(const std::optional<Error>& error)>;
+  // False: the bus has refused the call, and it will be made again.
+  using Answered = std::function<bool(const std::optional<Error>& error)>;
   // Makes the call; `answered` is to be called once, on any thread.
   using Call = std::function<void(Answered answered)>;
   // Told instead of that, on any thread, why the call will not be made after all.
@@ -43,16 +53,21 @@ class PeerBacklog {
     std::size_t bytes = 0;
     Dropped dropped;
   };
-  void make(const Call& call);
-  void answered(const std::optional<Error>& error);
+  void make(std::shared_ptr<Waiting> call);
+  bool answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error);
+  bool hasRoomFor(std::size_t bytes) const;
+  void begin(const Waiting& call);
+  void waitForRoom();
+  void makeNext();
 
   const char* const _what;
   std::mutex _lock;
   // Guarded by _lock.
-  std::deque<Waiting> _waiting;
+  std::deque<std::shared_ptr<Waiting>> _waiting;
   std::size_t _waitingBytes = 0;
-  std::size_t _unanswered = 0;
-  std::shared_ptr<void> _transaction;  // open while anything is: the process would lose it
+  std::size_t _unanswered = 0, _unansweredBytes = 0;
+  std::shared_ptr<RunLoop::Timer> _untilRoom;  // while the bus takes no more
+  std::shared_ptr<void> _transaction;          // open while anything is: the process would lose it
 };
 
 }  // namespace tallow

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -117,9 +118,23 @@ std::string flatpakOf(std::int64_t pid) {
   return {};
 }
 
+// Whether the process has the user's number as its real, effective or saved one.
+bool hasUser(std::int64_t pid, std::uint32_t uid) {
+  const auto status = readFile("/proc/" + std::to_string(pid) + "/status", 64u << 10);
+  if (!status) return false;
+  const std::string_view text = status->view();
+  const std::size_t line = text.find("\nUid:");
+  if (line == std::string_view::npos) return false;
+  unsigned real = 0, effective = 0, saved = 0;
+  const std::string numbers(text.substr(line + 5, text.find('\n', line + 1) - line - 5));
+  return std::sscanf(numbers.c_str(), "%u %u %u", &real, &effective, &saved) == 3 &&
+         (uid == real || uid == effective || uid == saved);
+}
+
 }  // namespace
 
-ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd) {
+ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd,
+                                         std::optional<std::uint32_t> uid) {
   ProcessIdentity process;
   process.pid = pid;
   const FileDescriptor opened(pidfd >= 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -129,10 +144,11 @@ ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd) {
   process.userUnit = unitOf(pid, sd_pid_get_user_unit);
   process.flatpak = flatpakOf(pid);
   // The number may belong to another process by now; then nothing of this is about the caller.
-  if (watched < 0 || hasEnded(watched)) {
+  const bool isAnothers = uid && !hasUser(pid, *uid);
+  if (watched < 0 || hasEnded(watched) || isAnothers) {
     process = {};
     process.pid = pid;
-    process.doubt = "the process has ended";
+    process.doubt = isAnothers ? "the process is of another user" : "the process has ended";
   }
   return process;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace tallow {
@@ -23,8 +24,10 @@ struct ProcessIdentity {
   bool isUnseen = false;  // it could not be looked at just now; the next time may be better
 
   // Asks the kernel about `pid`. `pidfd` refers to the process when the bus daemon has passed one,
-  // else it is negative. May be slow (network file systems); any thread.
-  static ProcessIdentity inspect(std::int64_t pid, int pidfd);
+  // else it is negative; then the number may be another process's by now, which a process of
+  // another user than `uid` is sure to be. May be slow (network file systems); any thread.
+  static ProcessIdentity inspect(std::int64_t pid, int pidfd,
+                                 std::optional<std::uint32_t> uid = std::nullopt);
   // Why a process that runs the program at the path would not be known by it; empty when it would.
   static std::string doubtAboutExecutable(const std::string& path);
 };

@@ -38,11 +38,16 @@ constexpr std::size_t kMaxAnswerBytes = 32u << 10;
 
 std::atomic<int> helperSocket{-1};
 
-// One question: a process number, and as attached files the socket for the answer and, perhaps, a
-// descriptor of the process. One answer: the strings of the identity, each ended by a NUL.
+// One question: a process number and its user's, and as attached files the socket for the answer
+// and, perhaps, a descriptor of the process. One answer: the strings of the identity, each ended by
+// a NUL.
+struct Asked {
+  std::int64_t pid = 0;
+  std::int64_t uid = -1;  // for anybody's
+};
 
-bool ask(int socket, std::int64_t pid, int answerSocket, int pidfd) {
-  iovec part{&pid, sizeof(pid)};
+bool ask(int socket, Asked asked, int answerSocket, int pidfd) {
+  iovec part{&asked, sizeof(asked)};
   std::array<int, 2> files{answerSocket, pidfd};
   const std::size_t fileBytes = (pidfd >= 0 ? 2 : 1) * sizeof(int);
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(files))] = {};
@@ -56,18 +61,18 @@ bool ask(int socket, std::int64_t pid, int answerSocket, int pidfd) {
   header->cmsg_type = SCM_RIGHTS;
   header->cmsg_len = CMSG_LEN(fileBytes);
   std::memcpy(CMSG_DATA(header), files.data(), fileBytes);
-  return sendmsg(socket, &message, MSG_NOSIGNAL) == ssize_t{sizeof(pid)};
+  return sendmsg(socket, &message, MSG_NOSIGNAL) == ssize_t{sizeof(asked)};
 }
 
 struct Question {
-  std::int64_t pid = 0;
+  Asked asked;
   FileDescriptor answerSocket;
   FileDescriptor pidfd;
 };
 
 // False at the end of the parent.
 bool receive(int socket, Question& question) {
-  iovec part{&question.pid, sizeof(question.pid)};
+  iovec part{&question.asked, sizeof(question.asked)};
   std::array<int, 2> files{-1, -1};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(files))] = {};
   msghdr message{};
@@ -110,7 +115,10 @@ bool decode(std::string_view text, ProcessIdentity& process) {
 }
 
 void answer(const Question& question) {
-  const std::string text = encoded(ProcessIdentity::inspect(question.pid, question.pidfd.get()));
+  const auto [pid, uid] = question.asked;
+  const std::string text = encoded(ProcessIdentity::inspect(
+      pid, question.pidfd.get(),
+      uid >= 0 ? std::optional(static_cast<std::uint32_t>(uid)) : std::nullopt));
   send(question.answerSocket.get(), text.data(), text.size(), MSG_NOSIGNAL);
 }
 
@@ -154,7 +162,7 @@ class Helper {
   // A question that cannot be taken now has its socket closed unanswered.
   void take(const Question& question) {
     struct stat status {};
-    const std::string entry = "/proc/" + std::to_string(question.pid);
+    const std::string entry = "/proc/" + std::to_string(question.asked.pid);
     if (stat(entry.c_str(), &status) != 0) status.st_uid = static_cast<uid_t>(-1);
     const auto ofUser =
         std::count_if(_running.begin(), _running.end(),
@@ -201,9 +209,9 @@ int connectTo(const char* path) {
 
 class HelpedProcessInspector final : public ProcessInspector {
  public:
-  ProcessIdentity inspect(std::int64_t pid, int pidfd) override {
+  ProcessIdentity inspect(std::int64_t pid, int pidfd, std::optional<std::uint32_t> uid) override {
     const int helper = helperSocket.load();
-    if (helper < 0) return ProcessIdentity::inspect(pid, pidfd);
+    if (helper < 0) return ProcessIdentity::inspect(pid, pidfd, uid);
     ProcessIdentity process;
     process.pid = pid;
     int ends[2];
@@ -217,7 +225,7 @@ class HelpedProcessInspector final : public ProcessInspector {
     bool hasEnded = false;
     {
       const FileDescriptor there(ends[1]);
-      asked = ask(helper, pid, there.get(), pidfd);
+      asked = ask(helper, {pid, uid ? std::int64_t{*uid} : -1}, there.get(), pidfd);
       hasEnded = !asked && (errno == EPIPE || errno == ECONNRESET);
     }
     if (hasEnded) {

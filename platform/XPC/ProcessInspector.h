@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "platform/XPC/ProcessIdentity.h"
 
@@ -30,7 +31,8 @@ class ProcessInspector {
 
   // See ProcessIdentity::inspect. Any thread; gives up on a process that takes longer than a few
   // seconds to look at.
-  virtual ProcessIdentity inspect(std::int64_t pid, int pidfd) = 0;
+  virtual ProcessIdentity inspect(std::int64_t pid, int pidfd,
+                                  std::optional<std::uint32_t> uid = std::nullopt) = 0;
 };
 
 }  // namespace tallow

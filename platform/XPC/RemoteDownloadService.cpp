@@ -23,11 +23,10 @@ void RemoteDownloadService::checkAutomaticDownloadQueue(Reply reply) {
   const bool isTaken = backlog.add(
       [client, reply](PeerBacklog::Answered answered) {
         PeerConnection::call<>(
-            kDownloadService, "checkAutomaticDownloadQueue", PeerConnection::kUsualPatience,
+            kDownloadService, "checkAutomaticDownloadQueue", PeerBacklog::kPatience,
             std::function<void(std::optional<Error>)>(
                 [reply, answered = std::move(answered)](const std::optional<Error>& error) {
-                  answered(error);
-                  if (reply) reply(error);
+                  if (answered(error) && reply) reply(error);
                 }),
             client);
       },

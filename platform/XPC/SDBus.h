@@ -82,6 +82,9 @@ inline int eventFile(const sdbus::IConnection::PollData&) {
 }
 #endif
 
+// The name of the error by which a bus, or a service, says that somebody wants too much at once.
+inline constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+
 // Whether the name of a call's error, the bus's or the library's, says that nobody could be asked:
 // nobody has the name and nobody can be started for it, or the bus has gone.
 inline bool saysNobodyIsThere(std::string_view errorName) {

@@ -8,6 +8,7 @@ namespace tallow {
 
 namespace {
 std::atomic<std::int64_t> openTransactions{0};
+std::atomic<std::int64_t> openWork{0};
 }  // namespace
 
 void XPCTransaction::begin() {
@@ -19,6 +20,11 @@ std::shared_ptr<void> XPCTransaction::hold() {
   return {nullptr, [](void*) { end(); }};
 }
 
+std::shared_ptr<void> XPCTransaction::work() {
+  ++openWork;
+  return {nullptr, [transaction = hold()](void*) { --openWork; }};
+}
+
 void XPCTransaction::end() {
   if (openTransactions-- > 0) return;
   std::fputs("XPCTransaction: ended more transactions than have begun\n", stderr);
@@ -27,6 +33,10 @@ void XPCTransaction::end() {
 
 std::int64_t XPCTransaction::count() {
   return openTransactions;
+}
+
+std::int64_t XPCTransaction::workCount() {
+  return openWork;
 }
 
 }  // namespace tallow

@@ -248,16 +248,14 @@ std::optional<Dictionary> AccountServiceInterface::composedHeadersIfAtHand(
     if (!bag) return std::nullopt;
     const IdentityNeed need(*bag, url);
     OrvController& orv = OrvController::sharedController();
-    if (need.ofMachine) {
-      // An exchange with the store may be going on.
-      const auto headers = orv.httpRequestHeadersForDSIDIfIdle(kAnonymousDSID);
-      if (!headers) return std::nullopt;
-      ofMachine = *headers;
-    }
-    if (need.ofAccount && dsID) {
-      ofAccount = orv.httpRequestHeadersForDSIDIfIdle(dsID);
-      if (!ofAccount) return std::nullopt;
-    }
+    std::vector<std::uint64_t> whose;
+    if (need.ofMachine) whose.push_back(kAnonymousDSID);
+    if (need.ofAccount && dsID) whose.push_back(*dsID);
+    // An exchange with the store may be going on.
+    auto headers = orv.httpRequestHeadersForDSIDsIfIdle(whose);
+    if (!headers) return std::nullopt;
+    if (need.ofAccount && dsID) ofAccount = std::move(headers->back());
+    if (need.ofMachine) ofMachine = std::move(headers->front());
   }
   return merged(*cookies, ofMachine, ofAccount);
 }

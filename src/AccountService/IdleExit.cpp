@@ -118,6 +118,8 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     if (hasEnded) return;
     const bool isAnswered = load.waitingCalls == 0 && nothingRuns();
     const bool isUnreachable = load.callers == 0 || XPCTransaction::count() == 0;
+    // What is told to leave gives up what it keeps, but not what it has begun.
+    const bool mayLeave = latest ? XPCTransaction::workCount() == 0 : isUnreachable;
     if (!latest && !isSuperseded && !nobodyNeedsIt(load)) {
       listener.takeNameBack([self = shared_from_this()](bool hasName) {
         self->isSuperseded = !hasName;
@@ -125,10 +127,10 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
       });
     } else if (isAnswered && !latest && !isSuperseded && listener.hasServiceManager()) {
       lookOnceMore();
-    } else if (isAnswered && (latest || isUnreachable)) {
+    } else if (isAnswered && mayLeave) {
       stop("nobody needs the service");
     } else if (latest && Clock::shared().monotonicSeconds() > *latest) {
-      logLevel(1, "%@: Leaving although calls wait", kClassName);
+      logLevel(1, "%@: Leaving although calls wait, or peers have not answered", kClassName);
       stop("nothing more is waited for");
     } else {
       lookAgain(kLeavingSeconds, &State::stopIfAnswered);

@@ -15,7 +15,8 @@ namespace tallow {
 // kLeft.
 //
 // Whoever asks the process to end (SIGTERM) has it leave in the same way, busy or not; what has not
-// been answered after kPatienceSeconds is not waited for.
+// been answered after kPatienceSeconds, by it or by a peer that it has something for, is not waited
+// for.
 //
 // Owned by the host; main run loop only. Leaving when idle is off unless asked for.
 class IdleExit {

@@ -120,7 +120,8 @@ class SystemBusTest : public ::testing::Test {
   void describe(const std::string& extra) {
     service->describeClient("https", extra);
     service->writeDescriptor("other",
-                             "identifier = \"com.example.other\"\nproduction-bag-urls = [\"" +
+                             "identifier = \"com.example.other\"\n"
+                             "client-type = \"book-store-agent\"\nproduction-bag-urls = [\"" +
                                  service->storeURL("https", "/bag") + "\"]\n");
     const std::string root = service->configHome().parent_path().parent_path().native();
     const std::string command = std::string("chown -R ") + kServiceUser.name + ' ' + root +
@@ -203,7 +204,15 @@ TEST_F(SystemBusTest, AMemberSignsInForItsOwnClientAndForWhomItIsAskedOnly) {
   Client root(Client::Instance::Daemon);
   ASSERT_FALSE(root.actAs("com.example.other"));
   const As as(kMember);
-  const auto agent = TransactionAgent::start(Client::Instance::Daemon, answerAs("43@example.com"));
+  Client asked(Client::Instance::Daemon);
+  ASSERT_TRUE(asked.describe()) << "seen before it hides its memory";
+  const auto agent = TransactionAgent::start(
+      Client::Instance::Daemon,
+      [&asked, answer = answerAs("43@example.com")](const auto&... question) {
+        const auto error = asked.actAs("com.example.other");
+        EXPECT_FALSE(error) << error->localizedDescription();
+        return answer(question...);
+      });
   Client member(Client::Instance::Daemon);
   const auto refusal = member.actAs("com.example.other");
   ASSERT_TRUE(refusal);
@@ -212,6 +221,8 @@ TEST_F(SystemBusTest, AMemberSignsInForItsOwnClientAndForWhomItIsAskedOnly) {
   ASSERT_TRUE(signIn) << signIn.error().localizedDescription();
   ASSERT_TRUE(signIn->account) << signIn->error->localizedDescription();
   EXPECT_EQ((*signIn->account)["dsid"], Value(43));
+  ASSERT_FALSE(root.setStoreFrontID("143465"));
+  EXPECT_NE(*asked.storeFront(), "143465") << "it is not asked any more, and itself again";
 
   // What others do and what has failed for them is told to root alone.
   for (const auto& [asking, seesAll] : {std::pair(&root, true), std::pair(&member, false)}) {

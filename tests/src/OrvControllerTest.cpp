@@ -68,12 +68,13 @@ TEST_F(OrvControllerTest, HeadersSayWhatTheLibrarySays) {
   const std::string identifier = base64Encode(Data("machine"));
   const std::string password = base64Encode(Data("password"));
   EXPECT_EQ(orv.httpRequestHeadersForDSID(std::nullopt), std::nullopt);
-  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), std::nullopt) << "not before it is open";
+  const std::uint64_t seven[] = {7};
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDsIfIdle(seven), std::nullopt) << "not before it is open";
   EXPECT_EQ(orv.httpRequestHeadersForDSID(7),
             (Dictionary{{"X-Vantor-MD-M", identifier}, {"X-Vantor-MD", password}}));
-  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), orv.httpRequestHeadersForDSID(7));
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDsIfIdle(seven)->at(0), orv.httpRequestHeadersForDSID(7));
   fake.isAtHand = false;
-  EXPECT_EQ(orv.httpRequestHeadersForDSIDIfIdle(7), std::nullopt);
+  EXPECT_EQ(orv.httpRequestHeadersForDSIDsIfIdle(seven), std::nullopt);
   EXPECT_EQ(orv.httpRequestHeaders(),
             (Dictionary{{"X-Vantor-AMD-M", identifier}, {"X-Vantor-AMD", password}}));
   EXPECT_EQ(orv.httpRequestHeaders(), orv.httpRequestHeadersForDSID(18446744073709551615u));

@@ -11,7 +11,10 @@
 
 namespace tallow::ctl {
 
-std::string printable(std::string_view text) {
+namespace {
+
+// What is not seen as itself, written by `escape`.
+std::string withEscapes(std::string_view text, std::string (*escape)(unsigned code)) {
   const std::string valid = replacingInvalidUTF8(text);
   std::string safe;
   safe.reserve(valid.size());
@@ -20,14 +23,36 @@ std::string printable(std::string_view text) {
     if (isSeenAsItself(next.codePoint)) {
       safe += rest.substr(0, next.bytes);
     } else {
-      const auto code = static_cast<unsigned>(next.codePoint);
-      char escaped[16];
-      std::snprintf(escaped, sizeof(escaped), code < 0x100 ? "\\x%02x" : "\\u{%04x}", code);
-      safe += escaped;
+      safe += escape(static_cast<unsigned>(next.codePoint));
     }
     rest.remove_prefix(next.bytes);
   }
   return safe;
+}
+
+// One line, in which only texts can have such characters.
+std::string jsonOf(const Value& value) {
+  return withEscapes(JSON::encode(value), [](unsigned code) {
+    char escaped[16];
+    if (code < 0x10000) {
+      std::snprintf(escaped, sizeof(escaped), "\\u%04x", code);
+    } else {
+      const unsigned above = code - 0x10000;
+      std::snprintf(escaped, sizeof(escaped), "\\u%04x\\u%04x", 0xd800 + (above >> 10),
+                    0xdc00 + (above & 0x3ff));
+    }
+    return std::string(escaped);
+  });
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  return withEscapes(text, [](unsigned code) {
+    char escaped[16];
+    std::snprintf(escaped, sizeof(escaped), code < 0x100 ? "\\x%02x" : "\\u{%04x}", code);
+    return std::string(escaped);
+  });
 }
 
 namespace {
@@ -99,7 +124,7 @@ const char* adviceFor(const Error& error) {
 
 void Output::value(const Value& value) const {
   if (_json) {
-    print(JSON::encode(value));
+    print(jsonOf(value));
   } else if (const Dictionary* dictionary = value.dictionary()) {
     table(*dictionary);
   } else if (const Array* array = value.array()) {
@@ -111,7 +136,7 @@ void Output::value(const Value& value) const {
 
 void Output::table(const Dictionary& dictionary) const {
   if (_json) {
-    print(JSON::encode(dictionary));
+    print(jsonOf(dictionary));
     return;
   }
   std::vector<std::vector<std::string>> rows;
@@ -121,7 +146,7 @@ void Output::table(const Dictionary& dictionary) const {
 
 void Output::table(const Array& rows) const {
   if (_json) {
-    print(JSON::encode(rows));
+    print(jsonOf(rows));
     return;
   }
   std::vector<std::string> keys;
@@ -151,7 +176,7 @@ void Output::line(const std::string& text) const {
 }
 
 int Output::about(const char* what, const std::string& text, const std::string& shown) const {
-  print(_json ? JSON::encode(Dictionary{{what, text}}) : shown);
+  print(_json ? jsonOf(Dictionary{{what, text}}) : shown);
   return kDone;
 }
 
@@ -166,7 +191,7 @@ int Output::failure(const Error& error) const {
                            error.code == AccountServiceClient::kUnreachable;
   const char* advice = adviceFor(error);
   if (_json) {
-    print(JSON::encode(
+    print(jsonOf(
         Dictionary{{"error", Dictionary{{"domain", error.domain},
                                         {"code", error.code},
                                         {"message", error.localizedDescription()},
@@ -181,7 +206,7 @@ int Output::failure(const Error& error) const {
 
 int Output::wrongUsage(const std::string& text) const {
   if (_json) {
-    print(JSON::encode(
+    print(jsonOf(
         Dictionary{{"error", Dictionary{{"domain", "usage"}, {"code", 2}, {"message", text}}}}));
   } else {
     std::fprintf(stderr, "tallowctl: %s\n", printable(text).c_str());

@@ -27,11 +27,10 @@ std::optional<Credentials> askOnTerminal(const std::string& client,
                                          const std::optional<std::string>& complaint) {
   const auto terminal = Terminal::open();
   if (!terminal) return std::nullopt;
-  if (complaint) terminal->say(*complaint);
+  for (const auto& text : {complaint, context.title, context.message})
+    if (text) terminal->saySetIn(*text);
   // It may be another client of the service that asks just now.
   terminal->say("Signing in for " + client + '.');
-  if (context.title) terminal->say(*context.title);
-  if (context.message) terminal->say(*context.message);
   std::optional<std::string> name = context.identifier;
   if (!name) name = terminal->askLine("Account name: ");
   if (!name || name->empty()) return std::nullopt;

@@ -108,6 +108,14 @@ void Terminal::say(std::string_view text) const {
   writeAll(_descriptor, printable(text) + "\n");
 }
 
+void Terminal::saySetIn(std::string_view text) const {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    say("  " + std::string(text.substr(0, end)));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+}
+
 bool Terminal::hasGivenUp() const {
   pollfd file{_giveUp, POLLIN, 0};
   if (poll(&file, 1, 0) <= 0) return false;

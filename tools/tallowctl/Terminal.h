@@ -27,6 +27,8 @@ class Terminal {
 
   // Texts from elsewhere are shown with control characters escaped.
   void say(std::string_view text) const;
+  // Line by line and set in, so that none of somebody else's can pass for one of this program's.
+  void saySetIn(std::string_view text) const;
   // Whether the question has been given up; what was typed for it is then thrown away.
   bool hasGivenUp() const;
   // A line, without its end; nothing at the end of input, or when the question is given up.

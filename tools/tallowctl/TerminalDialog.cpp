@@ -18,15 +18,6 @@ std::string_view textUnder(const Dictionary& dictionary, const char* key) {
   return text != nullptr ? std::string_view(*text) : std::string_view();
 }
 
-// Set in, so that no line of the store's can pass for one of this program's.
-void sayLines(const Terminal& terminal, std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find('\n'), text.size());
-    terminal.say("  " + std::string(text.substr(0, end)));
-    text.remove_prefix(std::min(end + 1, text.size()));
-  }
-}
-
 // The first button that closes the dialog, or that does not.
 std::optional<std::size_t> buttonThat(bool dismisses, const Dictionary& dialog) {
   const Array* const buttons = dialog["buttons"].array();
@@ -80,8 +71,8 @@ DialogAgent::Answer showOnTerminal(const DialogAgent::Dialog& dialog) {
   terminal->giveUpWhenReadable(dialog.goneFile);
   terminal->say("The store has a question for " +
                 std::string(textUnder(dialog.contents, "client")) + ":");
-  sayLines(*terminal, textUnder(dialog.contents, "message"));
-  sayLines(*terminal, textUnder(dialog.contents, "explanation"));
+  terminal->saySetIn(textUnder(dialog.contents, "message"));
+  terminal->saySetIn(textUnder(dialog.contents, "explanation"));
   DialogAgent::Answer answer;
   if (dialog.contents["signIn"].dictionary() != nullptr)
     answer = askForSignIn(*terminal, dialog.contents);

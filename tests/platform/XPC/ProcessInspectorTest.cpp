@@ -36,6 +36,10 @@ TEST(ProcessInspectorTest, AsksTheInspectorThatAUnitHasStarted) {
   const ProcessIdentity own = ProcessInspector::shared().inspect(getpid(), -1);
   EXPECT_EQ(own.executable + own.doubt, ProcessIdentity::inspect(getpid(), -1).executable +
                                             ProcessIdentity::inspect(getpid(), -1).doubt);
+  EXPECT_EQ(ProcessInspector::shared().inspect(getpid(), -1, geteuid()).executable, own.executable);
+  EXPECT_EQ(ProcessInspector::shared().inspect(getpid(), -1, geteuid() + 1).doubt,
+            "the process is of another user")
+      << "a number that has been given to another's process";
   const pid_t ended = fork();
   if (ended == 0) _exit(0);
   waitpid(ended, nullptr, 0);

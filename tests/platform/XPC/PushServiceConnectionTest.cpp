@@ -8,9 +8,12 @@
 #include <future>
 #include <thread>
 
+#include "platform/Base/SharedInstance.h"
+#include "platform/Concurrency/ManualRunLoop.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/XPC/PeerBacklog.h"
 #include "platform/XPC/PeerConnection.h"
+#include "platform/XPC/XPCTransaction.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/PrivateBus.h"
 
@@ -207,6 +210,36 @@ TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
   EXPECT_EQ(dropped, std::vector<int>{1}) << "and was told so";
   EXPECT_TRUE(add(3, 1));
   EXPECT_EQ(made, std::vector<int>{3});
+}
+
+TEST(PeerBacklog, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
+  ManualClock clock(Date{0});
+  ManualRunLoop loop(clock);
+  const ScopedShared<RunLoop> scope(loop);
+  PeerBacklog backlog("peer");
+  std::deque<PeerBacklog::Answered> unanswered;
+  std::vector<int> made;
+  for (int number = 0; number < 3; ++number)
+    backlog.add(
+        [&, number](PeerBacklog::Answered answered) {
+          made.push_back(number);
+          unanswered.push_back(std::move(answered));
+        },
+        1);
+  const auto answerFirst = [&](const std::optional<Error>& error) {
+    const auto answered = std::move(unanswered.front());
+    unanswered.pop_front();
+    return answered(error);
+  };
+  EXPECT_TRUE(answerFirst(std::nullopt));
+  EXPECT_FALSE(answerFirst(makeError(bus::kLimitsExceeded, -1, "too many")));
+  EXPECT_TRUE(answerFirst(std::nullopt));
+  EXPECT_EQ(XPCTransaction::workCount(), 1);
+  EXPECT_EQ(made, (std::vector{0, 1, 2}));
+  loop.advance(PeerBacklog::kSecondsBetweenTries);
+  EXPECT_EQ(made, (std::vector{0, 1, 2, 1}));
+  EXPECT_TRUE(answerFirst(std::nullopt));
+  EXPECT_EQ(XPCTransaction::workCount(), 0);
 }
 
 }  // namespace

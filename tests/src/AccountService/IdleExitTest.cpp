@@ -172,6 +172,17 @@ TEST_F(IdleExitTest, KeepsWhatItHoldsForWhoIsConnectedWhenAnotherProcessHasTheNa
   XPCTransaction::end();
 }
 
+TEST_F(IdleExitTest, WaitsForWhatIsUnderWayWhenToldToLeave) {
+  IdleExit idleExit(listener, std::nullopt);
+  auto push = XPCTransaction::work();
+  idleExit.leaveNow();
+  pass(1);
+  EXPECT_EQ(loop.pendingTimers(), 1u) << "a peer has not answered";
+  push.reset();
+  pass(1);
+  EXPECT_TRUE(hasLeft());
+}
+
 TEST_F(IdleExitTest, LeavesWhenToldToAfterAnsweringWithoutWaitingForTokens) {
   IdleExit idleExit(listener, std::nullopt);
   listener.load.callers = listener.load.waitingCalls = 1;

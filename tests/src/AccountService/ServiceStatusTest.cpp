@@ -103,6 +103,11 @@ TEST_F(ServiceStatusTest, TellsWhoseCallFailedAndWhatToDo) {
   EXPECT_THAT(*told["advice"].string(), HasSubstr("network"));
 }
 
+TEST_F(ServiceStatusTest, LongTextsOfFailuresAreCut) {
+  RecentFailures::shared().note(makeError("com.example.peer", 1, std::string(1u << 20, 'x')));
+  EXPECT_LT(JSON::encode(status()).size(), 8192u);
+}
+
 TEST_F(ServiceStatusTest, KindsOfFailureAreToldApart) {
   const std::vector<std::pair<Error, const char*>> cases{
       {httpError(HTTPTransport::kTimedOut), "offline"},
