@@ -21,7 +21,8 @@ bool isSame(const Value& a, const Value& b) {
   if (a.date() != nullptr && b.date() != nullptr) {
     const double one = a.date()->secondsSince1970;
     const double other = b.date()->secondsSince1970;
-    return one == other || std::abs(one - other) <= 1e-6 + 1e-12 * std::abs(one);
+    return one == other || std::abs(one - other) <= 1e-6 + 1e-12 * std::abs(one) ||
+           (std::isnan(one) && std::isnan(other));
   }
   if (a.isReal() && b.isReal() && std::isnan(a.realValue()) && std::isnan(b.realValue()))
     return true;

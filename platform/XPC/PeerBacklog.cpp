@@ -9,7 +9,7 @@
 namespace tallow {
 
 bool PeerBacklog::add(Call call, std::size_t bytes, Dropped dropped) {
-  auto added = std::make_shared<Waiting>(Waiting{std::move(call), bytes, std::move(dropped)});
+  Waiting added{std::move(call), bytes, std::move(dropped)};
   {
     const std::lock_guard lock(_lock);
     if (!_waiting.empty() || !hasRoomFor(bytes)) {
@@ -22,9 +22,9 @@ bool PeerBacklog::add(Call call, std::size_t bytes, Dropped dropped) {
       _waitingBytes += bytes;
       return true;
     }
-    begin(*added);
+    begin(added);
   }
-  make(std::move(added));
+  make(std::make_shared<Waiting>(std::move(added)));
   return true;
 }
 
@@ -49,14 +49,14 @@ void PeerBacklog::make(std::shared_ptr<Waiting> call) {
 
 bool PeerBacklog::answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error) {
   const bool isRefused = error && error->domain == bus::kLimitsExceeded;
-  std::deque<std::shared_ptr<Waiting>> dropped;
+  std::deque<Waiting> dropped;
   {
     const std::lock_guard lock(_lock);
     --_unanswered;
     _unansweredBytes -= call->bytes;
     if (isRefused) {
       _waitingBytes += call->bytes;
-      _waiting.push_front(std::move(call));
+      _waiting.push_front(std::move(*call));
       waitForRoom();
     } else if (error && PeerConnection::cannotBeReached(*error)) {
       dropped.swap(_waiting);
@@ -67,8 +67,8 @@ bool PeerBacklog::answered(std::shared_ptr<Waiting> call, const std::optional<Er
   if (!dropped.empty())
     logLevel(1, "%@: The %s cannot be reached; %lu calls that waited are dropped",
              PeerBacklog::kClassName, _what, dropped.size());
-  for (const auto& each : dropped)
-    if (each->dropped) each->dropped(*error);
+  for (const Waiting& each : dropped)
+    if (each.dropped) each.dropped(*error);
   if (!isRefused) makeNext();
   return !isRefused;
 }
@@ -92,8 +92,8 @@ void PeerBacklog::makeNext() {
     std::shared_ptr<Waiting> next;
     {
       const std::lock_guard lock(_lock);
-      if (_waiting.empty() || !hasRoomFor(_waiting.front()->bytes)) return;
-      next = std::move(_waiting.front());
+      if (_waiting.empty() || !hasRoomFor(_waiting.front().bytes)) return;
+      next = std::make_shared<Waiting>(std::move(_waiting.front()));
       _waitingBytes -= next->bytes;
       _waiting.pop_front();
       begin(*next);

@@ -63,7 +63,7 @@ class PeerBacklog {
   const char* const _what;
   std::mutex _lock;
   // Guarded by _lock.
-  std::deque<std::shared_ptr<Waiting>> _waiting;
+  std::deque<Waiting> _waiting;
   std::size_t _waitingBytes = 0;
   std::size_t _unanswered = 0, _unansweredBytes = 0;
   std::shared_ptr<RunLoop::Timer> _untilRoom;  // while the bus takes no more
