@@ -182,14 +182,16 @@ void CallerTable::_callerHasLeft(const std::string& uniqueName) {
     _callersOfUser.erase(count);
   }
   entry.caller->forgetObservers();
+  std::erase_if(_leftBehind, [](const auto& each) { return each.second.expired(); });
   if (entry.uid && entry.caller->counts()->waitingBytes > 0)
     _leftBehind.emplace_back(*entry.uid, entry.caller->counts());
 }
 
 void CallerTable::actAs(Caller& caller, std::string identifier, ActedAs done) {
   const XPCConnection& who = caller.connection();
-  const Entry& entry = _callers.at(who.uniqueName);
-  const auto& client = entry.own ? entry.own->storeClient : who.storeClient;
+  const auto found = _callers.find(who.uniqueName);
+  const bool isAsked = found != _callers.end() && found->second.own;
+  const auto& client = isAsked ? found->second.own->storeClient : who.storeClient;
   const bool isItself = client && client->identifier == identifier;
   if (!isItself && !who.mayActAsOthers) {
     done(kAccessDenied,
@@ -255,7 +257,7 @@ void CallerTable::_takeBack() {
   }
 }
 
-bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) {
+bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) const {
   if (CallCounts::totalWaitingBytes.load(std::memory_order_relaxed) + bytes <= kMuchWaitingBytes)
     return true;
   const auto found = _callers.find(sender);
@@ -263,9 +265,9 @@ bool CallerTable::_mayHold(const std::string& sender, std::size_t bytes) {
   std::size_t held = bytes;
   for (const auto& [name, entry] : _callers)
     if (entry.uid == found->second.uid) held += entry.caller->counts()->waitingBytes;
-  std::erase_if(_leftBehind, [](const auto& each) { return each.second->waitingBytes == 0; });
-  for (const auto& [uid, counts] : _leftBehind)
-    if (uid == found->second.uid) held += counts->waitingBytes;
+  for (const auto& [uid, answering] : _leftBehind)
+    if (const auto counts = answering.lock(); counts && uid == found->second.uid)
+      held += counts->waitingBytes;
   return held <= kMaxWaitingBytesPerUser;
 }
 

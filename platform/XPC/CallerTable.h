@@ -90,7 +90,7 @@ class CallerTable {
   Caller* _callerNamed(const std::string& sender);
   Caller* _addCaller(const std::string& sender);
   // Whether the caller's user may make the service hold so much more in arguments.
-  bool _mayHold(const std::string& sender, std::size_t bytes);
+  bool _mayHold(const std::string& sender, std::size_t bytes) const;
   // May leave the caller undecided, and any other.
   void _makeSureThatItReads(Caller& caller);
   void _makeSureThatAllRead();
@@ -118,8 +118,8 @@ class CallerTable {
   void _takeBack();
 
   std::unordered_map<std::string, Entry> _callers;
-  // Whose calls are still answered, of users whose connection has left.
-  std::vector<std::pair<std::uint32_t, std::shared_ptr<CallCounts>>> _leftBehind;
+  // Of which user's connections that have left calls are still being answered.
+  std::vector<std::pair<std::uint32_t, std::weak_ptr<CallCounts>>> _leftBehind;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;
   std::size_t _unknownCallers = 0;
   std::uint64_t _calls = 0;
