@@ -1,7 +1,5 @@
 #include "src/BagController.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <future>
 #include <thread>
@@ -24,7 +22,7 @@ class RecordingObserver final : public HSURLBagObserver {
   std::mutex _lock;
 };
 
-class BagControllerTest : public ::testing::Test {
+class BagControllerTest : public ServiceTest {
  protected:
   // Bags come from bag.example.com, pings go to ping.example.com and are answered as set here.
   void serveBagWithPings(const Array& pingURLs) {
@@ -42,13 +40,13 @@ class BagControllerTest : public ::testing::Test {
     return world.preferences.copyAppValue(kDefaultsNextClientIDPingDateKey, kDaemonDefaultsID);
   }
   void loadBag() {
-    controller()->bagWithType(kBagTypeProduction)->invalidate();
-    controller()->bagWithType(kBagTypeProduction)->valueForKey("a");
+    bag()->invalidate();
+    bag()->valueForKey("a");
     ServiceWorld::settle();
   }
 
-  ServiceWorld world;
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
+  const std::shared_ptr<HSStoreClient> outfitter =
+      ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
   HTTPHeaderList bagHeaders = {{"Cache-Control", "max-age=3600"}};
   HTTPHeaderList pingHeaders;
   std::vector<std::string> pinged;
@@ -61,16 +59,12 @@ TEST_F(BagControllerTest, RegistryKeepsOneControllerAClientAndReplacesOnlyChange
                                  "BagController: bagControllerForClient: called with nil "
                                  "storeClient.identifier"));
   const auto first = controller();
-  auto changed = std::make_shared<HSStoreClient>(*client);
-  changed->userAgent = "changed";
-  EXPECT_EQ(BagController::bagControllerForClient(changed), first);
+  EXPECT_EQ(BagController::bagControllerForClient(ServiceWorld::changed(*client)), first);
 
   world.serve({{"a", 1}});
-  const auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
   const auto old = BagController::bagControllerForClient(outfitter);
   EXPECT_EQ(BagController::bagControllerForClient(outfitter), old);
-  auto changedOutfitter = std::make_shared<HSStoreClient>(*outfitter);
-  changedOutfitter->userAgent = "changed";
+  auto changedOutfitter = ServiceWorld::changed(*outfitter);
   const auto replaced = BagController::bagControllerForClient(changedOutfitter);
   EXPECT_NE(replaced, old);
   EXPECT_TRUE(replaced->bagWithType(kBagTypeProduction)->isValid()) << "reloaded before returning";
@@ -79,9 +73,8 @@ TEST_F(BagControllerTest, RegistryKeepsOneControllerAClientAndReplacesOnlyChange
       world.log.contains(1, "BagController: Outfitter is updated, controller is switching"));
 
   // Who connected before the change does not switch back.
-  changedOutfitter = std::make_shared<HSStoreClient>(*changedOutfitter);
+  changedOutfitter = ServiceWorld::changed(*changedOutfitter, "changed again");
   changedOutfitter->descriptorReading = 2;
-  changedOutfitter->userAgent = "changed again";
   const auto newest = BagController::bagControllerForClient(changedOutfitter);
   EXPECT_NE(newest, replaced);
   EXPECT_EQ(BagController::bagControllerForClient(outfitter), newest);
@@ -110,15 +103,20 @@ TEST_F(BagControllerTest, ObserversHearOfSuccessAndFailureOfTheirBag) {
   EXPECT_TRUE(observer->updates.empty());
 }
 
-TEST_F(BagControllerTest, APingSetsTheStorefrontAndTheDateOfTheNext) {
+TEST_F(BagControllerTest, APingSetsTheStorefrontACookieAndTheDateOfTheNext) {
   serveBagWithPings({"https://ping.example.com/ping"});
-  pingHeaders = {{"x-set-vantor-store-front", "143441-1,29"}, {"cache-control", "max-age=100"}};
-  pingHeaders[1].first = "Cache-Control";
+  pingHeaders = {{"x-set-vantor-store-front", "143441-1,29"},
+                 {"Set-Cookie", "id=7"},
+                 {"Cache-Control", "max-age=100"}};
   loadBag();
+  EXPECT_TRUE(world.log.contains(3, "BagController: setCookie id=7"));
+  const auto storage = CookieStorage::storageForClient(client);
+  EXPECT_EQ(storage->httpHeadersForURL(URL::parse("https://ping.example.com/x"))["Cookie"],
+            Value("id=7"));
+  EXPECT_EQ(storage->cookieCount(), 1u) << "with the response, not through the wrapper, too";
   EXPECT_EQ(StoreFrontController::storefrontControllerForClient(client)->storeFrontID(),
             "143441-1,29");
-  EXPECT_FALSE(controller()->bagWithType(kBagTypeProduction)->isValid())
-      << "a new storefront makes the bags stale";
+  EXPECT_FALSE(bag()->isValid()) << "a new storefront makes the bags stale";
   EXPECT_EQ(nextPingDate(), Value(world.clock.now().addingSeconds(100)));
 
   loadBag();
@@ -130,8 +128,7 @@ TEST_F(BagControllerTest, APingSetsTheStorefrontAndTheDateOfTheNext) {
 }
 
 TEST_F(BagControllerTest, AFailedPingEndsThePassAndAStoredStringIsNoDate) {
-  world.preferences.setValue(kDefaultsNextClientIDPingDateKey, "2099", kDaemonDefaultsID,
-                             Preferences::User::Current, Preferences::Host::Any);
+  world.write(kDefaultsNextClientIDPingDateKey, "2099", kDaemonDefaultsID);
   serveBagWithPings({"https://ping.example.com/first", "https://ping.example.com/fails",
                      "https://ping.example.com/third"});
   pingHeaders = {{"Cache-Control", "max-age=7"}};
@@ -148,20 +145,9 @@ TEST_F(BagControllerTest, ARefusedBagIsFetchedOnceALookupNotWithoutAnEnd) {
   client->productionBagURLs = {*URL::parse("http://bag.example.com/unsigned")};
   const std::size_t before = world.transport.requests().size();
   loadBag();
-  EXPECT_FALSE(controller()->bagWithType(kBagTypeProduction)->isValid());
+  EXPECT_FALSE(bag()->isValid());
   EXPECT_EQ(world.transport.requests().size(), before + 1);
   EXPECT_TRUE(world.log.contains(3, "BagController: Not pinging clientID, no pingUrls"));
-}
-
-TEST_F(BagControllerTest, PingCookiesReachTheJarWithTheResponseNotThroughTheWrapper) {
-  serveBagWithPings({"https://ping.example.com/ping"});
-  pingHeaders = {{"Set-Cookie", "id=7"}, {"Cache-Control", "max-age=100"}};
-  loadBag();
-  const auto storage = CookieStorage::storageForClient(client);
-  EXPECT_EQ(storage->httpHeadersForURL(URL::parse("https://ping.example.com/x"))["Cookie"],
-            Value("id=7"));
-  EXPECT_TRUE(world.log.contains(3, "BagController: setCookie id=7"));
-  EXPECT_EQ(storage->cookieCount(), 1u);
 }
 
 // What a load brings must not lock up the load: its cookies and storefront reach the jar and the
@@ -185,15 +171,13 @@ class LoadThatBringsThingsTest : public BagControllerTest {
 };
 
 TEST_F(LoadThatBringsThingsTest, AnOrdinaryLoadTakesThemInFirstAndEndsValid) {
-  EXPECT_EQ(controller()->bagWithType(kBagTypeProduction)->valueForKey("a"), Value(1));
-  EXPECT_TRUE(controller()->bagWithType(kBagTypeProduction)->isValid())
-      << "its own cookies invalidate the old bag, not the new one";
+  EXPECT_EQ(bag()->valueForKey("a"), Value(1));
+  EXPECT_TRUE(bag()->isValid()) << "its own cookies invalidate the old bag, not the new one";
   expectTaken(client);
   EXPECT_EQ(world.transport.requests().size(), 1u);
 }
 
 TEST_F(LoadThatBringsThingsTest, AForcedReloadUnderTheRegistryLockEnds) {
-  auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
   // Two URLs: the second request must not stand behind what the first one handed in.
   outfitter->productionBagURLs = {*URL::parse("https://bag.example.com/redirecting"),
                                   *URL::parse("https://bag.example.com/bag")};
@@ -204,18 +188,15 @@ TEST_F(LoadThatBringsThingsTest, AForcedReloadUnderTheRegistryLockEnds) {
     return ScriptedTransport::response(request, 302, headers);
   });
   world.transport.enqueue(ScriptedTransport::fail(HTTPTransport::kConnectionLost));
-  auto changed = std::make_shared<HSStoreClient>(*outfitter);
-  changed->userAgent = "changed";
+  const auto changed = ServiceWorld::changed(*outfitter);
   const auto replaced = BagController::bagControllerForClient(changed);
   EXPECT_EQ(replaced->bagWithType(kBagTypeProduction)->dictionary()->count(), 2u);
   expectTaken(changed);
 }
 
 TEST_F(LoadThatBringsThingsTest, OtherCallersWaitOutAForcedReload) {
-  auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
   BagController::bagControllerForClient(outfitter);
-  auto changed = std::make_shared<HSStoreClient>(*outfitter);
-  changed->userAgent = "changed";
+  const auto changed = ServiceWorld::changed(*outfitter);
   world.transport.hold();
   std::thread reloading([&] { BagController::bagControllerForClient(changed); });
   world.transport.waitForRequests(1);

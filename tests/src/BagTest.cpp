@@ -1,7 +1,5 @@
 #include "src/Bag.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 
 #include "platform/Base/AtomicFile.h"
@@ -17,18 +15,24 @@ namespace {
 const URL kHTTPS = *URL::parse("https://bag.example.com/bag");
 const URL kHTTP = *URL::parse("http://bag.example.com/bag");
 
-class BagTest : public ::testing::Test {
+class BagTest : public ServiceTest {
  protected:
   std::shared_ptr<Bag> bag(std::uint64_t type = kBagTypeProduction) {
     return Bag::initWithBagType(type, client, std::weak_ptr<BagDelegate>());
   }
   Date inOneHour() { return world.clock.now().addingSeconds(3600); }
+  // Has a bag take in what a server has sent.
+  std::optional<Dictionary> accept(Bag& subject, const Dictionary& response, const URL& from,
+                                   double secondsMore = 0) {
+    error = std::nullopt;
+    return subject.bagDictionaryWithServerResponseDictionary(
+        response, inOneHour().addingSeconds(secondsMore), from, &error);
+  }
   std::filesystem::path persistedFile(const char* name = "ProductionBag") {
     return world.directories.cacheHome / *client->identifier / name;
   }
 
-  ServiceWorld world;
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
+  std::optional<Error> error;
 };
 
 TEST_F(BagTest, LookupLoadsOnceAndAnswersWhileValid) {
@@ -58,7 +62,6 @@ TEST_F(BagTest, FailedLoadKeepsTheOldContentsButAnswersNothing) {
   EXPECT_EQ((*loaded->dictionary())["a"], Value("x"));
   EXPECT_TRUE(loaded->urlIsTrusted(URL::parse("data:,x")));
 
-  std::optional<Error> error;
   bool alreadyValid = true;
   loaded->loadBagIfNeededAndPerformBlock(
       [&](Bag&, bool valid, bool already, const auto&, const std::optional<Error>& given) {
@@ -72,40 +75,32 @@ TEST_F(BagTest, FailedLoadKeepsTheOldContentsButAnswersNothing) {
 }
 
 TEST_F(BagTest, MaxAgeDecidesTheValidity) {
-  struct Case {
-    const char* cacheControl;
-    double seconds;
-    bool defaulted;
-  };
-  for (const Case& each : {Case{"max-age=3600", 3600, false}, Case{"max-age=0", 68400, true},
-                           Case{"max-age=-5", 68400, true}, Case{"public", 68400, false}}) {
+  for (const auto& [cacheControl, seconds, isDefault] :
+       {std::tuple("max-age=3600", 3600, false), std::tuple("max-age=0", 68400, true),
+        std::tuple("max-age=-5", 68400, true), std::tuple("public", 68400, false)}) {
+    SCOPED_TRACE(cacheControl);
     world.log.clear();
-    world.serve({{"a", 1}}, {{"Cache-Control", each.cacheControl}});
+    world.serve({{"a", 1}}, {{"Cache-Control", cacheControl}});
     const auto loaded = bag();
     loaded->invalidate();
     loaded->valueForKey("a");
-    ASSERT_TRUE(loaded->validUntilDate()) << each.cacheControl;
-    EXPECT_DOUBLE_EQ(loaded->validUntilDate()->secondsSince(world.clock.now()), each.seconds)
-        << each.cacheControl;
+    ASSERT_TRUE(loaded->validUntilDate());
+    EXPECT_DOUBLE_EQ(loaded->validUntilDate()->secondsSince(world.clock.now()), seconds);
     EXPECT_EQ(world.log.contains(3,
                                  "BagLoadOperation: Server returned an invalid Max-Age for bag "
                                  "type 1, defaulting to 24 hours"),
-              each.defaulted)
-        << each.cacheControl;
+              isDefault);
   }
 }
 
 TEST_F(BagTest, BootstrapURLsAreTriedInOrderAndTheFirstErrorStands) {
   client->productionBagURLs = {*URL::parse("https://one.example.com/"),
                                *URL::parse("https://two.example.com/")};
-  world.preferences.setValue(kDefaultsBagURLKey, "https://zero.example.com/", kDaemonDefaultsID,
-                             Preferences::User::Current, Preferences::Host::Any);
+  world.write(kDefaultsBagURLKey, "https://zero.example.com/", kDaemonDefaultsID);
   world.transport.enqueue(ScriptedTransport::fail(HTTPTransport::kTimedOut));
   world.transport.enqueue(ScriptedTransport::fail(HTTPTransport::kCannotConnect));
   world.serve({{"a", 1}});
-  const auto loaded = bag();
-  std::optional<Error> error;
-  loaded->loadBagIfNeededAndPerformBlock(
+  bag()->loadBagIfNeededAndPerformBlock(
       [&](Bag&, bool valid, bool, const auto&, const auto& given) {
         EXPECT_TRUE(valid);
         error = given;
@@ -120,14 +115,12 @@ TEST_F(BagTest, BootstrapURLsAreTriedInOrderAndTheFirstErrorStands) {
 }
 
 TEST_F(BagTest, UnknownTypesAskNobodyAndCustomBagsSaySo) {
-  const auto unknown = bag(3);
-  EXPECT_TRUE(unknown->valueForKey("a").isNil());
+  EXPECT_TRUE(bag(3)->valueForKey("a").isNil());
   EXPECT_TRUE(world.transport.requests().empty());
   EXPECT_TRUE(
       world.log.contains(1, "BagLoadOperation: Warning, no bootstrap URLs found for bag type 3"));
 
-  world.preferences.setValue(kDefaultsUseCustomBagKey, true, kDaemonDefaultsID,
-                             Preferences::User::Current, Preferences::Host::Any);
+  world.write(kDefaultsUseCustomBagKey, true, kDaemonDefaultsID);
   world.serve({{"a", 1}});
   bag()->valueForKey("a");
   EXPECT_EQ(world.transport.requests().at(0).url.query(), "custombag=true");
@@ -135,19 +128,15 @@ TEST_F(BagTest, UnknownTypesAskNobodyAndCustomBagsSaySo) {
 
 TEST_F(BagTest, UnsignedFormsCountOverHTTPSOnly) {
   const auto subject = bag();
-  std::optional<Error> error;
-  const auto accept = [&](const Dictionary& response, const URL& from) {
-    return subject->bagDictionaryWithServerResponseDictionary(response, inOneHour(), from, &error);
-  };
   const Dictionary inner{{"k", 1}};
-  EXPECT_EQ(accept({{"bag", inner}}, kHTTPS), inner);
+  const Data listed = PropertyList::encode(inner, PropertyList::Format::Binary);
+  EXPECT_EQ(accept(*subject, {{"bag", inner}}, kHTTPS), inner);
   ASSERT_TRUE(error) << "the signed form's error is reported though an unsigned form succeeded";
   EXPECT_EQ(error->code, kHSErrorBagNotSigned);
-  EXPECT_EQ(accept({{"bag", PropertyList::encode(inner, PropertyList::Format::Binary)}}, kHTTPS),
-            inner);
-  EXPECT_EQ(accept({{"bag", "text"}, {"urlBag", inner}}, kHTTPS), inner);
-  EXPECT_EQ(accept({{"other", 2}}, kHTTPS), (Dictionary{{"other", 2}}));
-  EXPECT_EQ(accept({{"bag", inner}}, kHTTP), std::nullopt);
+  EXPECT_EQ(accept(*subject, {{"bag", listed}}, kHTTPS), inner);
+  EXPECT_EQ(accept(*subject, {{"bag", "text"}, {"urlBag", inner}}, kHTTPS), inner);
+  EXPECT_EQ(accept(*subject, {{"other", 2}}, kHTTPS), (Dictionary{{"other", 2}}));
+  EXPECT_EQ(accept(*subject, {{"bag", inner}}, kHTTP), std::nullopt);
   EXPECT_EQ(error->code, kHSErrorBagNotSigned);
   EXPECT_TRUE(world.log.contains(1, "Bag: Insufficient data to parse URL bag"));
 }
@@ -169,32 +158,22 @@ class SignedBagTest : public BagTest {
   TestChain chain;
 };
 
-TEST_F(SignedBagTest, AcceptsAVerifyingBagOverHTTPAndRefusesEveryFlippedByte) {
+TEST_F(SignedBagTest, AcceptsAVerifyingDictionaryOverHTTPAndRefusesEveryFlippedByte) {
   const auto subject = bag();
   const Dictionary good = signedResponse(contents);
-  EXPECT_EQ(subject->bagDictionaryWithServerResponseDictionary(good, inOneHour(), kHTTP, nullptr),
-            (Dictionary{{"k", "signed"}}));
+  EXPECT_EQ(accept(*subject, good, kHTTP), (Dictionary{{"k", "signed"}}));
   for (const char* key : {"bag", "signature"}) {
     const Data original = *good[key].data();
     for (std::size_t i = 0; i < original.length(); i += 1 + original.length() / 40) {
       std::vector<std::uint8_t> bytes(original.bytes(), original.bytes() + original.length());
       bytes[i] ^= 1;
-      EXPECT_EQ(subject->bagDictionaryWithServerResponseDictionary(
-                    good.setting(key, Data(std::move(bytes))), inOneHour(), kHTTP, nullptr),
-                std::nullopt)
+      EXPECT_EQ(accept(*subject, good.setting(key, Data(std::move(bytes))), kHTTP), std::nullopt)
           << key << " byte " << i;
     }
   }
-}
-
-TEST_F(SignedBagTest, SignedBytesMustBeAPropertyListDictionary) {
-  const auto subject = bag();
-  std::optional<Error> error;
   for (const Data& bytes : {Data(std::string_view("no list")),
                             PropertyList::encode(Array{1}, PropertyList::Format::XML)}) {
-    EXPECT_EQ(subject->bagDictionaryWithServerResponseDictionary(signedResponse(bytes), inOneHour(),
-                                                                 kHTTP, &error),
-              std::nullopt);
+    EXPECT_EQ(accept(*subject, signedResponse(bytes), kHTTP), std::nullopt);
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code, kHSErrorInvalidPropertyList);
   }
@@ -202,8 +181,7 @@ TEST_F(SignedBagTest, SignedBytesMustBeAPropertyListDictionary) {
 }
 
 TEST_F(SignedBagTest, ThePersistedCopyComesBackAndIsVerifiedAgain) {
-  bag()->bagDictionaryWithServerResponseDictionary(signedResponse(contents), inOneHour(), kHTTP,
-                                                   nullptr);
+  accept(*bag(), signedResponse(contents), kHTTP);
   EXPECT_TRUE(std::filesystem::exists(persistedFile()));
   const auto again = bag();
   EXPECT_TRUE(again->isValid());
@@ -223,13 +201,11 @@ TEST_F(SignedBagTest, ThePersistedCopyComesBackAndIsVerifiedAgain) {
 
 TEST_F(BagTest, ThePersistedCopyIsWrittenOnlyWhenTheDateChanges) {
   const auto subject = bag(3);
-  const Date date = inOneHour();
-  subject->bagDictionaryWithServerResponseDictionary({{"a", 1}}, date, kHTTPS, nullptr);
+  accept(*subject, {{"a", 1}}, kHTTPS);
   ASSERT_TRUE(std::filesystem::remove(persistedFile("UnknownBag")));
-  subject->bagDictionaryWithServerResponseDictionary({{"a", 2}}, date, kHTTPS, nullptr);
+  accept(*subject, {{"a", 2}}, kHTTPS);
   EXPECT_FALSE(std::filesystem::exists(persistedFile("UnknownBag")));
-  subject->bagDictionaryWithServerResponseDictionary({{"a", 3}}, date.addingSeconds(1), kHTTPS,
-                                                     nullptr);
+  accept(*subject, {{"a", 3}}, kHTTPS, 1);
   EXPECT_EQ(bag(3)->valueForKey("a"), Value(3));
 }
 
@@ -249,25 +225,23 @@ TEST_F(BagTest, DamagedAndNewerCopiesAreNeverDestroyed) {
   EXPECT_EQ(*readFile(persistedFile()), newer);
 }
 
-TEST_F(BagTest, WhatCouldNotBeReadAgainIsNotWritten) {
+TEST_F(BagTest, WhatCouldNotBeReadAgainOrHasNoFolderIsNotWritten) {
   const auto subject = bag(3);
   Value deep = "x";
   for (std::size_t depth = 1; depth < PropertyList::kMaxDepth; ++depth) deep = Array{deep};
-  subject->bagDictionaryWithServerResponseDictionary({{"a", deep}}, inOneHour(), kHTTPS, nullptr);
+  accept(*subject, {{"a", deep}}, kHTTPS);
   EXPECT_FALSE(std::filesystem::exists(persistedFile("UnknownBag")));
   EXPECT_TRUE(world.log.mentions(1, "Bag: Error writing persisted bag to "));
   deep = *deep.array()->begin();
   deep = *deep.array()->begin();
-  subject->bagDictionaryWithServerResponseDictionary({{"a", deep}}, inOneHour().addingSeconds(1),
-                                                     kHTTPS, nullptr);
+  accept(*subject, {{"a", deep}}, kHTTPS, 1);
   EXPECT_EQ(bag(3)->valueForKey("a"), deep);
-}
 
-TEST_F(BagTest, AFolderThatCannotBeWrittenLosesOnlyTheCopy) {
-  std::filesystem::create_directories(world.directories.cacheHome);
+  std::filesystem::remove_all(world.directories.cacheHome / *client->identifier);
   std::ofstream(world.directories.cacheHome / *client->identifier) << "in the way";
+  world.log.clear();
   world.serve({{"a", 1}});
-  EXPECT_EQ(bag()->valueForKey("a"), Value(1));
+  EXPECT_EQ(bag()->valueForKey("a"), Value(1)) << "only the copy is lost";
   EXPECT_TRUE(world.log.mentions(1, "Bag: Error writing persisted bag to "));
 }
 
@@ -285,10 +259,8 @@ TEST_F(BagTest, RegularExpressionsMatchAnywhereWithoutCase) {
 }
 
 TEST_F(BagTest, AnswersThatAreNoDictionaryLeaveTheBagAlone) {
-  world.transport.setHandler([](const HTTPRequest& request) {
-    return ScriptedTransport::response(
-        request, 200, {}, PropertyList::encode(Array{1}, PropertyList::Format::XML).view());
-  });
+  world.transport.setHandler(
+      [](const HTTPRequest& request) { return ServiceWorld::listed(request, Array{1}); });
   EXPECT_TRUE(bag()->valueForKey("a").isNil());
   EXPECT_TRUE(world.log.contains(1, "BagLoadOperation: Output was not an dictionary (array)"));
 }

@@ -1,7 +1,5 @@
 #include "src/CookieStorage.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 
 #include "platform/VendBase/DefaultsKeys.h"
@@ -10,7 +8,7 @@
 namespace tallow {
 namespace {
 
-class CookieStorageTest : public ::testing::Test {
+class CookieStorageTest : public ServiceTest {
  protected:
   std::shared_ptr<CookieStorage> storage() { return CookieStorage::storageForClient(client); }
   void consume(const Value& setCookie, const char* from = "https://www.example.com/a/b") {
@@ -20,21 +18,15 @@ class CookieStorageTest : public ::testing::Test {
   Value cookiesFor(const char* url) {
     return storage()->httpHeadersForURL(URL::parse(url))["Cookie"];
   }
-  std::shared_ptr<Bag> bag() {
-    return BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
-  }
-
-  ServiceWorld world;
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
 };
 
-TEST_F(CookieStorageTest, ResponseCookiesAreKeptOnDiskAndInvalidateTheBag) {
+TEST_F(CookieStorageTest, ResponseCookiesAreKeptOnDiskAndInvalidateTheBagButDeletingDoesNot) {
   world.serve({{"a", 1}});
   bag()->valueForKey("a");
   ASSERT_TRUE(bag()->isValid());
-  storage()->consumeCookiesWithHTTPHeaders(Dictionary{{"Content-Type", "x"}},
-                                           URL::parse("https://www.example.com/"));
-  storage()->consumeCookiesWithHTTPHeaders(std::nullopt, URL::parse("https://www.example.com/"));
+  const auto page = URL::parse("https://www.example.com/");
+  storage()->consumeCookiesWithHTTPHeaders(Dictionary{{"Content-Type", "x"}}, page);
+  storage()->consumeCookiesWithHTTPHeaders(std::nullopt, page);
   consume("x=1; Domain=elsewhere.net");
   EXPECT_TRUE(bag()->isValid()) << "nothing was stored";
   consume(Array{"a=1; Path=/", "b=2; Path=/; Secure; Max-Age=60"});
@@ -44,30 +36,25 @@ TEST_F(CookieStorageTest, ResponseCookiesAreKeptOnDiskAndInvalidateTheBag) {
   EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1; b=2"));
   world.clock.advance(61);
   EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1"));
+
+  consume("c=1; Path=/; Max-Age=60");
+  bag()->valueForKey("a");
+  storage()->deleteAllCookies();
+  EXPECT_TRUE(bag()->isValid());
+  ServiceWorld::forgetControllers();
+  EXPECT_TRUE(cookiesFor("https://www.example.com/").isNil());
 }
 
-TEST_F(CookieStorageTest, SecureCookiesGoToExactlyHTTPS) {
+TEST_F(CookieStorageTest, SecureCookiesGoToExactlyHTTPSAndOfOneNameTheLaterOneGoes) {
   consume(Array{"a=1; Path=/", "s=2; Path=/; Secure"});
   EXPECT_EQ(cookiesFor("https://www.example.com/"), Value("a=1; s=2"));
   EXPECT_EQ(cookiesFor("http://www.example.com/"), Value("a=1"));
   EXPECT_EQ(cookiesFor("HTTPS://www.example.com/"), Value("a=1"));
   EXPECT_TRUE(storage()->httpHeadersForURL(std::nullopt).empty());
   EXPECT_TRUE(storage()->httpHeadersForURL(URL::parse("https://other.net/")).empty());
-}
-
-TEST_F(CookieStorageTest, OneCookieANameTheLaterOne) {
+  storage()->deleteAllCookies();
   consume(Array{"n=deep; Path=/a", "n=root; Path=/", "m=1; Path=/a"});
   EXPECT_EQ(cookiesFor("https://www.example.com/a"), Value("m=1; n=root"));
-}
-
-TEST_F(CookieStorageTest, DeletingLeavesTheBagAlone) {
-  consume("a=1; Path=/; Max-Age=60");
-  world.serve({{"a", 1}});
-  bag()->valueForKey("a");
-  storage()->deleteAllCookies();
-  EXPECT_TRUE(bag()->isValid());
-  ServiceWorld::forgetControllers();
-  EXPECT_TRUE(cookiesFor("https://www.example.com/").isNil());
 }
 
 TEST_F(CookieStorageTest, MediaClientsAlsoReadTheGroupsJar) {

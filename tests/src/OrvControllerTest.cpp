@@ -1,7 +1,5 @@
 #include "src/OrvController.h"
 
-#include <gtest/gtest.h>
-
 #include <future>
 
 #include "platform/Base/Base64.h"
@@ -15,18 +13,20 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-class OrvControllerTest : public ::testing::Test {
+class OrvControllerTest : public ServiceTest {
  protected:
   OrvControllerTest() { serve(Dictionary()); }
   ~OrvControllerTest() override {
+    ServiceWorld::settle();
     EXPECT_EQ(fake.buffers, 0) << "every buffer is given back";
     EXPECT_EQ(fake.sessions, 0) << "every session is ended";
   }
 
-  // The bag, and `answer` to every exchange.
-  void serve(const Value& answer, int status = 200, const char* text = nullptr) {
-    const Data list = text != nullptr ? Data(std::string_view(text))
-                                      : PropertyList::encode(answer, PropertyList::Format::XML);
+  // The bag, and `answer` to every exchange; data is the bare body.
+  void serve(const Value& answer, int status = 200) {
+    const Data body = answer.data() != nullptr
+                          ? *answer.data()
+                          : PropertyList::encode(answer, PropertyList::Format::XML);
     world.serveBag({{"trustedDomains", Array{"example.com"}},
                     {"amd-domains", Array{"store.example.com"}},
                     {"buyProduct", "https://store.example.com/buy"},
@@ -35,7 +35,7 @@ class OrvControllerTest : public ::testing::Test {
                     {"md-sync-machine", "https://store.example.com/md-sync"},
                     {"amd-sync-machine", "https://store.example.com/amd-sync"}},
                    [=](const HTTPRequest& request) {
-                     return ScriptedTransport::response(request, status, {}, list.view());
+                     return ScriptedTransport::response(request, status, {}, body.view());
                    });
   }
   void process(const Dictionary& headers) {
@@ -59,8 +59,6 @@ class OrvControllerTest : public ::testing::Test {
 
   FakeOrv fake;
   ScopedShared<OrvLibrary> sharedLibrary{fake.library()};
-  ServiceWorld world;
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
   OrvController orv;
 };
 
@@ -131,10 +129,10 @@ TEST_F(OrvControllerTest, ActionsAreReadByExactKeysAndFailuresAreReported) {
     ASSERT_EQ(events.size(), calls.size());
     if (calls.empty()) continue;
     const std::string verb = calls[0].substr(0, calls[0].find(' '));
-    EXPECT_EQ(events[0].first,
-              std::string("com.vantor.Quillon.orv.") + (verb == "reset"   ? "restart_provisioning"
-                                                        : verb == "start" ? "start_provisioning"
-                                                                          : "synchronize"));
+    const std::map<std::string, std::string> names = {{"reset", "restart_provisioning"},
+                                                      {"start", "start_provisioning"},
+                                                      {"sync", "synchronize"}};
+    EXPECT_EQ(events[0].first, "com.vantor.Quillon.orv." + names.at(verb));
     EXPECT_EQ(events[0].second, (Dictionary{{"result", "fail"}, {"error_code", -9}}));
     EXPECT_EQ(world.log.lines(1).empty(), verb == "reset") << "nothing is logged of a reset";
   }
@@ -176,21 +174,20 @@ TEST_F(OrvControllerTest, AFailedProvisioningEndsItsSessionLastAndSaysWhy) {
   const struct {
     Value answer;
     int status;
-    const char* text;
     std::int32_t finishStatus;
     bool reachesLibrary;
     std::int64_t code;
   } kCases[] = {
-      {Dictionary{{"failureType", 5002}, {"customerMessage", "No"}}, 200, nullptr, 0, false, 5002},
-      {Dictionary{{"failureType", "5003"}}, 200, nullptr, 0, false, 5003},
-      {Dictionary{{"failureType", Array()}}, 200, nullptr, 0, false, 0},
-      {Dictionary(), 200, nullptr, -12, true, -12},
-      {Array{"no", "dictionary"}, 200, nullptr, -13, true, -13},
-      {Dictionary(), 503, nullptr, 0, false, kHSErrorHTTPStatus},
-      {Dictionary(), 200, "<html>", 0, false, kHSErrorInvalidPropertyList},
+      {Dictionary{{"failureType", 5002}, {"customerMessage", "No"}}, 200, 0, false, 5002},
+      {Dictionary{{"failureType", "5003"}}, 200, 0, false, 5003},
+      {Dictionary{{"failureType", Array()}}, 200, 0, false, 0},
+      {Dictionary(), 200, -12, true, -12},
+      {Array{"no", "dictionary"}, 200, -13, true, -13},
+      {Dictionary(), 503, 0, false, kHSErrorHTTPStatus},
+      {Data("<html>"), 200, 0, false, kHSErrorInvalidPropertyList},
   };
   for (const auto& each : kCases) {
-    serve(each.answer, each.status, each.text);
+    serve(each.answer, each.status);
     fake.finishStatus = each.finishStatus;
     fake.calls.clear();
     world.log.clear();
@@ -263,9 +260,8 @@ TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
     return count;
   };
   answers("https", [](const HTTPRequest& request) {
-    return ScriptedTransport::response(
-        request, 200, {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}},
-        PropertyList::encode(Dictionary(), PropertyList::Format::XML).view());
+    return ServiceWorld::listed(request, Dictionary(),
+                                {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}});
   });
   process(order);
   ServiceWorld::settle();

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <memory>
 #include <optional>
@@ -25,7 +23,7 @@ namespace tallow {
 
 // A service world with a push agent, a store that answers pages as told, and fakes of all that
 // pushes set off. Everything answers on whatever thread asks.
-class PushFixture : public ::testing::Test {
+class PushFixture : public ServiceTest {
  protected:
   static constexpr const char* kGUID = "0123456789ABCDEF";
   static constexpr const char* kRegister = "/register";
@@ -48,6 +46,7 @@ class PushFixture : public ::testing::Test {
   };
 
   PushFixture() {
+    client->mediaTypeMask = 3;
     PushServiceStoreDispatch::registry().removeAll();
     world.transport.setHandler([this](const HTTPRequest& request) { return answer(request); });
   }
@@ -78,13 +77,10 @@ class PushFixture : public ::testing::Test {
   }
 
   Value record() {
-    return world.preferences.copyValue(kDefaultsAutoPushRegisteredDeviceTokensKey,
-                                       kDaemonDefaultsID, Preferences::User::Current,
-                                       Preferences::Host::Any);
+    return world.stored(kDefaultsAutoPushRegisteredDeviceTokensKey, kDaemonDefaultsID);
   }
   void setRecord(const Value& value) {
-    world.preferences.setValue(kDefaultsAutoPushRegisteredDeviceTokensKey, value, kDaemonDefaultsID,
-                               Preferences::User::Current, Preferences::Host::Any);
+    world.write(kDefaultsAutoPushRegisteredDeviceTokensKey, value, kDaemonDefaultsID);
   }
   // The decoded bodies of what was posted to a page.
   std::vector<Value> posted(const std::string& path) const {
@@ -94,12 +90,7 @@ class PushFixture : public ::testing::Test {
         bodies.push_back(*PropertyList::decode(request.body));
     return bodies;
   }
-  ServiceWorld world;
-  std::shared_ptr<HSStoreClient> client = [] {
-    auto made = ServiceWorld::client();
-    made->mediaTypeMask = 3;
-    return made;
-  }();
+
   std::shared_ptr<Agent> agent = std::make_shared<Agent>();
   int connections = 0;
   // What the pages answer, each answer once but the last, which stays; data is the bare body.
@@ -149,20 +140,16 @@ class PushFixture : public ::testing::Test {
   };
 
   Result<HTTPResponse> answer(const HTTPRequest& request) {
-    const auto encoded = [&](const Value& list, HTTPHeaderList headers = {}) {
-      return ScriptedTransport::response(
-          request, 200, std::move(headers),
-          PropertyList::encode(list, PropertyList::Format::XML).view());
-    };
     if (request.url.path() == "/bag")
-      return encoded(Dictionary{{"urlBag", bag}}, {{"Cache-Control", "max-age=3600"}});
+      return ServiceWorld::listed(request, Dictionary{{"urlBag", bag}},
+                                  {{"Cache-Control", "max-age=3600"}});
     auto& answers = pages[request.url.path()];
     if (answers.empty()) return ScriptedTransport::response(request, 404);
     const Value next = answers.front();
     if (answers.size() > 1) answers.erase(answers.begin());
     if (const Data* const raw = next.data())
       return ScriptedTransport::response(request, 200, {}, raw->view());
-    return encoded(next);
+    return ServiceWorld::listed(request, next);
   }
 
   Lines _lines{*this};

@@ -4,45 +4,27 @@
 
 #include "platform/VendBase/HSError.h"
 #include "tests/src/PushFixture.h"
+#include "tests/support/AnswerOf.h"
 
 namespace tallow {
 namespace {
 
+using Dispatch = PushServiceStoreDispatch;
+
 class PushServiceStoreDispatchTest : public PushFixture {
  protected:
-  struct Answer {
-    bool success = false;
-    std::optional<Error> error;
-    std::int64_t mask = -1;
-  };
-  Answer enabledMediaTypes() {
-    Answer answer;
-    dispatch()->getEnabledMediaTypes(
-        [&](bool success, const std::optional<Error>& error, std::int64_t mask) {
-          answer = {success, error, mask};
-        });
+  // What is answered, once all that it sets off is done.
+  template <class... Parameters, class... Arguments>
+  auto ask(void (Dispatch::*operation)(Parameters...), Arguments... arguments) const {
+    auto answer = answerOf(*dispatch(), operation, std::move(arguments)...);
     settle();
     return answer;
   }
-  template <class Operation, class... Arguments>
-  Answer call(Operation operation, Arguments... arguments) {
-    Answer answer;
-    ((*dispatch()).*operation)(arguments..., [&](bool success, const std::optional<Error>& error) {
-      answer.success = success;
-      answer.error = error;
-      answer.mask = dispatch()->enabledMediaTypeForDSID(7);
-    });
-    settle();
-    return answer;
+  std::optional<Error> enable() const {
+    return std::get<1>(ask(&Dispatch::enableAutoDownloadForEnvironmentNamed, "production"));
   }
-  Answer enable(const std::optional<std::string>& environment = "production") {
-    return call(&PushServiceStoreDispatch::enableAutoDownloadForEnvironmentNamed, environment);
-  }
-  bool isRegistered(std::optional<std::uint64_t> dsID, std::int64_t mask) {
-    bool answer = false;
-    dispatch()->isRegisteredForAccount(
-        dsID, mask, [&](bool, const std::optional<Error>&, bool yes) { answer = yes; });
-    return answer;
+  bool isRegistered(std::optional<std::uint64_t> dsID, std::int64_t mask) const {
+    return std::get<2>(ask(&Dispatch::isRegisteredForAccount, dsID, mask));
   }
 };
 
@@ -61,7 +43,12 @@ TEST_F(PushServiceStoreDispatchTest, OneDispatchForAnIdentifierWhateverTheClient
 
 TEST_F(PushServiceStoreDispatchTest, EnableAndDisableReplyFirstAndRecordAfterOnSuccessOnly) {
   signIn(7);
-  EXPECT_EQ(enable().mask, 0) << "not yet recorded when the reply came";
+  std::int64_t maskWhenAnswered = -1;
+  dispatch()->enableAutoDownloadForEnvironmentNamed("production", [&](bool, const auto&) {
+    maskWhenAnswered = dispatch()->enabledMediaTypeForDSID(7);
+  });
+  settle();
+  EXPECT_EQ(maskWhenAnswered, 0) << "not yet recorded when the reply came";
   EXPECT_TRUE(isRegistered(7, 3));
   EXPECT_FALSE(isRegistered(7, 1)) << "exactly, no subset";
   EXPECT_FALSE(isRegistered(8, 3));
@@ -69,27 +56,25 @@ TEST_F(PushServiceStoreDispatchTest, EnableAndDisableReplyFirstAndRecordAfterOnS
   EXPECT_EQ(agent->asked, std::vector<std::optional<std::string>>{"production"});
 
   pages[kMediaTypes] = {Dictionary{{"status", 9}}};
-  EXPECT_EQ(call(&PushServiceStoreDispatch::disableAutoDownload).error->code, 9);
-  EXPECT_EQ(enable().error->code, 9);
+  EXPECT_EQ(std::get<1>(ask(&Dispatch::disableAutoDownload))->code, 9);
+  EXPECT_EQ(enable()->code, 9);
   EXPECT_TRUE(isRegistered(7, 3)) << "as it was";
   pages[kMediaTypes] = {Dictionary{{"status", 0}}};
-  EXPECT_TRUE(call(&PushServiceStoreDispatch::disableAutoDownload).success);
+  EXPECT_EQ(ask(&Dispatch::disableAutoDownload), std::tuple(true, std::nullopt));
   EXPECT_TRUE(isRegistered(7, 0));
   EXPECT_EQ(agent->asked.size(), 2u) << "disabling needs no token";
 }
 
 TEST_F(PushServiceStoreDispatchTest, WithoutATokenNothingIsSent) {
   const Error expected = makeError("PushServiceStoreDispatch", -1, "Failed to get device token");
-  const std::vector<std::pair<bool, std::optional<Data>>> answers = {
-      {false, std::nullopt}, {false, Data("t")}, {true, std::nullopt}};
-  for (const auto& [success, token] : answers) {
+  for (const auto& [success, token] :
+       {std::pair(false, std::optional<Data>()), std::pair(false, std::optional(Data("t"))),
+        std::pair(true, std::optional<Data>())}) {
     agent->success = success;
     agent->token = token;
-    EXPECT_EQ(enable().error, expected);
-    EXPECT_EQ(call(&PushServiceStoreDispatch::registerDeviceTokenForEnvironmentNamed,
-                   std::optional<std::string>())
-                  .error,
-              expected);
+    EXPECT_EQ(enable(), expected);
+    EXPECT_EQ(ask(&Dispatch::registerDeviceTokenForEnvironmentNamed, std::nullopt),
+              std::tuple(false, expected));
   }
   dispatch()->enableAutoDownloadForEnvironmentNamed("x", nullptr);  // which is checked here
   EXPECT_TRUE(posted(kRegister).empty());
@@ -103,16 +88,15 @@ TEST_F(PushServiceStoreDispatchTest, ALostConnectionIsMadeAnewByWhoeverNeedsOne)
   enable();
   enable();
   EXPECT_EQ(connections, 1);
-  const auto other =
-      PushServiceStoreDispatch::pushServiceStoreDispatchForClient(ServiceWorld::client("other"));
+  const auto other = Dispatch::pushServiceStoreDispatchForClient(ServiceWorld::client("other"));
   for (const auto* handler : {&agent->interrupted, &agent->invalidated}) {
     const int before = connections;
     (*handler)();
-    EXPECT_TRUE(PushServiceStoreDispatch::connectionIsLost());
+    EXPECT_TRUE(Dispatch::connectionIsLost());
     EXPECT_EQ(connections, before) << "nobody reconnects by himself";
     other->xpcConnection();
     EXPECT_EQ(connections, before + 1);
-    EXPECT_FALSE(PushServiceStoreDispatch::connectionIsLost());
+    EXPECT_FALSE(Dispatch::connectionIsLost());
     enable();
     EXPECT_EQ(connections, before + 1) << "the flag is everybody's";
   }
@@ -122,12 +106,11 @@ TEST_F(PushServiceStoreDispatchTest, ALostConnectionIsMadeAnewByWhoeverNeedsOne)
 
 TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnouncedAgain) {
   signIn(7);
-  struct Case {
+  const struct {
     Value answer;
     std::optional<std::int64_t> code;
     std::int64_t mask;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {Dictionary{{"enabled-media-kinds", Array{"ebook", 5, "music"}}, {"status", 5}}, {}, 2},
       {Dictionary{{"status", 5}}, 5, 2},
       {Dictionary{{"status", "6x"}}, 6, 2},
@@ -137,15 +120,12 @@ TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnou
       {Dictionary{{"enabled-media-kinds", Array()}}, {}, 0},
       {Dictionary{{"enabled-media-kinds", Array{"mac-software"}}}, {}, 1},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
     pages[kEnabled] = {each.answer};
-    const Answer answer = enabledMediaTypes();
-    EXPECT_EQ(answer.success, !each.code) << description(each.answer);
-    EXPECT_EQ(answer.mask, each.mask) << description(each.answer);
-    if (each.code) {
-      EXPECT_EQ(*answer.error,
-                HSError(*each.code, "Auto push", "Failed to get enabled mediaTypes"));
-    }
+    std::optional<Error> expected;
+    if (each.code) expected = HSError(*each.code, "Auto push", "Failed to get enabled mediaTypes");
+    EXPECT_EQ(ask(&Dispatch::getEnabledMediaTypes), std::tuple(!each.code, expected, each.mask))
+        << description(each.answer);
   }
   EXPECT_TRUE(agent->asked.empty());
   for (const HTTPRequest& request : world.transport.requests()) {
@@ -155,13 +135,11 @@ TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnou
   }
 
   pages[kEnabled] = {Dictionary{{"unrelated", 1}}};
-  const Answer unknown = enabledMediaTypes();
-  EXPECT_TRUE(unknown.success);
-  EXPECT_EQ(unknown.mask, 0);
+  EXPECT_EQ(ask(&Dispatch::getEnabledMediaTypes), std::tuple(true, std::nullopt, 0));
   EXPECT_EQ(agent->asked, std::vector<std::optional<std::string>>{"production"});
   EXPECT_EQ(posted(kRegister).size(), 1u);
   pages[kEnabled].clear();
-  EXPECT_EQ(enabledMediaTypes().error->code, kHSErrorHTTPStatus);
+  EXPECT_EQ(std::get<1>(ask(&Dispatch::getEnabledMediaTypes))->code, kHSErrorHTTPStatus);
 }
 
 TEST_F(PushServiceStoreDispatchTest, EachKindOfPushDoesItsOwn) {
@@ -212,7 +190,7 @@ TEST_F(PushServiceStoreDispatchTest, EachKindOfPushDoesItsOwn) {
 
 TEST_F(PushServiceStoreDispatchTest, AFirstBuyIsOfferedByTheStoreAgentAndTurnsDownloadsOn) {
   const Dictionary push{{"0", 1}, {"1", 4}};
-  const auto books = PushServiceStoreDispatch::pushServiceStoreDispatchForClient(
+  const auto books = Dispatch::pushServiceStoreDispatchForClient(
       ServiceWorld::client("books", kHSStoreClientTypeBookStoreAgent));
   books->handlePushNotificationMessage(push);
   EXPECT_TRUE(notifications.empty());
@@ -248,9 +226,7 @@ TEST_F(PushServiceStoreDispatchTest, AFirstBuyIsOfferedByTheStoreAgentAndTurnsDo
 }
 
 TEST_F(PushServiceStoreDispatchTest, TheGateOpensForTheSignedInAccountOfTheStoreAgent) {
-  const auto gate = [](const Value& dsID) {
-    return PushServiceStoreDispatch::canStartAutodownloadForDSID(dsID);
-  };
+  const auto gate = [](const Value& dsID) { return Dispatch::canStartAutodownloadForDSID(dsID); };
   const std::string prefix = "PushServiceStoreDispatch: Ignoring push notification due to ";
   EXPECT_FALSE(gate(0));
   EXPECT_TRUE(world.log.contains(1, prefix + "zero dsid in payload"));

@@ -59,42 +59,36 @@ TEST_F(RegisterPushNotificationOperationTest, BodiesHoldWhatThereIs) {
             (std::vector<Value>{guid.setting("media-types", Array{"mac-software", "ebook"}), guid,
                                 guid, guid.setting("media-types", Array())}));
   EXPECT_EQ(posted(kRegister).size(), 1u) << "already sent";
-  const std::map<std::string, Value> dumps = [&] {
-    const auto all = world.log.propertyLists();
-    return std::map<std::string, Value>(all.begin(), all.end());
-  }();
+  const auto dumped = world.log.propertyLists();
+  const std::map<std::string, Value> dumps(dumped.begin(), dumped.end());
   EXPECT_EQ(dumps.at("RequestBodyRegisterSuccess"), Value(announcement));
   EXPECT_EQ(dumps.at("ResponseBody_register"), Value(kDone));
   EXPECT_EQ(dumps.count("RequestBodyMediaTypes"), 1u);
 }
 
 TEST_F(RegisterPushNotificationOperationTest, WhatTheStoreAnswersDecides) {
-  struct Case {
+  const struct {
     Value answer;
     bool success;
     std::int64_t code;
-    const char* message;
-  };
-  const std::vector<Case> cases = {
-      {kDone, true, 0, nullptr},
-      {Dictionary(), false, 0, nullptr},
+    std::optional<std::string> message;
+  } cases[] = {
+      {kDone, true, 0, {}},
+      {Dictionary(), false, 0, {}},
       {Dictionary{{"status", 2}, {"customerMessage", "x"}}, false, 2, "Failed to register"},
       {Dictionary{{"failureType", "5002"}, {"customerMessage", "x"}}, false, 5002, "x"},
-      {Dictionary{{"status", "0"}, {"failureType", Array()}, {"customerMessage", 5}}, false, 0,
-       nullptr},
+      {Dictionary{{"status", "0"}, {"failureType", Array()}, {"customerMessage", 5}}, false, 0, {}},
       {Dictionary{{"status", -7.0}}, false, -7, "Failed to register"},
       {Array{kDone}, false, 0, "Failed to register"},
       {"text", false, 0, "Failed to register"},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
     pages[kMediaTypes] = {each.answer};
     const Ran ran = run(0);
     EXPECT_EQ(ran.success, each.success) << description(each.answer);
     if (each.success) continue;
     ASSERT_TRUE(ran.error);
-    EXPECT_EQ(*ran.error,
-              HSError(each.code, "Register for push notification",
-                      each.message ? std::optional<std::string>(each.message) : std::nullopt))
+    EXPECT_EQ(*ran.error, HSError(each.code, "Register for push notification", each.message))
         << description(*ran.error);
   }
   for (const char* body : {"", "<html>"}) {
@@ -106,10 +100,9 @@ TEST_F(RegisterPushNotificationOperationTest, WhatTheStoreAnswersDecides) {
 }
 
 TEST_F(RegisterPushNotificationOperationTest, ABagWithoutTheEntryIsAnError) {
-  const std::vector<Value> wrong = {Value(), "https://store.example.com/register", Array(),
-                                    Dictionary{{"register-success", 5}},
-                                    Dictionary{{"register-success", "no url"}}};
-  for (const Value& entry : wrong) {
+  for (const Value& entry : {Value(), Value("https://store.example.com/register"), Value(Array()),
+                             Value(Dictionary{{"register-success", 5}}),
+                             Value(Dictionary{{"register-success", "no url"}})}) {
     bag = bag.setting("push-notifications", entry).setting("automatic-downloads2", entry);
     ServiceWorld::forgetControllers();
     std::filesystem::remove_all(world.directories.cacheHome);
@@ -143,11 +136,10 @@ TEST_F(RegisterPushNotificationOperationTest, OnlyATokenThatStoodAsAnnouncedIsAn
 
 TEST_F(RegisterPushNotificationOperationTest, TheRecordIsReadInBothForms) {
   signIn(7);
-  struct Case {
+  const struct {
     Value record;
     bool sends, isFirst;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {Value(), true, true},
       {Array{"OTHER:7", 5}, true, true},
       {Array{pair("7")}, true, false},
@@ -157,14 +149,14 @@ TEST_F(RegisterPushNotificationOperationTest, TheRecordIsReadInBothForms) {
       {Dictionary{{"OTHER:7", Data("token")}}, true, true},
       {"text", true, true},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
+    SCOPED_TRACE(description(each.record));
     setRecord(each.record);
     downloadChecks.clear();
     const std::size_t before = posted(kRegister).size();
     EXPECT_TRUE(run(2).success);
-    EXPECT_EQ(posted(kRegister).size() - before, each.sends ? 1u : 0u) << description(each.record);
-    EXPECT_EQ(downloadChecks.size(), each.sends && !each.isFirst ? 1u : 0u)
-        << description(each.record);
+    EXPECT_EQ(posted(kRegister).size() - before, each.sends ? 1u : 0u);
+    EXPECT_EQ(downloadChecks.size(), each.sends && !each.isFirst ? 1u : 0u);
     const Value after = record();
     EXPECT_EQ((*after.dictionary())[pair("7")], Value(Data("token")));
     const Dictionary* const old = each.record.dictionary();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -61,22 +63,44 @@ class ServiceWorld {
     return client;
   }
 
+  // The same as it is after a change of its descriptor.
+  static std::shared_ptr<HSStoreClient> changed(const HSStoreClient& client,
+                                                const std::string& userAgent = "changed") {
+    auto other = std::make_shared<HSStoreClient>(client);
+    other->userAgent = userAgent;
+    return other;
+  }
+
+  // An answer of status 200 with a property list, XML.
+  static HTTPResponse listed(const HTTPRequest& request, const Value& body,
+                             HTTPHeaderList headers = {}) {
+    return ScriptedTransport::response(
+        request, 200, std::move(headers),
+        PropertyList::encode(body, PropertyList::Format::XML).view());
+  }
+
   // Answers every request with `body`, an unsigned bag over https unless it says otherwise.
   void serve(const Dictionary& body, HTTPHeaderList headers = {{"Cache-Control", "max-age=3600"}}) {
-    const Data bytes = PropertyList::encode(body, PropertyList::Format::XML);
-    transport.setHandler([bytes, headers](const HTTPRequest& request) {
-      return ScriptedTransport::response(request, 200, headers, bytes.view());
-    });
+    transport.setHandler(
+        [=](const HTTPRequest& request) { return listed(request, body, headers); });
   }
 
   // Answers requests for the bag with this one, unsigned, and all others with `answer`.
   void serveBag(const Dictionary& bag, ScriptedTransport::Answer answer,
                 HTTPHeaderList headers = {{"Cache-Control", "max-age=3600"}}) {
-    const Data bytes = PropertyList::encode(bag, PropertyList::Format::XML);
     transport.setHandler([=](const HTTPRequest& request) -> Result<HTTPResponse> {
       if (request.url.host() != "bag.example.com") return answer(request);
-      return ScriptedTransport::response(request, 200, headers, bytes.view());
+      return listed(request, bag, headers);
     });
+  }
+
+  // What is in the preferences.
+  Value stored(const std::string& key, const std::string& domain = "com.example.store") {
+    return preferences.copyValue(key, domain, Preferences::User::Current, Preferences::Host::Any);
+  }
+  void write(const std::string& key, const Value& value,
+             const std::string& domain = "com.example.store") {
+    preferences.setValue(key, value, domain, Preferences::User::Current, Preferences::Host::Any);
   }
 
   static void settle() { WorkerPool::shared().waitUntilIdle(); }
@@ -105,6 +129,17 @@ class ServiceWorld {
   ScopedShared<Directories> _sharedDirectories{directories};
   ScopedShared<HTTPTransport> _sharedTransport{transport};
   HSServiceProxy::LocalAccountService _previousService;
+};
+
+// A test of what the service does for one client.
+class ServiceTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<Bag> bag() const {
+    return BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
+  }
+
+  ServiceWorld world;
+  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
 };
 
 }  // namespace tallow

@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <future>
 #include <limits>
 
 #include "platform/VendBase/HSDevice.h"
@@ -11,6 +10,7 @@
 #include "src/AccountService/HSStoreAccount+AccountService.h"
 #include "src/BagController.h"
 #include "tests/src/AccountService/AccountsFixture.h"
+#include "tests/support/AnswerOf.h"
 
 namespace tallow {
 namespace {
@@ -36,8 +36,7 @@ TEST_F(AccountsTest, ClientsOfOneTypeAndBagShareAStoreWhateverTheyAreCalled) {
 
   const auto outfitter = ServiceWorld::client("com.example.outfitter", kHSStoreClientTypeOutfitter);
   const auto before = AccountStore::accountStoreForClient(outfitter);
-  auto changed = std::make_shared<HSStoreClient>(*outfitter);
-  changed->userAgent = "changed";
+  const auto changed = ServiceWorld::changed(*outfitter);
   const auto after = AccountStore::accountStoreForClient(changed);
   EXPECT_NE(after, before);
   EXPECT_EQ(AccountStore::accountStoreForClient(changed), after);
@@ -172,15 +171,10 @@ TEST_F(AccountsTest, OddAnswersToASignInChangeNobodyElse) {
 }
 
 TEST_F(AccountsTest, SigningInAsksTheTransactionServiceAndPassesOnWhatItSays) {
-  std::promise<std::tuple<bool, AccountStore::Account, std::optional<Error>>> answered;
   const auto ask = [&] {
-    answered = {};
     HSAuthenticationContext context;
     context.identifier = "name";
-    store()->signInWithContext(context, [&](bool success, auto account, auto error) {
-      answered.set_value({success, account, error});
-    });
-    return answered.get_future().get();
+    return answerOf(*store(), &AccountStore::signInWithContext, context);
   };
   transactions->answer = [&](const HSAuthenticationContext& context, const auto& reply) {
     EXPECT_EQ(context.identifier, "name");
@@ -223,8 +217,7 @@ TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnsw
   finishOperations();
   ASSERT_FALSE(world.transport.requests().empty());
   EXPECT_EQ(world.transport.requests().back().url.path(), "/out");
-  EXPECT_FALSE(
-      BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction)->isValid());
+  EXPECT_FALSE(bag()->isValid());
   EXPECT_THAT(notifications.posted,
               ElementsAre(std::pair(std::string("HSNotificationAccountSignOutFinished"),
                                     *client->identifier)));
@@ -234,13 +227,12 @@ TEST_F(AccountsTest, SigningOutForgetsTokensAtOnceAndTellsTheStoreWhateverItAnsw
 
   // A store that never answers is given up on.
   answers = false;
-  const auto bag = BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
-  EXPECT_FALSE(bag->valueForKey("logout").isNil());
+  EXPECT_FALSE(bag()->valueForKey("logout").isNil());
   finishOperations();
-  ASSERT_TRUE(bag->isValid());
+  ASSERT_TRUE(bag()->isValid());
   store()->signOut();
   finishOperations();
-  EXPECT_FALSE(bag->isValid());
+  EXPECT_FALSE(bag()->isValid());
   EXPECT_EQ(notifications.posted.size(), 2u);
 }
 
@@ -248,7 +240,7 @@ TEST_F(AccountsTest, AStoreKnowsABoundedNumberOfAccounts) {
   std::vector<Value> records;
   for (std::uint64_t dsID = 1; dsID < AccountStore::kMaxAccounts; ++dsID)
     records.emplace_back(Dictionary{{"dsid", dsID}, {"identifier", "n"}});
-  write(kDefaultsKnownAccountsKey, Array(records));
+  world.write(kDefaultsKnownAccountsKey, Array(records));
   EXPECT_NE(store()->addAccountWithAuthenticationResponse(response(5000), true), nullptr);
   EXPECT_FALSE(store()->addAccount(account(5001, "one too many")));
   EXPECT_EQ(store()->addAccountWithAuthenticationResponse(response(5001), true), nullptr);
@@ -304,11 +296,9 @@ TEST_F(AccountsTest, EligibilityIsAskedWithoutTheServicesNameAndRememberedAlsoWh
     body = testCase.body;
     status = testCase.status;
     store()->addAccount(account(1, "a"));
-    std::promise<std::pair<bool, bool>> answered;
-    store()->getEligibilityForService("1", [&](bool eligible, const std::optional<Error>& error) {
-      answered.set_value({eligible, error.has_value()});
-    });
-    EXPECT_EQ(answered.get_future().get(), std::pair(testCase.eligible, testCase.fails)) << body;
+    const auto [eligible, error] = answerOf(*store(), &AccountStore::getEligibilityForService, "1");
+    EXPECT_EQ(eligible, testCase.eligible) << body;
+    EXPECT_EQ(error.has_value(), testCase.fails) << body;
     EXPECT_EQ(store()->eligibilityForService("1"), testCase.eligible) << body;
   }
   EXPECT_EQ(store()->eligibilityForService("2"), std::nullopt);

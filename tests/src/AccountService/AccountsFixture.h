@@ -1,7 +1,5 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <mutex>
 #include <string>
 #include <utility>
@@ -18,7 +16,7 @@ namespace tallow {
 
 // A service world whose main run loop passes time only when told to, whose transaction service is
 // played by the test, and in which posted notifications are kept.
-class AccountsTest : public ::testing::Test {
+class AccountsTest : public ServiceTest {
  protected:
   class Observer final : public HSAccountStoreObserver {
    public:
@@ -69,27 +67,16 @@ class AccountsTest : public ::testing::Test {
     for (const auto& known : store.accounts()) all.push_back(known->dsID().value_or(0));
     return all;
   }
-  Value stored(const std::string& key, const std::string& domain = "com.example.store") {
-    return world.preferences.copyValue(key, domain, Preferences::User::Current,
-                                       Preferences::Host::Any);
-  }
-  void write(const std::string& key, const Value& value,
-             const std::string& domain = "com.example.store") {
-    world.preferences.setValue(key, value, domain, Preferences::User::Current,
-                               Preferences::Host::Any);
-  }
   static void finishOperations() {
     HSOperationQueue::mainQueue().waitUntilAllOperationsAreFinished();
     ServiceWorld::settle();
   }
 
-  ServiceWorld world;
   ManualRunLoop loop{world.clock};
   const ScopedShared<RunLoop> sharedLoop{loop};
   Notifications notifications;
   const ScopedShared<DistributedNotificationCenter> sharedNotifications{notifications};
   std::shared_ptr<TransactionService> transactions = std::make_shared<TransactionService>();
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
 
  private:
   HSServiceProxy::TransactionServices _services = [this](const auto&) { return transactions; };

@@ -153,7 +153,7 @@ TEST_F(IdleExitTest, LeavesOnlyWhenNobodyNeedsTheService) {
     staysWhile("a cookie is not on disk");
   }
   passUntilTheNameIsGone();
-  EXPECT_FALSE(stored(kDefaultsKnownAccountsKey).isNil());
+  EXPECT_FALSE(world.stored(kDefaultsKnownAccountsKey).isNil());
   const auto jar = CookieJar::open(world.directories.dataHome / "Cookies" /
                                    (client->appPreferencesDomain + ".cookies"));
   EXPECT_EQ((*jar)->cookiesForURL(url, true).size(), 1u);

@@ -2,6 +2,7 @@
 
 #include "platform/VendBase/HSPendingReply.h"
 #include "tests/src/PushFixture.h"
+#include "tests/support/AnswerOf.h"
 
 namespace tallow {
 namespace {
@@ -9,12 +10,8 @@ namespace {
 class PushAndSetUpTest : public PushFixture {
  protected:
   void setUp(const Dictionary& response) {
-    const HSPendingReply<bool> reply;
-    interface->completeSetupWithResponse(
-        response, [answer = reply.callback()](bool success, const std::optional<Error>& error) {
-          answer(success && !error);
-        });
-    EXPECT_EQ(reply.wait(30), true);
+    EXPECT_EQ(answerOf(*interface, &HSAccountService::completeSetupWithResponse, response),
+              std::tuple(true, std::nullopt));
     settle();
   }
   std::shared_ptr<HSStoreAccount> primary() const {
@@ -53,12 +50,11 @@ TEST_F(PushAndSetUpTest, AResponseBecomesThePrimaryAccountCookiesAndStorefront) 
 
 TEST_F(PushAndSetUpTest, WhateverIsWrongWithAResponseReachesTheSystemLogOnly) {
   const std::string line = "AccountServiceInterface: com.example.store ";
-  struct Case {
+  const struct {
     Dictionary response;
     std::vector<std::string> lines;
     std::optional<std::uint64_t> dsID;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {{},
        {line + "dsid is unexpected type ((null))",
         line + "account-active not present in account data, assuming account is not signed in {}"},
@@ -71,7 +67,7 @@ TEST_F(PushAndSetUpTest, WhateverIsWrongWithAResponseReachesTheSystemLogOnly) {
       {{{"dsid", "18x"}, {"account-active", "no"}, {"email", 5}, {"storefront", 5}}, {}, 18},
       {{{"dsid", "text"}, {"account-active", 1}, {"cookies", 7}}, {}, 0},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
     systemLines.clear();
     setUp(each.response);
     EXPECT_EQ(systemLines, each.lines);
@@ -91,9 +87,8 @@ TEST_F(PushAndSetUpTest, APushWithoutAStoreClientIsForTypes0And1InThatOrder) {
   std::ofstream(clients / "books.toml")
       << "identifier = \"books\"\nclient-type = \"book-store-agent\"\n";
   interface = std::make_shared<AccountServiceInterface>(nullptr);
-  const HSPendingReply<std::monostate> done;
-  interface->handlePushNotificationMessage({{"0", 0}, {"1", 2}}, done.doneCallback());
-  ASSERT_TRUE(done.wait(30));
+  answerOf(*interface, &HSAccountService::handlePushNotificationMessage,
+           Dictionary{{"0", 0}, {"1", 2}});
   std::vector<std::string> ignored;
   for (const std::string& line : world.log.lines(1))
     if (line.ends_with("zero dsid in payload")) ignored.push_back(line.substr(0, 32));

@@ -27,7 +27,7 @@ Error statusError(int status) {
   return error;
 }
 
-class ServiceStatusTest : public ::testing::Test {
+class ServiceStatusTest : public ServiceTest {
  protected:
   static Dictionary status() { return serviceStatus(false, 0); }
   static Dictionary row(const Dictionary& status, const char* list, std::size_t index = 0) {
@@ -37,17 +37,14 @@ class ServiceStatusTest : public ::testing::Test {
                                                              : Dictionary();
   }
 
-  ServiceWorld world;
   RecentFailures failures;
   ScopedShared<RecentFailures> sharedFailures{failures};
-  std::shared_ptr<HSStoreClient> client = ServiceWorld::client();
 };
 
 TEST_F(ServiceStatusTest, TellsWhatTheServiceHoldsAndNoSecret) {
   world.serve({{"a", "x"}});
   world.clock.advance(90);
-  const auto controller = BagController::bagControllerForClient(client);
-  controller->bagWithType(kBagTypeProduction)->valueForKey("a");
+  bag()->valueForKey("a");
   CookieStorage::storageForClient(client)->consumeCookiesWithHTTPHeaders(
       Dictionary{{"Set-Cookie", "session=cookiesecret; Max-Age=60"}},
       URL::parse("https://bag.example.com/"));
@@ -58,9 +55,8 @@ TEST_F(ServiceStatusTest, TellsWhatTheServiceHoldsAndNoSecret) {
   const Dictionary told = status();
   EXPECT_EQ(told["instance"], "agent");
   EXPECT_EQ(told["uptimeSeconds"], 90);
-  const Dictionary bag = row(told, "bags");
-  EXPECT_EQ(bag["source"], "https://bag.example.com/bag");
-  EXPECT_EQ(bag["kept"], false);
+  EXPECT_EQ(row(told, "bags")["source"], "https://bag.example.com/bag");
+  EXPECT_EQ(row(told, "bags")["kept"], false);
   EXPECT_EQ(row(told, "jars")["cookies"], 1);
   EXPECT_EQ(row(told, "accounts")["dsid"], 7);
   EXPECT_EQ(row(told, "accounts")["token"], "valid");
@@ -80,14 +76,13 @@ TEST_F(ServiceStatusTest, TellsWhatTheServiceHoldsAndNoSecret) {
 
 TEST_F(ServiceStatusTest, TellsWhoseCallFailedAndWhatToDo) {
   world.transport.setHandler(ScriptedTransport::fail(HTTPTransport::kCannotConnect));
-  const auto bag = BagController::bagControllerForClient(client)->bagWithType(kBagTypeProduction);
   SerialQueue queue("busy");
   {
     // As a call on the bus comes in, and hops.
     const Activity::Scope scope("com.example.caller", "valueForURLBagKey");
     queue.async([&] {
-      bag->valueForKey("a");
-      bag->valueForKey("a");
+      bag()->valueForKey("a");
+      bag()->valueForKey("a");
       EXPECT_GE(SerialQueue::busyQueues().at("busy"), 1u);
     });
   }
