@@ -1,5 +1,6 @@
 #include "platform/XPC/PeerBacklog.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/VendBase/VBLogManager.h"
@@ -9,9 +10,10 @@
 namespace tallow {
 
 bool PeerBacklog::add(Call call, std::size_t bytes, Dropped dropped) {
-  Waiting added{std::move(call), bytes, std::move(dropped)};
+  Waiting added{std::move(call), bytes, std::move(dropped), 0};
   {
     const std::lock_guard lock(_lock);
+    added.number = ++_lastNumber;
     if (!_waiting.empty() || !hasRoomFor(bytes)) {
       if (_waiting.size() == kMaxWaiting || _waitingBytes + bytes > kMaxWaitingBytes) {
         logLevel(1, "%@: The %s has too much to do already; a call is dropped",
@@ -49,14 +51,15 @@ void PeerBacklog::make(std::shared_ptr<Waiting> call) {
 
 bool PeerBacklog::answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error) {
   const bool isRefused = error && error->domain == bus::kLimitsExceeded;
-  std::deque<Waiting> dropped;
+  std::list<Waiting> dropped;
   {
     const std::lock_guard lock(_lock);
     --_unanswered;
     _unansweredBytes -= call->bytes;
     if (isRefused) {
       _waitingBytes += call->bytes;
-      _waiting.push_front(std::move(*call));
+      const auto later = [&](const Waiting& each) { return each.number > call->number; };
+      _waiting.insert(std::find_if(_waiting.begin(), _waiting.end(), later), std::move(*call));
       waitForRoom();
     } else if (error && PeerConnection::cannotBeReached(*error)) {
       dropped.swap(_waiting);

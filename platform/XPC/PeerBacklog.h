@@ -2,8 +2,9 @@
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,7 +19,8 @@ namespace tallow {
 // is worked off without loss by a peer that answers, and one that does not holds a bounded number:
 // a bus holds a call open until it is answered or the peer has gone, however long its caller wants
 // to wait, so that is waited for. A call that the bus refuses, for too many are open all the same,
-// is made again in a second. One for each peer, for the life of the process. Any thread.
+// is made again in a second, in its place before those that came later. One for each peer, for the
+// life of the process. Any thread.
 class PeerBacklog {
  public:
   static constexpr const char* kClassName = "PeerBacklog";  // in log lines
@@ -52,6 +54,7 @@ class PeerBacklog {
     Call call;
     std::size_t bytes = 0;
     Dropped dropped;
+    std::uint64_t number = 0;  // in the order in which they came
   };
   void make(std::shared_ptr<Waiting> call);
   bool answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error);
@@ -63,8 +66,9 @@ class PeerBacklog {
   const char* const _what;
   std::mutex _lock;
   // Guarded by _lock.
-  std::deque<Waiting> _waiting;
+  std::list<Waiting> _waiting;  // keeps nothing of what a burst has held
   std::size_t _waitingBytes = 0;
+  std::uint64_t _lastNumber = 0;
   std::size_t _unanswered = 0, _unansweredBytes = 0;
   std::shared_ptr<RunLoop::Timer> _untilRoom;  // while the bus takes no more
   std::shared_ptr<void> _transaction;          // open while anything is: the process would lose it
