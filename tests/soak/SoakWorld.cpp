@@ -2,8 +2,6 @@
 
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,10 +60,7 @@ SoakWorld::SoakWorld() {
 SoakWorld::~SoakWorld() {
   killService();
   _bus.reset();
-  if (_store > 0) {
-    ::kill(_store, SIGKILL);
-    waitpid(_store, nullptr, 0);
-  }
+  _store->end(SIGKILL);
   if (_hasDisk) umount2((_root.path() / "disk").c_str(), MNT_DETACH);
 }
 
@@ -73,32 +68,14 @@ void SoakWorld::startStore() {
   const std::string state = (_root.path() / "store").native();
   const std::string http = _http.empty() ? "0" : portOf(_http);
   const std::string https = _https.empty() ? "0" : portOf(_https);
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe to the store");
-  const pid_t parent = getpid();
-  _store = fork();
-  if (_store == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    dup2(ends[1], STDOUT_FILENO);
-    execl(TALLOW_DEVSTORE_PROGRAM, TALLOW_DEVSTORE_PROGRAM, "--state", state.c_str(), "--port",
-          http.c_str(), "--https-port", https.c_str(), nullptr);
-    _exit(127);
-  }
-  close(ends[1]);
-  std::string output;
-  std::array<char, 512> part{};
-  while (output.find("\nready") == std::string::npos) {
-    const ssize_t count = read(ends[0], part.data(), part.size());
-    if (count <= 0) throw std::runtime_error("the store did not start");
-    output.append(part.data(), static_cast<std::size_t>(count));
-  }
-  close(ends[0]);
+  _store.emplace(std::vector<std::string>{TALLOW_DEVSTORE_PROGRAM, "--state", state, "--port", http,
+                                          "--https-port", https},
+                 STDOUT_FILENO, "\nready\n");
   if (!_http.empty()) return;
-  _http = valueIn(output, "TALLOW_DEVSTORE");
-  _https = valueIn(output, "TALLOW_DEVSTORE_HTTPS");
+  _http = valueIn(_store->said(), "TALLOW_DEVSTORE");
+  _https = valueIn(_store->said(), "TALLOW_DEVSTORE_HTTPS");
   ::setenv("TALLOW_DEVSTORE", _http.c_str(), 1);
-  ::setenv("TALLOW_CA_FILE", valueIn(output, "TALLOW_DEVSTORE_CA").c_str(), 1);
+  ::setenv("TALLOW_CA_FILE", valueIn(_store->said(), "TALLOW_DEVSTORE_CA").c_str(), 1);
 }
 
 // This program may act as each of them.
@@ -147,8 +124,7 @@ bool SoakWorld::killPeer(const std::string& name) {
 
 void SoakWorld::killStore() {
   const std::lock_guard lock(_storeLock);
-  ::kill(_store, SIGKILL);
-  waitpid(_store, nullptr, 0);
+  _store->end(SIGKILL);
   startStore();
 }
 

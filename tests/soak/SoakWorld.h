@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tests/support/PrivateBus.h"
+#include "tests/support/Program.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -67,7 +68,7 @@ class SoakWorld {
   TemporaryFolder _root;
   bool _hasDisk = false;
   std::mutex _storeLock;
-  pid_t _store = -1;
+  std::optional<Program> _store;
   std::string _http, _https;
   std::unique_ptr<PrivateBus> _bus;
   std::atomic<std::uint64_t> _kills{0};

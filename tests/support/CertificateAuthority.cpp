@@ -66,17 +66,24 @@ void addExtension(X509* certificate, X509* issuer, const std::string& name,
   X509_EXTENSION_free(extension);
 }
 
-void sign(X509* certificate, const TestKey& key, const CertificateOptions& options) {
+// What a key signs with; Edwards keys bring their own digest.
+DigestPointer signing(const TestKey& key, const char* digest, TestKey::Padding padding) {
   const bool hasOwnDigest = EVP_PKEY_get_base_id(keyOf(key)) == EVP_PKEY_ED25519 ||
                             EVP_PKEY_get_base_id(keyOf(key)) == EVP_PKEY_ED448;
-  const DigestPointer context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+  DigestPointer context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
   EVP_PKEY_CTX* keyContext = nullptr;
-  require(EVP_DigestSignInit_ex(context.get(), &keyContext, hasOwnDigest ? nullptr : options.digest,
+  require(EVP_DigestSignInit_ex(context.get(), &keyContext, hasOwnDigest ? nullptr : digest,
                                 nullptr, nullptr, keyOf(key), nullptr),
           "DigestSignInit");
-  if (options.padding == TestKey::Padding::PSS)
+  if (padding == TestKey::Padding::PSS)
     require(EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING), "set_rsa_padding");
-  require(X509_sign_ctx(certificate, context.get()), "X509_sign_ctx");
+  return context;
+}
+
+EVP_PKEY* generateRSA(const char* algorithm, int bits) {
+  const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_int(OSSL_PKEY_PARAM_RSA_BITS, &bits),
+                                   OSSL_PARAM_construct_end()};
+  return generate(algorithm, parameters);
 }
 
 }  // namespace
@@ -86,15 +93,11 @@ TestKey::TestKey(void* key)
 }
 
 TestKey TestKey::rsa(int bits) {
-  const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_int(OSSL_PKEY_PARAM_RSA_BITS, &bits),
-                                   OSSL_PARAM_construct_end()};
-  return TestKey(generate("RSA", parameters));
+  return TestKey(generateRSA("RSA", bits));
 }
 
 TestKey TestKey::rsaPSS(int bits) {
-  const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_int(OSSL_PKEY_PARAM_RSA_BITS, &bits),
-                                   OSSL_PARAM_construct_end()};
-  return TestKey(generate("RSA-PSS", parameters));
+  return TestKey(generateRSA("RSA-PSS", bits));
 }
 
 TestKey TestKey::ellipticCurve(const char* group) {
@@ -120,14 +123,7 @@ TestKey TestKey::ed448() {
 }
 
 Data TestKey::sign(const Data& data, const char* digest, Padding padding) const {
-  const bool hasOwnDigest = EVP_PKEY_get_base_id(keyOf(*this)) == EVP_PKEY_ED25519;
-  const DigestPointer context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-  EVP_PKEY_CTX* keyContext = nullptr;
-  require(EVP_DigestSignInit_ex(context.get(), &keyContext, hasOwnDigest ? nullptr : digest,
-                                nullptr, nullptr, keyOf(*this), nullptr),
-          "DigestSignInit");
-  if (padding == Padding::PSS)
-    require(EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING), "set_rsa_padding");
+  const DigestPointer context = signing(*this, digest, padding);
   std::size_t length = 0;
   require(EVP_DigestSign(context.get(), nullptr, &length, data.bytes(), data.length()), "length");
   std::vector<std::uint8_t> signature(length);
@@ -145,19 +141,15 @@ std::string TestKey::pem() const {
 }
 
 CertificateOptions CertificateOptions::authority(std::string commonName) {
-  CertificateOptions options;
-  options.commonName = std::move(commonName);
-  options.basicConstraints = "critical,CA:TRUE";
-  options.keyUsage = "critical,keyCertSign,cRLSign";
-  return options;
+  return {.commonName = std::move(commonName),
+          .basicConstraints = "critical,CA:TRUE",
+          .keyUsage = "critical,keyCertSign,cRLSign"};
 }
 
 CertificateOptions CertificateOptions::signer(std::string commonName) {
-  CertificateOptions options;
-  options.commonName = std::move(commonName);
-  options.basicConstraints = "critical,CA:FALSE";
-  options.keyUsage = "critical,digitalSignature";
-  return options;
+  return {.commonName = std::move(commonName),
+          .basicConstraints = "critical,CA:FALSE",
+          .keyUsage = "critical,digitalSignature"};
 }
 
 TestCertificate::TestCertificate(TestKey key, std::shared_ptr<void> certificate)
@@ -202,7 +194,9 @@ TestCertificate TestCertificate::make(TestKey key, const CertificateOptions& opt
   addExtension(certificate, issuerCertificate, "keyUsage", options.keyUsage);
   for (const auto& [name, value] : options.extensions)
     addExtension(certificate, issuerCertificate, name, value);
-  sign(certificate, issuer != nullptr ? issuer->_key : key, options);
+  const DigestPointer signer =
+      signing(issuer != nullptr ? issuer->_key : key, options.digest, options.padding);
+  require(X509_sign_ctx(certificate, signer.get()), "X509_sign_ctx");
   return TestCertificate(std::move(key), made);
 }
 

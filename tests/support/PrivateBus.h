@@ -1,18 +1,16 @@
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/Program.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 
@@ -26,40 +24,28 @@ class PrivateBus {
   // bus denies it.
   explicit PrivateBus(const std::vector<std::filesystem::path>& serviceFolders = {},
                       const std::string& policy = {}) {
-    char folder[] = "/tmp/tallow-bus-XXXXXX";
-    if (mkdtemp(folder) == nullptr) throw std::runtime_error("no folder for the bus");
-    _folder = folder;
-    if (!policy.empty()) std::filesystem::permissions(_folder, std::filesystem::perms{0755});
+    if (!policy.empty()) std::filesystem::permissions(folder(), std::filesystem::perms{0755});
     _writeConfiguration(serviceFolders, policy);
     start();
     setenv("DBUS_SESSION_BUS_ADDRESS", _address.c_str(), 1);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
-  }
-  ~PrivateBus() {
-    stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(_folder, ignored);
   }
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& address() const { return _address; }
   // A folder of the bus's own, gone with it. It looks for .service files in "services" there, too.
-  const std::filesystem::path& folder() const { return _folder; }
-  pid_t pid() const { return _pid; }
+  const std::filesystem::path& folder() const { return _folder.path(); }
 
   // The process behind a name, 0 when nobody has it.
   pid_t ownerOf(const std::string& name) const {
-    const std::string command = "dbus-send --bus=" + _address +
-                                " --print-reply=literal --dest=org.freedesktop.DBus / "
-                                "org.freedesktop.DBus.GetConnectionUnixProcessID string:" +
-                                name + " 2>/dev/null";
-    FILE* const answer = popen(command.c_str(), "r");
-    if (answer == nullptr) throw std::runtime_error("no dbus-send");
-    long pid = 0;
-    if (std::fscanf(answer, " uint32 %ld", &pid) != 1) pid = 0;
-    pclose(answer);
-    return static_cast<pid_t>(pid);
+    const std::string answer =
+        Program::output("dbus-send --bus=" + _address +
+                        " --print-reply=literal --dest=org.freedesktop.DBus / "
+                        "org.freedesktop.DBus.GetConnectionUnixProcessID string:" +
+                        name);
+    pid_t process = 0;
+    return std::sscanf(answer.c_str(), " uint32 %d", &process) == 1 ? process : 0;
   }
   // Returns once nobody has the name.
   void waitUntilUnowned(const std::string& name) const {
@@ -69,15 +55,12 @@ class PrivateBus {
 
   // Starts it again after stop(), where it was.
   void start() {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe to the bus");
-    _start(ends[1]);
-    close(ends[1]);
-    const std::string address = _readLine(ends[0]);
-    close(ends[0]);
-    if (address.empty()) throw std::runtime_error("dbus-daemon did not start");
+    _daemon.emplace(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog",
+                                             "--config-file=" + (folder() / "bus.conf").string(),
+                                             "--print-address=9"},
+                    9);
     // Without the mark of this one daemon, so that it holds for the next as well.
-    _address = address.substr(0, address.find(','));
+    _address = _daemon->said().substr(0, _daemon->said().find(','));
   }
   // Makes it read its service folders again.
   void reload() const {
@@ -88,12 +71,7 @@ class PrivateBus {
   }
 
   // Ends the bus early: every connection is cut.
-  void stop() {
-    if (_pid <= 0) return;
-    kill(_pid, SIGTERM);
-    waitpid(_pid, nullptr, 0);
-    _pid = -1;
-  }
+  void stop() { _daemon.reset(); }
 
  private:
   void _writeConfiguration(const std::vector<std::filesystem::path>& serviceFolders,
@@ -128,30 +106,9 @@ class PrivateBus {
             "  <limit name='reply_timeout'>600000</limit>\n</busconfig>\n";
   }
 
-  void _start(int addressFile) {
-    const std::string configuration = "--config-file=" + (_folder / "bus.conf").string();
-    const std::string print = "--print-address=" + std::to_string(addressFile);
-    const pid_t parent = getpid();
-    _pid = fork();
-    if (_pid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (getppid() != parent) _exit(1);
-    fcntl(addressFile, F_SETFD, 0);
-    execlp("dbus-daemon", "dbus-daemon", "--nofork", "--nosyslog", configuration.c_str(),
-           print.c_str(), nullptr);
-    _exit(127);
-  }
-
-  static std::string _readLine(int file) {
-    std::string line;
-    for (char character = 0; read(file, &character, 1) == 1 && character != '\n';)
-      line += character;
-    return line;
-  }
-
-  std::filesystem::path _folder;
+  const TemporaryFolder _folder;
   std::string _address;
-  pid_t _pid = -1;
+  std::optional<Program> _daemon;
 };
 
 }  // namespace tallow
