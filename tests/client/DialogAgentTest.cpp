@@ -44,17 +44,22 @@ class DialogAgentTest : public ListenerTest {
     EXPECT_TRUE(agent) << agent.error().localizedDescription();
     return std::move(*agent);
   }
-  // Waits, as a person would who does nothing, until nobody wants an answer any more.
-  static DialogAgent::Answer waitUntilGone(const DialogAgent::Dialog& dialog) {
+  // Says that it is shown, and waits, as a person would who does nothing, until nobody wants an
+  // answer any more.
+  DialogAgent::Answer waitUntilGone(const DialogAgent::Dialog& dialog) {
+    isShown.set_value();
     pollfd gone{dialog.goneFile, POLLIN, 0};
     poll(&gone, 1, -1);
     return {};
   }
-  static WireSecret secret(std::string_view text) { return {Secret(text), {}}; }
+  static DialogAgent::Answer pressTheFirstButton(const DialogAgent::Dialog&) {
+    return {0, {}, Secret()};
+  }
 
   HSDialogCenter center;
   ScopedShared<HSDialogCenter> _shared{center};
   std::uint64_t number = 0;
+  std::promise<void> isShown;
 };
 
 TEST_F(DialogAgentTest, CarriesADialogThereAndAnAnswerBack) {
@@ -76,11 +81,9 @@ TEST_F(DialogAgentTest, CarriesADialogThereAndAnAnswerBack) {
 }
 
 TEST_F(DialogAgentTest, OneDialogAfterTheOtherAndGoneWhenNobodyWaits) {
-  std::promise<void> isShown;
   int shown = 0;
   const auto agent = startAgent([&](const DialogAgent::Dialog& dialog) {
-    if (shown++ == 0) isShown.set_value();
-    return shown == 1 ? waitUntilGone(dialog) : DialogAgent::Answer{0, {}, Secret()};
+    return ++shown == 1 ? waitUntilGone(dialog) : pressTheFirstButton(dialog);
   });
   auto first = show({{"message", "1"}});
   const std::uint64_t firstNumber = number;
@@ -93,11 +96,8 @@ TEST_F(DialogAgentTest, OneDialogAfterTheOtherAndGoneWhenNobodyWaits) {
 }
 
 TEST_F(DialogAgentTest, AnAgentThatGoesDismissesItsDialogs) {
-  std::promise<void> isShown;
-  auto agent = startAgent([&](const DialogAgent::Dialog& dialog) {
-    isShown.set_value();
-    return waitUntilGone(dialog);
-  });
+  auto agent =
+      startAgent([this](const DialogAgent::Dialog& dialog) { return waitUntilGone(dialog); });
   auto answer = show({{"message", "m"}});
   isShown.get_future().wait();
   agent.reset();
@@ -108,9 +108,7 @@ TEST_F(DialogAgentTest, AnAgentThatGoesDismissesItsDialogs) {
 }
 
 TEST_F(DialogAgentTest, RegistersWithAServiceThatIsStartedLater) {
-  const auto agent = startAgent([](const DialogAgent::Dialog&) {
-    return DialogAgent::Answer{0, {}, Secret()};
-  });
+  const auto agent = startAgent(pressTheFirstButton);
   listener->stop();
   EXPECT_EQ(center.agentCount(), 0u);
   listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
@@ -124,22 +122,21 @@ TEST_F(DialogAgentTest, RefusesWhatAnAgentMustNotDo) {
   TestCaller caller;
   caller.connection().enterEventLoopAsync();  // refuses what it is asked to show
   const sdbus::ObjectPath path("/nobody/home");
-  const auto answerDialog = [&](std::uint64_t to, int button, const std::string& name) {
+  const auto answerDialog = [&](std::uint64_t to, const std::string& name,
+                                std::string_view password = "p") {
     return caller
-        .errorOn(kDialogService, "answerDialog", to, std::int32_t{button}, name, secret("p"))
+        .errorOn(kDialogService, "answerDialog", to, std::int32_t{0}, name,
+                 WireSecret{Secret(password), {}})
         .first;
   };
-  EXPECT_EQ(answerDialog(1, 0, "n"), kNoSuchDialog) << "is no agent";
+  EXPECT_EQ(answerDialog(1, "n"), kNoSuchDialog) << "is no agent";
   caller.callOn<>(kDialogService, "registerDialogAgent", path);
   // An agent that shows nothing, because there is none at the path, dismisses.
   EXPECT_FALSE(show({{"message", "m"}}).get().button);
-  EXPECT_EQ(answerDialog(number, 0, "n"), kNoSuchDialog) << "is over";
-  EXPECT_EQ(answerDialog(1, 0, std::string(2000, 'n')), "org.freedesktop.DBus.Error.InvalidArgs");
-  EXPECT_EQ(caller
-                .errorOn(kDialogService, "answerDialog", std::uint64_t{1}, std::int32_t{0},
-                         std::string(), secret(std::string(5000, 'p')))
-                .first,
-            "org.freedesktop.DBus.Error.InvalidArgs");
+  EXPECT_EQ(answerDialog(number, "n"), kNoSuchDialog) << "is over";
+  constexpr const char* kInvalid = "org.freedesktop.DBus.Error.InvalidArgs";
+  EXPECT_EQ(answerDialog(1, std::string(2000, 'n')), kInvalid);
+  EXPECT_EQ(answerDialog(1, "", std::string(5000, 'p')), kInvalid);
   // Another path replaces the agent; unregistering twice does no harm.
   caller.callOn<>(kDialogService, "registerDialogAgent", sdbus::ObjectPath("/other"));
   EXPECT_EQ(center.agentCount(), 1u);
@@ -164,11 +161,10 @@ TEST_F(DialogAgentTest, OnlyTheServiceHasDialogsShown) {
   bus->callMethod("ListNames").onInterface("org.freedesktop.DBus").storeResultsTo(names);
   int refused = 0;
   for (const std::string& name : names) {
-    if (!name.starts_with(':')) continue;
+    if (!name.starts_with(':') || name == stranger.connection().getUniqueName()) continue;
     const auto proxy =
         bus::makeProxy(stranger.connection(), name, "/com/vantor/tallowd/client/dialogs");
     try {
-      if (name == stranger.connection().getUniqueName()) continue;
       proxy->callMethod("showDialog")
           .onInterface("com.vantor.HSDialogAgent")
           .withArguments(std::uint64_t{1},

@@ -43,9 +43,7 @@ class DoctorTest : public ::testing::Test {
   void makeWhole() {
     for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry);
     clock.set(Date{kNow});
-    write("share/dbus-1/services/com.vantor.tallowd.service",
-          "[D-BUS Service]\nName=com.vantor.tallowd\nExec=/bin/true\n"
-          "SystemdService=tallowd.service\n");
+    writeService("Name=com.vantor.tallowd\nExec=/bin/true\nSystemdService=tallowd.service\n");
     write("lib/systemd/user/tallowd.service", "");
     write("etc/tallowd/clients.d/store.toml",
           "identifier = \"com.example.store\"\n"
@@ -55,12 +53,18 @@ class DoctorTest : public ::testing::Test {
     for (const fs::path& folder : {directories.configHome, directories.dataHome / "Cookies",
                                    directories.cacheHome, directories.stateHome / "orv"})
       ensureDirectoryExists(folder);
-    transport.setHandler([](const HTTPRequest& request) {
-      return ScriptedTransport::response(request, 200, {{"Date", kNowText}}, "");
+    serveStatus(200);
+  }
+  void serveStatus(int status) {
+    transport.setHandler([status](const HTTPRequest& request) {
+      return ScriptedTransport::response(request, status, {{"Date", kNowText}}, "");
     });
   }
 
-  void write(const std::string& name, const std::string& text) {
+  void writeService(const std::string& text) const {
+    write("share/dbus-1/services/com.vantor.tallowd.service", "[D-BUS Service]\n" + text);
+  }
+  void write(const std::string& name, const std::string& text) const {
     const fs::path path = root / name;
     fs::create_directories(path.parent_path());
     std::ofstream(path) << text;
@@ -84,21 +88,20 @@ class DoctorTest : public ::testing::Test {
     return findings;
   }
   // "area: what" of each problem, none of which may come without advice.
-  static std::vector<std::string> problemsIn(const ctl::Findings& findings,
-                                             const char* severity = "problem") {
+  static std::vector<std::string> problemsIn(const ctl::Findings& findings) {
     std::vector<std::string> problems;
     for (const Value& row : findings.rows()) {
       const Dictionary& finding = *row.dictionary();
-      if (finding["severity"] != severity) continue;
+      if (finding["severity"] != "problem") continue;
       EXPECT_NE(finding["advice"], "") << description(finding);
       problems.push_back(*finding["area"].string() + ": " + *finding["what"].string());
     }
-    EXPECT_EQ(findings.problemCount() > 0, !problems.empty() || severity != std::string("problem"));
+    EXPECT_EQ(findings.problemCount(), problems.size());
     return problems;
   }
 
-  CapturedLog log;
-  TemporaryFolder folder;
+  const CapturedLog log;
+  const TemporaryFolder folder;
   const fs::path& root = folder.path();
   ManualClock clock{Date{kNow}};
   MemoryPreferences preferences;
@@ -117,22 +120,15 @@ TEST_F(DoctorTest, FindsNothingWhereNothingIsWrong) {
 }
 
 TEST_F(DoctorTest, NamesEachThingThatIsBroken) {
-  struct Case {
+  const struct {
     const char* problem;  // what one of the problems says
     std::function<void()> breaking;
-  };
-  const std::vector<Case> cases{
+  } cases[] = {
       {"bus: no service file",
        [&] { fs::remove(root / "share/dbus-1/services/com.vantor.tallowd.service"); }},
       {"which is no program",
-       [&] {
-         write("share/dbus-1/services/com.vantor.tallowd.service",
-               "Name=com.vantor.tallowd\nExec=/nowhere/tallowd\n");
-       }},
-      {"is for the name \"other\"",
-       [&] {
-         write("share/dbus-1/services/com.vantor.tallowd.service", "Name=other\nExec=/bin/true\n");
-       }},
+       [&] { writeService("Name=com.vantor.tallowd\nExec=/nowhere/tallowd\n"); }},
+      {"is for the name \"other\"", [&] { writeService("Name=other\nExec=/bin/true\n"); }},
       {"clients: no client is described", [&] { fs::remove_all(root / "etc/tallowd/clients.d"); }},
       {"broken.toml", [&] { write("etc/tallowd/clients.d/broken.toml", "identifier = 7\n"); }},
       {"/program: its executable is writable by others",
@@ -140,8 +136,7 @@ TEST_F(DoctorTest, NamesEachThingThatIsBroken) {
          write("program", "");
          fs::permissions(root / "program", fs::perms{0777});
          write("etc/tallowd/clients.d/loose.toml",
-               "identifier = \"com.example.loose\"\n[[process]]\n"
-               "executable = \"" +
+               "identifier = \"com.example.loose\"\n[[process]]\nexecutable = \"" +
                    (root / "program").native() + "\"\n");
        }},
       {"data/tallowd can be written by others",
@@ -158,15 +153,10 @@ TEST_F(DoctorTest, NamesEachThingThatIsBroken) {
       {"clock: it is", [&] { clock.set(Date{1'000'000'000}); }},
       {"(com.example.store): offline",
        [&] { transport.setHandler(ScriptedTransport::fail(HTTPTransport::kCannotConnect)); }},
-      {"answers with status 404",
-       [&] {
-         transport.setHandler([](const HTTPRequest& request) {
-           return ScriptedTransport::response(request, 404, {}, "");
-         });
-       }},
+      {"answers with status 404", [&] { serveStatus(404); }},
       {"s ahead of that of https://one.example/bag", [&] { clock.set(Date{kNow + 10'000}); }},
   };
-  for (const Case& each : cases) {
+  for (const auto& each : cases) {
     makeWhole();
     each.breaking();
     EXPECT_THAT(problemsIn(examined()), ::testing::Contains(HasSubstr(each.problem)));
