@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 
@@ -44,6 +45,19 @@ class RunningService {
   }
   void reconnect() { _client = connect(); }
   devstore::DevStore& store() { return *_store; }
+  // What the store does next: the text of POST /control.
+  void stage(const std::string& json) {
+    const std::optional<Error> error = _store->stage(json);
+    EXPECT_FALSE(error) << json << ": " << error->localizedDescription();
+  }
+  // A page of the store, and the header with the cookies for it; "" when there are none.
+  std::string page() const { return storeURL("https", "/store/page"); }
+  std::string cookies() {
+    const auto headers = _client->httpHeadersForURL(page(), std::nullopt, false);
+    EXPECT_TRUE(headers) << headers.error().localizedDescription();
+    const std::string* const text = headers ? (*headers)["Cookie"].string() : nullptr;
+    return text != nullptr ? *text : "";
+  }
   const PrivateBus& bus() const { return *_bus; }
   std::string storeURL(const std::string& scheme, const std::string& path) const {
     return (scheme == "https" ? _store->urls().https : _store->urls().http) + path;
