@@ -11,6 +11,7 @@
 
 #include "platform/Base/SharedInstance.h"
 #include "platform/Concurrency/WorkerPool.h"
+#include "tests/support/ManyThreads.h"
 
 namespace tallow {
 namespace {
@@ -68,19 +69,14 @@ TEST(SerialQueueTest, SyncRunsOnTheCallingThreadAndReturnsTheResult) {
 TEST(SerialQueueTest, ExcludesUnderContention) {
   constexpr int kThreads = 8, kRounds = 500;
   SerialQueue queue("contention");
-  std::int64_t counter = 0;
-  std::int64_t tried = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        queue.async([&] { ++counter; });
-        queue.sync([&] { ++counter; });
-        queue.trySync([&] { ++tried; });
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  std::int64_t counter = 0, tried = 0;
+  onManyThreads(kThreads, [&](int) {
+    for (int round = 0; round < kRounds; ++round) {
+      queue.async([&] { ++counter; });
+      queue.sync([&] { ++counter; });
+      queue.trySync([&] { ++tried; });
+    }
+  });
   EXPECT_EQ(queue.sync([&] { return counter; }), 2 * kThreads * kRounds);
   EXPECT_LE(tried, kThreads * kRounds);
 }
