@@ -4,14 +4,14 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <random>
-#include <thread>
 
+#include "platform/Base/AtomicFile.h"
 #include "platform/Base/Directories.h"
 #include "tests/platform/Cookies/JarFixture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FullDisk.h"
+#include "tests/support/ManyThreads.h"
 #include "tests/support/Unprivileged.h"
 
 namespace tallow {
@@ -26,13 +26,7 @@ class CookieJarStorageTest : public JarFixture {
     path += suffix;
     return path;
   }
-  std::string contents() const {
-    std::ifstream stream(file(), std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
-  void write(std::string_view bytes) const {
-    std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
-  }
+  std::string contents() const { return std::string(readFile(file())->view()); }
   // Runs SQL on the file as another program would.
   void runSQL(const char* sql) const {
     sqlite3* database = nullptr;
@@ -41,12 +35,11 @@ class CookieJarStorageTest : public JarFixture {
         << sqlite3_errmsg(database);
     sqlite3_close(database);
   }
-  std::size_t countSetAside() const {
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-      if (entry.path().native().find(".cookies.corrupt") != std::string::npos) ++count;
-    }
-    return count;
+  std::ptrdiff_t countSetAside() const {
+    return std::ranges::count_if(
+        std::filesystem::directory_iterator(folder.path()), [](const auto& entry) {
+          return entry.path().native().find(".cookies.corrupt") != std::string::npos;
+        });
   }
 };
 
@@ -56,12 +49,10 @@ TEST_F(CookieJarStorageTest, BringsBackEveryProperty) {
   };
   {
     const auto jar = open();
-    setCookie(*jar, "second=\xFF\xC3; Path=/; Max-Age=60", "https://www.store.example/");
-    setCookie(*jar, "__Secure-a=1; Secure; HttpOnly; SameSite=None; Domain=store.example; Path=/x",
-              "https://www.store.example/");
-    setCookie(*jar, "third=3; SameSite=Lax", "https://www.store.example/");
-    setCookie(*jar, "brief=4; Max-Age=5", "https://www.store.example/");
-    setCookie(*jar, "third=4; SameSite=Lax", "https://www.store.example/");
+    setCookies(*jar, "https://www.store.example/",
+               {"second=\xFF\xC3; Path=/; Max-Age=60; SameSite=Strict",
+                "__Secure-a=1; Secure; HttpOnly; SameSite=None; Domain=store.example; Path=/x",
+                "third=3; SameSite=Lax", "brief=4; Max-Age=5", "third=4; SameSite=Lax"});
     EXPECT_TRUE(isPrivate(file()) && isPrivate(beside("-wal")) && isPrivate(beside("-shm")));
     clock.advance(5);
   }
@@ -79,6 +70,7 @@ TEST_F(CookieJarStorageTest, BringsBackEveryProperty) {
   EXPECT_EQ(cookies[1]->expiresDate, Date{1'700'000'060});
   EXPECT_EQ(cookies[1]->creationDate, Date{1'700'000'000});
   EXPECT_TRUE(cookies[1]->hostOnly && !cookies[1]->secure && !cookies[1]->httpOnly);
+  EXPECT_EQ(cookies[1]->sameSite, Cookie::SameSite::Strict);
   EXPECT_EQ(cookies[2]->sameSite, Cookie::SameSite::Lax);
   EXPECT_TRUE(log.lines(1).empty());
 }
@@ -87,9 +79,7 @@ TEST_F(CookieJarStorageTest, RemembersWhatWasUsed) {
   const CookieJar::Limits three{.cookiesPerDomain = 3, .cookiesPerJar = 3300};
   {
     const auto jar = open(three);
-    for (const char* line : {"a=1; Path=/a", "b=2; Path=/b", "c=3; Path=/c"}) {
-      setCookie(*jar, line, kStore);
-    }
+    setCookies(*jar, kStore, {"a=1; Path=/a", "b=2; Path=/b", "c=3; Path=/c"});
     header(*jar, "http://store.example/a");
   }
   auto jar = open(three);
@@ -138,10 +128,10 @@ TEST_F(CookieJarStorageTest, SetsADamagedFileAside) {
   }
   const std::string sound = contents();
   const std::string body = sound.substr(0, 4096) + std::string(sound.size() - 4096, '\x5A');
-  std::size_t setAside = 0;
+  std::ptrdiff_t setAside = 0;
   for (const std::string& damaged : {std::string("no database at all, whatever it is"), body,
                                      sound.substr(0, sound.size() / 2)}) {
-    write(damaged);
+    std::ofstream(file(), std::ios::binary) << damaged;
     const auto jar = open();
     EXPECT_EQ(countSetAside(), ++setAside);
     EXPECT_TRUE(log.mentions(1, "is damaged and was moved to"));
@@ -161,8 +151,7 @@ TEST_F(CookieJarStorageTest, SetsADamagedFileAside) {
 
 TEST_F(CookieJarStorageTest, LosesNothingWhenTheFileIsDamagedInUse) {
   const auto jar = open();
-  setCookie(*jar, "a=1", kStore);
-  setCookie(*jar, "b=2", kStore);
+  setCookies(*jar, kStore, {"a=1", "b=2"});
   {
     const auto merged = open();  // its closing leaves the log as it is, since the other is open
     ASSERT_EQ(merged->count(), 2U);
@@ -173,7 +162,7 @@ TEST_F(CookieJarStorageTest, LosesNothingWhenTheFileIsDamagedInUse) {
   ASSERT_EQ(::pwrite(descriptor, rubbish.data(), rubbish.size(), 4096), ssize_t(rubbish.size()));
   ::close(descriptor);
   setCookie(*jar, "c=3", kStore);
-  EXPECT_EQ(countSetAside(), 1U);
+  EXPECT_EQ(countSetAside(), 1);
   EXPECT_EQ(header(*jar, kStore), "a=1; b=2; c=3");
   EXPECT_EQ(header(*open(), kStore), "a=1; b=2; c=3");
 }
@@ -182,18 +171,14 @@ TEST_F(CookieJarStorageTest, BringsNothingBackThatWasTakenAway) {
   const auto jar = open();
   setCookie(*jar, "a=1", kStore);
   std::filesystem::rename(file(), folder / "elsewhere");
-  std::filesystem::remove(beside("-wal"));
-  std::filesystem::remove(beside("-shm"));
+  for (const char* suffix : {"-wal", "-shm"}) std::filesystem::remove(beside(suffix));
   setCookie(*jar, "b=2", kStore);
   EXPECT_EQ(header(*jar, kStore), "b=2");
   EXPECT_EQ(header(*open(), kStore), "b=2");
 }
 
 TEST_F(CookieJarStorageTest, LeavesANewerFileAlone) {
-  {
-    const auto jar = open();
-    setCookie(*jar, "a=1", kStore);
-  }
+  setCookie(*open(), "a=1", kStore);
   runSQL("PRAGMA user_version = 2; PRAGMA journal_mode = DELETE");
   const std::string before = contents();
   {
@@ -206,16 +191,11 @@ TEST_F(CookieJarStorageTest, LeavesANewerFileAlone) {
     EXPECT_TRUE(jar->synchronize());
   }
   EXPECT_EQ(contents(), before);
-  EXPECT_EQ(countSetAside(), 0U);
+  EXPECT_EQ(countSetAside(), 0);
 }
 
 TEST_F(CookieJarStorageTest, LeavesOutRowsThatAreNoCookies) {
-  {
-    const auto jar = open();
-    for (const char* line : {"a=1", "b=2", "c=3", "d=4; Domain=store.example", "e=5"}) {
-      setCookie(*jar, line, kStore);
-    }
-  }
+  setCookies(*open(), kStore, {"a=1", "b=2", "c=3", "d=4; Domain=store.example", "e=5"});
   runSQL(
       "UPDATE cookies SET value = char(13,10) || 'X: y' WHERE name = 'a';"
       "UPDATE cookies SET path = 'x' WHERE name = 'b';"
@@ -229,14 +209,12 @@ TEST_F(CookieJarStorageTest, LeavesOutRowsThatAreNoCookies) {
 
 TEST_F(CookieJarStorageTest, GoesOnInMemoryWhenTheDiskIsFull) {
   auto jar = open();
-  setCookie(*jar, "a=1", kStore);
-  setCookie(*jar, "b=2", kStore);
+  setCookies(*jar, kStore, {"a=1", "b=2"});
   {
     const FullDisk full;
     EXPECT_EQ(setCookie(*jar, "c=3", kStore), CookieDecision::Stored);
     EXPECT_TRUE(log.mentions(1, "Cannot write"));
-    setCookie(*jar, "a=; Max-Age=0", kStore);
-    setCookie(*jar, "b=4", kStore);
+    setCookies(*jar, kStore, {"a=; Max-Age=0", "b=4"});
     EXPECT_EQ(header(*jar, kStore), "b=4; c=3");
     EXPECT_TRUE(jar->synchronize());
     EXPECT_EQ(header(*open(), kStore), "a=1; b=2") << "the old contents stay whole";
@@ -307,11 +285,9 @@ TEST_F(CookieJarStorageTest, SeesWhatOthersStoreInTheSameFile) {
   // What one could not write joins what the other has written meanwhile.
   {
     const FullDisk full;
-    setCookie(*one, "d=5", kStore);
-    setCookie(*one, "e=6", kStore);
+    setCookies(*one, kStore, {"d=5", "e=6"});
   }
-  setCookie(*other, "e=7", kStore);
-  setCookie(*other, "f=8", kStore);
+  setCookies(*other, kStore, {"e=7", "f=8"});
   EXPECT_EQ(header(*one, kStore), "e=6; f=8; d=5");
   setCookie(*one, "g=9", kStore);
   EXPECT_EQ(header(*other, kStore), "e=6; f=8; d=5; g=9");
@@ -362,25 +338,21 @@ TEST_F(CookieJarStorageTest, SurvivesBeingKilledAtAnyMoment) {
     EXPECT_EQ(cookies[0]->value, number + std::string(1500, 'x'));
     EXPECT_GE(std::stoi(number), told);
   }
-  EXPECT_EQ(countSetAside(), 0U);
+  EXPECT_EQ(countSetAside(), 0);
   EXPECT_TRUE(log.lines(1).empty());
 }
 
 TEST_F(CookieJarStorageTest, ServesManyThreads) {
   const auto one = open();
   const auto other = open();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      CookieJar& jar = t % 2 == 0 ? *one : *other;
-      for (int i = 0; i < 50; ++i) {
-        const std::string host = "http://h" + std::to_string(t) + ".example/";
-        setCookie(jar, "c" + std::to_string(i) + "=1", host);
-        EXPECT_EQ(jar.cookiesForURL(url(host), false).size(), std::size_t(i) + 1);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  onManyThreads(4, [&](int thread) {
+    CookieJar& jar = thread % 2 == 0 ? *one : *other;
+    const std::string host = "http://h" + std::to_string(thread) + ".example/";
+    for (int i = 0; i < 50; ++i) {
+      setCookie(jar, "c" + std::to_string(i) + "=1", host);
+      EXPECT_EQ(jar.cookiesForURL(url(host), false).size(), std::size_t(i) + 1);
+    }
+  });
   EXPECT_EQ(one->count(), 200U);
   EXPECT_EQ(other->count(), 200U);
 }

@@ -16,45 +16,39 @@ CookiePolicy::Judgement judge(std::string_view line, std::string_view from) {
 }
 
 TEST(CookiePolicy, LimitsWhoMaySetADomain) {
-  struct Case {
-    const char* host;
-    const char* domain;
-    CookieDecision decision;
-    bool hostOnly = false;
-  };
   using enum CookieDecision;
-  for (const Case& c : {
-           Case{"www.store.example", "store.example", Stored},
-           Case{"WWW.Store.Example.", ".STORE.example", Stored},
-           Case{"store.example", "store.example", Stored},
-           Case{"store.example", "", Stored, true},
-           Case{"store.example", ".", Stored, true},
-           Case{"store.example", "www.store.example", DomainMismatch},
-           Case{"bookstore.example", "store.example", DomainMismatch},
-           Case{"store.example", "store.example.", DomainMismatch},
-           Case{"store.example", "..store.example", DomainMismatch},
-           Case{"store.example", "st\xC3\xB6re.example", DomainMismatch},
-           Case{"store.example", "example", PublicSuffix},
-           Case{"store.co.uk", "co.uk", PublicSuffix},
-           Case{"a.store.co.uk", "store.co.uk", Stored},
-           Case{"co.uk", "co.uk", Stored, true},
-           Case{"me.github.io", "github.io", PublicSuffix},
-           Case{"localhost", "localhost", Stored, true},
-           Case{"localhost", "", Stored, true},
-           Case{"a.localhost", "localhost", PublicSuffix},
-           Case{"127.0.0.1", "", Stored, true},
-           Case{"127.0.0.1", "127.0.0.1", Stored, true},
-           Case{"127.0.0.1", "0.0.1", DomainMismatch},
-           Case{"[::1]", "[::1]", Stored, true},
-           Case{"[::1]", "::1", Stored, true},
-           Case{"www.store.example", "127.0.0.1", DomainMismatch},
-       }) {
-    SCOPED_TRACE(std::string(c.host) + " sets " + c.domain);
-    const auto judged =
-        judge(std::string("a=b; Domain=") + c.domain, std::string("http://") + c.host + "/");
-    EXPECT_EQ(judged.decision, c.decision);
-    EXPECT_EQ(judged.decision == Stored && judged.cookie.hostOnly, c.hostOnly);
-  }
+  struct Case {
+    CookieDecision decision;
+    bool hostOnly;
+    std::vector<std::string> hostsAndDomains;
+  };
+  for (const auto& [decision, hostOnly, hostsAndDomains] : {
+           Case{Stored,
+                false,
+                {"www.store.example store.example", "WWW.Store.Example. .STORE.example",
+                 "store.example store.example", "a.store.co.uk store.co.uk"}},
+           Case{Stored,
+                true,
+                {"store.example ", "store.example .", "co.uk co.uk", "localhost localhost",
+                 "localhost ", "127.0.0.1 ", "127.0.0.1 127.0.0.1", "[::1] [::1]", "[::1] ::1"}},
+           Case{DomainMismatch,
+                false,
+                {"store.example www.store.example", "bookstore.example store.example",
+                 "store.example store.example.", "store.example ..store.example",
+                 "store.example st\xC3\xB6re.example", "127.0.0.1 0.0.1",
+                 "www.store.example 127.0.0.1"}},
+           Case{PublicSuffix,
+                false,
+                {"store.example example", "store.co.uk co.uk", "me.github.io github.io",
+                 "a.localhost localhost"}},
+       })
+    for (const std::string& each : hostsAndDomains) {
+      const std::size_t space = each.find(' ');
+      const auto judged =
+          judge("a=b; Domain=" + each.substr(space + 1), "http://" + each.substr(0, space) + "/");
+      EXPECT_EQ(judged.decision, decision) << each;
+      EXPECT_EQ(judged.decision == Stored && judged.cookie.hostOnly, hostOnly) << each;
+    }
   EXPECT_EQ(judge("a=b", "data:text/plain,x").decision, DomainMismatch);
 }
 
@@ -82,37 +76,26 @@ TEST(CookiePolicy, MatchesPathsAtSegments) {
 }
 
 TEST(CookiePolicy, HoldsPrefixesToTheirPromise) {
-  using enum CookieDecision;
-  struct Case {
-    const char* line;
-    CookieDecision decision;
-  };
-  for (const Case& c : {
-           Case{"__Secure-a=b; Secure; Domain=store.example", Stored},
-           Case{"__Secure-a=b", PrefixRule},
-           Case{"__sEcUrE-a=b", PrefixRule},
-           Case{"__Host-a=b; Secure; Path=/", Stored},
-           Case{"__HOST-a=b; Secure; Path=/", Stored},
-           Case{"__Host-a=b; Path=/", PrefixRule},
-           Case{"__host-a=b; Secure", PrefixRule},
-           Case{"__Host-a=b; Secure; Path=/shop", PrefixRule},
-           Case{"__Host-a=b; Secure; Path=/; Domain=store.example", PrefixRule},
-           Case{"=__Host-a=b; Secure; Path=/", PrefixRule},
-           Case{"__Secure-a; Secure", PrefixRule},
-           Case{"a__Host-=b", Stored},
-       }) {
-    EXPECT_EQ(judge(c.line, "https://store.example/shop/item").decision, c.decision) << c.line;
-  }
+  const std::pair<CookieDecision, std::vector<const char*>> cases[] = {
+      {CookieDecision::Stored,
+       {"__Secure-a=b; Secure; Domain=store.example", "__Host-a=b; Secure; Path=/",
+        "__HOST-a=b; Secure; Path=/", "a__Host-=b"}},
+      {CookieDecision::PrefixRule,
+       {"__Secure-a=b", "__sEcUrE-a=b", "__Host-a=b; Path=/", "__host-a=b; Secure",
+        "__Host-a=b; Secure; Path=/shop", "__Host-a=b; Secure; Path=/; Domain=store.example",
+        "=__Host-a=b; Secure; Path=/", "__Secure-a; Secure"}}};
+  for (const auto& [decision, lines] : cases)
+    for (const char* line : lines)
+      EXPECT_EQ(judge(line, "https://store.example/shop/item").decision, decision) << line;
 }
 
 TEST(CookiePolicy, AsksForASecureOrigin) {
-  EXPECT_EQ(judge("a=b; Secure", "https://store.example/").decision, CookieDecision::Stored);
-  EXPECT_EQ(judge("a=b; Secure", "http://store.example/").decision, CookieDecision::InsecureOrigin);
+  using enum CookieDecision;
+  EXPECT_EQ(judge("a=b; Secure", "https://store.example/").decision, Stored);
+  EXPECT_EQ(judge("a=b; Secure", "http://store.example/").decision, InsecureOrigin);
   // Schemes are compared as they are written.
-  EXPECT_EQ(judge("a=b; Secure", "HTTPS://store.example/").decision,
-            CookieDecision::InsecureOrigin);
-  EXPECT_EQ(judge("a=b; SameSite=None", "https://store.example/").decision,
-            CookieDecision::SameSiteRule);
+  EXPECT_EQ(judge("a=b; Secure", "HTTPS://store.example/").decision, InsecureOrigin);
+  EXPECT_EQ(judge("a=b; SameSite=None", "https://store.example/").decision, SameSiteRule);
   EXPECT_EQ(judge("a=b; SameSite=None; Secure", "https://store.example/").cookie.sameSite,
             Cookie::SameSite::None);
 }

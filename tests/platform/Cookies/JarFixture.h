@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,6 +27,12 @@ inline CookieDecision setCookie(CookieJar& jar, std::string_view line, std::stri
   const auto parsed = parseSetCookie(line);
   if (!parsed) ADD_FAILURE() << "no cookie: " << line;
   return parsed ? jar.setCookies({*parsed}, url(from)).at(0) : CookieDecision::EmptyNameAndValue;
+}
+
+// Each in a response of its own.
+inline void setCookies(CookieJar& jar, std::string_view from,
+                       std::initializer_list<std::string_view> lines) {
+  for (const std::string_view line : lines) setCookie(jar, line, from);
 }
 
 // The Cookie header that a request to `to` gets.
