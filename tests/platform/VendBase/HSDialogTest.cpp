@@ -9,7 +9,7 @@ namespace tallow {
 namespace {
 
 HSDialog dialog(Dictionary value) {
-  return HSDialog::fromProtocolValue(value).value_or(HSDialog());
+  return HSDialog::fromProtocolValue(value).value();
 }
 
 std::vector<std::string> titles(const HSDialog& dialog) {
@@ -21,36 +21,22 @@ std::vector<std::string> titles(const HSDialog& dialog) {
 using Titles = std::vector<std::string>;
 
 TEST(HSDialogTest, TakesWhatCanBeShownAndLeavesTheRest) {
-  std::vector<Value> hundred(100, Value("x"));
-  const struct {
-    Value value;
-    bool isDialog;
-    Titles titles;
-  } cases[] = {
-      {nullptr, false, {}},
-      {"text", false, {}},
-      {Array{"message"}, false, {}},
-      {Dictionary(), false, {}},
-      {Dictionary{{"message", 5}, {"explanation", Data("x")}}, false, {}},
-      {Dictionary{{"message", "\x1b\x07"}}, false, {}},  // nothing is left of it
-      {Dictionary{{"message", "m"}}, true, {"OK"}},
-      {Dictionary{{"message", "m"}, {"buttons", "OK"}}, true, {"OK"}},
-      {Dictionary{{"message", "m"}, {"buttons", Array{1, "", Dictionary(), Array{"x"}}}},
-       true,
-       {"OK"}},
-      {Dictionary{{"message", "m"},
-                  {"buttons", Array{"Yes", Dictionary{{"title", "No"}, {"dismisses", true}}}}},
-       true,
-       {"Yes", "No*"}},
-      {Dictionary{{"message", "m"}, {"buttons", Array(hundred)}}, true, Titles(8, "x")},
-      {Dictionary{{"signIn", Dictionary()}}, true, {"Sign In", "Cancel*"}},
-      {Dictionary{{"signIn", true}}, false, {}},
-  };
-  for (const auto& each : cases) {
-    const auto made = HSDialog::fromProtocolValue(each.value);
-    EXPECT_EQ(made.has_value(), each.isDialog) << description(each.value);
-    EXPECT_EQ(made ? titles(*made) : Titles(), each.titles) << description(each.value);
-  }
+  const std::vector<Value> hundred(100, Value("x"));
+  for (const Value& none : {Value(), Value("text"), Value(Array{"message"}), Value(Dictionary()),
+                            Value(Dictionary{{"message", 5}, {"explanation", Data("x")}}),
+                            Value(Dictionary{{"message", "\x1b\x07"}}),  // nothing is left of it
+                            Value(Dictionary{{"signIn", true}})})
+    EXPECT_FALSE(HSDialog::fromProtocolValue(none)) << description(none);
+  EXPECT_EQ(titles(dialog({{"message", "m"}})), Titles{"OK"});
+  EXPECT_EQ(titles(dialog({{"signIn", Dictionary()}})), (Titles{"Sign In", "Cancel*"}));
+  const std::pair<Value, Titles> cases[] = {
+      {"OK", {"OK"}},
+      {Array{1, "", Dictionary(), Array{"x"}}, {"OK"}},
+      {Array{"Yes", Dictionary{{"title", "No"}, {"dismisses", true}}}, {"Yes", "No*"}},
+      {Array(hundred), Titles(8, "x")}};
+  for (const auto& [buttons, shown] : cases)
+    EXPECT_EQ(titles(dialog({{"message", "m"}, {"buttons", buttons}})), shown)
+        << description(buttons);
   const HSDialog signIn =
       dialog({{"signIn", Dictionary{{"accountName", "\x1b]0;a\x07@b"}, {"fixed", "yes"}}}});
   EXPECT_EQ(signIn.signIn->accountName, "]0;a@b");

@@ -47,22 +47,15 @@ std::shared_ptr<BlockOperation> waitingOperation(std::promise<void>& waits) {
   });
 }
 
-TEST(HSPendingReply, FirstAnswerCounts) {
-  const HSPendingReply<int> reply;
-  const auto callback = reply.callback();
+TEST(HSPendingReply, TheFirstAnswerCountsOrThatNobodyCanAnswerAnyMore) {
+  const HSPendingReply<int> answered, dropped, slow;
+  const auto callback = answered.callback();
   callback(1);
   callback(2);
-  reply.abandon();
-  EXPECT_EQ(reply.wait(), 1);
-}
-
-TEST(HSPendingReply, EndsWhenNobodyCanAnswerAnyMore) {
-  const HSPendingReply<int> reply;
-  auto callback = reply.callback();
-  std::thread dropper([moved = std::move(callback)]() mutable { moved = nullptr; });
-  EXPECT_EQ(reply.wait(), std::nullopt);
-  dropper.join();
-  const HSPendingReply<int> slow;
+  answered.abandon();
+  EXPECT_EQ(answered.wait(), 1);
+  std::jthread dropper([moved = dropped.callback()]() mutable { moved = nullptr; });
+  EXPECT_EQ(dropped.wait(), std::nullopt);
   const auto kept = slow.callback();
   EXPECT_EQ(slow.wait(0.0), std::nullopt);
 }
@@ -82,6 +75,7 @@ TEST(HSOperation, HandlerAndCallerSeeTheOutcome) {
   std::optional<Error> error;
   EXPECT_FALSE(operation->runSyncReturningError(&error));
   EXPECT_EQ(error, failure);
+  EXPECT_EQ(error->localizedDescription(), "title") << "for want of a message";
   EXPECT_EQ(calls, 1);
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(operation->runSyncReturningError(nullptr), "run twice");
@@ -186,41 +180,34 @@ TEST(HSOperationQueue, MayGoAwayWhileItsOperationsWait) {
   done.wait();
 }
 
-class HSOperationLookup : public testing::Test {
- protected:
-  std::shared_ptr<FakeAccountService> _service = std::make_shared<FakeAccountService>();
-  ScopedAccountService _scope{_service};
-};
-
-TEST_F(HSOperationLookup, ReadsTheBagThroughTheService) {
-  _service->bag =
-      Dictionary{{"url", "https://store.example/a"}, {"number", 7}, {"bad", "https://"}};
+TEST(HSOperation, ReadsTheBagThroughTheServiceIfItNeedsOne) {
+  const auto service = std::make_shared<FakeAccountService>();
+  const ScopedAccountService scope(service);
+  service->bag = Dictionary{{"url", "https://store.example/a"}, {"number", 7}, {"bad", "https://"}};
   HSOperation operation(makeClient());
   EXPECT_EQ(operation.valueForURLBagKey("number"), Value(7));
   EXPECT_EQ(operation.urlForURLBagKey("url"), URL::parse("https://store.example/a"));
   EXPECT_EQ(operation.urlForURLBagKey("number"), std::nullopt);
   EXPECT_EQ(operation.urlForURLBagKey("bad"), std::nullopt);
   EXPECT_EQ(operation.urlForURLBagKey("absent"), std::nullopt);
-  _service->unanswered = {"valueForURLBagKey"};
+  service->unanswered = {"valueForURLBagKey"};
   EXPECT_TRUE(operation.valueForURLBagKey("number").isNil());
-}
-
-TEST_F(HSOperationLookup, NeedingNoBagAsksForNone) {
-  _service->bag = Dictionary{{"number", 7}};
-  HSOperation operation(makeClient());
+  service->unanswered.clear();
+  const std::size_t calls = service->calls().size();
   operation.setRequiredBagType(0);
   EXPECT_TRUE(operation.valueForURLBagKey("number").isNil());
-  EXPECT_TRUE(_service->calls().empty());
+  EXPECT_EQ(service->calls().size(), calls);
 }
 
-TEST_F(HSOperationLookup, AsksAsAClientOfTheRequiredBag) {
+TEST(HSOperation, AsksAsAClientOfTheRequiredBag) {
+  const ScopedAccountService scope(std::make_shared<FakeAccountService>());
   HSOperation operation(makeClient());
   operation.setRequiredBagType(2);
   operation.valueForURLBagKey("a");
   HSOperation outfitter(makeClient(kHSStoreClientTypeOutfitter));
   outfitter.setRequiredBagType(2);
   outfitter.valueForURLBagKey("a");
-  const auto clients = _scope.clients();
+  const auto clients = scope.clients();
   ASSERT_EQ(clients.size(), 2u);
   EXPECT_EQ(clients[0]->requiredBagType, 2u);
   EXPECT_EQ(clients[0]->identifier, "com.vantor.test");

@@ -1,5 +1,3 @@
-#include "platform/VendBase/HSURLRequest.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -10,33 +8,115 @@
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
+#include "platform/VendBase/HSRequestHop.h"
+#include "platform/VendBase/HSURLRequest.h"
 #include "tests/support/NoMoreFiles.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
 
-std::string sent(const char* url, std::vector<std::pair<std::string, std::string>> query) {
-  HSURLRequest request(*URL::parse(url));
-  request.queryStringDictionary = std::move(query);
-  return request.urlToSend()->absoluteString();
+HSRequestHop hopTo(const char* url) {
+  return HSRequestHop(*URL::parse(url));
+}
+
+HTTPResponse redirect(int status, const char* location, const char* name = "Location") {
+  HTTPResponse response(*URL::parse("https://store.example/"));
+  response.statusCode = status;
+  response.headers = {{name, location}};
+  return response;
+}
+
+TEST(HSRequestHop, RedirectsAreFiveStatusesWithALocation) {
+  for (const int status : {301, 302, 303, 307, 308})
+    EXPECT_TRUE(HSRequestHop::isRedirect(redirect(status, "/x"))) << status;
+  for (const int status : {200, 201, 300, 304, 305, 306, 399, 404})
+    EXPECT_FALSE(HSRequestHop::isRedirect(redirect(status, "/x"))) << status;
+  EXPECT_TRUE(HSRequestHop::isRedirect(redirect(302, "/x", "location")));
+  EXPECT_FALSE(HSRequestHop::isRedirect(redirect(302, "/x", "Locations")));
+}
+
+TEST(HSRequestHop, MethodAndBodyFollowTheStatus) {
+  const struct {
+    int status;
+    const char *method, *expected;
+  } cases[] = {{301, "POST", "GET"},  {302, "POST", "GET"},  {303, "POST", "GET"},
+               {307, "POST", "POST"}, {308, "POST", "POST"}, {301, "PUT", "PUT"},
+               {303, "PUT", "GET"},   {303, "HEAD", "HEAD"}, {302, "HEAD", "HEAD"}};
+  for (const auto& each : cases) {
+    HSRequestHop hop = hopTo("https://store.example/a");
+    hop.method = each.method;
+    hop.body = Data(std::string_view("body"));
+    hop.headers = {{"content-type", "text/plain"}, {"Accept", "text/xml"}};
+    const auto next = hop.hopAfterRedirect(redirect(each.status, "b?c"));
+    ASSERT_TRUE(next) << each.status << each.method;
+    EXPECT_EQ(next->method, each.expected) << each.status << each.method;
+    EXPECT_EQ(next->url.absoluteString(), "https://store.example/b?c");
+    const bool isTurned = next->method != hop.method;
+    EXPECT_EQ(next->body.empty(), isTurned) << each.status << each.method;
+    EXPECT_EQ(next->hasHeader("Content-Type"), !isTurned) << each.status << each.method;
+    EXPECT_TRUE(next->hasHeader("accept"));
+  }
+}
+
+TEST(HSRequestHop, RefusesWhereARedirectMayNotLead) {
+  const struct {
+    const char *from, *location;
+    std::int64_t code;  // 0: allowed
+  } cases[] = {{"https://a.example/", "http://a.example/", kHSErrorInsecureRedirect},
+               {"HTTPS://a.example/", "http://a.example/", kHSErrorInsecureRedirect},
+               {"https://a.example/", "HTTP://a.example/", kHSErrorInsecureRedirect},
+               {"http://a.example/", "http://b.example/", 0},
+               {"http://a.example/", "https://b.example/", 0},
+               {"https://a.example/", "//b.example/", 0},
+               {"https://a.example/", "data:text/xml,x", kHSErrorInvalidResponse},
+               {"https://a.example/", "file:///etc/passwd", kHSErrorInvalidResponse},
+               {"https://a.example/", "https://", kHSErrorInvalidResponse}};
+  for (const auto& each : cases) {
+    const auto next = hopTo(each.from).hopAfterRedirect(redirect(302, each.location));
+    EXPECT_EQ(next ? 0 : next.error().code, each.code) << each.from << " " << each.location;
+  }
+}
+
+TEST(HSRequestHop, OwnCredentialsStayWithTheirOrigin) {
+  HSRequestHop hop = hopTo("https://store.example/a");
+  hop.headers = {{"authorization", "x"}, {"Cookie", "a=b"}, {"X-Own", "1"}};
+  for (const char* elsewhere : {"https://other.example/", "https://store.example:8443/"}) {
+    const auto next = hop.hopAfterRedirect(redirect(302, elsewhere));
+    ASSERT_TRUE(next) << elsewhere;
+    EXPECT_FALSE(next->hasHeader("Authorization")) << elsewhere;
+    EXPECT_FALSE(next->hasHeader("Cookie")) << elsewhere;
+    EXPECT_TRUE(next->hasHeader("X-Own")) << elsewhere;
+  }
+  const auto same = hop.hopAfterRedirect(redirect(302, "https://STORE.example:443/b"));
+  ASSERT_TRUE(same);
+  EXPECT_TRUE(same->hasHeader("Authorization"));
+}
+
+TEST(HSRequestHop, AddsNoHeaderTwiceAndNoneThatCannotTravel) {
+  using namespace std::string_view_literals;
+  HSRequestHop hop = hopTo("https://store.example/");
+  hop.headers = {{"user-agent", "own"}};
+  EXPECT_TRUE(hop.addHeader("User-Agent", "standard"));
+  EXPECT_TRUE(hop.addHeader("Cookie", "a=b"));
+  for (const std::string_view value : {"1\r\nX-B: 2"sv, "1\0"sv, "1\t2"sv, ""sv})
+    EXPECT_FALSE(hop.addHeader("X-A", value)) << value;
+  EXPECT_EQ(hop.headers, (HTTPHeaderList{{"user-agent", "own"}, {"Cookie", "a=b"}}));
 }
 
 TEST(HSURLRequest, SendsItsQueryEncodedAndInKeyOrder) {
+  using Query = std::vector<std::pair<std::string, std::string>>;
+  const auto sent = [](const char* url, Query query) {
+    HSURLRequest request(*URL::parse(url));
+    request.queryStringDictionary = std::move(query);
+    return request.urlToSend()->absoluteString();
+  };
   EXPECT_EQ(sent("https://a.example/p", {}), "https://a.example/p");
   EXPECT_EQ(sent("https://a.example/p?x=1#f", {{"guid", "A B"}, {"b", ""}}),
             "https://a.example/p?x=1&b=&guid=A%20B#f");
-  EXPECT_EQ(sent("https://a.example/", {{"k&=", "\xC3\xBC/?#%\r\n~-._"}}),
+  EXPECT_EQ(sent("https://a.example/", {{"k&=", "\u00FC/?#%\r\n~-._"}}),
             "https://a.example/?k%26%3D=%C3%BC%2F%3F%23%25%0D%0A~-._");
   EXPECT_EQ(HSURLRequest().urlToSend(), std::nullopt);
-}
-
-TEST(HSError, ShowsTheMessageElseTheTitle) {
-  EXPECT_EQ(HSError(5, "title", "message").localizedDescription(), "message");
-  const Error titled = HSError(5, "title", std::nullopt);
-  EXPECT_EQ(titled.localizedDescription(), "title");
-  EXPECT_FALSE(titled.userInfo.contains(kHSErrorMessageKey));
-  EXPECT_TRUE(HSError(5, std::nullopt, std::nullopt).userInfo.empty());
 }
 
 TEST(ClientDescriptors, WhatCannotBeListedInPassingIsLookedForAgain) {

@@ -59,6 +59,19 @@ class StoreProtocolTest : public StoreRequestFixture {
     _service->signedInAccount->setDsID(dsID);
     _service->signedInAccount->setToken(token);
   }
+  std::int64_t signInWith(const char* password, const HSAuthenticationContext& context) {
+    return run(*std::make_shared<HSSignInOperation>(makeClient(), context, "n", Secret(password)));
+  }
+  // Returns when an operation of the client has had its turn.
+  static void haveATurn(HSOperationQueue& queue, const char* identifier) {
+    const auto client = std::make_shared<HSStoreClient>();
+    client->identifier = identifier;
+    std::promise<void> ran;
+    const auto operation = std::make_shared<HSOperation>(client);
+    operation->setCompletionHandler([&](auto&, bool, const auto&) { ran.set_value(); });
+    queue.addOperation(operation);
+    ran.get_future().wait();
+  }
   Dictionary sentBody(std::size_t index) const {
     const auto body = PropertyList::decode(sent(index).body);
     return body && body->dictionary() != nullptr ? *body->dictionary() : Dictionary();
@@ -204,21 +217,14 @@ TEST_F(StoreProtocolTest, KeepsAPasswordFromWhereItDoesNotBelong) {
     const bool asks = each.error == 0 || !each.answer.empty();
     const std::size_t before = _transport.requests().size();
     if (asks) answerWith(each.answer);
-    const auto operation =
-        std::make_shared<HSSignInOperation>(makeClient(), context, "n", Secret(each.password));
-    std::optional<Error> error;
-    operation->runSyncReturningError(&error);
-    EXPECT_EQ(error ? error->code : 0, each.error) << each.url << description(each.answer);
+    EXPECT_EQ(signInWith(each.password, context), each.error)
+        << each.url << description(each.answer);
     EXPECT_EQ(_transport.requests().size() - before, asks ? 1u : 0u);
   }
   // Nor to where the store would have it sent on.
   for (const int status : {302, 307, 308}) {
     respond(status, {{"Location", "https://other.example/"}});
-    const auto operation =
-        std::make_shared<HSSignInOperation>(makeClient(), context, "n", Secret("p"));
-    std::optional<Error> error;
-    operation->runSyncReturningError(&error);
-    EXPECT_EQ(error ? error->code : 0, kHSErrorHTTPStatus);
+    EXPECT_EQ(signInWith("p", context), kHSErrorHTTPStatus) << status;
     EXPECT_EQ(_transport.requests().back().url.absoluteString(), kAuthenticateURL);
   }
 }
@@ -235,9 +241,8 @@ TEST_F(StoreProtocolTest, AuthenticatesOnDemandOnceAndCarriesTheToken) {
   EXPECT_EQ(operation->authenticatedDSID(), 42u);
   ASSERT_EQ(_transactions->contexts.size(), 1u);
   EXPECT_EQ(_transactions->contexts[0].authenticationReason, 7);
-  EXPECT_EQ(sentHeader(0, "X-Vantor-Token"), "(none)");
-  EXPECT_EQ(sentHeader(1, "X-Vantor-Token"), "tok");
-  EXPECT_EQ(sentHeader(1, "X-Vantor-DSID"), "42");
+  expectSent(0, {{"X-Vantor-Token", "(none)"}});
+  expectSent(1, {{"X-Vantor-Token", "tok"}, {"X-Vantor-DSID", "42"}});
   EXPECT_EQ(_service->headerQuestions().at(1).dsid, 42u);
 
   // Once: the second demand is the answer. Never where it is switched off, or nobody may be asked.
@@ -248,11 +253,8 @@ TEST_F(StoreProtocolTest, AuthenticatesOnDemandOnceAndCarriesTheToken) {
   for (const bool isSwitchedOff : {true, false}) {
     answerWith({}, 401);
     const auto quiet = operationWithDialogs();
-    if (isSwitchedOff) {
-      quiet->setNeedsAuthentication(false);
-    } else {
-      _provider->setShouldProcessDialogs(false);
-    }
+    if (isSwitchedOff) quiet->setNeedsAuthentication(false);
+    if (!isSwitchedOff) _provider->setShouldProcessDialogs(false);
     EXPECT_EQ(run(*quiet), kHSErrorHTTPStatus);
   }
   EXPECT_EQ(_transactions->contexts.size(), 2u);
@@ -279,7 +281,7 @@ TEST_F(StoreProtocolTest, AuthenticatesUpFrontWhereTheTokenHasExpired) {
   const auto fine = operation();
   EXPECT_EQ(run(*fine), 0);
   EXPECT_EQ(fine->authenticatedDSID(), 7u);
-  EXPECT_EQ(sentHeader(0, "X-Vantor-Token"), "t");
+  expectSent(0, {{"X-Vantor-Token", "t"}});
   EXPECT_EQ(_transactions->contexts.size(), 3u);
 
   // A token that the store has revoked: somebody is asked all the same, once.
@@ -294,7 +296,7 @@ TEST_F(StoreProtocolTest, AuthenticatesUpFrontWhereTheTokenHasExpired) {
   const auto plain = operationFor("http://store.example/");
   plain->setSendToken(true);
   EXPECT_EQ(run(*plain), 0);
-  EXPECT_EQ(sentHeader(3, "X-Vantor-Token"), "(none)");
+  expectSent(3, {{"X-Vantor-Token", "(none)"}});
 }
 
 TEST_F(StoreProtocolTest, RepeatsOnceAfterAMachineIdentityAction) {
@@ -331,11 +333,7 @@ TEST_F(StoreProtocolTest, AnOpenDialogKeepsNoPlaceOnTheQueue) {
   const auto waiting = operationWithDialogs();
   queue.addOperation(waiting);
   _transport.waitForRequests(1);
-  std::promise<void> ran;
-  const auto next = std::make_shared<HSOperation>(makeClient());
-  next->setCompletionHandler([&](auto&, bool, const auto&) { ran.set_value(); });
-  queue.addOperation(next);
-  ran.get_future().wait();
+  haveATurn(queue, "com.vantor.test");
   EXPECT_EQ(_dialogs.center.openDialogCount(), 1u);
   // Cancelling takes it away.
   waiting->cancel();
@@ -348,15 +346,8 @@ TEST_F(StoreProtocolTest, OneClientDoesNotTakeAllPlaces) {
   HSOperationQueue queue(2, 1);
   _transport.hold();
   for (int i = 0; i < 3; ++i) queue.addOperation(operationFor("https://store.example/"));
-  auto other = std::make_shared<HSStoreClient>();
-  other->identifier = "another";
-  std::promise<void> ran;
-  const auto next = std::make_shared<HSOperation>(other);
-  next->setCompletionHandler([&](auto&, bool, const auto&) { ran.set_value(); });
-  queue.addOperation(next);
-  ran.get_future().wait();
-  _transport.setHandler(
-      [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
+  haveATurn(queue, "another");
+  respondAlways(200);
   _transport.release();
   queue.waitUntilAllOperationsAreFinished();
   EXPECT_EQ(_transport.requests().size(), 3u);

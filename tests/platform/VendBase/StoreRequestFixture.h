@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <strings.h>
+
 #include <algorithm>
-#include <cctype>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -75,20 +76,24 @@ class StoreRequestFixture : public testing::Test {
   }
   static URL url(std::string_view text) { return *URL::parse(text); }
 
-  std::shared_ptr<HSStoreURLOperation> operationFor(std::string_view text) {
+  std::shared_ptr<HSStoreURLOperation> operationFor(
+      std::string_view text, const std::function<void(HSURLRequest&)>& change = nullptr) {
     auto operation = std::make_shared<HSStoreURLOperation>(makeClient());
-    operation->setRequest(HSURLRequest(url(text)));
+    HSURLRequest request(url(text));
+    if (change) change(request);
+    operation->setRequest(request);
     return operation;
   }
   // As a bag load makes it.
-  std::shared_ptr<HSStoreURLOperation> baglessOperationFor(std::string_view text) {
-    auto operation = operationFor(text);
+  std::shared_ptr<HSStoreURLOperation> baglessOperationFor(
+      std::string_view text, const std::function<void(HSURLRequest&)>& change = nullptr) {
+    auto operation = operationFor(text, change);
     operation->setRequiredBagType(0);
     operation->setURLKnownToBeTrusted(true);
     return operation;
   }
   // The code of the store error (0: success); other domains fail the test.
-  static std::int64_t run(HSStoreURLOperation& operation) {
+  static std::int64_t run(HSOperation& operation) {
     std::optional<Error> error;
     const bool success = operation.runSyncReturningError(&error);
     EXPECT_EQ(success, !error.has_value());
@@ -110,19 +115,23 @@ class StoreRequestFixture : public testing::Test {
       return ScriptedTransport::response(request, status, headers, body);
     });
   }
+  // The answer to all that is not scripted.
+  void respondAlways(int status) {
+    _transport.setHandler(
+        [=](const HTTPRequest& request) { return ScriptedTransport::response(request, status); });
+  }
   void fail(HTTPTransport::ErrorCode code) { _transport.enqueue(ScriptedTransport::fail(code)); }
 
   HTTPRequest sent(std::size_t index) const { return _transport.requests().at(index); }
-  // The value of that request's only header of that name, in any case; "(none)" or "(many)".
-  std::string sentHeader(std::size_t index, std::string_view name) const {
-    std::string found = "(none)";
-    for (const auto& [each, value] : sent(index).headers) {
-      const bool isSame = std::equal(
-          each.begin(), each.end(), name.begin(), name.end(),
-          [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
-      if (isSame) found = found == "(none)" ? value : "(many)";
+  // Each is that request's only header of its name, in any case; "(none)": there is none.
+  void expectSent(std::size_t index, const HTTPHeaderList& headers) const {
+    for (const auto& [name, value] : headers) {
+      std::vector<std::string> found;
+      for (const auto& each : sent(index).headers)
+        if (strcasecmp(each.first.c_str(), name.c_str()) == 0) found.push_back(each.second);
+      if (found.empty()) found = {"(none)"};
+      EXPECT_EQ(found, std::vector{value}) << name;
     }
-    return found;
   }
 
   ManualClock _clock{Date{1'000'000}};

@@ -1,36 +1,70 @@
 #include "platform/VendBase/VBLogManager.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
-#include <vector>
+#include <string>
 
+#include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/PropertyList/PropertyList.h"
 #include "platform/VendBase/JournalLogSink.h"
+#include "platform/VendBase/LogText.h"
 #include "platform/VendBase/StandardErrorLogSink.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/ManyThreads.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
 
+TEST(LogTextTest, EscapesWhateverCouldForgeALineOrDriveATerminal) {
+  EXPECT_EQ(LogText::escaped("plain % text \\ \"quoted\""), "plain % text \\ \"quoted\"");
+  EXPECT_EQ(LogText::escaped("Grüße 世界 🐄"), "Grüße 世界 🐄");
+  EXPECT_EQ(LogText::escaped("a\nb\rc\td"), "a\\nb\\rc\\td");
+  EXPECT_EQ(LogText::escaped(std::string_view("\0\x1b[2J\x7f", 6)), "\\x00\\x1b[2J\\x7f");
+  EXPECT_EQ(LogText::escaped("\u009b31m"), "\\x9b31m");
+  EXPECT_EQ(LogText::escaped("x\u2028y\u2029z"), "x\\u{2028}y\\u{2029}z");
+  EXPECT_EQ(LogText::escaped("\u202eecilA\u2066"), "\\u{202e}ecilA\\u{2066}");
+}
+
+TEST(LogTextTest, EscapesMalformedBytesOneByOne) {
+  EXPECT_EQ(LogText::escaped("\xff"), "\\xff");
+  EXPECT_EQ(LogText::escaped("a\xc3"), "a\\xc3");
+  EXPECT_EQ(LogText::escaped("\xc0\xaf"), "\\xc0\\xaf");             // overlong '/'
+  EXPECT_EQ(LogText::escaped("\xed\xa0\x80!"), "\\xed\\xa0\\x80!");  // half a surrogate pair
+}
+
+TEST(LogTextTest, CutsLongLinesBetweenCharacters) {
+  const std::string fits(LogText::kMaxLineBytes, 'x');
+  EXPECT_EQ(LogText::escaped(fits), fits);
+  std::string longer = std::string(LogText::kMaxLineBytes - 1, 'x') + "ü" + std::string(1000, 'y');
+  EXPECT_EQ(LogText::escaped(longer),
+            longer.substr(0, LogText::kMaxLineBytes + 1) + "… (1000 more bytes)");
+  // Escapes grow the text; the line stays bounded all the same.
+  EXPECT_LT(LogText::escaped(std::string(1u << 20, '\x01')).size(), LogText::kMaxLineBytes + 64);
+}
+
+TEST(LogTextTest, NamesFilesByTheirPlaceInTheSystem) {
+  EXPECT_EQ(LogText::fileName("/src/AccountService/AccountStore.cpp"),
+            "AccountService/AccountStore");
+  EXPECT_EQ(LogText::fileName("/home/src/tallowd/src/Bag.cpp"), "Bag");
+  EXPECT_EQ(LogText::fileName("platform/VendBase/HSDevice.cpp"), "VendBase/HSDevice");
+  EXPECT_EQ(LogText::fileName("/platform/HTTP/HTTPTransport.h"), "HTTP/HTTPTransport");
+  EXPECT_EQ(LogText::fileName("xsrc/a.b/file"), "xsrc/a.b/file");
+}
+
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
 std::string contentsOf(const std::filesystem::path& path) {
-  std::ifstream file(path);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  return std::string(readFile(path)->view());
 }
 
 // Counts how often it is asked for its text.
@@ -70,18 +104,12 @@ TEST(VBLogManagerTest, RendersNothingBelowTheThreshold) {
 
 TEST(VBLogManagerTest, TakesLinesFromAllThreadsWhileSinksChange) {
   CapturedLog log;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([] {
-      for (int round = 0; round < 500; ++round) logLevel(2, "%d", round);
-    });
-  }
-  for (int i = 0; i < 100; ++i) {
+  onManyThreads(5, [](int number) {
     VBLogManager& manager = VBLogManager::sharedManager();
-    const auto sink = manager.setSink(nullptr);  // lines are dropped meanwhile
-    manager.setSink(sink);
-  }
-  for (std::thread& thread : threads) thread.join();
+    for (int round = 0; round < 500 && number < 4; ++round) logLevel(2, "%d", round);
+    // Lines are dropped meanwhile.
+    for (int i = 0; i < 100 && number == 4; ++i) manager.setSink(manager.setSink(nullptr));
+  });
   logLevel(2, "end");
   EXPECT_TRUE(log.contains(2, "end"));
 }
@@ -141,21 +169,17 @@ TEST_F(PropertyListLogFilesTest, KeepsTheLatestDumpOfAName) {
   _files.write("Bag", Value(Dictionary{{"key", "old"}}));
   _files.write("Bag", Value(Dictionary{{"key", "new"}}));
   const std::string text = contentsOf(_folder / "log/Bag");
-  const auto decoded = PropertyList::decode(Data(std::string_view(text)));
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(*decoded, Value(Dictionary{{"key", "new"}}));
+  EXPECT_EQ(*PropertyList::decode(Data(text)), Value(Dictionary{{"key", "new"}}));
   EXPECT_THAT(text, StartsWith("<?xml"));
-  struct stat status {};
-  ASSERT_EQ(stat((_folder / "log/Bag").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777u, 0600u);
+  EXPECT_EQ(std::filesystem::status(_folder / "log/Bag").permissions(),
+            std::filesystem::perms(0600));
   _files.write("Nothing", {});
   EXPECT_EQ(contentsOf(_folder / "log/Nothing"), "(null)\n");
 }
 
 TEST_F(PropertyListLogFilesTest, RefusesNamesThatLeaveTheFolder) {
-  for (const char* const name : {"", ".", "..", "../Bag", "a/b", "/etc/passwd", "a\nb"}) {
+  for (const char* const name : {"", ".", "..", "../Bag", "a/b", "/etc/passwd", "a\nb"})
     _files.write(name, Value(1));
-  }
   EXPECT_EQ(_log.lines(1).size(), 7u);
   EXPECT_FALSE(std::filesystem::exists(_folder / "Bag"));
   EXPECT_FALSE(std::filesystem::exists(_folder / "log"));
