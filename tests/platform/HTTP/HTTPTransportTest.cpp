@@ -3,19 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/HTTP/CurlTransport.h"
 #include "platform/HTTP/ScriptedTransport.h"
 #include "tests/support/LoopbackServer.h"
+#include "tests/support/ManyThreads.h"
 
 namespace tallow {
 namespace {
+
+using enum HTTPTransport::ErrorCode;
 
 // What every transport keeps to, over a store that answers, or keeps silent, as a test says.
 class RealStore {
@@ -83,24 +87,15 @@ class HTTPTransportContract : public ::testing::Test {
 using Stores = ::testing::Types<RealStore, ScriptedStore>;
 TYPED_TEST_SUITE(HTTPTransportContract, Stores);
 
-TYPED_TEST(HTTPTransportContract, GivesTheWholeAnswer) {
-  this->store.answer(200, "X-Store: Value, of it", "body");
-  const Result<HTTPResponse> result = this->store.transport().perform(this->request());
-  ASSERT_TRUE(result) << description(result.error());
-  EXPECT_EQ(result->url, this->store.url());
-  EXPECT_EQ(result->statusCode, 200);
-  EXPECT_EQ(result->header("X-Store"), "Value, of it");
-  EXPECT_EQ(result->body, Data(std::string_view("body")));
-}
-
-TYPED_TEST(HTTPTransportContract, AnyStatusIsAnAnswerAndRedirectsAreNotFollowed) {
-  for (const int status : {302, 404, 503}) {
-    this->store.answer(status, "Location: http://elsewhere.example.com/", "body");
+TYPED_TEST(HTTPTransportContract, AnyStatusIsAWholeAnswerAndRedirectsAreNotFollowed) {
+  for (const int status : {200, 302, 404, 503}) {
+    this->store.answer(status, "Location: http://elsewhere.example.com/a, b", "body");
     const Result<HTTPResponse> result = this->store.transport().perform(this->request());
     ASSERT_TRUE(result) << description(result.error());
-    EXPECT_EQ(result->statusCode, status);
-    EXPECT_EQ(result->header("Location"), "http://elsewhere.example.com/");
     EXPECT_EQ(result->url, this->store.url());
+    EXPECT_EQ(result->statusCode, status);
+    EXPECT_EQ(result->header("Location"), "http://elsewhere.example.com/a, b");
+    EXPECT_EQ(result->body, Data(std::string_view("body")));
   }
 }
 
@@ -110,9 +105,9 @@ TYPED_TEST(HTTPTransportContract, BoundsTheBody) {
   request.maxBodyBytes = 1000;
   EXPECT_EQ(this->errorOf(request), 0);
   request.maxBodyBytes = 999;
-  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBodyTooLarge);
+  EXPECT_EQ(this->errorOf(request), kBodyTooLarge);
   request.maxBodyBytes = 0;
-  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBodyTooLarge);
+  EXPECT_EQ(this->errorOf(request), kBodyTooLarge);
 }
 
 TYPED_TEST(HTTPTransportContract, RefusesWhatMustNotBeSent) {
@@ -124,18 +119,18 @@ TYPED_TEST(HTTPTransportContract, RefusesWhatMustNotBeSent) {
   };
   EXPECT_EQ(with("X-Store", "plain \xc3\xbc, 'quoted' \"text\""), 0);
   for (const char* value : {"a\r\nX-Evil: 1", "a\nb", "a\rb", "\x01", "a\tb", "\x7f"})
-    EXPECT_EQ(with("X-Store", value), HTTPTransport::kBadRequest) << value;
-  EXPECT_EQ(with("X-Store", std::string("a\0b", 3)), HTTPTransport::kBadRequest);
+    EXPECT_EQ(with("X-Store", value), kBadRequest) << value;
+  EXPECT_EQ(with("X-Store", std::string("a\0b", 3)), kBadRequest);
   for (const char* name : {"", "X Store", "X-Store:", "X-St\r\nore", "X-St\xc3\xb6re", "Host",
                            "host", "Content-Length", "transfer-encoding"})
-    EXPECT_EQ(with(name, "1"), HTTPTransport::kBadRequest) << name;
+    EXPECT_EQ(with(name, "1"), kBadRequest) << name;
 
   HTTPRequest request = this->request();
   request.method = "GET / HTTP/1.1\r\nX-Evil: 1\r\n";
-  EXPECT_EQ(this->errorOf(request), HTTPTransport::kBadRequest);
+  EXPECT_EQ(this->errorOf(request), kBadRequest);
   for (const char* url : {"data:text/plain,hello", "ftp://127.0.0.1/", "file:///etc/passwd"}) {
     ASSERT_TRUE(URL::parse(url)) << url;
-    EXPECT_EQ(this->errorOf(HTTPRequest(*URL::parse(url))), HTTPTransport::kBadRequest) << url;
+    EXPECT_EQ(this->errorOf(HTTPRequest(*URL::parse(url))), kBadRequest) << url;
   }
 }
 
@@ -170,12 +165,12 @@ TYPED_TEST(HTTPTransportContract, CancelledExchangesCompleteOnce) {
   std::shared_ptr<HTTPTransport::Exchange> late;
   std::future<std::int64_t> earlyOutcome = this->start(&early);
   early->cancel();
-  EXPECT_EQ(earlyOutcome.get(), HTTPTransport::kCancelled);
+  EXPECT_EQ(earlyOutcome.get(), kCancelled);
   std::future<std::int64_t> lateOutcome = this->start(&late);
   this->store.waitUntilAsked(1);
   late->cancel();
   late->cancel();
-  EXPECT_EQ(lateOutcome.get(), HTTPTransport::kCancelled);
+  EXPECT_EQ(lateOutcome.get(), kCancelled);
   early->cancel();
 }
 
@@ -186,27 +181,87 @@ TYPED_TEST(HTTPTransportContract, TheEndOfTheTransportCancels) {
   std::future<std::int64_t> second = this->start();
   this->store.waitUntilAsked(1);
   this->store.endTransport();
-  EXPECT_EQ(first.get(), HTTPTransport::kCancelled);
-  EXPECT_EQ(second.get(), HTTPTransport::kCancelled);
+  EXPECT_EQ(first.get(), kCancelled);
+  EXPECT_EQ(second.get(), kCancelled);
   exchange->cancel();
 }
 
 TYPED_TEST(HTTPTransportContract, ManyAskAtOnce) {
-  constexpr int kThreads = 8;
-  constexpr int kRequests = 25;
+  constexpr int kThreads = 8, kRequests = 25;
   this->store.answer(200, "X-Store: 1", "body");
   std::atomic<int> answered = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      for (int j = 0; j < kRequests; ++j) {
-        const Result<HTTPResponse> result = this->store.transport().perform(this->request());
-        if (result && result->body.view() == "body") ++answered;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  onManyThreads(kThreads, [&](int) {
+    for (int i = 0; i < kRequests; ++i) {
+      const Result<HTTPResponse> result = this->store.transport().perform(this->request());
+      if (result && result->body.view() == "body") ++answered;
+    }
+  });
   EXPECT_EQ(answered, kThreads * kRequests);
+}
+
+HTTPResponse responseWith(HTTPHeaderList headers) {
+  HTTPResponse response(*URL::parse("http://store.example.com/"));
+  response.headers = std::move(headers);
+  return response;
+}
+
+std::optional<double> maxAge(std::string cacheControl) {
+  return responseWith({{"Cache-Control", std::move(cacheControl)}}).cacheControlMaxAgeSeconds();
+}
+
+TEST(HTTPResponseTest, HeaderDictionaryJoinsLinesOfOneName) {
+  const Dictionary headers =
+      responseWith({{"Vary", "Accept"},
+                    {"set-cookie", "a=1; Expires=Thu, 01 Jan 2026 00:00:00 GMT"},
+                    {"VARY", "Cookie"},
+                    {"Set-Cookie", "b=2"},
+                    {"Empty", ""}})
+          .headerDictionary();
+  EXPECT_EQ(headers,
+            (Dictionary{{"Vary", "Accept, Cookie"},
+                        {"set-cookie", Array{"a=1; Expires=Thu, 01 Jan 2026 00:00:00 GMT", "b=2"}},
+                        {"Empty", ""}}));
+  EXPECT_EQ(responseWith({{"Set-Cookie", "a=1"}}).headerDictionary(),
+            (Dictionary{{"Set-Cookie", "a=1"}}));
+}
+
+TEST(HTTPResponseTest, MaxAgeIsRead) {
+  EXPECT_EQ(responseWith({}).cacheControlMaxAgeSeconds(), std::nullopt);
+  for (const char* none : {"", "private", "s-maxage=5, x-max-age=6, max-agent=7"})
+    EXPECT_EQ(maxAge(none), std::nullopt) << none;
+  for (const char* hour : {"max-age=3600", "private , \tMAX-Age=3600 ,must-revalidate",
+                           "max-age=\"3600\"", "max-age=003600", "max-age=3600, max-age=20",
+                           // What bags and pings go by is how long an answer says that it holds,
+                           // not whether it may be kept.
+                           "max-age=3600, no-store", "no-cache=\"Set-Cookie, Via\", max-age=3600",
+                           // One inside a quoted string is none.
+                           "community=\"a, max-age=10, \\\", max-age=11\", max-age=3600"})
+    EXPECT_EQ(maxAge(hour), 3600) << hour;
+  EXPECT_EQ(responseWith({{"cache-control", "private"}, {"Cache-Control", "max-age=5"}})
+                .cacheControlMaxAgeSeconds(),
+            5);
+  // Extreme ones stay distinguishable.
+  EXPECT_EQ(maxAge("max-age=0"), 0);
+  EXPECT_EQ(maxAge("max-age=-5"), -5);
+  for (const std::string& large :
+       {std::string("2147483648"), std::string("2147483649"), std::string(400, '9')})
+    EXPECT_EQ(maxAge("max-age=" + large), 2147483648.0) << large;
+  EXPECT_EQ(maxAge("max-age=-" + std::string(400, '9')), -2147483648.0);
+}
+
+TEST(HTTPResponseTest, MalformedDirectivesDoNotCount) {
+  for (const char* malformed :
+       {"max-age", "max-age=", "max-age=1.5", "max-age=1e3", "max-age=+5", "max-age=5s",
+        "max-age=0x5", "max-age =5", "max-age= 5", "max-age=--5", "max-age=\"5", "max-age=5\"",
+        "max-age=\"\"", "max-age=5 6", "max-age;5"}) {
+    EXPECT_EQ(maxAge(malformed), std::nullopt) << malformed;
+    // What follows counts, unless a quotation mark that is never closed has swallowed it.
+    const std::string_view text = malformed;
+    const bool isOpen = std::count(text.begin(), text.end(), '"') % 2 == 1;
+    EXPECT_EQ(maxAge(std::string("\t, ,") + malformed + ", max-age=60"),
+              isOpen ? std::nullopt : std::optional(60.0))
+        << malformed;
+  }
 }
 
 }  // namespace
