@@ -103,6 +103,11 @@ class FloodingCaller {
       throw std::runtime_error("cannot send");
   }
 
+  // Whether a call is answered well; waits.
+  bool isServed() {
+    send("isValid");
+    return receive(1).contains("");
+  }
   // Waits for `count` answers; how many there were of each kind, by error name ("" for none).
   std::map<std::string, int> receive(int count) {
     std::map<std::string, int> kinds;
@@ -161,7 +166,7 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
         _scopedDirectories(_directories),
         _descriptors(ClientDescriptors::make()),
         _scopedDescriptors(*_descriptors) {
-    writeDescriptor("self.toml", "identifier = \"com.example.self\"\n" + recognisingThisProcess());
+    recogniseThisProcess("identifier = \"com.example.self\"");
     listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
     listener->setDelegate(this);
   }
@@ -175,9 +180,10 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
     std::ofstream(folder / (fileName + ".new")) << text;
     std::filesystem::rename(folder / (fileName + ".new"), folder / fileName);
   }
-  static std::string recognisingThisProcess() {
-    return "[[process]]\nexecutable = \"" +
-           std::filesystem::read_symlink("/proc/self/exe").string() + "\"\n";
+  // As what the text says.
+  void recogniseThisProcess(const std::string& text) {
+    const auto executable = std::filesystem::read_symlink("/proc/self/exe").string();
+    writeDescriptor("self.toml", text + "\n[[process]]\nexecutable = \"" + executable + "\"\n");
   }
 
   // The object that serves the nth connection; waits for it.

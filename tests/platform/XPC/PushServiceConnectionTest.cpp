@@ -174,27 +174,46 @@ TEST_F(PushServiceConnectionTest, ACallThatIsOutstandingWhenTheServiceEndsIsAnsw
   EXPECT_EQ(replies, 1);
 }
 
-TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
-  const CapturedLog log;
-  PeerBacklog backlog("peer");
-  std::deque<PeerBacklog::Answered> unanswered;
-  std::vector<int> made;
-  std::vector<int> dropped;
-  const auto add = [&](int number, std::size_t bytes) {
-    return backlog.add(
-        [&, number](PeerBacklog::Answered answered) {
+// Calls that say their number when they are made, and are answered when the test does.
+class PeerBacklogTest : public ::testing::Test {
+ protected:
+  bool add(int number, std::size_t bytes = 1) {
+    return _backlog.add(
+        [this, number](PeerBacklog::Answered answered) {
           made.push_back(number);
-          unanswered.push_back(std::move(answered));
+          _unanswered.push_back(std::move(answered));
         },
-        bytes, [&, number](const Error&) { dropped.push_back(number); });
-  };
+        bytes, [this, number](const Error&) { dropped.push_back(number); });
+  }
+  bool answerFirst(const std::optional<Error>& error = std::nullopt) {
+    const auto answered = std::move(_unanswered.front());
+    _unanswered.pop_front();
+    return answered(error);
+  }
+  void answerAll(const std::optional<Error>& error) {
+    while (!_unanswered.empty()) answerFirst(error);
+  }
+
+  const CapturedLog log;
+  ManualClock clock{Date{0}};
+  ManualRunLoop loop{clock};
+  std::vector<int> made, dropped;
+
+ private:
+  const ScopedShared<RunLoop> _scope{loop};
+  PeerBacklog _backlog{"peer"};
+  std::deque<PeerBacklog::Answered> _unanswered;
+};
+
+TEST_F(PeerBacklogTest, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
   constexpr int kCalls = 1000;
-  for (int i = 0; i < kCalls; ++i) EXPECT_TRUE(add(i, 1));
+  for (int i = 0; i < kCalls; ++i) EXPECT_TRUE(add(i));
   EXPECT_EQ(made.size(), PeerBacklog::kMaxUnanswered);
-  for (; !unanswered.empty(); unanswered.pop_front())
+  for (int i = 0; i < kCalls; ++i) {
     // Slow or refusing: the next one may fare better.
-    unanswered.front()(made.size() % 2 == 0 ? std::nullopt
-                                            : std::optional(makeError("com.example", 1, "no")));
+    if (i % 2 == 0) answerFirst();
+    if (i % 2 != 0) answerFirst(makeError("com.example", 1, "no"));
+  }
   EXPECT_EQ(made.size(), static_cast<std::size_t>(kCalls));
   EXPECT_TRUE(std::is_sorted(made.begin(), made.end()));
 
@@ -204,37 +223,17 @@ TEST(PeerBacklog, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
   EXPECT_TRUE(
       log.contains(1, "PeerBacklog: The peer has too much to do already; a call is dropped"));
   made.clear();
-  const Error gone = HSError(kHSErrorServiceUnavailable, std::nullopt, "gone");
-  for (; !unanswered.empty(); unanswered.pop_front()) unanswered.front()(gone);
+  answerAll(HSError(kHSErrorServiceUnavailable, std::nullopt, "gone"));
   EXPECT_TRUE(made.empty()) << "what waited has gone with it";
   EXPECT_EQ(dropped, std::vector<int>{1}) << "and was told so";
-  EXPECT_TRUE(add(3, 1));
+  EXPECT_TRUE(add(3));
   EXPECT_EQ(made, std::vector<int>{3});
 }
 
-TEST(PeerBacklog, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
-  ManualClock clock(Date{0});
-  ManualRunLoop loop(clock);
-  const ScopedShared<RunLoop> scope(loop);
-  PeerBacklog backlog("peer");
-  std::deque<PeerBacklog::Answered> unanswered;
-  std::vector<int> made;
-  const auto add = [&](int number) {
-    backlog.add(
-        [&, number](PeerBacklog::Answered answered) {
-          made.push_back(number);
-          unanswered.push_back(std::move(answered));
-        },
-        1);
-  };
+TEST_F(PeerBacklogTest, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
   for (int number = 0; number < 3; ++number) add(number);
-  const auto answerFirst = [&](const std::optional<Error>& error) {
-    const auto answered = std::move(unanswered.front());
-    unanswered.pop_front();
-    return answered(error);
-  };
   const Error tooMany = makeError(bus::kLimitsExceeded, -1, "too many");
-  EXPECT_TRUE(answerFirst(std::nullopt));
+  EXPECT_TRUE(answerFirst());
   EXPECT_FALSE(answerFirst(tooMany));
   EXPECT_FALSE(answerFirst(tooMany));
   add(3);
@@ -242,7 +241,7 @@ TEST(PeerBacklog, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
   EXPECT_EQ(made, (std::vector{0, 1, 2}));
   loop.advance(PeerBacklog::kSecondsBetweenTries);
   EXPECT_EQ(made, (std::vector{0, 1, 2, 1, 2, 3}));
-  while (!unanswered.empty()) EXPECT_TRUE(answerFirst(std::nullopt));
+  for (int left = 3; left > 0; --left) EXPECT_TRUE(answerFirst());
   EXPECT_EQ(XPCTransaction::workCount(), 0);
 }
 
