@@ -8,13 +8,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/Preferences/MemoryPreferences.h"
 #include "platform/Preferences/SQLitePreferences.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/InTheWay.h"
+#include "tests/support/ManyThreads.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -153,19 +153,15 @@ TYPED_TEST(PreferencesTest, AdministratorsValuesAreForBothHostsAndNotToBeWritten
 
 TYPED_TEST(PreferencesTest, ReadsFlagsAsTheirValuesAnswer) {
   Preferences& preferences = this->preferences();
-  bool exists = true;
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
-  EXPECT_FALSE(exists);
-  this->write("flag", "1");
-  EXPECT_TRUE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
-  EXPECT_TRUE(exists);
-  this->write("flag", 0);
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
-  EXPECT_TRUE(exists);
-  this->write("flag", Array());  // does not answer
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain, &exists));
-  EXPECT_FALSE(exists);
-  EXPECT_FALSE(preferences.getAppBooleanValue("flag", kTestDomain));
+  const std::pair<Value, std::optional<bool>> cases[] = {
+      {nullptr, std::nullopt}, {"1", true}, {0, false}, {Array(), std::nullopt}};
+  for (const auto& [value, answer] : cases) {
+    this->write("flag", value);
+    bool exists = !answer;
+    EXPECT_EQ(preferences.getAppBooleanValue("flag", kTestDomain, &exists), answer == true);
+    EXPECT_EQ(exists, answer.has_value()) << description(value);
+    EXPECT_EQ(preferences.getAppBooleanValue("flag", kTestDomain), answer == true);
+  }
 }
 
 TYPED_TEST(PreferencesTest, UpdatesSeveralValuesAtOnce) {
@@ -203,20 +199,17 @@ TYPED_TEST(PreferencesTest, TellsWhatCannotBeReadFromWhatIsNotThere) {
 
 TYPED_TEST(PreferencesTest, CountsExactlyWithManyThreads) {
   constexpr int kThreads = 4, kRounds = 50;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      for (int round = 0; round < kRounds; ++round) {
-        this->preferences().update(kTestDomain, [](Preferences::Editor& editor) {
-          editor.setValue("count", editor.value("count").signedValue() + 1);
-        });
-        this->write("own" + std::to_string(i), round);
-        EXPECT_EQ(this->read("own" + std::to_string(i)), Value(round));
-      }
-      EXPECT_TRUE(this->preferences().synchronize(kTestDomain, User::Current, Host::Any));
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  onManyThreads(kThreads, [&](int thread) {
+    const std::string own = "own" + std::to_string(thread);
+    for (int round = 0; round < kRounds; ++round) {
+      this->preferences().update(kTestDomain, [](Preferences::Editor& editor) {
+        editor.setValue("count", editor.value("count").signedValue() + 1);
+      });
+      this->write(own, round);
+      EXPECT_EQ(this->read(own), Value(round));
+    }
+    EXPECT_TRUE(this->preferences().synchronize(kTestDomain, User::Current, Host::Any));
+  });
   EXPECT_EQ(this->read("count"), Value(kThreads * kRounds));
 }
 

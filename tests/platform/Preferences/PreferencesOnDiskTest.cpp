@@ -1,13 +1,18 @@
-#include <gmock/gmock.h>
+#include "platform/Preferences/SQLitePreferences.h"
+
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
+#include <string_view>
 
-#include "platform/Preferences/SQLitePreferences.h"
+#include "platform/Base/AtomicFile.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FullDisk.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Unprivileged.h"
@@ -17,41 +22,78 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kDomain = "com.vantor.test";
-
 std::string bytesOf(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void overwrite(const fs::path& path, std::size_t offset, const std::string& bytes) {
-  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
-  file.seekp(static_cast<std::streamoff>(offset));
-  file << bytes;
+  return std::string(readFile(path)->view());
 }
 
 mode_t modeOf(const fs::path& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777u;
+  return static_cast<mode_t>(fs::status(path).permissions());
 }
 
-class PreferencesFaultTest : public ::testing::Test {
+// One domain of the preferences in a file of the test's own, and every log line caught.
+class PreferencesOnDiskTest : public ::testing::Test {
  protected:
+  static constexpr const char* kDomain = "com.vantor.test";
+
+  // As another process sees them.
   std::unique_ptr<SQLitePreferences> open() const {
     return std::make_unique<SQLitePreferences>(SQLitePreferences::Configuration{_file, {}, "host"});
   }
-  static Value read(SQLitePreferences& preferences, std::string_view key) {
+  static Value read(Preferences& preferences, std::string_view key) {
     return preferences.copyValue(key, kDomain, Preferences::User::Current, Preferences::Host::Any);
   }
-  static void write(SQLitePreferences& preferences, std::string_view key, const Value& value) {
+  static void write(Preferences& preferences, std::string_view key, const Value& value) {
     preferences.setValue(key, value, kDomain, Preferences::User::Current, Preferences::Host::Any);
   }
-  static bool synchronize(SQLitePreferences& preferences) {
+  static bool synchronize(Preferences& preferences) {
     return preferences.synchronize(kDomain, Preferences::User::Current, Preferences::Host::Any);
   }
-  // What another process would see.
   Value stored(std::string_view key) const { return read(*open(), key); }
+
+  void overwrite(std::size_t offset, const std::string& bytes) const {
+    std::fstream file(_file, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << bytes;
+  }
+  // Of which the large one lies where damageLarge() damages the file.
+  void writeSmallAndLarge() const {
+    write(*open(), "small", "remembered");
+    write(*open(), "large", std::string(500'000, 'x'));
+  }
+  void damageLarge() const {
+    overwrite(8 * 4096, std::string(fs::file_size(_file) - 8 * 4096, '\xaa'));
+  }
+  void setWritable(bool isWritable) const {
+    ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
+    ASSERT_EQ(chmod(_file.c_str(), isWritable ? 0600 : 0400), 0);
+    ASSERT_EQ(chmod(_state.c_str(), isWritable ? 0700 : 0500), 0);
+  }
+  // Adds 1 to "count" that many times.
+  void count(int times) const {
+    const auto preferences = open();
+    for (int i = 0; i < times; ++i)
+      ASSERT_TRUE(preferences->update(kDomain, [](Preferences::Editor& editor) {
+        editor.setValue("count", editor.value("count").signedValue() + 1);
+      }));
+  }
+  // Writes ever higher numbers, and says each once it is written.
+  void writeForEver(const ChildProcess::Say& say) const {
+    // Of varying size, so that the log grows, wraps and is folded into the file at all kinds of
+    // moments.
+    constexpr int kSizes = 97, kStep = 331;
+    const auto preferences = open();
+    for (int number = 1;; ++number) {
+      const std::string padding(static_cast<std::size_t>(number % kSizes * kStep), 'x');
+      write(*preferences, "single", number);
+      const bool isWritten = preferences->update(kDomain, [&](Preferences::Editor& editor) {
+        editor.setValue("first", number);
+        editor.setValue("padding", padding);
+        editor.setValue("second", number);
+      });
+      if (!isWritten) return;
+      say(number);
+    }
+  }
 
   CapturedLog _log;
   TemporaryFolder _folder;
@@ -59,7 +101,7 @@ class PreferencesFaultTest : public ::testing::Test {
   const fs::path _file = _state / "preferences.db";
 };
 
-TEST_F(PreferencesFaultTest, FilesAreTheOwnersOnly) {
+TEST_F(PreferencesOnDiskTest, FilesAreTheOwnersOnly) {
   const mode_t oldMask = umask(0);
   const auto preferences = open();
   EXPECT_TRUE(read(*preferences, "key").isNil());
@@ -67,15 +109,14 @@ TEST_F(PreferencesFaultTest, FilesAreTheOwnersOnly) {
   write(*preferences, "key", 1);
   umask(oldMask);
   EXPECT_EQ(modeOf(_state), 0700u);
-  for (const auto& entry : fs::directory_iterator(_state)) {
+  for (const auto& entry : fs::directory_iterator(_state))
     EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
-  }
   chmod(_file.c_str(), 0644);
   EXPECT_EQ(stored("key"), Value(1));
   EXPECT_EQ(modeOf(_file), 0600u);
 }
 
-TEST_F(PreferencesFaultTest, AFullDiskKeepsTheChangeInMemoryUntilThereIsRoom) {
+TEST_F(PreferencesOnDiskTest, AFullDiskKeepsTheChangeInMemoryUntilThereIsRoom) {
   const auto preferences = open();
   write(*preferences, "key", "old");
   ASSERT_TRUE(synchronize(*preferences));
@@ -104,43 +145,37 @@ TEST_F(PreferencesFaultTest, AFullDiskKeepsTheChangeInMemoryUntilThereIsRoom) {
   EXPECT_TRUE(stored("small").isNil());
 }
 
-TEST_F(PreferencesFaultTest, AReadOnlyFolderIsReadAndWritesWait) {
+TEST_F(PreferencesOnDiskTest, AReadOnlyFolderIsReadAndWritesWait) {
   write(*open(), "key", "old");
   const Unprivileged scope(_folder.path());
-  ASSERT_EQ(chmod(_file.c_str(), 0400), 0);
-  ASSERT_EQ(chmod(_state.c_str(), 0500), 0);
+  setWritable(false);
   const auto preferences = open();
   EXPECT_EQ(read(*preferences, "key"), Value("old"));
   EXPECT_TRUE(_log.lines(1).empty());
-  {
-    // Another process, which may write, has meanwhile.
-    ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
-    ASSERT_EQ(chmod(_file.c_str(), 0600), 0);
-    write(*open(), "key", "newer");
-    ASSERT_EQ(chmod(_file.c_str(), 0400), 0);
-    ASSERT_EQ(chmod(_state.c_str(), 0500), 0);
-  }
+  // Another process, which may write, has meanwhile.
+  setWritable(true);
+  write(*open(), "key", "newer");
+  setWritable(false);
   EXPECT_TRUE(synchronize(*preferences));
   EXPECT_EQ(read(*preferences, "key"), Value("newer"));
   write(*preferences, "key", "new");
   EXPECT_TRUE(_log.mentions(1, "it is read-only"));
   EXPECT_EQ(read(*preferences, "key"), Value("new"));
   EXPECT_FALSE(synchronize(*preferences));
-  ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
-  ASSERT_EQ(chmod(_file.c_str(), 0600), 0);
+  setWritable(true);
   EXPECT_TRUE(synchronize(*preferences));
   EXPECT_EQ(stored("key"), Value("new"));
 }
 
-TEST_F(PreferencesFaultTest, AnUnreadableFileIsLeftAlone) {
+TEST_F(PreferencesOnDiskTest, AnUnreadableFileIsLeftAlone) {
   write(*open(), "key", "old");
   const Unprivileged scope(_folder.path());
   ASSERT_EQ(chmod(_state.c_str(), 0), 0);
   const auto preferences = open();
-  EXPECT_TRUE(read(*preferences, "key").isNil());
-  EXPECT_EQ(_log.lines(1).size(), 1u);
-  EXPECT_TRUE(read(*preferences, "key").isNil());
-  EXPECT_EQ(_log.lines(1).size(), 1u);  // reads do not repeat the complaint
+  for (const char* which : {"first", "second"}) {
+    EXPECT_TRUE(read(*preferences, "key").isNil()) << which;
+    EXPECT_EQ(_log.lines(1).size(), 1u) << "reads do not repeat the complaint";
+  }
   write(*preferences, "other", 1);
   EXPECT_EQ(read(*preferences, "other"), Value(1));
   ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
@@ -149,7 +184,7 @@ TEST_F(PreferencesFaultTest, AnUnreadableFileIsLeftAlone) {
   EXPECT_EQ(stored("other"), Value(1));
 }
 
-TEST_F(PreferencesFaultTest, ADamagedFileIsSetAsideWhole) {
+TEST_F(PreferencesOnDiskTest, ADamagedFileIsSetAsideWhole) {
   fs::create_directory(_state);
   const std::string garbage(10'000, 'z');
   std::ofstream(_file) << garbage;
@@ -161,13 +196,11 @@ TEST_F(PreferencesFaultTest, ADamagedFileIsSetAsideWhole) {
   EXPECT_EQ(stored("key"), Value(1));
 }
 
-TEST_F(PreferencesFaultTest, DamageFoundLaterCostsOnlyWhatNobodyRemembers) {
-  write(*open(), "small", "remembered");
-  write(*open(), "large", std::string(500'000, 'x'));
+TEST_F(PreferencesOnDiskTest, DamageFoundLaterCostsOnlyWhatNobodyRemembers) {
+  writeSmallAndLarge();
   const auto preferences = open();
   EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
-  const std::size_t size = fs::file_size(_file);
-  overwrite(_file, 8 * 4096, std::string(size - 8 * 4096, '\xaa'));
+  damageLarge();
   EXPECT_TRUE(read(*preferences, "large").isNil());
   EXPECT_TRUE(fs::exists(_state / "preferences.db.corrupt"));
   EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
@@ -175,9 +208,9 @@ TEST_F(PreferencesFaultTest, DamageFoundLaterCostsOnlyWhatNobodyRemembers) {
   EXPECT_EQ(stored("small"), Value("remembered"));
 }
 
-TEST_F(PreferencesFaultTest, AnUpdateSurvivesDamageFoundInsideIt) {
-  write(*open(), "large", std::string(500'000, 'x'));
-  overwrite(_file, 8 * 4096, std::string(fs::file_size(_file) - 8 * 4096, '\xaa'));
+TEST_F(PreferencesOnDiskTest, AnUpdateSurvivesDamageFoundInsideIt) {
+  writeSmallAndLarge();
+  damageLarge();
   EXPECT_TRUE(open()->update(kDomain, [](Preferences::Editor& editor) {
     editor.setValue("before", 1);
     EXPECT_TRUE(editor.value("large").isNil());
@@ -187,12 +220,11 @@ TEST_F(PreferencesFaultTest, AnUpdateSurvivesDamageFoundInsideIt) {
   EXPECT_EQ(stored("after"), Value(2));
 }
 
-TEST_F(PreferencesFaultTest, AnUpdateThatMeetsDamageAndAFullDiskLosesNothing) {
-  write(*open(), "small", "remembered");
-  write(*open(), "large", std::string(500'000, 'x'));
+TEST_F(PreferencesOnDiskTest, AnUpdateThatMeetsDamageAndAFullDiskLosesNothing) {
+  writeSmallAndLarge();
   const auto preferences = open();
   EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
-  overwrite(_file, 8 * 4096, std::string(fs::file_size(_file) - 8 * 4096, '\xaa'));
+  damageLarge();
   {
     const FullDisk full;
     EXPECT_FALSE(preferences->update(kDomain, [](Preferences::Editor& editor) {
@@ -207,21 +239,21 @@ TEST_F(PreferencesFaultTest, AnUpdateThatMeetsDamageAndAFullDiskLosesNothing) {
   EXPECT_TRUE(stored("large").isNil());
 }
 
-TEST_F(PreferencesFaultTest, AValueThatCannotBeUnderstoodIsAbsent) {
+TEST_F(PreferencesOnDiskTest, AValueThatCannotBeUnderstoodIsAbsent) {
   write(*open(), "other", "fine");
   write(*open(), "key", "hello there");  // the later row comes first in the file
   const std::size_t at = bytesOf(_file).find("bplist00");
   ASSERT_NE(at, std::string::npos);
-  overwrite(_file, at, "xxxxxx99");
+  overwrite(at, "xxxxxx99");
   EXPECT_TRUE(stored("key").isNil());
   EXPECT_TRUE(_log.mentions(1, "Preferences: key of com.vantor.test cannot be understood"));
   EXPECT_EQ(stored("other"), Value("fine"));
 }
 
-TEST_F(PreferencesFaultTest, ANewerFormatIsLeftAlone) {
+TEST_F(PreferencesOnDiskTest, ANewerFormatIsLeftAlone) {
   write(*open(), "key", "old");
   constexpr std::size_t kUserVersionOffset = 60;
-  overwrite(_file, kUserVersionOffset, std::string("\0\0\0\2", 4));
+  overwrite(kUserVersionOffset, std::string("\0\0\0\2", 4));
   const std::string before = bytesOf(_file);
   const auto preferences = open();
   EXPECT_TRUE(read(*preferences, "key").isNil());
@@ -233,7 +265,7 @@ TEST_F(PreferencesFaultTest, ANewerFormatIsLeftAlone) {
   EXPECT_FALSE(fs::exists(_state / "preferences.db.corrupt"));
 }
 
-TEST_F(PreferencesFaultTest, AFileThatWasTakenAwayIsMadeAgain) {
+TEST_F(PreferencesOnDiskTest, AFileThatWasTakenAwayIsMadeAgain) {
   const auto preferences = open();
   write(*preferences, "key", 1);
   fs::remove_all(_state);
@@ -242,12 +274,59 @@ TEST_F(PreferencesFaultTest, AFileThatWasTakenAwayIsMadeAgain) {
   EXPECT_EQ(stored("key"), Value(2));
 }
 
-TEST_F(PreferencesFaultTest, AValueThatCouldNotBeReadBackIsRefused) {
+TEST_F(PreferencesOnDiskTest, AValueThatCouldNotBeReadBackIsRefused) {
   const auto preferences = open();
   write(*preferences, "key", "old");
   write(*preferences, "key", std::string((16u << 20) + 1, 'x'));
   EXPECT_TRUE(_log.mentions(1, "key of com.vantor.test is too large"));
   EXPECT_EQ(read(*preferences, "key"), Value("old"));
+}
+
+// The file does not exist yet when they start, so that making it is contended as well.
+TEST_F(PreferencesOnDiskTest, ProcessesLoseNoUpdateOfEachOther) {
+  constexpr int kTimes = 200;
+  const auto body = [this](const ChildProcess::Say& say) {
+    count(kTimes);
+    say(kTimes);
+  };
+  const ChildProcess first(body), second(body), third(body);
+  count(kTimes);
+  for (const ChildProcess* const child : {&first, &second, &third})
+    EXPECT_EQ(child->next(), kTimes);
+  EXPECT_EQ(stored("count"), Value(4 * kTimes));
+  EXPECT_TRUE(_log.lines(1).empty());
+}
+
+TEST_F(PreferencesOnDiskTest, ProcessesSeeEachOthersWritesAtTheNextRead) {
+  const auto own = open();
+  for (int i = 1; i <= 3; ++i) {
+    const ChildProcess neighbour([this](const ChildProcess::Say& say) {
+      count(1);
+      say(1);
+    });
+    EXPECT_EQ(neighbour.next(), 1);
+    EXPECT_EQ(read(*own, "count"), Value(i));
+    EXPECT_EQ(read(*own, "count"), Value(i)) << "again";
+  }
+}
+
+TEST_F(PreferencesOnDiskTest, KeepsWhatWasAcknowledgedWhenKilled) {
+  constexpr int kKills = 8, kMostLines = 60;
+  std::minstd_rand random(4711);
+  for (int round = 0; round < kKills; ++round) {
+    ChildProcess neighbour([this](const ChildProcess::Say& say) { writeForEver(say); });
+    std::int64_t acknowledged = 0;
+    for (auto lines = 1 + random() % kMostLines; lines > 0; --lines)
+      acknowledged = neighbour.next().value_or(-1);
+    acknowledged = neighbour.kill(acknowledged);
+    const std::int64_t first = stored("first").signedValue();
+    EXPECT_GT(acknowledged, 0);
+    EXPECT_EQ(stored("second"), Value(first)) << "a transaction is half there";
+    EXPECT_GE(first, acknowledged);
+    EXPECT_LE(first, acknowledged + 1);
+    EXPECT_GE(stored("single").signedValue(), first);
+  }
+  EXPECT_TRUE(_log.lines(1).empty());
 }
 
 }  // namespace
