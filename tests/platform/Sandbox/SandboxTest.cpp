@@ -8,33 +8,125 @@
 #include <linux/netlink.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sched.h>
+#include <seccomp.h>
 #include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include "platform/Base/AtomicFile.h"
+#include "platform/Base/Directories.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Sanitizers.h"
-#include "tests/platform/Sandbox/SandboxFixture.h"
+#include "platform/Base/SharedInstance.h"
+#include "platform/Sandbox/LandlockRuleset.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
 namespace {
 
 using ::testing::AnyOf;
 using ::testing::Eq;
+using ::testing::HasSubstr;
+
+constexpr const char* kProfile = "com.vantor.tallowd";
+
+// The errno of a call that failed, 0 when it did not.
+template <class T>
+int errorOf(T result) {
+  return result == T(-1) ? errno : 0;
+}
+
+const ::testing::Matcher<int> kRefused = AnyOf(EPERM, EACCES);
+
+bool kernelConfinesFiles() {
+  return static_cast<bool>(LandlockRuleset::kernelVersion());
+}
+
+// Confines the process, as the service does it.
+void confine() {
+  char* text = nullptr;
+  ASSERT_EQ(sandbox_init(kProfile, kSandboxNamed, &text), 0) << (text != nullptr ? text : "");
+}
+
+// A process of its own for what cannot be undone. Expectations in `body` count as usual; the end of
+// this object waits for it. Made before the test has other threads.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& body) : _process(fork()) {
+    if (_process < 0) std::abort();
+    if (_process > 0) return;
+    body();
+    std::fflush(nullptr);
+    _exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  ~Child() {
+    int status = 0;
+    EXPECT_GT(waitpid(_process, &status, 0), 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+ private:
+  const pid_t _process;
+};
+
+// A service's folders in a temporary place, and files of others beside them.
+class SandboxTest : public ::testing::Test {
+ protected:
+  SandboxTest() {
+    const std::filesystem::path root = _folder.path();
+    _directories.configHome = root / "config/tallowd";
+    _directories.dataHome = root / "data/tallowd";
+    _directories.cacheHome = root / "cache/tallowd";
+    _directories.stateHome = root / "state/tallowd";
+    _directories.configDirs = {_directories.configHome, root / "xdg/tallowd"};
+    _directories.dataDirs = {_directories.dataHome, root / "share/tallowd"};
+    std::filesystem::create_directories(root / "xdg/tallowd/anchors");
+    std::filesystem::create_directories(root / "share/tallowd/sandbox");
+    std::filesystem::create_directories(root / "others");
+    std::ofstream(root / "xdg/tallowd/readable") << "text";
+    std::ofstream(root / "others/secret") << "text";
+  }
+
+  // Runs `body` in a process of its own that has confined itself.
+  static void confined(const std::function<void()>& body) {
+    const Child child([&] {
+      confine();
+      if (!::testing::Test::HasFatalFailure()) body();
+    });
+  }
+
+  std::filesystem::path outside(const char* name) const { return _folder.path() / "others" / name; }
+  std::filesystem::path systemProfile() const {
+    return _directories.dataDirs[1] / "sandbox/com.vantor.tallowd.toml";
+  }
+
+  TemporaryFolder _folder;
+  Directories _directories;
+  ScopedShared<Directories> _sharedDirectories{_directories};
+};
 
 TEST_F(SandboxTest, LeavesOnlyTheServicesOwnFilesToWrite) {
   if (!kernelConfinesFiles()) GTEST_SKIP() << "this kernel has no Landlock";
@@ -184,16 +276,14 @@ TEST_F(SandboxTest, RefusesWhatReachesTheKernelAndTheMachine) {
     __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3] = {};
     EXPECT_EQ(errorOf(syscall(SYS_capget, &header, &held[0])), 0);
     for (const auto& half : held) EXPECT_EQ(half.permitted | half.effective | half.inheritable, 0U);
-    EXPECT_THAT(errorOf(mount("none", "/mnt", "tmpfs", 0, nullptr)), kRefused);
-    EXPECT_THAT(errorOf(chroot("/")), kRefused);
-    EXPECT_THAT(errorOf(unshare(CLONE_NEWUSER)), kRefused);
-    EXPECT_THAT(errorOf(setns(0, 0)), kRefused);
     EXPECT_THAT(errorOf(syscall(SYS_setuid, getuid())), kRefused);
-    EXPECT_THAT(errorOf(syscall(SYS_setgroups, 0, nullptr)), kRefused);
     for (const long call :
-         {SYS_bpf, SYS_perf_event_open, SYS_keyctl, SYS_add_key, SYS_init_module, SYS_finit_module,
-          SYS_kexec_load, SYS_reboot, SYS_userfaultfd, SYS_io_uring_setup, SYS_move_mount,
-          SYS_pidfd_getfd, SYS_open_by_handle_at, SYS_swapoff, SYS_capset, SYS_pivot_root})
+         {SYS_mount, SYS_chroot, SYS_unshare, SYS_setns, SYS_setgroups, SYS_capset, SYS_pivot_root,
+          SYS_move_mount,
+          // Of the kernel and the machine.
+          SYS_bpf, SYS_perf_event_open, SYS_keyctl, SYS_add_key, SYS_init_module, SYS_finit_module,
+          SYS_kexec_load, SYS_reboot, SYS_userfaultfd, SYS_io_uring_setup, SYS_pidfd_getfd,
+          SYS_open_by_handle_at, SYS_swapoff})
       EXPECT_THAT(errorOf(syscall(call, 0, 0, 0, 0, 0)), kRefused) << call;
     EXPECT_NE(errorOf(ioctl(0, TIOCSTI, "x")), 0);
   });
@@ -220,6 +310,152 @@ TEST_F(SandboxTest, UnknownCallsLookUnknown) {
     EXPECT_EQ(errorOf(syscall(SYS_clone3, nullptr, 0)), ENOSYS);
     EXPECT_EQ(errorOf(syscall(SYS_landlock_create_ruleset, nullptr, 0, 1)), ENOSYS);
   });
+}
+
+constexpr const char* kMinimalProfile = R"(
+format = 1
+[files]
+read = ["/usr", "/lib", "/lib64", "/proc", "$EXECUTABLE", "$CONFIG_DIRS", "$DATA_HOME/sub"]
+write = ["$STATE_HOME/sub", "/nowhere"]
+[network]
+listen = true
+socket-families = ["inet"]
+[system-calls]
+allow = ["exit_group", "write", "read", "open", "openat", "close", "newfstatat", "no_such_call",
+         "rt_sigprocmask", "sigaltstack", "munmap", "madvise", "futex", "sched_yield"]
+refuse = ["mkdir"]
+)";
+
+// Makes the listed calls fail from now on, as a kernel or a container without them does.
+void withoutCalls(std::vector<int> calls, int code) {
+  scmp_filter_ctx filter = seccomp_init(SCMP_ACT_ALLOW);
+  for (const int call : calls)
+    ASSERT_EQ(seccomp_rule_add(filter, SCMP_ACT_ERRNO(static_cast<unsigned>(code)), call, 0), 0);
+  ASSERT_EQ(seccomp_load(filter), 0);
+  seccomp_release(filter);
+}
+
+class SandboxProfileTest : public SandboxTest {
+ protected:
+  // What sandbox_init says, tried out in a process of its own; "" when it is content.
+  static std::string complaint(const char* profile = kProfile,
+                               std::uint64_t flags = kSandboxNamed) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    {
+      const Child child([&] {
+        char* text = nullptr;
+        if (sandbox_init(profile, flags, &text) != 0) {
+          ASSERT_NE(text, nullptr);
+          ASSERT_GT(write(ends[1], text, std::strlen(text)), 0);
+        }
+        sandbox_free_error(text);
+      });
+    }
+    close(ends[1]);
+    char text[1024];
+    const ssize_t length = read(ends[0], text, sizeof(text));
+    close(ends[0]);
+    return std::string(text, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+  }
+
+  // The complaint about the minimal profile with one text in it replaced.
+  std::string complaintAbout(const std::string& from, const std::string& to) {
+    std::string text = kMinimalProfile;
+    text.replace(text.find(from), from.size(), to);
+    std::ofstream(systemProfile()) << text;
+    return complaint();
+  }
+};
+
+TEST_F(SandboxProfileTest, RunsInsideAnotherSandbox) {
+  const Child child([&] {
+    if (kernelConfinesFiles()) {
+      const LandlockRuleset::Rules rules = {{"/"}, {_folder.path(), "/dev"}, false, true};
+      ASSERT_FALSE(LandlockRuleset::apply(rules, *LandlockRuleset::kernelVersion()));
+    }
+    withoutCalls({SCMP_SYS(ptrace), SCMP_SYS(mount)}, EPERM);
+    confine();
+    EXPECT_FALSE(writeFileAtomically(_directories.stateHome / "file", Data()));
+    if (kernelConfinesFiles()) {
+      EXPECT_FALSE(readFile(outside("secret")));
+    }
+  });
+}
+
+TEST_F(SandboxProfileTest, AKernelWithoutLandlockIsNoError) {
+  for (const int code : {ENOSYS, EOPNOTSUPP, EPERM}) {
+    const Child child([&] {
+      withoutCalls({SCMP_SYS(landlock_create_ruleset)}, code);
+      const CapturedLog log;
+      confine();
+      EXPECT_TRUE(log.mentions(1, "Sandbox: Files are not confined"));
+      EXPECT_EQ(errorOf(execl("/usr/bin/true", "true", nullptr)), EPERM);
+    });
+  }
+}
+
+TEST_F(SandboxProfileTest, AKernelThatRefusesIsAnError) {
+  const Child child([&] {
+    withoutCalls({SCMP_SYS(landlock_restrict_self), SCMP_SYS(seccomp)}, EINVAL);
+    char* text = nullptr;
+    EXPECT_EQ(sandbox_init(kProfile, kSandboxNamed, &text), -1);
+    ASSERT_NE(text, nullptr);
+    EXPECT_THAT(text, HasSubstr(kernelConfinesFiles() ? "Landlock" : "system-call filter"));
+    sandbox_free_error(text);
+  });
+}
+
+TEST_F(SandboxProfileTest, UnknownProfilesAndFlagsAreErrors) {
+  EXPECT_THAT(complaint("com.vantor.other"), HasSubstr("com.vantor.other"));
+  EXPECT_NE(complaint("../com.vantor.tallowd"), "");
+  EXPECT_NE(complaint(""), "");
+  EXPECT_NE(complaint(nullptr), "");
+  EXPECT_NE(complaint(kProfile, 0), "");
+  EXPECT_NE(complaint(kProfile, 2), "");
+  sandbox_free_error(nullptr);
+}
+
+TEST_F(SandboxProfileTest, TheSystemsProfileReplacesTheBuiltInOne) {
+  std::ofstream(systemProfile()) << kMinimalProfile;
+  confined([&] {
+    EXPECT_EQ(errorOf(syscall(SYS_getppid)), ENOSYS);
+    EXPECT_EQ(errorOf(listen(socket(AF_INET, SOCK_STREAM, 0), 1)), 0);
+    EXPECT_EQ(errorOf(socket(AF_UNIX, SOCK_STREAM, 0)), EPERM);
+    EXPECT_EQ(errorOf(mkdir("/tmp/x", 0700)), EPERM);
+    const auto file = [](const std::filesystem::path& path) {
+      return errorOf(open(path.c_str(), O_CREAT | O_RDWR, 0600));
+    };
+    EXPECT_EQ(file(_directories.stateHome / "sub/file"), 0);
+    if (kernelConfinesFiles()) {
+      EXPECT_EQ(file(_directories.stateHome / "file"), EACCES);
+    }
+  });
+  // The user's own folder, where a confined service may write, does not count.
+  std::filesystem::create_directories(_directories.dataHome / "sandbox");
+  std::filesystem::rename(systemProfile(),
+                          _directories.dataHome / "sandbox/com.vantor.tallowd.toml");
+  confined([] { EXPECT_GT(getppid(), 0); });
+}
+
+TEST_F(SandboxProfileTest, SaysWhatIsWrongWithAProfile) {
+  EXPECT_THAT(complaintAbout("format = 1", "format = 2"), HasSubstr("format"));
+  EXPECT_THAT(complaintAbout("format = 1", "format = "), HasSubstr("malformed"));
+  EXPECT_THAT(complaintAbout("format = 1\n", "format = 1\nfile = []\n"), HasSubstr("\"file\""));
+  EXPECT_THAT(complaintAbout("[network]", "[networks]"), HasSubstr("networks"));
+  EXPECT_THAT(complaintAbout("listen = true\n", ""), HasSubstr("\"listen\""));
+  EXPECT_THAT(complaintAbout("listen = true", "listen = 1"), HasSubstr("\"listen\""));
+  EXPECT_THAT(complaintAbout("\"inet\"", "\"packet\""), HasSubstr("packet"));
+  EXPECT_THAT(complaintAbout("\"mkdir\"", "1"), HasSubstr("\"refuse\""));
+  EXPECT_THAT(complaintAbout("[\"mkdir\"]", "\"mkdir\""), HasSubstr("\"refuse\""));
+  EXPECT_THAT(complaintAbout("\"mkdir\"", "\"read\""), HasSubstr("system call read"));
+  EXPECT_THAT(complaintAbout("\"/usr\"", "\"usr\""), HasSubstr("\"usr\""));
+  EXPECT_THAT(complaintAbout("$CONFIG_DIRS", "$HOME"), HasSubstr("$HOME"));
+  std::ofstream(systemProfile(), std::ios::trunc) << "";
+  EXPECT_THAT(complaint(), HasSubstr("malformed"));
+  std::filesystem::remove(systemProfile());
+  std::filesystem::create_directory(systemProfile());
+  EXPECT_THAT(complaint(), HasSubstr(systemProfile().string()));
 }
 
 }  // namespace
