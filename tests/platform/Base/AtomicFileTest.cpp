@@ -22,9 +22,8 @@ class AtomicFileTest : public testing::Test {
   static void put(const fs::path& path, std::string_view text) { std::ofstream(path) << text; }
   std::set<std::string> names() const {
     std::set<std::string> result;
-    for (const auto& entry : fs::directory_iterator(_folder.path())) {
+    for (const auto& entry : fs::directory_iterator(_folder.path()))
       result.insert(entry.path().filename().string());
-    }
     return result;
   }
 

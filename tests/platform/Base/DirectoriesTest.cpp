@@ -29,9 +29,8 @@ class DirectoriesTest : public testing::Test {
     }
   }
   void TearDown() override {
-    for (const auto& [name, value] : _previous) {
+    for (const auto& [name, value] : _previous)
       value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-    }
   }
 
  private:
@@ -73,16 +72,13 @@ TEST_F(DirectoriesTest, LieWhereTheEnvironmentSaysElseBelowHome) {
 }
 
 TEST(PathComponentTest, NothingThatLeavesTheFolderIsSafe) {
+  using Names = std::initializer_list<std::string>;
   for (const std::string& name :
-       {std::string("com.example.store"), std::string("a b"), std::string("..."),
-        std::string("\xC3\xA9"), std::string(200, 'a')}) {
+       Names{"com.example.store", "a b", "...", "\u00E9", std::string(200, 'a')})
     EXPECT_TRUE(isSafePathComponent(name)) << name;
-  }
-  for (const std::string& name :
-       {std::string(), std::string("."), std::string(".."), std::string("a/b"), std::string("/"),
-        std::string("a\0b", 3), std::string("a\nb"), std::string("\x7f"), std::string(201, 'a')}) {
+  for (const std::string& name : Names{"", ".", "..", "a/b", "/", std::string("a\0b", 3), "a\nb",
+                                       "\x7f", std::string(201, 'a')})
     EXPECT_FALSE(isSafePathComponent(name)) << name;
-  }
 }
 
 TEST(EnsureDirectoryTest, MakesMissingFoldersForTheOwnerOnly) {

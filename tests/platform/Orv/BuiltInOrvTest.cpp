@@ -128,12 +128,8 @@ TEST_F(BuiltInOrvTest, WhatIsNotFromTheStoreProvisionsNothing) {
   SecretVector clientData;
   std::uint32_t session = 0;
   const Data start = store.start.encode();
-  EXPECT_EQ(orv.startProvisioning(kDSID, {}, clientData, session), kOrvMalformed);
-  EXPECT_EQ(orv.startProvisioning(kDSID, start.span().first(48), clientData, session),
-            kOrvMalformed);
-  EXPECT_EQ(
-      orv.startProvisioning(kDSID, std::vector<std::uint8_t>(1u << 20, 1), clientData, session),
-      kOrvMalformed);
+  for (const Data& bad : {Data(), Data(start.span().first(48)), Data(std::string(1u << 20, '\1'))})
+    EXPECT_EQ(orv.startProvisioning(kDSID, bad.span(), clientData, session), kOrvMalformed);
   ASSERT_EQ(orv.startProvisioning(kDSID, start.span(), clientData, session), kOrvSuccess);
   const auto [info, key] = store.answerTo(clientData, kDSID);
   const auto [otherInfo, otherKey] = store.answerTo(clientData, kDSID + 1);

@@ -8,6 +8,97 @@
 namespace tallow {
 namespace {
 
+bool isAcceptedText(std::string_view text) {
+  return static_cast<bool>(PropertyList::decode(Data(text), 32u << 20));
+}
+
+std::string repeated(std::string_view text, std::size_t count) {
+  std::string result;
+  while (count-- > 0) result += text;
+  return result;
+}
+
+TEST(HostileXMLListTest, NestingIsBounded) {
+  const auto nested = [](std::size_t depth) {
+    return repeated("<array>", depth) + repeated("</array>", depth);
+  };
+  EXPECT_TRUE(isAcceptedText(nested(PropertyList::kMaxDepth)));
+  EXPECT_FALSE(isAcceptedText(nested(PropertyList::kMaxDepth + 1)));
+  EXPECT_FALSE(isAcceptedText(nested(100'000)));
+  for (const char* opening : {"<array>", "<dict><key></key>",
+                              // Closing tags that are none must not hide the depth.
+                              "<array><!--</array>-->", "<array><?</array>?>",
+                              "<array><string><![CDATA[</array>]]></string>"})
+    EXPECT_FALSE(isAcceptedText(repeated(opening, 100'000))) << opening;
+}
+
+TEST(HostileXMLListTest, WhatTakesTheLibraryTheSquareOfTheTextIsRefused) {
+  // Entities, of which each moves all that follows.
+  EXPECT_FALSE(isAcceptedText("<string>" + repeated("&amp;", 100'000) + "</string>"));
+  EXPECT_TRUE(isAcceptedText("<string>" + repeated("text &amp; ", 20'000) + "</string>"));
+  // Keys made to fall together in a hash table: "Ez" and "FY" have the same hash.
+  std::string colliding = "<dict>";
+  for (int index = 0; index < (1 << 14); ++index) {
+    colliding += "<key>";
+    for (int bit = 0; bit < 14; ++bit) colliding += (index >> bit & 1) != 0 ? "Ez" : "FY";
+    colliding += "</key><true/>";
+  }
+  EXPECT_FALSE(isAcceptedText(colliding + "</dict>"));
+  // Repeated keys, of which each counts through all entries.
+  std::string filled;
+  for (int index = 0; index < 12'000; ++index)
+    filled += "<key>" + std::to_string(index) + "</key><true/>";
+  EXPECT_TRUE(isAcceptedText("<dict>" + filled + "</dict>"));
+  for (const char* again : {"<key>11999</key><true/>", "<key>&#49;1999</key><true/>"})
+    EXPECT_FALSE(isAcceptedText("<dict>" + filled + repeated(again, 12'000) + "</dict>")) << again;
+}
+
+TEST(HostileXMLListTest, OnlyOneWholeListIsAList) {
+  const std::string list =
+      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>k</key>"
+      "<array><string>a&amp;b</string><data>AA==</data></array></dict></plist>";
+  ASSERT_TRUE(isAcceptedText(list));
+  for (std::size_t length = 0; length < list.size(); ++length)
+    EXPECT_FALSE(isAcceptedText(list.substr(0, length))) << list.substr(0, length);
+  for (const char* more :
+       {"x", "<dict/>", "</plist>", "<plist><dict/></plist>", "<!DOCTYPE plist>", "\x01"})
+    EXPECT_FALSE(isAcceptedText(list + more)) << more;
+  for (const char* none : {"<dict/><dict/>", "<string>a</string>b",
+                           "<plist><plist><dict/></plist></plist>", "<plist><dict></plist></dict>",
+                           "<plist></plist>", "<html><body>404</body></html>", "{\"json\": true}"})
+    EXPECT_FALSE(isAcceptedText(none)) << none;
+}
+
+TEST(HostileXMLListTest, WrongValuesAreRefusedNotGuessed) {
+  const char* const kWrong[] = {
+      // Numbers.
+      "<integer></integer>", "<integer/>", "<integer>x</integer>", "<integer>1x</integer>",
+      "<integer>--1</integer>", "<integer>1 2</integer>", "<integer>010</integer>",
+      "<integer>18446744073709551616</integer>", "<integer>-9223372036854775809</integer>",
+      "<integer>1<!-- -->2</integer>", "<real>x</real>", "<real/>", "<real>1,5</real>",
+      // Dates.
+      "<date>yesterday</date>", "<date>2026-03-01</date>", "<date>2026-03-01T12:30:00+01:00</date>",
+      "<date>2026-13-01T12:30:00Z</date>", "<date>2026-02-30T12:30:00Z</date>",
+      "<date>2026-02-28T24:00:00Z</date>",
+      // Texts.
+      "<true>no</true>", "<string><b>x</b></string>", "<string>&nbsp;</string>",
+      "<string>&#0;</string>", "<string>&#xD800;</string>", "<string>&#x110000;</string>",
+      "<string>\xFF</string>", "<string>\xC0\x80</string>", "<string>\xED\xA0\x80</string>",
+      // Kinds and structures.
+      "<uid>1</uid>", "<set/>", "<null/>", "<Array/>", "<dict><string>k</string><true/></dict>",
+      "<dict><key>a</key></dict>", "<dict><key>a</key><key>b</key></dict>", "<dict><true/></dict>",
+      "<array><key>a</key></array>", "<key>a</key>", "<dict><key/><true/></dict>",
+      "<dict><key>\xFF</key><true/></dict>", "<array x=\"1\"/>", "<array></dict>",
+      "<array>x</array>", "</array>", "<!ENTITY x \"y\"><dict/>",
+      // Quotes, in which the library does not look for an end.
+      "<?a \"?><array>?\"?></array>", "<!DOCTYPE \"><array><\"></array>",
+      "<plist a=\"><array>\"></array></plist>"};
+  for (const char* value : kWrong) EXPECT_FALSE(isAcceptedText(value)) << value;
+  EXPECT_FALSE(isAcceptedText(std::string_view("<string>a\0b</string>", 20)));
+  EXPECT_FALSE(isAcceptedText("<!DOCTYPE plist [<!ENTITY a \"" + repeated("x", 1000) +
+                              "\">]><string>&a;</string>"));
+}
+
 // Puts together binary lists that no encoder writes.
 class BinaryList {
  public:
@@ -120,13 +211,12 @@ TEST(HostileBinaryListTest, OnlyOneWholeListIsAList) {
   EXPECT_FALSE(isAccepted(padded.bytes(0, "smuggled")));
   EXPECT_FALSE(isAccepted(padded.bytes(1)));
   // Any wrong byte is refused or makes another list, and does no harm.
-  for (std::size_t index = 0; index < list.size(); ++index) {
+  for (std::size_t index = 0; index < list.size(); ++index)
     for (const int flip : {1, 0x80, 0xFF, 0x0F, 0xF0}) {
       std::string damaged = list;
       damaged[index] = static_cast<char>(damaged[index] ^ flip);
       isAccepted(damaged);
     }
-  }
 }
 
 TEST(HostileBinaryListTest, UnsupportedAndMalformedObjectsAreRefused) {
@@ -139,18 +229,14 @@ TEST(HostileBinaryListTest, UnsupportedAndMalformedObjectsAreRefused) {
         "\x14\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0"sv,  // more than 64 bits
         "\x14\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff\xff"sv,
         // Reals, dates, strings and containers likewise.
-        "\x20\0"sv, "\x21\0\0"sv, "\x24"sv, "\x32\0\0\0\0"sv,
-        "\x53"
-        "ab"sv,
+        "\x20\0"sv, "\x21\0\0"sv, "\x24"sv, "\x32\0\0\0\0"sv, "\x53xy"sv,
         "\x5F\x13\xff\xff\xff\xff\xff\xff\xff\xff"sv, "\x5F\x21\0\0"sv, "\x5F"sv,
         "\x6F\x13\x80\0\0\0\0\0\0\0"sv, "\xAF\x13\x7f\xff\xff\xff\xff\xff\xff\xff"sv,
         "\xDF\x13\x80\0\0\0\0\0\0\1"sv, "\xA1\x07"sv,
         // NUL, no UTF-8, lone surrogates.
-        "\x53"
-        "a\0b"sv,
-        "\x51\xFF"sv, "\x61\0\0"sv, "\x61\xD8\0"sv, "\x61\xDC\0"sv, "\x62\xD8\0\0\x41"sv}) {
+        "\x53x\0y"sv, "\x51\xFF"sv, "\x61\0\0"sv, "\x61\xD8\0"sv, "\x61\xDC\0"sv,
+        "\x62\xD8\0\0\x41"sv})
     EXPECT_FALSE(isAcceptedAlone(object)) << testing::PrintToString(object);
-  }
   BinaryList keys;
   const int number = keys.add("\x10\x05");
   EXPECT_FALSE(isAccepted(keys.bytes(keys.add(keys.container('\xD0', {number, number})))));
