@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/VendBase/DefaultsKeys.h"
+#include "tests/support/AnswerOf.h"
 #include "tests/support/ServiceWorld.h"
 
 namespace tallow {
@@ -89,7 +90,9 @@ TEST_F(BagControllerTest, ObserversHearOfSuccessAndFailureOfTheirBag) {
   subject->addBagObserver(observer, 3);
   subject->addBagObserver(nullptr, kBagTypeProduction);
   subject->addBagObserver(observer, kBagTypeProduction);
-  subject->addBagObserver(observer, kBagTypeProduction);
+  // As a caller does.
+  const auto interface = std::make_shared<AccountServiceInterface>(client);
+  answerOf(*interface, &HSAccountService::addURLBagObserver, observer);
   world.serve({{"a", 1}});
   loadBag();
   EXPECT_EQ(observer->updates, (std::vector<std::pair<bool, bool>>{{true, false}, {true, false}}));

@@ -94,48 +94,43 @@ TEST_F(OrvControllerTest, HeadersSayWhatTheLibrarySays) {
 }
 
 TEST_F(OrvControllerTest, ActionsAreReadByExactKeysAndFailuresAreReported) {
-  const struct {
-    Dictionary headers;
-    Calls calls;
-  } kCases[] = {
-      {{{"x-vantor-md-action", "RP"}}, {"reset 7"}},
-      {{{"x-vantor-amd-action", "RP"}}, {"reset 18446744073709551615"}},
-      {{{"x-vantor-md-action", "RP"}, {"x-vantor-amd-action", "SP"}}, {"reset 7"}},
-      {{{"x-vantor-md-data", "AAAA"}, {"x-vantor-amd-action", "RP"}}, {}},
-      {{{"X-Vantor-MD-Action", "RP"}}, {}},
-      {{{"x-vantor-md-action", "rp"}}, {}},
-      {{{"x-vantor-md-action", "sp"}}, {}},
-      {{{"x-vantor-md-action", Array{"RP", "RP"}}}, {}},
-      {{}, {}},
-      {{{"x-vantor-md-action", "SP"}}, {"start 7 none"}},
-      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", ""}}, {"start 7 none"}},
-      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "not base64"}}, {"start 7 none"}},
-      {{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}}, {"start 7 [data]"}},
-      {{{"x-vantor-amd-action", "SM"}, {"x-vantor-amd-data", "ZGF0YQ=="}},
-       {"sync 18446744073709551615 [data]"}},
-      {{{"x-vantor-md-action", "SM"},
-        {"x-vantor-md-data", base64Encode(Data(std::string(1u << 20, 'x')))}},
-       {"sync 7 [" + std::string(1u << 20, 'x') + "]"}},
-  };
   signIn(7);
   fake.resetStatus = fake.startStatus = fake.syncStatus = -9;
   fake.opensSession = false;
-  for (const auto& [headers, calls] : kCases) {
+  // The one call of the library, which fails, and the event that tells of it; or neither.
+  const auto check = [&](const Dictionary& headers, const std::string& call,
+                         const std::string& event) {
+    SCOPED_TRACE(description(headers).substr(0, 200));
     fake.calls.clear();
     world.log.clear();
     process(headers);
-    EXPECT_EQ(fake.calls, calls) << description(headers).substr(0, 200);
+    EXPECT_EQ(fake.calls, call.empty() ? Calls() : Calls{call});
     const auto events = world.log.events();
-    ASSERT_EQ(events.size(), calls.size());
-    if (calls.empty()) continue;
-    const std::string verb = calls[0].substr(0, calls[0].find(' '));
-    const std::map<std::string, std::string> names = {{"reset", "restart_provisioning"},
-                                                      {"start", "start_provisioning"},
-                                                      {"sync", "synchronize"}};
-    EXPECT_EQ(events[0].first, "com.vantor.Quillon.orv." + names.at(verb));
+    ASSERT_EQ(events.size(), fake.calls.size());
+    if (call.empty()) return;
+    EXPECT_EQ(events[0].first, "com.vantor.Quillon.orv." + event);
     EXPECT_EQ(events[0].second, (Dictionary{{"result", "fail"}, {"error_code", -9}}));
-    EXPECT_EQ(world.log.lines(1).empty(), verb == "reset") << "nothing is logged of a reset";
-  }
+    EXPECT_EQ(world.log.lines(1).empty(), call.starts_with("reset")) << "nothing of a reset";
+  };
+  const Dictionary reset{{"x-vantor-md-action", "RP"}}, start{{"x-vantor-md-action", "SP"}};
+  check(reset, "reset 7", "restart_provisioning");
+  check(reset.setting("x-vantor-amd-action", "SP"), "reset 7", "restart_provisioning");
+  check({{"x-vantor-amd-action", "RP"}}, "reset 18446744073709551615", "restart_provisioning");
+  for (const Dictionary& none :
+       {Dictionary(), Dictionary{{"X-Vantor-MD-Action", "RP"}},
+        Dictionary{{"x-vantor-md-action", "rp"}},
+        Dictionary{{"x-vantor-md-action", Array{"RP", "RP"}}},
+        Dictionary{{"x-vantor-md-data", "AAAA"}, {"x-vantor-amd-action", "RP"}}})
+    check(none, "", "");
+  check(start, "start 7 none", "start_provisioning");
+  for (const char* data : {"", "not base64"})
+    check(start.setting("x-vantor-md-data", data), "start 7 none", "start_provisioning");
+  check(start.setting("x-vantor-md-data", "ZGF0YQ=="), "start 7 [data]", "start_provisioning");
+  check({{"x-vantor-amd-action", "SM"}, {"x-vantor-amd-data", "ZGF0YQ=="}},
+        "sync 18446744073709551615 [data]", "synchronize");
+  const std::string megabyte(1u << 20, 'x');
+  check({{"x-vantor-md-action", "SM"}, {"x-vantor-md-data", base64Encode(Data(megabyte))}},
+        "sync 7 [" + megabyte + "]", "synchronize");
   EXPECT_TRUE(world.transport.requests().empty()) << "nothing to tell the store";
   EXPECT_TRUE(world.log.contains(1, "OrvController: Starting machine sync"));
   EXPECT_TRUE(world.log.mentions(1, "OrvController: Machine sync failed with error"));
@@ -171,34 +166,25 @@ TEST_F(OrvControllerTest, ProvisioningTellsTheStoreAndTheLibrary) {
 }
 
 TEST_F(OrvControllerTest, AFailedProvisioningEndsItsSessionLastAndSaysWhy) {
-  const struct {
-    Value answer;
-    int status;
-    std::int32_t finishStatus;
-    bool reachesLibrary;
-    std::int64_t code;
-  } kCases[] = {
-      {Dictionary{{"failureType", 5002}, {"customerMessage", "No"}}, 200, 0, false, 5002},
-      {Dictionary{{"failureType", "5003"}}, 200, 0, false, 5003},
-      {Dictionary{{"failureType", Array()}}, 200, 0, false, 0},
-      {Dictionary(), 200, -12, true, -12},
-      {Array{"no", "dictionary"}, 200, -13, true, -13},
-      {Dictionary(), 503, 0, false, kHSErrorHTTPStatus},
-      {Data("<html>"), 200, 0, false, kHSErrorInvalidPropertyList},
-  };
-  for (const auto& each : kCases) {
-    serve(each.answer, each.status);
-    fake.finishStatus = each.finishStatus;
+  const auto check = [&](const Value& answer, int status, std::int64_t code,
+                         const Calls& calls = {"start 0 [data]", "end 77"}) {
+    SCOPED_TRACE(code);
+    serve(answer, status);
     fake.calls.clear();
     world.log.clear();
     process({{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}});
-    EXPECT_EQ(fake.calls,
-              (each.reachesLibrary ? Calls{"start 0 [data]", "finish 77 none none", "end 77"}
-                                   : Calls{"start 0 [data]", "end 77"}))
-        << each.code;
-    ASSERT_EQ(world.log.events().size(), 1u) << each.code;
-    EXPECT_EQ(world.log.events()[0].second["error_code"], Value(each.code));
-  }
+    EXPECT_EQ(fake.calls, calls);
+    ASSERT_EQ(world.log.events().size(), 1u);
+    EXPECT_EQ(world.log.events()[0].second["error_code"], Value(code));
+  };
+  check(Dictionary{{"failureType", 5002}, {"customerMessage", "No"}}, 200, 5002);
+  check(Dictionary{{"failureType", "5003"}}, 200, 5003);
+  check(Dictionary{{"failureType", Array()}}, 200, 0);
+  check(Dictionary(), 503, kHSErrorHTTPStatus);
+  check(Data("<html>"), 200, kHSErrorInvalidPropertyList);
+  fake.finishStatus = -12;
+  for (const Value& answer : {Value(Dictionary()), Value(Array{"no", "dictionary"})})
+    check(answer, 200, -12, {"start 0 [data]", "finish 77 none none", "end 77"});
 }
 
 TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {

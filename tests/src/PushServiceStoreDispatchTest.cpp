@@ -106,27 +106,22 @@ TEST_F(PushServiceStoreDispatchTest, ALostConnectionIsMadeAnewByWhoeverNeedsOne)
 
 TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnouncedAgain) {
   signIn(7);
-  const struct {
-    Value answer;
-    std::optional<std::int64_t> code;
-    std::int64_t mask;
-  } cases[] = {
-      {Dictionary{{"enabled-media-kinds", Array{"ebook", 5, "music"}}, {"status", 5}}, {}, 2},
-      {Dictionary{{"status", 5}}, 5, 2},
-      {Dictionary{{"status", "6x"}}, 6, 2},
-      {Dictionary{{"status", Array()}}, 0, 2},
-      {Dictionary{{"enabled-media-kinds", "ebook"}}, 0, 2},
-      {Array{"ebook"}, 0, 2},
-      {Dictionary{{"enabled-media-kinds", Array()}}, {}, 0},
-      {Dictionary{{"enabled-media-kinds", Array{"mac-software"}}}, {}, 1},
+  const auto check = [&](const Value& answer, std::optional<std::int64_t> code, int mask) {
+    pages[kEnabled] = {answer};
+    std::optional<Error> error;
+    if (code) error = HSError(*code, "Auto push", "Failed to get enabled mediaTypes");
+    EXPECT_EQ(ask(&Dispatch::getEnabledMediaTypes), std::tuple(!code, error, mask))
+        << description(answer);
   };
-  for (const auto& each : cases) {
-    pages[kEnabled] = {each.answer};
-    std::optional<Error> expected;
-    if (each.code) expected = HSError(*each.code, "Auto push", "Failed to get enabled mediaTypes");
-    EXPECT_EQ(ask(&Dispatch::getEnabledMediaTypes), std::tuple(!each.code, expected, each.mask))
-        << description(each.answer);
-  }
+  const auto kinds = [](const Value& kinds) { return Dictionary{{"enabled-media-kinds", kinds}}; };
+  check(kinds(Array{"ebook", 5, "music"}).setting("status", 5), {}, 2);
+  check(Dictionary{{"status", 5}}, 5, 2);
+  check(Dictionary{{"status", "6x"}}, 6, 2);
+  for (const Value& odd :
+       {Value(Dictionary{{"status", Array()}}), Value(kinds("ebook")), Value(Array{"ebook"})})
+    check(odd, 0, 2);
+  check(kinds(Array()), {}, 0);
+  check(kinds(Array{"mac-software"}), {}, 1);
   EXPECT_TRUE(agent->asked.empty());
   for (const HTTPRequest& request : world.transport.requests()) {
     if (request.url.path() != kEnabled) continue;

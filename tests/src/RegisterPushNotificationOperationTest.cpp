@@ -67,30 +67,22 @@ TEST_F(RegisterPushNotificationOperationTest, BodiesHoldWhatThereIs) {
 }
 
 TEST_F(RegisterPushNotificationOperationTest, WhatTheStoreAnswersDecides) {
-  const struct {
-    Value answer;
-    bool success;
-    std::int64_t code;
-    std::optional<std::string> message;
-  } cases[] = {
-      {kDone, true, 0, {}},
-      {Dictionary(), false, 0, {}},
-      {Dictionary{{"status", 2}, {"customerMessage", "x"}}, false, 2, "Failed to register"},
-      {Dictionary{{"failureType", "5002"}, {"customerMessage", "x"}}, false, 5002, "x"},
-      {Dictionary{{"status", "0"}, {"failureType", Array()}, {"customerMessage", 5}}, false, 0, {}},
-      {Dictionary{{"status", -7.0}}, false, -7, "Failed to register"},
-      {Array{kDone}, false, 0, "Failed to register"},
-      {"text", false, 0, "Failed to register"},
-  };
-  for (const auto& each : cases) {
-    pages[kMediaTypes] = {each.answer};
+  pages[kMediaTypes] = {kDone};
+  EXPECT_TRUE(run(0).success);
+  const auto fails = [&](const Value& answer, std::int64_t code,
+                         const std::optional<std::string>& message = "Failed to register") {
+    pages[kMediaTypes] = {answer};
     const Ran ran = run(0);
-    EXPECT_EQ(ran.success, each.success) << description(each.answer);
-    if (each.success) continue;
-    ASSERT_TRUE(ran.error);
-    EXPECT_EQ(*ran.error, HSError(each.code, "Register for push notification", each.message))
-        << description(*ran.error);
-  }
+    EXPECT_FALSE(ran.success) << description(answer);
+    EXPECT_EQ(ran.error, HSError(code, "Register for push notification", message))
+        << description(answer);
+  };
+  fails(Dictionary(), 0, std::nullopt);
+  fails(Dictionary{{"status", 2}, {"customerMessage", "x"}}, 2);
+  fails(Dictionary{{"failureType", "5002"}, {"customerMessage", "x"}}, 5002, "x");
+  fails(Dictionary{{"status", "0"}, {"failureType", Array()}, {"customerMessage", 5}}, 0, {});
+  fails(Dictionary{{"status", -7.0}}, -7);
+  fails(Array{kDone}, 0);
   for (const char* body : {"", "<html>"}) {
     pages[kMediaTypes] = {Data(std::string_view(body))};
     EXPECT_EQ(run(0).error->code, kHSErrorInvalidPropertyList) << "the request's own error";
@@ -136,32 +128,26 @@ TEST_F(RegisterPushNotificationOperationTest, OnlyATokenThatStoodAsAnnouncedIsAn
 
 TEST_F(RegisterPushNotificationOperationTest, TheRecordIsReadInBothForms) {
   signIn(7);
-  const struct {
-    Value record;
-    bool sends, isFirst;
-  } cases[] = {
-      {Value(), true, true},
-      {Array{"OTHER:7", 5}, true, true},
-      {Array{pair("7")}, true, false},
-      {Dictionary{{pair("7"), Data("token")}}, false, false},
-      {Dictionary{{pair("7"), "token"}}, true, false},
-      {Dictionary{{pair("8"), Data("token")}}, true, false},
-      {Dictionary{{"OTHER:7", Data("token")}}, true, true},
-      {"text", true, true},
-  };
-  for (const auto& each : cases) {
-    SCOPED_TRACE(description(each.record));
-    setRecord(each.record);
+  const auto check = [&](const Value& before, bool sends, bool isFirst) {
+    SCOPED_TRACE(description(before));
+    setRecord(before);
     downloadChecks.clear();
-    const std::size_t before = posted(kRegister).size();
+    const std::size_t sent = posted(kRegister).size();
     EXPECT_TRUE(run(2).success);
-    EXPECT_EQ(posted(kRegister).size() - before, each.sends ? 1u : 0u);
-    EXPECT_EQ(downloadChecks.size(), each.sends && !each.isFirst ? 1u : 0u);
+    EXPECT_EQ(posted(kRegister).size() - sent, sends ? 1u : 0u);
+    EXPECT_EQ(downloadChecks.size(), sends && !isFirst ? 1u : 0u);
     const Value after = record();
     EXPECT_EQ((*after.dictionary())[pair("7")], Value(Data("token")));
-    const Dictionary* const old = each.record.dictionary();
+    const Dictionary* const old = before.dictionary();
     EXPECT_EQ(after.dictionary()->count(), old && !old->contains(pair("7")) ? 2u : 1u);
-  }
+  };
+  for (const Value& nothing : {Value(), Value(Array{"OTHER:7", 5}), Value("text"),
+                               Value(Dictionary{{"OTHER:7", Data("token")}})})
+    check(nothing, true, true);
+  check(Array{pair("7")}, true, false);
+  check(Dictionary{{pair("7"), Data("token")}}, false, false);
+  check(Dictionary{{pair("7"), "token"}}, true, false);
+  check(Dictionary{{pair("8"), Data("token")}}, true, false);
 }
 
 TEST_F(RegisterPushNotificationOperationTest, TokensOfAnySizeAndTwoAtOnceAreKept) {

@@ -46,7 +46,6 @@ class FakeAccountService final : public HSAccountService {
   OptionalError loadError;
   std::vector<Account> knownAccounts;
   Account signedInAccount;
-  OptionalError signInError;
   std::optional<Dictionary> passwordSettings;
   OptionalError passwordSettingsError;
   // Called at the start of every operation with its name: may block, to play a service that is
@@ -181,7 +180,7 @@ class FakeAccountService final : public HSAccountService {
   void signInWithContext(HSAuthenticationContext,
                          Reply<bool, Account, OptionalError> reply) override {
     answer("signInWithContext", "", reply, signedInAccount != nullptr, signedInAccount,
-           signInError);
+           OptionalError());
   }
   void signOut(Done reply) override {
     signedInAccount = nullptr;

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,12 +25,11 @@ class FakeOrv {
   };
 
   std::int32_t passwordStatus = 0, resetStatus = 0, startStatus = 0, finishStatus = 0,
-               syncStatus = 0, openStatus = 0;
+               syncStatus = 0;
   Out machineIdentifier{"machine"}, password{"password"}, clientData{"client data"};
   bool opensSession = true;
   bool handsOutOneBuffer = false;
   bool isAtHand = true;
-  std::function<void()> duringPassword;
 
   std::vector<std::string> calls;  // "start 7 [data]", in order
   int buffers = 0;                 // handed out and not given back
@@ -71,7 +68,7 @@ class FakeOrv {
     table.name = "Fake";
     table.open = [](const tallow_orv_host*, void** self) -> std::int32_t {
       *self = current();
-      return current()->openStatus;
+      return 0;
     };
     table.close = [](void*) {};
     table.release = [](void* self, std::uint8_t* buffer) {
@@ -82,7 +79,6 @@ class FakeOrv {
                                 std::uint32_t* identifierLength, std::uint8_t** password,
                                 std::uint32_t* passwordLength) {
       of(self).calls.push_back("password " + std::to_string(dsID));
-      if (of(self).duringPassword) of(self).duringPassword();
       if (of(self).passwordStatus == 0) {
         of(self).handOut(of(self).machineIdentifier, identifier, identifierLength);
         if (of(self).handsOutOneBuffer)

@@ -45,28 +45,26 @@ TEST_F(AccountInterfaceTest, WithoutAClientOrItsIdentifierNobodyIsKnownAndNobody
 }
 
 TEST_F(AccountInterfaceTest, DemoModeIsReadLooselyForFlagsAndStrictlyForTexts) {
-  const struct {
-    Value flag, name, password, autoLogin;
-    std::tuple<bool, Text, Text, bool> answer;
-  } cases[] = {
-      {{}, {}, {}, {}, {false, {}, {}, false}},
-      {"1", "demo", "secret", true, {true, "demo", "secret", true}},
-      {1, 5, Array{"a"}, "no", {true, {}, {}, false}},
-      {Array{1}, "", Date{1}, 0.0, {false, "", {}, false}},
+  const auto demoModeWith = [&](const Value& flag, const Value& name, const Value& password,
+                                const Value& autoLogin, bool isAdministrators) {
+    const auto set = [&](const char* key, const Value& value) {
+      world.write(key, isAdministrators ? Value() : value, kDaemonDefaultsID);
+      world.preferences.setAnyUserValue(key, isAdministrators ? value : Value(), kDaemonDefaultsID);
+    };
+    set(kDefaultsHarlowDemoModeKey, flag);
+    set(kDefaultsHarlowDemoAccountName, name);
+    set(kDefaultsHarlowDemoAccountPassword, password);
+    set(kDefaultsHarlowDemoAutoLogin, autoLogin);
+    return ask(&HSAccountService::retailStoreDemoMode);
   };
-  for (const bool isAdministrators : {false, true}) {
-    for (const auto& each : cases) {
-      const auto set = [&](const char* key, const Value& value) {
-        world.write(key, isAdministrators ? Value() : value, kDaemonDefaultsID);
-        world.preferences.setAnyUserValue(key, isAdministrators ? value : Value(),
-                                          kDaemonDefaultsID);
-      };
-      set(kDefaultsHarlowDemoModeKey, each.flag);
-      set(kDefaultsHarlowDemoAccountName, each.name);
-      set(kDefaultsHarlowDemoAccountPassword, each.password);
-      set(kDefaultsHarlowDemoAutoLogin, each.autoLogin);
-      EXPECT_EQ(ask(&HSAccountService::retailStoreDemoMode), each.answer) << isAdministrators;
-    }
+  for (const bool admins : {false, true}) {
+    EXPECT_EQ(demoModeWith({}, {}, {}, {}, admins), std::tuple(false, Text(), Text(), false));
+    EXPECT_EQ(demoModeWith("1", "demo", "secret", true, admins),
+              std::tuple(true, "demo", "secret", true));
+    EXPECT_EQ(demoModeWith(1, 5, Array{"a"}, "no", admins),
+              std::tuple(true, Text(), Text(), false));
+    EXPECT_EQ(demoModeWith(Array{1}, "", Date{1}, 0.0, admins),
+              std::tuple(false, "", Text(), false));
   }
   EXPECT_TRUE(world.log.contains(
       3, "retailStoreDemoMode 1, vantorID demo, password secret, autoLogInFlag 1"));

@@ -86,41 +86,33 @@ TEST_F(AccountsTest, StoresOfOneDomainKeepEachOthersPrimaryAccounts) {
 }
 
 TEST_F(AccountsTest, AFlatRecordIsBroughtOverOnceFromWhereverItWas) {
-  struct Case {
-    const char* domain;
-    std::int64_t clientType;
-    Value flat;
-    std::uint64_t dsID;  // 0: nothing is found
-  } const cases[] = {
-      {"com.example.store", 0, record(1), 1},
-      {"com.example.store", 2, oldRecord("2"), 2},
-      {"com.vantor.pellagent", 0, record(3), 3},
-      {"com.vantor.folioagent", 1, oldRecord(kLargestDSID), kLargestDSID},
-      {"com.vantor.folioagent", 0, record(5), 0},
-      {"com.vantor.pellagent", 2, record(6), 0},
-      {"com.example.store", 0, "no record", 0},
-      {"com.example.store", 0, Dictionary{{"dsid", -1}}, 0},
-  };
-  for (const Case& each : cases) {
-    SCOPED_TRACE(std::string(each.domain) + " " + std::to_string(each.clientType));
-    const std::string agent = "com.example.agent";
-    for (const char* domain :
-         {"com.example.store", "com.vantor.pellagent", "com.vantor.folioagent"})
-      world.write(kPrimary, {}, domain);
+  const std::string agent = "com.example.agent";
+  client->agentPreferencesDomain = agent;
+  const auto check = [&](const std::string& domain, std::int64_t clientType, const Value& flat,
+                         std::uint64_t dsID) {  // 0: nothing is found
+    SCOPED_TRACE(domain + " " + std::to_string(clientType) + " " + description(flat));
+    for (const char* old : {"com.example.store", "com.vantor.pellagent", "com.vantor.folioagent"})
+      world.write(kPrimary, {}, old);
     for (const char* key : {kPrimary, kKnown, kMigrated}) world.write(key, {}, agent);
-    world.write(kPrimary, each.flat, each.domain);
-    client->clientType = each.clientType;
-    client->agentPreferencesDomain = agent;
+    world.write(kPrimary, flat, domain);
+    client->clientType = clientType;
     const auto primary = storeReadAgain()->primaryAccount();
-    EXPECT_EQ(primary ? primary->dsID().value_or(0) : 0, each.dsID);
+    EXPECT_EQ(primary ? primary->dsID().value_or(0) : 0, dsID);
     EXPECT_EQ(world.stored(kMigrated, agent), Value(true)) << "also when nothing was found";
-    EXPECT_EQ(!world.stored(kPrimary, agent).isNil(), each.dsID != 0)
-        << "written when it was brought";
+    EXPECT_EQ(!world.stored(kPrimary, agent).isNil(), dsID != 0) << "written when it was brought";
     // A second time it is not looked for.
     world.write(kPrimary, {}, agent);
     world.write(kPrimary, record(99), "com.example.store");
     EXPECT_EQ(storeReadAgain()->primaryAccount(), nullptr);
-  }
+  };
+  check("com.example.store", 0, record(1), 1);
+  check("com.example.store", 2, oldRecord("2"), 2);
+  check("com.vantor.pellagent", 0, record(3), 3);
+  check("com.vantor.folioagent", 1, oldRecord(kLargestDSID), kLargestDSID);
+  check("com.vantor.folioagent", 0, record(5), 0);
+  check("com.vantor.pellagent", 2, record(6), 0);
+  check("com.example.store", 0, "no record", 0);
+  check("com.example.store", 0, Dictionary{{"dsid", -1}}, 0);
 }
 
 TEST_F(AccountsTest, KnownAccountsOfAnOlderLayoutComeOverWithTheMigrationOnly) {

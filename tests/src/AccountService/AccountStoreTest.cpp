@@ -151,23 +151,13 @@ TEST_F(AccountsTest, OddAnswersToASignInChangeNobodyElse) {
   EXPECT_EQ(store()->accountWithDSID(1)->token(), "one");
   EXPECT_THAT(dsIDs(*storeReadAgain()), ElementsAre(2u, 1u)) << "nobody could find the nameless";
 
-  struct {
-    Value value;
-    std::optional<std::uint64_t> dsID;
-  } const cases[] = {{"18446744073709551615", kLargest},
-                     {kLargest, kLargest},
-                     {7, 7},
-                     {"0007", 7},
-                     {"18446744073709551616", {}},
-                     {"7 ", {}},
-                     {"", {}},
-                     {0, {}},
-                     {-1, {}},
-                     {7.0, {}},
-                     {true, {}},
-                     {Array{7}, {}}};
-  for (const auto& [value, dsID] : cases)
-    EXPECT_EQ(HSStoreAccount::dsidFromPlistValue(value), dsID) << description(value);
+  for (const Value& value : {Value("18446744073709551615"), Value(kLargest)})
+    EXPECT_EQ(HSStoreAccount::dsidFromPlistValue(value), kLargest) << description(value);
+  for (const Value& value : {Value(7), Value("0007")})
+    EXPECT_EQ(HSStoreAccount::dsidFromPlistValue(value), 7u) << description(value);
+  for (const Value& value : {Value("18446744073709551616"), Value("7 "), Value(""), Value(0),
+                             Value(-1), Value(7.0), Value(true), Value(Array{7})})
+    EXPECT_EQ(HSStoreAccount::dsidFromPlistValue(value), std::nullopt) << description(value);
 }
 
 TEST_F(AccountsTest, SigningInAsksTheTransactionServiceAndPassesOnWhatItSays) {
@@ -253,21 +243,17 @@ TEST_F(AccountsTest, AStoreKnowsABoundedNumberOfAccounts) {
 TEST_F(AccountsTest, CreditGoesToTheAccountThatTheAnswerNames) {
   store()->addAccountWithAuthenticationResponse(response(1), true);
   store()->addAccount(account(2, "b"));
-  struct {
-    Dictionary protocol;
-    std::optional<std::string> first, second;
-  } const cases[] = {
-      {{{"creditDisplay", "$1"}}, "$1", {}},
-      {{{"creditDisplay", 5}}, "$1", {}},
-      {{{"creditDisplay", "$2"}, {"dsid", 2}}, "$1", "$2"},
-      {{{"creditDisplay", "$3"}, {"dsPersonId", "9"}, {"dsid", 2}}, "$1", "$2"},
-      {{{"creditDisplay", "$4"}, {"dsPersonId", "no number"}, {"dsid", "1"}}, "$4", "$2"},
-  };
-  for (const auto& [protocol, first, second] : cases) {
+  using Text = std::optional<std::string>;
+  const auto check = [&](const Dictionary& protocol, const Text& first, const Text& second) {
     store()->parseCreditStringForProtocol(protocol);
     EXPECT_EQ(store()->accountWithDSID(1)->creditString(), first) << description(protocol);
     EXPECT_EQ(store()->accountWithDSID(2)->creditString(), second) << description(protocol);
-  }
+  };
+  check({{"creditDisplay", "$1"}}, "$1", {});
+  check({{"creditDisplay", 5}}, "$1", {});
+  check({{"creditDisplay", "$2"}, {"dsid", 2}}, "$1", "$2");
+  check({{"creditDisplay", "$3"}, {"dsPersonId", "9"}, {"dsid", 2}}, "$1", "$2");
+  check({{"creditDisplay", "$4"}, {"dsPersonId", "no number"}, {"dsid", "1"}}, "$4", "$2");
   EXPECT_EQ(storeReadAgain()->accountWithDSID(2)->creditString(), "$2");
 }
 
@@ -279,28 +265,23 @@ TEST_F(AccountsTest, EligibilityIsAskedWithoutTheServicesNameAndRememberedAlsoWh
                  [&](const HTTPRequest& request) {
                    return ScriptedTransport::response(request, status, {}, body);
                  });
-  struct {
-    int status;
-    const char* body;
-    bool eligible, fails;
-  } const cases[] = {{200, R"({"music": {"status": "Enabled"}})", true, false},
-                     {200, R"({"music": {"status": "enabled"}})", false, false},
-                     {200, R"({"music": "Enabled"})", false, false},
-                     {200, R"(["Enabled"])", false, false},
-                     {200, R"("Enabled")", false, true},
-                     {200, "no JSON", false, true},
-                     {200, "", false, true},
-                     {500, R"({"music": {"status": "Enabled"}})", false, true}};
-  EXPECT_EQ(store()->eligibilityForService("1"), std::nullopt);
-  for (const auto& testCase : cases) {
-    body = testCase.body;
-    status = testCase.status;
+  const auto check = [&](int answered, const char* text, bool isEligible, bool fails) {
+    SCOPED_TRACE(text);
+    status = answered;
+    body = text;
     store()->addAccount(account(1, "a"));
     const auto [eligible, error] = answerOf(*store(), &AccountStore::getEligibilityForService, "1");
-    EXPECT_EQ(eligible, testCase.eligible) << body;
-    EXPECT_EQ(error.has_value(), testCase.fails) << body;
-    EXPECT_EQ(store()->eligibilityForService("1"), testCase.eligible) << body;
-  }
+    EXPECT_EQ(eligible, isEligible);
+    EXPECT_EQ(error.has_value(), fails);
+    EXPECT_EQ(store()->eligibilityForService("1"), isEligible);
+  };
+  EXPECT_EQ(store()->eligibilityForService("1"), std::nullopt);
+  check(200, R"({"music": {"status": "Enabled"}})", true, false);
+  for (const char* text :
+       {R"({"music": {"status": "enabled"}})", R"({"music": "Enabled"})", R"(["Enabled"])"})
+    check(200, text, false, false);
+  for (const char* text : {R"("Enabled")", "no JSON", ""}) check(200, text, false, true);
+  check(500, R"({"music": {"status": "Enabled"}})", false, true);
   EXPECT_EQ(store()->eligibilityForService("2"), std::nullopt);
   const HTTPRequest asked = world.transport.requests().back();
   EXPECT_TRUE(asked.bypassCaches);

@@ -205,16 +205,16 @@ TEST_F(IdleExitTest, LeavesWhenToldToAfterAnsweringWithoutWaitingForTokens) {
 }
 
 TEST_F(IdleExitTest, IsOffUnlessAskedForInSeconds) {
-  struct {
-    const char* text;
-    std::optional<double> seconds;
-  } const cases[] = {{"", {}},   {"0", {}},  {"300", 300}, {"0.5", 0.5},
-                     {"-1", {}}, {"5m", {}}, {"inf", {}},  {"never", {}}};
-  for (const auto& [text, seconds] : cases) {
+  const auto secondsFor = [](const char* text) {
     ::setenv(IdleExit::kVariable, text, 1);
-    EXPECT_EQ(IdleExit::secondsFromEnvironment(), seconds) << text;
-  }
-  ::unsetenv(IdleExit::kVariable);
+    const auto seconds = IdleExit::secondsFromEnvironment();
+    ::unsetenv(IdleExit::kVariable);
+    return seconds;
+  };
+  EXPECT_EQ(secondsFor("300"), 300);
+  EXPECT_EQ(secondsFor("0.5"), 0.5);
+  for (const char* text : {"", "0", "-1", "5m", "inf", "never"})
+    EXPECT_EQ(secondsFor(text), std::nullopt) << text;
   EXPECT_EQ(IdleExit::secondsFromEnvironment(), std::nullopt);
   EXPECT_TRUE(world.log.contains(1, "IdleExit: TALLOW_IDLE_EXIT is no number of seconds: 5m"));
 }

@@ -56,28 +56,19 @@ class PasswordSettingsTest : public ServiceTest {
 
 TEST_F(PasswordSettingsTest, ReadsWhatTheStoreKeeps) {
   const Dictionary settings{{"a", 1}, {"b", Dictionary{{"c", Data("x")}}}};
-  const struct {
-    Value answer;
-    std::optional<Dictionary> settings;
-    std::int64_t code;
-    const char* message;
-  } cases[] = {
-      {Dictionary{{"passwordSettings", settings}, {"more", true}}, settings, 0, ""},
-      {Dictionary{{"passwordSettings", Dictionary()}}, Dictionary(), 0, ""},
-      {Dictionary{{"passwordSettings", "x"}}, Dictionary(), 32, "GetPasswordSettings failed"},
-      {Dictionary(), Dictionary(), 32, "GetPasswordSettings failed"},
-      {Array{1}, std::nullopt, 32, "Unknown response"},
-      {"text", std::nullopt, 32, "Unknown response"},
+  const auto check = [this](const Value& answer, const std::optional<Dictionary>& expected,
+                            const char* failure = nullptr) {
+    answers = {answer};
+    std::optional<Error> error;
+    if (failure != nullptr) error = HSError(32, "GetPasswordSettings failed", failure);
+    EXPECT_EQ(get(), std::tuple(expected, error)) << description(answer);
   };
-  for (const auto& each : cases) {
-    answers = {each.answer};
-    const auto [given, error] = get();
-    EXPECT_EQ(given, each.settings) << description(each.answer);
-    EXPECT_EQ(error ? error->code : 0, each.code) << description(each.answer);
-    if (!error) continue;
-    EXPECT_EQ(error->userInfo[kHSErrorTitleKey], Value("GetPasswordSettings failed"));
-    EXPECT_EQ(error->userInfo[kHSErrorMessageKey], Value(each.message));
-  }
+  check(Dictionary{{"passwordSettings", settings}, {"more", true}}, settings);
+  check(Dictionary{{"passwordSettings", Dictionary()}}, Dictionary());
+  check(Dictionary{{"passwordSettings", "x"}}, Dictionary(), "GetPasswordSettings failed");
+  check(Dictionary(), Dictionary(), "GetPasswordSettings failed");
+  check(Array{1}, std::nullopt, "Unknown response");
+  check("text", std::nullopt, "Unknown response");
   EXPECT_EQ(bodies.at(0), (Dictionary{{"guid", *machine.itsGUID}}));
   EXPECT_TRUE(world.log.contains(1, "GetPasswordSettingsOperation output text"));
   const auto [none, error] = get();  // 503
@@ -97,24 +88,21 @@ TEST_F(PasswordSettingsTest, TheFirstMissingValueEndsTheBodyOfAnUpdate) {
                          {"a", Array{Array(), Dictionary()}},
                          {"", "empty key"}};
   const Dictionary whole{{"guid", "G"}, {"serial-no", "S"}, {"rom-addr", "R"}};
-  const struct {
-    std::optional<std::string> guid, serial, rom;
-    Dictionary settings, body;
-  } cases[] = {
-      {"G", "S", "R", every, whole.setting("passwordSettings", every)},
-      {"G", "S", "R", {}, whole.setting("passwordSettings", Dictionary())},
-      {"G", "S", {}, every, {{"guid", "G"}, {"serial-no", "S"}}},
-      {"G", {}, "R", every, {{"guid", "G"}}},
-      {{}, "S", "R", every, {}},
-  };
-  for (const auto& each : cases) {
-    machine.itsGUID = each.guid;
-    machine.itsSerial = each.serial;
-    machine.itsROM = each.rom;
+  using Text = std::optional<std::string>;
+  const auto check = [this](const Text& guid, const Text& serial, const Text& rom,
+                            const Dictionary& settings, const Dictionary& body) {
+    machine.itsGUID = guid;
+    machine.itsSerial = serial;
+    machine.itsROM = rom;
     answers = {Dictionary()};
-    EXPECT_EQ(update(each.settings), std::tuple(true, std::nullopt));
-    EXPECT_EQ(bodies.back(), each.body);
-  }
+    EXPECT_EQ(update(settings), std::tuple(true, std::nullopt));
+    EXPECT_EQ(bodies.back(), body);
+  };
+  check("G", "S", "R", every, whole.setting("passwordSettings", every));
+  check("G", "S", "R", {}, whole.setting("passwordSettings", Dictionary()));
+  check("G", "S", {}, every, {{"guid", "G"}, {"serial-no", "S"}});
+  check("G", {}, "R", every, {{"guid", "G"}});
+  check({}, "S", "R", every, {});
   bodies.clear();
   EXPECT_EQ(update(std::nullopt), std::tuple(false, std::nullopt));
   EXPECT_TRUE(bodies.empty());
@@ -136,32 +124,30 @@ TEST_F(PasswordSettingsTest, SendsAgainForAsLongAsSomebodySignsIn) {
 
 TEST_F(PasswordSettingsTest, AnEndToTheDialogEndsIt) {
   const Value words = "The store's \"words\"";
-  const struct {
-    Dictionary answer;
-    HSDialogAnswer person;
-    bool success;
-    std::optional<std::int64_t> code;
-    Value title;
-  } cases[] = {
-      // Closed: the refusal stands.
-      {signInDialog().setting("customerMessage", words), {}, false, 32, words},
-      {signInDialog(), {}, false, 32, nullptr},
-      {signInDialog().setting("customerMessage", 5), {}, false, 32, nullptr},
-      {signInDialog().removing("failureType"), {}, false, 5, "Not signed in"},
-      // A dialog without a sign-in is no reason to send again.
-      {{{"dialog", Dictionary{{"message", "m"}}}}, FakeDialogAgent::pressing(0), true, {}, nullptr},
-      {{{"failureType", ""}, {"customerMessage", words}}, {}, false, 32, words},
-  };
-  for (const auto& each : cases) {
-    answers = {each.answer, Dictionary{{"status", 0}}};
+  const auto updateOnce = [this](const Dictionary& answer, HSDialogAnswer person) {
+    answers = {answer, Dictionary{{"status", 0}}};
     bodies.clear();
-    dialogs.agent->willAnswer(each.person);
-    const auto [success, error] = update(Dictionary{{"a", 1}});
-    EXPECT_EQ(success, each.success) << description(each.answer);
-    EXPECT_EQ(error ? std::optional(error->code) : std::nullopt, each.code);
-    EXPECT_EQ(error ? error->userInfo[kHSErrorTitleKey] : Value(), each.title);
-    EXPECT_EQ(bodies.size(), 1u);
-  }
+    dialogs.agent->willAnswer(std::move(person));
+    auto outcome = update(Dictionary{{"a", 1}});
+    EXPECT_EQ(bodies.size(), 1u) << description(answer);
+    return outcome;
+  };
+  const auto refused = [&](const Dictionary& answer, std::int64_t code, const Value& title) {
+    const auto [success, error] = updateOnce(answer, {});
+    EXPECT_FALSE(success) << description(answer);
+    ASSERT_TRUE(error) << description(answer);
+    EXPECT_EQ(error->code, code) << description(answer);
+    EXPECT_EQ(error->userInfo[kHSErrorTitleKey], title) << description(answer);
+  };
+  // Closed: the refusal stands.
+  refused(signInDialog().setting("customerMessage", words), 32, words);
+  refused(signInDialog(), 32, nullptr);
+  refused(signInDialog().setting("customerMessage", 5), 32, nullptr);
+  refused(signInDialog().removing("failureType"), 5, "Not signed in");
+  refused({{"failureType", ""}, {"customerMessage", words}}, 32, words);
+  // A dialog without a sign-in is no reason to send again.
+  EXPECT_EQ(updateOnce({{"dialog", Dictionary{{"message", "m"}}}}, FakeDialogAgent::pressing(0)),
+            std::tuple(true, std::nullopt));
   // An answer that is no dictionary is no refusal; a failure of the request is one.
   answers = {"text"};
   EXPECT_EQ(update(Dictionary()), std::tuple(true, std::nullopt));

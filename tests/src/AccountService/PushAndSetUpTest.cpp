@@ -49,31 +49,26 @@ TEST_F(PushAndSetUpTest, AResponseBecomesThePrimaryAccountCookiesAndStorefront) 
 }
 
 TEST_F(PushAndSetUpTest, WhateverIsWrongWithAResponseReachesTheSystemLogOnly) {
-  const std::string line = "AccountServiceInterface: com.example.store ";
-  const struct {
-    Dictionary response;
-    std::vector<std::string> lines;
-    std::optional<std::uint64_t> dsID;
-  } cases[] = {
-      {{},
-       {line + "dsid is unexpected type ((null))",
-        line + "account-active not present in account data, assuming account is not signed in {}"},
-       {}},
-      {{{"dsid", Array()}, {"account-active", Data("x")}},
-       {line + "dsid is unexpected type (array)",
-        line + "account-active is unexpected type (data), assuming account is not signed in "
-               "{\"account-active\" = <78>; \"dsid\" = ()}"},
-       {}},
-      {{{"dsid", "18x"}, {"account-active", "no"}, {"email", 5}, {"storefront", 5}}, {}, 18},
-      {{{"dsid", "text"}, {"account-active", 1}, {"cookies", 7}}, {}, 0},
-  };
-  for (const auto& each : cases) {
+  const auto check = [&](const Dictionary& response, const std::vector<std::string>& lines,
+                         std::optional<std::uint64_t> dsID) {
     systemLines.clear();
-    setUp(each.response);
-    EXPECT_EQ(systemLines, each.lines);
-    EXPECT_EQ(primary()->dsID(), each.dsID) << description(each.response);
+    setUp(response);
+    EXPECT_EQ(systemLines, lines);
+    EXPECT_EQ(primary()->dsID(), dsID) << description(response);
     EXPECT_EQ(primary()->identifier(), std::nullopt);
-  }
+  };
+  const std::string line = "AccountServiceInterface: com.example.store ";
+  check({},
+        {line + "dsid is unexpected type ((null))",
+         line + "account-active not present in account data, assuming account is not signed in {}"},
+        {});
+  check({{"dsid", Array()}, {"account-active", Data("x")}},
+        {line + "dsid is unexpected type (array)",
+         line + "account-active is unexpected type (data), assuming account is not signed in "
+                "{\"account-active\" = <78>; \"dsid\" = ()}"},
+        {});
+  check({{"dsid", "18x"}, {"account-active", "no"}, {"email", 5}, {"storefront", 5}}, {}, 18);
+  check({{"dsid", "text"}, {"account-active", 1}, {"cookies", 7}}, {}, 0);
   std::vector<Value> thousand;
   for (int i = 0; i < 1000; ++i) thousand.emplace_back("c" + std::to_string(i) + "=1");
   setUp({{"dsid", 1}, {"account-active", 1}, {"cookies", Array(thousand)}});
