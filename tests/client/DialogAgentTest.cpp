@@ -95,18 +95,6 @@ TEST_F(DialogAgentTest, OneDialogAfterTheOtherAndGoneWhenNobodyWaits) {
   EXPECT_EQ(second.get().button, 0u);
 }
 
-TEST_F(DialogAgentTest, AnAgentThatGoesDismissesItsDialogs) {
-  auto agent =
-      startAgent([this](const DialogAgent::Dialog& dialog) { return waitUntilGone(dialog); });
-  auto answer = show({{"message", "m"}});
-  isShown.get_future().wait();
-  agent.reset();
-  EXPECT_FALSE(answer.get().button);
-  // Its name has left the bus, or will have.
-  while (center.agentCount() > 0) std::this_thread::yield();
-  EXPECT_FALSE(show({{"message", "m"}}).get().button);
-}
-
 TEST_F(DialogAgentTest, RegistersWithAServiceThatIsStartedLater) {
   const auto agent = startAgent(pressTheFirstButton);
   listener->stop();

@@ -61,10 +61,7 @@ TEST(AccountsRoad, SignedInThroughTheTransactionServiceKilledAndSignedOut) {
   ASSERT_TRUE(agent) << agent.error().localizedDescription();
   EXPECT_FALSE(TransactionAgent::start(Instance::Agent, nullptr)) << "there is one already";
   const auto signIn = client.signInWithContext({{"identifier", "42@example.com"}});
-  ASSERT_TRUE(signIn) << signIn.error().localizedDescription();
-  ASSERT_TRUE(signIn->success && signIn->account)
-      << (signIn->error ? signIn->error->localizedDescription() : "no error");
-  EXPECT_EQ((*signIn->account)["dsid"], Value(42));
+  ASSERT_EQ(dsIDOf(signIn), 42u);
   EXPECT_FALSE(signIn->account->contains("token"));
   EXPECT_EQ(complaints.size(), 2u) << "asked again, with the store's words";
   EXPECT_EQ(told.next(), 42u);
@@ -112,9 +109,7 @@ TEST(AccountsRoad, ATransactionServiceThatDiesInTheMiddleEndsTheSignInAtOnce) {
   EXPECT_EQ(cut->error->domain, "HSErrorDomain");
   EXPECT_THAT(cut->error->localizedDescription(), testing::HasSubstr("transaction service"));
   EXPECT_EQ(primaryOf(service.client()), 0u);
-  const auto again = service.client().signInWithContext({});
-  ASSERT_TRUE(again && again->account) << "the bus has started another";
-  EXPECT_EQ((*again->account)["dsid"], Value(42));
+  EXPECT_EQ(dsIDOf(service.client().signInWithContext({})), 42u) << "the bus has started another";
 }
 
 // Whoever waits behind an open question is looked up at the bus when it is over: by then the

@@ -10,7 +10,6 @@ namespace {
 // A service whose client wants both kinds of media, on a device that has just been set up.
 class Push : public ::testing::Test {
  protected:
-  static constexpr const char* kToken = "/peers/push-agent/getDeviceTokenForEnvironmentNamed";
   static constexpr const char* kDownloads = "/peers/downloads/checkAutomaticDownloadQueue";
   static constexpr const char* kPermission =
       "/peers/purchase-permission/didReceiveStorePushNotificationWithPayload";
@@ -50,23 +49,6 @@ TEST_F(Push, TheTokenIsAnnouncedOnceAndMediaTypesFollow) {
   EXPECT_EQ(received("/push/register-success"), 1u) << "the record outlives the process";
   EXPECT_FALSE(client.disableAutoDownload());
   EXPECT_EQ(client.getEnabledMediaTypes()->mask, 0);
-}
-
-TEST_F(Push, ThePushAgentMayDieAndComeBack) {
-  const auto enable = [&] {
-    const auto error = service.client().enableAutoDownloadForEnvironmentNamed("production");
-    return error ? error->localizedDescription() : "";
-  };
-  service.stage(R"({"pushAgent": {"hang": true}})");
-  std::thread killer([&] {
-    service.store().waitForRequests(kToken, 1);
-    service.kill(RunningService::kPushAgent);
-  });
-  EXPECT_EQ(enable(), "Failed to get device token") << "it died while it was asked";
-  killer.join();
-  EXPECT_EQ(received("/push/register-success"), 0u);
-  service.stage(R"({"reset": true})");
-  EXPECT_EQ(enable(), "") << "the bus has started it again";
 }
 
 TEST_F(Push, PushesReachWhomTheyAreFor) {

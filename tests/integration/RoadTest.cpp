@@ -7,7 +7,6 @@
 
 #include "platform/Base/AtomicFile.h"
 #include "tests/integration/RunningService.h"
-#include "tests/support/Heard.h"
 
 namespace tallow {
 namespace {
@@ -61,19 +60,6 @@ TEST(Road, ACallUnderWayIsAnsweredBeforeAStoppedServiceLeaves) {
   caller.join();
   EXPECT_EQ(isValid, true);
   EXPECT_EQ(buyURL(service), service.storeURL("https", "/store/buyProduct")) << "started again";
-}
-
-TEST(Road, ObserversHearOfUpdatesAndFailures) {
-  RunningService service;
-  Heard<bool> updates;
-  ASSERT_FALSE(service.client().observeURLBag(
-      [&](bool success, const std::optional<Error>&) { updates.note(success); }));
-  buyURL(service);
-  EXPECT_TRUE(updates.next());
-  service.stage(R"({"bag": {"status": 500}})");
-  ASSERT_FALSE(service.client().invalidateAllBags());
-  EXPECT_EQ(buyURL(service), "");
-  EXPECT_FALSE(updates.next());
 }
 
 TEST(Road, WhatAHostileStoreSendsIsRefusedAndTheOldBagStays) {

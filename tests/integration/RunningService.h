@@ -18,6 +18,14 @@
 
 namespace tallow {
 
+// Who has signed in; 0, and a failure with the reason, when nobody has.
+inline std::uint64_t dsIDOf(const Result<AccountServiceClient::SignIn>& signIn) {
+  if (signIn && signIn->success && signIn->account)
+    return (*signIn->account)["dsid"].unsignedValue();
+  ADD_FAILURE() << description(signIn ? signIn->error.value_or(Error()) : signIn.error());
+  return 0;
+}
+
 // The real service on a bus of its own that starts it on demand, its folders, and a store in this
 // process. The test program is the store client "com.example.test"; its bags come over `scheme`.
 //

@@ -69,47 +69,40 @@ Dictionary signIn(const char* name, bool isFixed = false) {
                     {"signIn", Dictionary{{"accountName", name}, {"fixed", isFixed}}}};
 }
 
-TEST(TerminalDialogTest, AsksForNameAndPasswordWithoutShowingIt) {
-  const struct {
-    Dictionary dialog;
-    std::vector<std::string> lines;
-    const char* answer;
-  } cases[] = {
-      {signIn("ada"), {"", "hunter2"}, "0 ada hunter2"},
-      {signIn("ada"), {"bob", "hunter2"}, "0 bob hunter2"},
-      {signIn("ada", true), {"hunter2"}, "0 ada hunter2"},
-      {signIn(""), {"bob", ""}, "1  "},  // an empty password cancels
-      {signIn(""), {""}, "-1  "},
-      {signIn("ada").removing("buttons"), {"", "hunter2"}, "-1  "},
+void expectAnswer(const char* answer, const Dictionary& dialog, std::vector<std::string> lines,
+                  bool isGone = false) {
+  const Shown shown = show(dialog, std::move(lines), isGone);
+  SCOPED_TRACE(shown.terminal);
+  const auto shows = [&](const char* text) {
+    return shown.terminal.find(text) != std::string::npos;
   };
-  for (const auto& each : cases) {
-    const Shown shown = show(each.dialog, each.lines);
-    EXPECT_EQ(shown.answer, each.answer) << shown.terminal;
-    EXPECT_EQ(shown.terminal.find("hunter2"), std::string::npos) << shown.terminal;
-    EXPECT_NE(shown.terminal.find("com.example.store"), std::string::npos) << "for whom";
-    EXPECT_TRUE(shown.showsAgain);
-  }
+  EXPECT_EQ(shown.answer, answer);
+  EXPECT_FALSE(shows("hunter2"));
+  EXPECT_FALSE(shows("\x1b")) << "harmless";
+  EXPECT_EQ(shows("com.example.store"), dialog.contains("client")) << "for whom";
+  EXPECT_EQ(shows("Nobody waits"), isGone);
+  EXPECT_TRUE(shown.showsAgain);
+}
+
+TEST(TerminalDialogTest, AsksForNameAndPasswordWithoutShowingIt) {
+  expectAnswer("0 ada hunter2", signIn("ada"), {"", "hunter2"});
+  expectAnswer("0 bob hunter2", signIn("ada"), {"bob", "hunter2"});
+  expectAnswer("0 ada hunter2", signIn("ada", true), {"hunter2"});
+  expectAnswer("1  ", signIn(""), {"bob", ""});  // an empty password cancels
+  expectAnswer("-1  ", signIn(""), {""});
+  expectAnswer("-1  ", signIn("ada").removing("buttons"), {"", "hunter2"});
 }
 
 TEST(TerminalDialogTest, ShowsTextsHarmlessAndTakesAButtonByItsNumber) {
-  std::vector<Value> buttons(100, Value(Dictionary{{"title", "b\x1b[2J"}}));
+  const std::vector<Value> buttons(100, Value(Dictionary{{"title", "b\x1b[2J"}}));
   const Dictionary many{{"message", "\x1b]0;owned\x07"}, {"buttons", Array(buttons)}};
   const Dictionary one{{"message", "m"}, {"buttons", Array{Dictionary{{"title", "OK"}}}}};
-  const struct {
-    Dictionary dialog;
-    std::vector<std::string> lines;
-    bool isGone;
-    const char* answer;
-  } cases[] = {{many, {"100"}, false, "99  "}, {many, {"101"}, false, "-1  "},
-               {many, {"-1"}, false, "-1  "},  {many, {""}, false, "-1  "},
-               {one, {""}, false, "0  "},      {one, {"what?"}, false, "-1  "},
-               {one, {}, true, "-1  "},        {Dictionary(), {}, false, "-1  "}};
-  for (const auto& each : cases) {
-    const Shown shown = show(each.dialog, each.lines, each.isGone);
-    EXPECT_EQ(shown.answer, each.answer) << shown.terminal;
-    EXPECT_EQ(shown.terminal.find('\x1b'), std::string::npos);
-    EXPECT_EQ(shown.terminal.find("Nobody waits") != std::string::npos, each.isGone);
-  }
+  expectAnswer("99  ", many, {"100"});
+  for (const char* none : {"101", "-1", ""}) expectAnswer("-1  ", many, {none});
+  expectAnswer("0  ", one, {""});
+  expectAnswer("-1  ", one, {"what?"});
+  expectAnswer("-1  ", one, {}, /*isGone=*/true);
+  expectAnswer("-1  ", Dictionary(), {});
 }
 
 }  // namespace
