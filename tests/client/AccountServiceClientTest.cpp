@@ -99,8 +99,7 @@ TEST_F(AccountServiceClientTest, TellsErrorsApartAndFindsABusThatCameBack) {
 }
 
 TEST_F(AccountServiceClientTest, CarriesItsIdentityAndObserverOverToAnotherService) {
-  writeDescriptor("self.toml", "identifier = \"com.example.self\"\nmay-act-as-others = true\n" +
-                                   recognisingThisProcess());
+  recogniseThisProcess("identifier = \"com.example.self\"\nmay-act-as-others = true");
   writeDescriptor("other.toml", "identifier = \"com.example.other\"");
   Heard<bool> updates;
   ASSERT_FALSE(client.actAs("com.example.other"));

@@ -27,9 +27,8 @@ class DialogAgentTest : public ListenerTest {
   ~DialogAgentTest() override { listener->stop(); }
 
   void allowDialogs(bool allow = true) {
-    writeDescriptor("self.toml", "identifier = \"com.example.self\"\n" +
-                                     std::string(allow ? "may-show-dialogs = true\n" : "") +
-                                     recognisingThisProcess());
+    recogniseThisProcess(std::string("identifier = \"com.example.self\"") +
+                         (allow ? "\nmay-show-dialogs = true" : ""));
   }
   // Has a dialog shown; the future is what comes back.
   std::future<HSDialogAnswer> show(const Dictionary& contents) {

@@ -105,7 +105,7 @@ TEST_F(TallowctlServiceTest, SaysNoWithItsExitStatus) {
 }
 
 TEST_F(TallowctlServiceTest, SaysThatACommandNeedsAClient) {
-  writeDescriptor("self.toml", "store-client = false\n" + recognisingThisProcess());
+  recogniseThisProcess("store-client = false");
   for (const auto& command : {"sign-out", "accounts", "invalidate", "password-settings"}) {
     const Outcome outcome = run({command});
     EXPECT_EQ(outcome.status, 1) << command;
