@@ -1,7 +1,6 @@
 #include "platform/HTTP/HTTPTransport.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -134,7 +133,7 @@ TYPED_TEST(HTTPTransportContract, RefusesWhatMustNotBeSent) {
   }
 }
 
-TYPED_TEST(HTTPTransportContract, CompletesOnAThreadOfItsOwn) {
+TYPED_TEST(HTTPTransportContract, CompletesOnAThreadOfItsOwnThatMayAskAgain) {
   this->store.answer(200, "X-Store: 1", "");
   std::promise<std::thread::id> answered;
   std::promise<std::thread::id> refused;
@@ -146,10 +145,7 @@ TYPED_TEST(HTTPTransportContract, CompletesOnAThreadOfItsOwn) {
   const std::thread::id thread = answered.get_future().get();
   EXPECT_NE(thread, std::this_thread::get_id());
   EXPECT_EQ(thread, refused.get_future().get());
-}
-
-TYPED_TEST(HTTPTransportContract, MayBeAskedFromACompletion) {
-  this->store.answer(200, "X-Store: 1", "");
+  // From which it may be asked again.
   std::promise<bool> second;
   this->store.transport().start(this->request(), [&](auto) {
     this->store.transport().start(this->request(), [&](Result<HTTPResponse> result) {
