@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <functional>
 
 #include "platform/Base/AtomicFile.h"
 #include "platform/Base/Clock.h"
@@ -58,8 +57,6 @@ class BuiltInOrvTest : public ::testing::Test {
             [this](int, const std::string& line) { log += line + "\n"; }};
   }
   std::int32_t provision(BuiltInOrv& orv, Store& store, std::uint64_t dsID = kDSID) {
-    SecretVector clientData;
-    std::uint32_t session = 0;
     const std::int32_t status =
         orv.startProvisioning(dsID, store.start.encode().span(), clientData, session);
     if (status != kOrvSuccess) return status;
@@ -90,12 +87,13 @@ class BuiltInOrvTest : public ::testing::Test {
   mutable ManualClock clock{Date{1'800'000'000}};
   ScopedShared<Clock> sharedClock{clock};
   std::string log;
-  SecretVector identifier;
+  Store store;
+  SecretVector identifier, clientData;
+  std::uint32_t session = 0;
 };
 
 TEST_F(BuiltInOrvTest, AProvisionedMachineProvesItselfUntilItIsReset) {
   BuiltInOrv orv = machine();
-  Store store;
   EXPECT_EQ(passwordOf(orv), "-45061");
   ASSERT_EQ(provision(orv, store), kOrvSuccess);
   EXPECT_EQ(passwordOf(orv), store.passwordAt(now()));
@@ -124,9 +122,6 @@ TEST_F(BuiltInOrvTest, AProvisionedMachineProvesItselfUntilItIsReset) {
 
 TEST_F(BuiltInOrvTest, WhatIsNotFromTheStoreProvisionsNothing) {
   BuiltInOrv orv = machine();
-  Store store;
-  SecretVector clientData;
-  std::uint32_t session = 0;
   const Data start = store.start.encode();
   for (const Data& bad : {Data(), Data(start.span().first(48)), Data(std::string(1u << 20, '\1'))})
     EXPECT_EQ(orv.startProvisioning(kDSID, bad.span(), clientData, session), kOrvMalformed);
@@ -154,7 +149,6 @@ TEST_F(BuiltInOrvTest, WhatIsNotFromTheStoreProvisionsNothing) {
 
 TEST_F(BuiltInOrvTest, ADiskThatRefusesIsAskedOnceAMinute) {
   BuiltInOrv orv = machine();
-  Store store;
   ASSERT_EQ(provision(orv, store), kOrvSuccess);
   const std::string password = passwordOf(orv);
   clock.set(Date{clock.now().secondsSince1970 + 5000});
@@ -171,7 +165,6 @@ TEST_F(BuiltInOrvTest, ADiskThatRefusesIsAskedOnceAMinute) {
 }
 
 TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
-  Store store;
   const auto write = [this](const Data& contents) {
     ASSERT_FALSE(writeFileAtomically(file(), contents));
     clock.advance(1);
@@ -246,7 +239,6 @@ TEST_F(BuiltInOrvTest, FilesThatCannotBeTrustedAreNotUsed) {
 
 TEST_F(BuiltInOrvTest, PasswordsStayRightWhenTheClockIsSet) {
   BuiltInOrv orv = machine();
-  Store store;
   clock.set(Date{1'700'000'000});  // wrong from the beginning
   ASSERT_EQ(provision(orv, store), kOrvSuccess);
   std::uint64_t storeNow = store.settings.storeTime;
@@ -259,7 +251,6 @@ TEST_F(BuiltInOrvTest, PasswordsStayRightWhenTheClockIsSet) {
   BuiltInOrv again = machine();
   EXPECT_EQ(passwordOf(again), store.passwordAt(storeNow)) << "after a restart of the service";
 
-  SecretVector clientData;
   const std::uint64_t late = storeNow + 5'000'000;  // this machine's clock ran behind
   EXPECT_EQ(orv.synchronizeMachine(kDSID, {}, identifier, clientData), kOrvMalformed);
   EXPECT_EQ(orv.synchronizeMachine(kDSID + 1, {}, identifier, clientData), kOrvNotProvisioned);
@@ -281,11 +272,8 @@ TEST_F(BuiltInOrvTest, PasswordsStayRightWhenTheClockIsSet) {
 }
 
 TEST_F(BuiltInOrvTest, WordsThatWereLongOnTheirWayAndANewStartKeepTheClockRight) {
-  Store store;
   {
     BuiltInOrv orv = machine();
-    SecretVector clientData;
-    std::uint32_t session = 0;
     ASSERT_EQ(orv.startProvisioning(kDSID, store.start.encode().span(), clientData, session),
               kOrvSuccess);
     const auto [info, key] = store.answerTo(clientData, kDSID);
@@ -347,7 +335,6 @@ TEST_F(BuiltInOrvTest, AKillInTheMiddleOfProvisioningLosesNothing) {
 
 TEST_F(BuiltInOrvTest, ADiskThatRefusesFailsTheProvisioningAndNoMore) {
   BuiltInOrv orv = machine();
-  Store store;
   std::ofstream(folder.path() / "orv") << "where the folder should be";
   EXPECT_EQ(provision(orv, store), kOrvNotStored);
   EXPECT_EQ(passwordOf(orv), "-45061");

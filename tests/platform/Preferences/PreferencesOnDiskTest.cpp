@@ -99,14 +99,14 @@ class PreferencesOnDiskTest : public ::testing::Test {
   TemporaryFolder _folder;
   const fs::path _state = _folder / "state";
   const fs::path _file = _state / "preferences.db";
+  SQLitePreferences _preferences{{_file, {}, "host"}};  // touches no file before its first use
 };
 
 TEST_F(PreferencesOnDiskTest, FilesAreTheOwnersOnly) {
   const mode_t oldMask = umask(0);
-  const auto preferences = open();
-  EXPECT_TRUE(read(*preferences, "key").isNil());
+  EXPECT_TRUE(read(_preferences, "key").isNil());
   EXPECT_FALSE(fs::exists(_state));  // nothing before the first write
-  write(*preferences, "key", 1);
+  write(_preferences, "key", 1);
   umask(oldMask);
   EXPECT_EQ(modeOf(_state), 0700u);
   for (const auto& entry : fs::directory_iterator(_state))
@@ -117,28 +117,27 @@ TEST_F(PreferencesOnDiskTest, FilesAreTheOwnersOnly) {
 }
 
 TEST_F(PreferencesOnDiskTest, AFullDiskKeepsTheChangeInMemoryUntilThereIsRoom) {
-  const auto preferences = open();
-  write(*preferences, "key", "old");
-  ASSERT_TRUE(synchronize(*preferences));
+  write(_preferences, "key", "old");
+  ASSERT_TRUE(synchronize(_preferences));
   {
     const FullDisk full;
-    write(*preferences, "key", "new");
+    write(_preferences, "key", "new");
     EXPECT_TRUE(_log.mentions(1, "cannot write to " + _file.native()));
-    EXPECT_EQ(read(*preferences, "key"), Value("new"));
-    EXPECT_FALSE(synchronize(*preferences));
+    EXPECT_EQ(read(_preferences, "key"), Value("new"));
+    EXPECT_FALSE(synchronize(_preferences));
     // What an update computed is not kept: others may have written when there is room again.
-    EXPECT_FALSE(preferences->update(kDomain, [](Preferences::Editor& editor) {
+    EXPECT_FALSE(_preferences.update(kDomain, [](Preferences::Editor& editor) {
       EXPECT_EQ(editor.value("key"), Value("new"));
       editor.setValue("other", 2);
     }));
-    EXPECT_EQ(preferences->pendingChanges(), 1u);
+    EXPECT_EQ(_preferences.pendingChanges(), 1u);
   }
   EXPECT_EQ(stored("key"), Value("old"));
-  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_TRUE(synchronize(_preferences));
   EXPECT_EQ(stored("key"), Value("new"));
   EXPECT_TRUE(stored("other").isNil());
-  EXPECT_EQ(preferences->pendingChanges(), 0u);
-  EXPECT_FALSE(preferences->update(kDomain, [](Preferences::Editor& editor) {
+  EXPECT_EQ(_preferences.pendingChanges(), 0u);
+  EXPECT_FALSE(_preferences.update(kDomain, [](Preferences::Editor& editor) {
     editor.setValue("small", 1);
     editor.setValue("other", std::string(17u << 20, 'x'));  // could not be read back
   }));
@@ -149,21 +148,20 @@ TEST_F(PreferencesOnDiskTest, AReadOnlyFolderIsReadAndWritesWait) {
   write(*open(), "key", "old");
   const Unprivileged scope(_folder.path());
   setWritable(false);
-  const auto preferences = open();
-  EXPECT_EQ(read(*preferences, "key"), Value("old"));
+  EXPECT_EQ(read(_preferences, "key"), Value("old"));
   EXPECT_TRUE(_log.lines(1).empty());
   // Another process, which may write, has meanwhile.
   setWritable(true);
   write(*open(), "key", "newer");
   setWritable(false);
-  EXPECT_TRUE(synchronize(*preferences));
-  EXPECT_EQ(read(*preferences, "key"), Value("newer"));
-  write(*preferences, "key", "new");
+  EXPECT_TRUE(synchronize(_preferences));
+  EXPECT_EQ(read(_preferences, "key"), Value("newer"));
+  write(_preferences, "key", "new");
   EXPECT_TRUE(_log.mentions(1, "it is read-only"));
-  EXPECT_EQ(read(*preferences, "key"), Value("new"));
-  EXPECT_FALSE(synchronize(*preferences));
+  EXPECT_EQ(read(_preferences, "key"), Value("new"));
+  EXPECT_FALSE(synchronize(_preferences));
   setWritable(true);
-  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_TRUE(synchronize(_preferences));
   EXPECT_EQ(stored("key"), Value("new"));
 }
 
@@ -171,16 +169,15 @@ TEST_F(PreferencesOnDiskTest, AnUnreadableFileIsLeftAlone) {
   write(*open(), "key", "old");
   const Unprivileged scope(_folder.path());
   ASSERT_EQ(chmod(_state.c_str(), 0), 0);
-  const auto preferences = open();
   for (const char* which : {"first", "second"}) {
-    EXPECT_TRUE(read(*preferences, "key").isNil()) << which;
+    EXPECT_TRUE(read(_preferences, "key").isNil()) << which;
     EXPECT_EQ(_log.lines(1).size(), 1u) << "reads do not repeat the complaint";
   }
-  write(*preferences, "other", 1);
-  EXPECT_EQ(read(*preferences, "other"), Value(1));
+  write(_preferences, "other", 1);
+  EXPECT_EQ(read(_preferences, "other"), Value(1));
   ASSERT_EQ(chmod(_state.c_str(), 0700), 0);
-  EXPECT_TRUE(synchronize(*preferences));
-  EXPECT_EQ(read(*preferences, "key"), Value("old"));
+  EXPECT_TRUE(synchronize(_preferences));
+  EXPECT_EQ(read(_preferences, "key"), Value("old"));
   EXPECT_EQ(stored("other"), Value(1));
 }
 
@@ -188,23 +185,21 @@ TEST_F(PreferencesOnDiskTest, ADamagedFileIsSetAsideWhole) {
   fs::create_directory(_state);
   const std::string garbage(10'000, 'z');
   std::ofstream(_file) << garbage;
-  const auto preferences = open();
-  EXPECT_TRUE(read(*preferences, "key").isNil());
+  EXPECT_TRUE(read(_preferences, "key").isNil());
   EXPECT_TRUE(_log.mentions(1, "has been set aside"));
   EXPECT_EQ(bytesOf(_state / "preferences.db.corrupt"), garbage);
-  write(*preferences, "key", 1);
+  write(_preferences, "key", 1);
   EXPECT_EQ(stored("key"), Value(1));
 }
 
 TEST_F(PreferencesOnDiskTest, DamageFoundLaterCostsOnlyWhatNobodyRemembers) {
   writeSmallAndLarge();
-  const auto preferences = open();
-  EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
+  EXPECT_EQ(read(_preferences, "small"), Value("remembered"));
   damageLarge();
-  EXPECT_TRUE(read(*preferences, "large").isNil());
+  EXPECT_TRUE(read(_preferences, "large").isNil());
   EXPECT_TRUE(fs::exists(_state / "preferences.db.corrupt"));
-  EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
-  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_EQ(read(_preferences, "small"), Value("remembered"));
+  EXPECT_TRUE(synchronize(_preferences));
   EXPECT_EQ(stored("small"), Value("remembered"));
 }
 
@@ -222,19 +217,18 @@ TEST_F(PreferencesOnDiskTest, AnUpdateSurvivesDamageFoundInsideIt) {
 
 TEST_F(PreferencesOnDiskTest, AnUpdateThatMeetsDamageAndAFullDiskLosesNothing) {
   writeSmallAndLarge();
-  const auto preferences = open();
-  EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
+  EXPECT_EQ(read(_preferences, "small"), Value("remembered"));
   damageLarge();
   {
     const FullDisk full;
-    EXPECT_FALSE(preferences->update(kDomain, [](Preferences::Editor& editor) {
+    EXPECT_FALSE(_preferences.update(kDomain, [](Preferences::Editor& editor) {
       editor.setValue("small", "computed");
       editor.setValue("large", 1);  // walks the pages of the old one
     }));
     EXPECT_TRUE(fs::exists(_state / "preferences.db.corrupt"));
-    EXPECT_EQ(read(*preferences, "small"), Value("remembered"));
+    EXPECT_EQ(read(_preferences, "small"), Value("remembered"));
   }
-  EXPECT_TRUE(synchronize(*preferences));
+  EXPECT_TRUE(synchronize(_preferences));
   EXPECT_EQ(stored("small"), Value("remembered"));
   EXPECT_TRUE(stored("large").isNil());
 }
@@ -255,31 +249,28 @@ TEST_F(PreferencesOnDiskTest, ANewerFormatIsLeftAlone) {
   constexpr std::size_t kUserVersionOffset = 60;
   overwrite(kUserVersionOffset, std::string("\0\0\0\2", 4));
   const std::string before = bytesOf(_file);
-  const auto preferences = open();
-  EXPECT_TRUE(read(*preferences, "key").isNil());
+  EXPECT_TRUE(read(_preferences, "key").isNil());
   EXPECT_TRUE(_log.mentions(1, "format 2 is newer than 1"));
-  write(*preferences, "key", "new");
-  EXPECT_EQ(read(*preferences, "key"), Value("new"));
-  EXPECT_FALSE(synchronize(*preferences));
+  write(_preferences, "key", "new");
+  EXPECT_EQ(read(_preferences, "key"), Value("new"));
+  EXPECT_FALSE(synchronize(_preferences));
   EXPECT_EQ(bytesOf(_file), before);
   EXPECT_FALSE(fs::exists(_state / "preferences.db.corrupt"));
 }
 
 TEST_F(PreferencesOnDiskTest, AFileThatWasTakenAwayIsMadeAgain) {
-  const auto preferences = open();
-  write(*preferences, "key", 1);
+  write(_preferences, "key", 1);
   fs::remove_all(_state);
-  EXPECT_TRUE(read(*preferences, "key").isNil());
-  write(*preferences, "key", 2);
+  EXPECT_TRUE(read(_preferences, "key").isNil());
+  write(_preferences, "key", 2);
   EXPECT_EQ(stored("key"), Value(2));
 }
 
 TEST_F(PreferencesOnDiskTest, AValueThatCouldNotBeReadBackIsRefused) {
-  const auto preferences = open();
-  write(*preferences, "key", "old");
-  write(*preferences, "key", std::string((16u << 20) + 1, 'x'));
+  write(_preferences, "key", "old");
+  write(_preferences, "key", std::string((16u << 20) + 1, 'x'));
   EXPECT_TRUE(_log.mentions(1, "key of com.vantor.test is too large"));
-  EXPECT_EQ(read(*preferences, "key"), Value("old"));
+  EXPECT_EQ(read(_preferences, "key"), Value("old"));
 }
 
 // The file does not exist yet when they start, so that making it is contended as well.
@@ -298,15 +289,14 @@ TEST_F(PreferencesOnDiskTest, ProcessesLoseNoUpdateOfEachOther) {
 }
 
 TEST_F(PreferencesOnDiskTest, ProcessesSeeEachOthersWritesAtTheNextRead) {
-  const auto own = open();
   for (int i = 1; i <= 3; ++i) {
     const ChildProcess neighbour([this](const ChildProcess::Say& say) {
       count(1);
       say(1);
     });
     EXPECT_EQ(neighbour.next(), 1);
-    EXPECT_EQ(read(*own, "count"), Value(i));
-    EXPECT_EQ(read(*own, "count"), Value(i)) << "again";
+    EXPECT_EQ(read(_preferences, "count"), Value(i));
+    EXPECT_EQ(read(_preferences, "count"), Value(i)) << "again";
   }
 }
 
