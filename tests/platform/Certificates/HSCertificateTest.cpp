@@ -1,7 +1,6 @@
 #include "platform/Certificates/HSCertificate.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
@@ -232,7 +231,7 @@ TEST_F(HSCertificateTest, HoldsEachToWhatItSaysOfItself) {
         << &each - cases;
 }
 
-TEST_F(HSCertificateTest, RefusesWeakKeysAnywhere) {
+TEST_F(HSCertificateTest, RefusesWeakKeysAndDigestsAnywhere) {
   const std::pair<const char*, TestKey> weakKeys[] = {{"RSA 1024", TestKey::rsa(1024)},
                                                       {"P-224", TestKey::ellipticCurve("P-224")},
                                                       {"written out", TestKey::explicitP256()},
@@ -243,9 +242,6 @@ TEST_F(HSCertificateTest, RefusesWeakKeysAnywhere) {
       EXPECT_NE(verdictWith({}, {}, {}), "") << name;
       place = strong;
     }
-}
-
-TEST_F(HSCertificateTest, RefusesWeakDigestsAnywhere) {
   _keys[0] = _keys[1] = sharedRSAKey();
   for (const char* digest : {"MD5", "SHA1", "SHA224"}) {
     const Change weak = [digest](CertificateOptions& options) { options.digest = digest; };

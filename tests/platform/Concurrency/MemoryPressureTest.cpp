@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <string>
 
 #include "platform/Base/Base64.h"

@@ -122,9 +122,8 @@ TEST_F(CookieJarStorageTest, KeepsItsLogShort) {
 TEST_F(CookieJarStorageTest, SetsADamagedFileAside) {
   {
     const auto jar = open();
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 200; ++i)
       setCookie(*jar, "c=" + std::string(500, 'x'), "http://h" + std::to_string(i) + ".example/");
-    }
   }
   const std::string sound = contents();
   const std::string body = sound.substr(0, 4096) + std::string(sound.size() - 4096, '\x5A');

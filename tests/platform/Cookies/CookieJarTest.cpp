@@ -145,9 +145,8 @@ TEST_F(CookieJarTest, KeepsTheRecentlyUsedOfADomain) {
 
 TEST_F(CookieJarTest, KeepsTheRecentlyUsedOfTheJar) {
   jar = open({.cookiesPerDomain = 180, .cookiesPerJar = 50});
-  for (int i = 0; i < 50; ++i) {
+  for (int i = 0; i < 50; ++i)
     setCookie(*jar, "a=" + std::to_string(i), "http://h" + std::to_string(i) + ".example/");
-  }
   header(*jar, "http://h0.example/");  // being sent counts as use
   setCookie(*jar, "a=1; Max-Age=10", "http://h7.example/");
   clock.advance(10);

@@ -52,7 +52,7 @@ TEST(CookiePolicy, LimitsWhoMaySetADomain) {
   EXPECT_EQ(judge("a=b", "data:text/plain,x").decision, DomainMismatch);
 }
 
-TEST(CookiePolicy, DerivesThePath) {
+TEST(CookiePolicy, DerivesAndMatchesThePath) {
   const auto path = [](std::string_view line, std::string_view from) {
     return judge(line, from).cookie.path;
   };
@@ -64,9 +64,7 @@ TEST(CookiePolicy, DerivesThePath) {
   EXPECT_EQ(path("a=b; Path=x", "http://store.example/shop/item"), "/shop");
   EXPECT_EQ(judge("a=b", "http://store.example/" + std::string(1030, 'p') + "/").decision,
             CookieDecision::TooLarge);
-}
-
-TEST(CookiePolicy, MatchesPathsAtSegments) {
+  // Paths match at segments.
   EXPECT_TRUE(CookiePolicy::pathMatches("/shop", "/shop"));
   EXPECT_TRUE(CookiePolicy::pathMatches("/shop/item", "/shop"));
   EXPECT_TRUE(CookiePolicy::pathMatches("/shop/item", "/shop/"));
@@ -117,9 +115,8 @@ TEST(CookiePolicy, LimitsSizeAndLifetime) {
       judge("a=b; Expires=never; Max-Age=soon", "http://store.example/").cookie.expiresDate);
   for (const char* line :
        {"a=b; Max-Age=0", "a=b; Max-Age=-9", "a=b; Expires=Tue, 14 Nov 2023 22:13:20",
-        "a=b; Max-Age=0; Expires=Fri, 31 Dec 9999 23:59:59 GMT"}) {
+        "a=b; Max-Age=0; Expires=Fri, 31 Dec 9999 23:59:59 GMT"})
     EXPECT_EQ(judge(line, "http://store.example/").decision, CookieDecision::Removed) << line;
-  }
 }
 
 TEST(CookiePolicy, RefusesWhatNoLineCouldHold) {

@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/Base/Clock.h"
 #include "platform/Base/SharedInstance.h"

@@ -1,7 +1,6 @@
 #include "platform/Cookies/SetCookieParser.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <limits>
 
@@ -12,7 +11,7 @@ namespace {
 
 constexpr double kMoment = 1623233894;  // 2021-06-09 10:18:14 UTC
 
-TEST(CookieDate, ReadsWhatServersWrite) {
+TEST(CookieDate, ReadsWhatServersWriteByTheCalendar) {
   for (const char* text : {
            "Wed, 09 Jun 2021 10:18:14 GMT", "Wednesday, 09-Jun-21 10:18:14 GMT",
            "Wed Jun  9 10:18:14 2021", "Wed, 09-Jun-2021 10:18:14", "10:18:14 2021 jUNE 9",
@@ -25,9 +24,6 @@ TEST(CookieDate, ReadsWhatServersWrite) {
     ASSERT_TRUE(date) << text;
     EXPECT_EQ(date->secondsSince1970, kMoment) << text;
   }
-}
-
-TEST(CookieDate, KnowsTheCalendarAndTwoDigitYears) {
   const auto seconds = [](const char* text) {
     return parseCookieDate(text).value().secondsSince1970;
   };
@@ -65,7 +61,7 @@ ParsedCookie parse(std::string_view line) {
   return cookie.value_or(ParsedCookie());
 }
 
-TEST(SetCookieParser, SplitsNameAndValue) {
+TEST(SetCookieParser, SplitsNameAndValueWhereThereAreAny) {
   const auto expect = [](std::string_view line, std::string_view name, std::string_view value) {
     const ParsedCookie cookie = parse(line);
     EXPECT_EQ(cookie.name, name) << line;
@@ -80,9 +76,7 @@ TEST(SetCookieParser, SplitsNameAndValue) {
   expect("b", "", "b");
   expect("b; a=c", "", "b");
   expect("\xC3\xA9=\xFF", "\xC3\xA9", "\xFF");
-}
-
-TEST(SetCookieParser, FindsNoCookie) {
+  // Nor is there a cookie in everything.
   for (const std::string_view line : {"", ";", " ", "=", " = ; Path=/", "; a=b"})
     EXPECT_FALSE(parseSetCookie(line)) << line;
   for (int c = 0; c < 256; ++c) {
@@ -133,9 +127,8 @@ TEST(SetCookieParser, ReadsMaxAgeAsAWholeNumber) {
   EXPECT_EQ(parse("a=b; Max-Age=-99999999999999999999").maxAgeSeconds,
             std::numeric_limits<std::int64_t>::min());
   for (const char* text :
-       {"", "-", "+1", "1.5", "1e3", "0x1", "1 2", "--1", "99999999999999999999x"}) {
+       {"", "-", "+1", "1.5", "1e3", "0x1", "1 2", "--1", "99999999999999999999x"})
     EXPECT_FALSE(parse(std::string("a=b; Max-Age=") + text).maxAgeSeconds) << text;
-  }
 }
 
 std::vector<std::string> linesOf(const Dictionary& headers, std::size_t most = 100) {
@@ -143,7 +136,7 @@ std::vector<std::string> linesOf(const Dictionary& headers, std::size_t most = 1
   return {lines.begin(), lines.end()};
 }
 
-TEST(SetCookieLines, TakesListsAndJoinedText) {
+TEST(SetCookieLines, TakesListsAndJoinedTextAlone) {
   EXPECT_THAT(linesOf({{"Set-Cookie", Array{"a=1; Path=/", "b=2, c=3", 7, Value()}}}),
               ElementsAre("a=1; Path=/", "b=2, c=3"));
   EXPECT_THAT(linesOf({{"set-COOKIE",
@@ -153,16 +146,12 @@ TEST(SetCookieLines, TakesListsAndJoinedText) {
                           "b=x,y;Expires=Thu,01-Jan-1970 00:00:00 GMT", "c =3", "d=, =,e"));
   EXPECT_THAT(linesOf({{"SET-COOKIE", "a=1"}, {"Set-Cookie", Array{"b=2"}}}),
               ElementsAre("a=1", "b=2"));
-}
-
-TEST(SetCookieLines, TakesNoMoreThanItIsAskedFor) {
+  // No more than it is asked for.
   const Dictionary headers{{"SET-COOKIE", "a=1,b=2"}, {"Set-Cookie", Array{"c=3", "d=4"}}};
   EXPECT_THAT(linesOf(headers, 1), ElementsAre("a=1"));
   EXPECT_THAT(linesOf(headers, 2), ElementsAre("a=1", "b=2"));
   EXPECT_THAT(linesOf(headers, 3), ElementsAre("a=1", "b=2", "c=3"));
-}
-
-TEST(SetCookieLines, IgnoresEverythingElse) {
+  // And nothing else.
   EXPECT_THAT(linesOf({}), IsEmpty());
   EXPECT_THAT(linesOf({{"Cookie", "a=1"}, {"Set-Cookie2", "a=1"}}), IsEmpty());
   EXPECT_THAT(linesOf({{"Set-Cookie", 1}, {"set-cookie", Dictionary{{"Set-Cookie", "a=1"}}}}),

@@ -81,25 +81,20 @@ TEST(HSOperation, HandlerAndCallerSeeTheOutcome) {
   EXPECT_DEATH(operation->runSyncReturningError(nullptr), "run twice");
 }
 
-TEST(HSOperation, CancelledBeforeItsTurnNeverRuns) {
-  const auto operation =
-      std::make_shared<BlockOperation>([](BlockOperation&) { FAIL() << "has run"; });
-  operation->cancel();
-  std::optional<Error> error;
-  EXPECT_FALSE(operation->runSyncReturningError(&error));
-  EXPECT_EQ(error->code, kHSErrorCancelled);
-}
-
-TEST(HSOperation, CancelReachesTheRunningStep) {
+TEST(HSOperation, CancelReachesTheRunningStepAndWhatHasNotBegun) {
+  const auto neverRuns = [](BlockOperation&) { FAIL() << "has run"; };
+  const auto early = std::make_shared<BlockOperation>(neverRuns);
+  early->cancel();
+  std::optional<Error> earlyError;
+  EXPECT_FALSE(early->runSyncReturningError(&earlyError));
+  EXPECT_EQ(earlyError->code, kHSErrorCancelled);
   std::promise<void> waits;
   const auto step = waitingOperation(waits);
   std::optional<Error> stepError;
   const auto parent = std::make_shared<BlockOperation>([&](BlockOperation& self) {
     EXPECT_FALSE(self.runSubOperation(*step, &stepError));
-    // A step that comes too late does not start.
-    const auto late =
-        std::make_shared<BlockOperation>([](BlockOperation&) { FAIL() << "has run"; });
-    EXPECT_FALSE(self.runSubOperation(*late, nullptr));
+    EXPECT_FALSE(self.runSubOperation(*std::make_shared<BlockOperation>(neverRuns), nullptr))
+        << "a step that comes too late";
   });
   std::optional<Error> error;
   std::thread runner([&] { EXPECT_FALSE(parent->runSyncReturningError(&error)); });

@@ -1,7 +1,6 @@
 #include "platform/VendBase/VBLogManager.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,9 +31,7 @@ TEST(LogTextTest, EscapesWhateverCouldForgeALineOrDriveATerminal) {
   EXPECT_EQ(LogText::escaped("\u009b31m"), "\\x9b31m");
   EXPECT_EQ(LogText::escaped("x\u2028y\u2029z"), "x\\u{2028}y\\u{2029}z");
   EXPECT_EQ(LogText::escaped("\u202eecilA\u2066"), "\\u{202e}ecilA\\u{2066}");
-}
-
-TEST(LogTextTest, EscapesMalformedBytesOneByOne) {
+  // Malformed bytes one by one.
   EXPECT_EQ(LogText::escaped("\xff"), "\\xff");
   EXPECT_EQ(LogText::escaped("a\xc3"), "a\\xc3");
   EXPECT_EQ(LogText::escaped("\xc0\xaf"), "\\xc0\\xaf");             // overlong '/'

@@ -9,8 +9,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <string>
 
 #include "platform/Concurrency/RunLoop.h"
 #include "tests/support/CapturedLog.h"
