@@ -120,47 +120,41 @@ TEST_F(DoctorTest, FindsNothingWhereNothingIsWrong) {
 }
 
 TEST_F(DoctorTest, NamesEachThingThatIsBroken) {
-  const struct {
-    const char* problem;  // what one of the problems says
-    std::function<void()> breaking;
-  } cases[] = {
-      {"bus: no service file",
-       [&] { fs::remove(root / "share/dbus-1/services/com.vantor.tallowd.service"); }},
-      {"which is no program",
-       [&] { writeService("Name=com.vantor.tallowd\nExec=/nowhere/tallowd\n"); }},
-      {"is for the name \"other\"", [&] { writeService("Name=other\nExec=/bin/true\n"); }},
-      {"clients: no client is described", [&] { fs::remove_all(root / "etc/tallowd/clients.d"); }},
-      {"broken.toml", [&] { write("etc/tallowd/clients.d/broken.toml", "identifier = 7\n"); }},
-      {"/program: its executable is writable by others",
-       [&] {
-         write("program", "");
-         fs::permissions(root / "program", fs::perms{0777});
-         write("etc/tallowd/clients.d/loose.toml",
-               "identifier = \"com.example.loose\"\n[[process]]\nexecutable = \"" +
-                   (root / "program").native() + "\"\n");
-       }},
-      {"data/tallowd can be written by others",
-       [&] { fs::permissions(directories.dataHome, fs::perms{0777}); }},
-      {"jar can be used by others",
-       [&] {
-         write("home/data/tallowd/Cookies/jar", "");
-         fs::permissions(directories.dataHome / "Cookies/jar", fs::perms{0644});
-       }},
-      {"has expired on", [&] { write("etc/tallowd/anchors/old.pem", anchor(kNow - 1)); }},
-      {"damaged, or no certificate",
-       [&] { write("etc/tallowd/anchors/odd.pem", "-----BEGIN CERTIFICATE-----\n"); }},
-      {"sandbox: ", [&] { write("share/tallowd/sandbox/com.vantor.tallowd.toml", "odd = 1\n"); }},
-      {"clock: it is", [&] { clock.set(Date{1'000'000'000}); }},
-      {"(com.example.store): offline",
-       [&] { transport.setHandler(ScriptedTransport::fail(HTTPTransport::kCannotConnect)); }},
-      {"answers with status 404", [&] { serveStatus(404); }},
-      {"s ahead of that of https://one.example/bag", [&] { clock.set(Date{kNow + 10'000}); }},
-  };
-  for (const auto& each : cases) {
+  // With that broken, one of the problems says so.
+  const auto finds = [this](const char* problem, const std::function<void()>& breakIt) {
     makeWhole();
-    each.breaking();
-    EXPECT_THAT(problemsIn(examined()), ::testing::Contains(HasSubstr(each.problem)));
-  }
+    breakIt();
+    EXPECT_THAT(problemsIn(examined()), ::testing::Contains(HasSubstr(problem)));
+  };
+  finds("bus: no service file",
+        [&] { fs::remove(root / "share/dbus-1/services/com.vantor.tallowd.service"); });
+  finds("which is no program",
+        [&] { writeService("Name=com.vantor.tallowd\nExec=/nowhere/tallowd\n"); });
+  finds("is for the name \"other\"", [&] { writeService("Name=other\nExec=/bin/true\n"); });
+  finds("clients: no client is described", [&] { fs::remove_all(root / "etc/tallowd/clients.d"); });
+  finds("broken.toml", [&] { write("etc/tallowd/clients.d/broken.toml", "identifier = 7\n"); });
+  finds("/program: its executable is writable by others", [&] {
+    write("program", "");
+    fs::permissions(root / "program", fs::perms{0777});
+    write("etc/tallowd/clients.d/loose.toml",
+          "identifier = \"com.example.loose\"\n[[process]]\nexecutable = \"" +
+              (root / "program").native() + "\"\n");
+  });
+  finds("data/tallowd can be written by others",
+        [&] { fs::permissions(directories.dataHome, fs::perms{0777}); });
+  finds("jar can be used by others", [&] {
+    write("home/data/tallowd/Cookies/jar", "");
+    fs::permissions(directories.dataHome / "Cookies/jar", fs::perms{0644});
+  });
+  finds("has expired on", [&] { write("etc/tallowd/anchors/old.pem", anchor(kNow - 1)); });
+  finds("damaged, or no certificate",
+        [&] { write("etc/tallowd/anchors/odd.pem", "-----BEGIN CERTIFICATE-----\n"); });
+  finds("sandbox: ", [&] { write("share/tallowd/sandbox/com.vantor.tallowd.toml", "odd = 1\n"); });
+  finds("clock: it is", [&] { clock.set(Date{1'000'000'000}); });
+  finds("(com.example.store): offline",
+        [&] { transport.setHandler(ScriptedTransport::fail(HTTPTransport::kCannotConnect)); });
+  finds("answers with status 404", [&] { serveStatus(404); });
+  finds("s ahead of that of https://one.example/bag", [&] { clock.set(Date{kNow + 10'000}); });
 }
 
 }  // namespace

@@ -88,10 +88,13 @@ TEST_F(IdleExitTest, LeavesOnlyWhenNobodyNeedsTheService) {
   };
   listener.load.calls = 1;
   staysWhile("it has been called meanwhile");
-  listener.load.callers = 1;
-  staysWhile("a caller is connected");
-  listener.load.callers = 0;
-  staysWhile("the caller has left only now");
+  const auto callerComesAndGoes = [&] {
+    listener.load.callers = 1;
+    staysWhile("a caller is connected");
+    listener.load.callers = 0;
+    staysWhile("the caller has left only now");
+  };
+  callerComesAndGoes();
   XPCTransaction::begin();
   staysWhile("a transaction is open");
   XPCTransaction::end();
@@ -115,10 +118,7 @@ TEST_F(IdleExitTest, LeavesOnlyWhenNobodyNeedsTheService) {
   finishOperations();
 
   // Calls that come in too late to keep the name have it taken back: at once, and a little later.
-  listener.load.callers = 1;
-  staysWhile("a caller is connected");
-  listener.load.callers = 0;
-  staysWhile("the caller has left only now");
+  callerComesAndGoes();
   bool hasCome = false;
   listener.lateCall = [&] {
     if (!std::exchange(hasCome, true)) XPCTransaction::begin();
