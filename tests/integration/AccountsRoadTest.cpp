@@ -94,10 +94,8 @@ TEST(AccountsRoad, ATransactionServiceThatDiesInTheMiddleEndsTheSignInAtOnce) {
   service.writeDescriptor("scripted",
                           "store-client = false\nmay-act-as-others = true\n"
                           "[[process]]\nexecutable = \"" TALLOW_DEVSTORE_PROGRAM "\"\n");
-  std::ofstream(service.bus().folder() / "services" / "transactions.service")
-      << "[D-BUS Service]\nName=" << kTransactions
-      << "\nExec=" TALLOW_DEVSTORE_PROGRAM " transaction-service 42@example.com\n";
-  service.bus().reload();
+  service.bus().mayStart(
+      {{kTransactions, TALLOW_DEVSTORE_PROGRAM " transaction-service 42@example.com"}});
   service.stage(R"({"authenticate": {"hang": true, "times": 1}})");
   std::thread killer([&] {
     EXPECT_TRUE(service.store().waitForRequests("/accounts/authenticate", 1));

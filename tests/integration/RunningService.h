@@ -37,8 +37,13 @@ class RunningService {
   // A peer that the store plays, in a process of its own.
   static constexpr const char* kPushAgent = "com.vantor.quillonpushagent-xpc";
 
-  explicit RunningService(const std::string& scheme = "https")
-      : _store(startStore()), _bus(prepare(scheme)) {
+  explicit RunningService(const std::string& scheme = "https") : _store(startStore()) {
+    prepare(scheme);
+    _bus = std::make_unique<PrivateBus>();
+    _bus->mayStart({{kService, TALLOWD_PROGRAM},
+                    {kPushAgent, TALLOW_DEVSTORE_PROGRAM " peer push-agent"},
+                    {"com.vantor.downloadservice", TALLOW_DEVSTORE_PROGRAM " peer downloads"},
+                    {"com.vantor.grantwell", TALLOW_DEVSTORE_PROGRAM " peer purchase-permission"}});
     reconnect();
   }
   ~RunningService() {
@@ -93,10 +98,8 @@ class RunningService {
   }
   // Lets the bus start the system-wide instance, too, with the same folders.
   void alsoStartOnSystemBus() const {
-    std::ofstream(_root.path() / "services" / (std::string(kSystemService) + ".service"))
-        << "[D-BUS Service]\nName=" << kSystemService << "\nExec=/usr/bin/env "
-        << "DBUS_SYSTEM_BUS_ADDRESS=" << _bus->address() << " " << TALLOWD_PROGRAM << " daemon\n";
-    _bus->reload();
+    _bus->mayStart({{kSystemService, "/usr/bin/env DBUS_SYSTEM_BUS_ADDRESS=" + _bus->address() +
+                                         " " TALLOWD_PROGRAM " daemon"}});
   }
   void writeDescriptor(const std::string& name, const std::string& text) const {
     std::ofstream(configHome() / "clients.d" / (name + ".toml")) << text;
@@ -119,12 +122,11 @@ class RunningService {
     if (!store) throw std::runtime_error(store.error().localizedDescription());
     return std::move(*store);
   }
-  std::unique_ptr<PrivateBus> prepare(const std::string& scheme) {
-    for (const char* kind : {"config", "data", "cache", "state"}) {
-      std::string variable = std::string("XDG_") + kind + "_HOME";
-      for (char& c : variable) c = static_cast<char>(std::toupper(c));
-      ::setenv(variable.c_str(), (_root.path() / kind).c_str(), 1);
-    }
+  void prepare(const std::string& scheme) {
+    ::setenv("XDG_CONFIG_HOME", (_root / "config").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", (_root / "data").c_str(), 1);
+    ::setenv("XDG_CACHE_HOME", (_root / "cache").c_str(), 1);
+    ::setenv("XDG_STATE_HOME", (_root / "state").c_str(), 1);
     ::setenv("XDG_CONFIG_DIRS", (_root.path() / "etc").c_str(), 1);
     ::setenv("XDG_DATA_DIRS", "/nonexistent", 1);
     ::setenv("TALLOW_CA_FILE", _store->tlsAuthorityFile().c_str(), 1);
@@ -133,17 +135,6 @@ class RunningService {
     std::filesystem::create_directories(systemConfig() / "anchors");
     std::filesystem::copy_file(_store->anchorFile(), systemConfig() / "anchors" / "root.pem");
     describeClient(scheme);
-    const std::filesystem::path services = _root.path() / "services";
-    std::filesystem::create_directories(services);
-    const auto describeService = [&](const std::string& name, const std::string& command) {
-      std::ofstream(services / (name + ".service"))
-          << "[D-BUS Service]\nName=" << name << "\nExec=" << command << "\n";
-    };
-    describeService("com.vantor.tallowd", TALLOWD_PROGRAM);
-    describeService(kPushAgent, TALLOW_DEVSTORE_PROGRAM " peer push-agent");
-    describeService("com.vantor.downloadservice", TALLOW_DEVSTORE_PROGRAM " peer downloads");
-    describeService("com.vantor.grantwell", TALLOW_DEVSTORE_PROGRAM " peer purchase-permission");
-    return std::make_unique<PrivateBus>(std::vector{services});
   }
 
   TemporaryFolder _root;

@@ -98,19 +98,14 @@ class SystemBusTest : public ::testing::Test {
     if (geteuid() != 0) GTEST_SKIP() << "needs root, to be several users";
     service.emplace();
     const std::string session = service->bus().address();
-    const auto root = service->configHome().parent_path().parent_path();
-    const auto services = root / "system-services";
-    std::filesystem::create_directories(services);
-    bus.emplace(std::vector{services}, installedPolicy());
+    bus.emplace(installedPolicy());
     ::setenv("DBUS_SESSION_BUS_ADDRESS", session.c_str(), 1);
     // As its unit has it run: as its own user, and able to see which program a caller is.
-    std::ofstream(services / (std::string(kService) + ".service"))
-        << "[D-BUS Service]\nName=" << kService
-        << "\nExec=/usr/bin/env DBUS_SYSTEM_BUS_ADDRESS=" << bus->address()
-        << " setpriv --reuid=" << kServiceUser.name << " --regid=" << kServiceUser.name
-        << " --clear-groups --inh-caps=+sys_ptrace --ambient-caps=+sys_ptrace " << TALLOWD_PROGRAM
-        << " daemon\n";
-    bus->reload();
+    const std::string user = kServiceUser.name;
+    bus->mayStart({{kService, "/usr/bin/env DBUS_SYSTEM_BUS_ADDRESS=" + bus->address() +
+                                  " setpriv --reuid=" + user + " --regid=" + user +
+                                  " --clear-groups --inh-caps=+sys_ptrace "
+                                  "--ambient-caps=+sys_ptrace " TALLOWD_PROGRAM " daemon"}});
     describe("user-agent = \"ExampleStore/1.0\"\n");
   }
   void TearDown() override {

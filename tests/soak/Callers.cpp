@@ -1,104 +1,9 @@
 #include "tests/soak/Callers.h"
 
 #include <functional>
-#include <iterator>
 #include <string>
 
 namespace tallow {
-
-namespace {
-
-// As long as the interface says that a call may take.
-struct Question {
-  const char* name;
-  double seconds;
-  std::function<bool(SoakCalls&, const Question&, AccountServiceClient&, const SoakWorld&)> ask;
-};
-
-template <class Call>
-Question question(const char* name, double seconds, Call call) {
-  return {name, seconds,
-          [call](SoakCalls& calls, const Question& self, AccountServiceClient& client,
-                 const SoakWorld& world) {
-            return calls.make(self.name, self.seconds, [&] { return call(client, world); });
-          }};
-}
-
-using Client = AccountServiceClient;
-
-const std::vector<Question>& questions() {
-  static const std::vector<Question> all = {
-      question("httpHeadersForURL", 300,
-               [](Client& client, const SoakWorld& world) {
-                 return client.httpHeadersForURL(world.storeURL("/store/page"), 42, true);
-               }),
-      question("valueForURLBagKey", 180,
-               [](Client& client, const SoakWorld&) {
-                 return client.valueForURLBagKey("authenticateAccount");
-               }),
-      question("urlIsTrustedByURLBag", 180,
-               [](Client& client, const SoakWorld& world) {
-                 return client.urlIsTrustedByURLBag(world.storeURL("/store/page"));
-               }),
-      question("loadURLBagWithType", 180,
-               [](Client& client, const SoakWorld&) { return client.loadURLBagWithType(1); }),
-      question("dictionary", 180,
-               [](Client& client, const SoakWorld&) { return client.dictionary(); }),
-      question("invalidateAllBags", 180,
-               [](Client& client, const SoakWorld&) { return client.invalidateAllBags(); }),
-      question("isValid", 180, [](Client& client, const SoakWorld&) { return client.isValid(); }),
-      question("regexWithKey", 180,
-               [](Client& client, const SoakWorld&) {
-                 return client.regexWithKey("no such pattern", std::string(5000, 'a'));
-               }),
-      question("consumeCookies", 180,
-               [](Client& client, const SoakWorld& world) {
-                 return client.consumeCookiesWithHTTPHeaders({{"Set-Cookie", "noise=1; Path=/"}},
-                                                             world.storeURL("/store/page"));
-               }),
-      question("accounts", 25, [](Client& client, const SoakWorld&) { return client.accounts(); }),
-      question("strongToken", 25,
-               [](Client& client, const SoakWorld&) { return client.strongToken(); }),
-      question("getEligibilityForService", 150,
-               [](Client& client, const SoakWorld&) { return client.getEligibilityForService(1); }),
-      question("retailStoreDemoMode", 25,
-               [](Client& client, const SoakWorld&) { return client.retailStoreDemoMode(); }),
-      question("getPasswordSettings", 300,
-               [](Client& client, const SoakWorld&) { return client.passwordSettings(); }),
-      question("registerDeviceToken", 300,
-               [](Client& client, const SoakWorld&) {
-                 return client.registerDeviceTokenForEnvironmentNamed("production");
-               }),
-      question("getEnabledMediaTypes", 300,
-               [](Client& client, const SoakWorld&) { return client.getEnabledMediaTypes(); }),
-      question("handlePush", 25,
-               [](Client& client, const SoakWorld&) {
-                 return client.handlePushNotificationMessage({{"0", 42}, {"1", 2}});
-               }),
-      question("handlePermissionPush", 25,
-               [](Client& client, const SoakWorld&) {
-                 return client.handlePushNotificationMessage({{"0", 42}, {"1", 7}});
-               }),
-      question("signInWithContext", 660,
-               [](Client& client, const SoakWorld&) { return client.signInWithContext({}); }),
-      question("describe", 25, [](Client& client, const SoakWorld&) { return client.describe(); }),
-      question("too large an argument", 180,
-               [](Client& client, const SoakWorld&) {
-                 return client.valueForURLBagKey(std::string(2 << 20, 'k'));
-               }),
-      question("observeURLBag", 180,
-               [](Client& client, const SoakWorld&) {
-                 return client.observeURLBag([](bool, const std::optional<Error>&) {});
-               }),
-      question("observeAccounts", 25,
-               [](Client& client, const SoakWorld&) {
-                 return client.observeAccounts([](const std::optional<Dictionary>&) {});
-               }),
-  };
-  return all;
-}
-
-}  // namespace
 
 Callers::Callers(SoakWorld& world, SoakCalls& calls, int count, std::uint64_t seed)
     : _world(world), _calls(calls) {
@@ -124,8 +29,52 @@ void Callers::run(std::uint64_t seed) {
 }
 
 void Callers::callOnce(AccountServiceClient& client, std::uint64_t what) {
-  const Question& chosen = questions()[what % questions().size()];
-  chosen.ask(_calls, chosen, client, _world);
+  // With as long as the interface says that the call may take.
+  const auto question = [this](const char* name, double seconds, auto ask) {
+    return [=, this] { _calls.make(name, seconds, ask); };
+  };
+  const std::string page = _world.storeURL("/store/page");
+  const std::function<void()> questions[] = {
+      question("httpHeadersForURL", 300, [&] { return client.httpHeadersForURL(page, 42, true); }),
+      question("valueForURLBagKey", 180,
+               [&] { return client.valueForURLBagKey("authenticateAccount"); }),
+      question("urlIsTrustedByURLBag", 180, [&] { return client.urlIsTrustedByURLBag(page); }),
+      question("loadURLBagWithType", 180, [&] { return client.loadURLBagWithType(1); }),
+      question("dictionary", 180, [&] { return client.dictionary(); }),
+      question("invalidateAllBags", 180, [&] { return client.invalidateAllBags(); }),
+      question("isValid", 180, [&] { return client.isValid(); }),
+      question("regexWithKey", 180,
+               [&] { return client.regexWithKey("no such pattern", std::string(5000, 'a')); }),
+      question(
+          "consumeCookies", 180,
+          [&] {
+            return client.consumeCookiesWithHTTPHeaders({{"Set-Cookie", "noise=1; Path=/"}}, page);
+          }),
+      question("accounts", 25, [&] { return client.accounts(); }),
+      question("strongToken", 25, [&] { return client.strongToken(); }),
+      question("getEligibilityForService", 150, [&] { return client.getEligibilityForService(1); }),
+      question("retailStoreDemoMode", 25, [&] { return client.retailStoreDemoMode(); }),
+      question("getPasswordSettings", 300, [&] { return client.passwordSettings(); }),
+      question("registerDeviceToken", 300,
+               [&] { return client.registerDeviceTokenForEnvironmentNamed("production"); }),
+      question("getEnabledMediaTypes", 300, [&] { return client.getEnabledMediaTypes(); }),
+      question("handlePush", 25,
+               [&] {
+                 return client.handlePushNotificationMessage({{"0", 42}, {"1", 2}});
+               }),
+      question("handlePermissionPush", 25,
+               [&] {
+                 return client.handlePushNotificationMessage({{"0", 42}, {"1", 7}});
+               }),
+      question("signInWithContext", 660, [&] { return client.signInWithContext({}); }),
+      question("describe", 25, [&] { return client.describe(); }),
+      question("too large an argument", 180,
+               [&] { return client.valueForURLBagKey(std::string(2 << 20, 'k')); }),
+      question("observeURLBag", 180,
+               [&] { return client.observeURLBag([](auto, const auto&) {}); }),
+      question("observeAccounts", 25, [&] { return client.observeAccounts([](const auto&) {}); }),
+  };
+  questions[what % std::size(questions)]();
 }
 
 }  // namespace tallow

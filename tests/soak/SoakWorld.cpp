@@ -53,8 +53,11 @@ SoakWorld::SoakWorld() {
   ::setenv("TALLOW_LOG", "stderr", 1);
   startStore();
   describeClients();
-  describeServices();
-  _bus = std::make_unique<PrivateBus>(std::vector{_root.path() / "services"});
+  _bus = std::make_unique<PrivateBus>();
+  _bus->mayStart({{kService, TALLOWD_PROGRAM},
+                  {"com.vantor.quillonpushagent-xpc", TALLOW_DEVSTORE_PROGRAM " peer push-agent"},
+                  {"com.vantor.downloadservice", TALLOW_DEVSTORE_PROGRAM " peer downloads"},
+                  {"com.vantor.grantwell", TALLOW_DEVSTORE_PROGRAM " peer purchase-permission"}});
 }
 
 SoakWorld::~SoakWorld() {
@@ -94,19 +97,6 @@ void SoakWorld::describeClients() const {
   std::ofstream(config / "clients.d" / "soak.toml")
       << "store-client = false\nmay-act-as-others = true\n[[process]]\nexecutable = \""
       << std::filesystem::canonical("/proc/self/exe").native() << "\"\n";
-}
-
-void SoakWorld::describeServices() const {
-  const std::filesystem::path folder = _root.path() / "services";
-  std::filesystem::create_directories(folder);
-  const auto describe = [&](const std::string& name, const std::string& command) {
-    std::ofstream(folder / (name + ".service"))
-        << "[D-BUS Service]\nName=" << name << "\nExec=" << command << '\n';
-  };
-  describe(kService, TALLOWD_PROGRAM);
-  describe("com.vantor.quillonpushagent-xpc", TALLOW_DEVSTORE_PROGRAM " peer push-agent");
-  describe("com.vantor.downloadservice", TALLOW_DEVSTORE_PROGRAM " peer downloads");
-  describe("com.vantor.grantwell", TALLOW_DEVSTORE_PROGRAM " peer purchase-permission");
 }
 
 bool SoakWorld::killService() {

@@ -63,7 +63,6 @@ class SoakWorld {
  private:
   void startStore();
   void describeClients() const;
-  void describeServices() const;
 
   TemporaryFolder _root;
   bool _hasDisk = false;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Program.h"
@@ -19,13 +20,11 @@ namespace tallow {
 // before other threads start).
 class PrivateBus {
  public:
-  // `serviceFolders` hold the .service files of what it may start. With a `policy`, the text of a
-  // file for system.d, it is a bus for all users on which everything else is denied, as a system
-  // bus denies it.
-  explicit PrivateBus(const std::vector<std::filesystem::path>& serviceFolders = {},
-                      const std::string& policy = {}) {
+  // With a `policy`, the text of a file for system.d, it is a bus for all users on which everything
+  // else is denied, as a system bus denies it.
+  explicit PrivateBus(const std::string& policy = {}) {
     if (!policy.empty()) std::filesystem::permissions(folder(), std::filesystem::perms{0755});
-    _writeConfiguration(serviceFolders, policy);
+    _writeConfiguration(policy);
     start();
     setenv("DBUS_SESSION_BUS_ADDRESS", _address.c_str(), 1);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", _address.c_str(), 1);
@@ -34,7 +33,7 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
 
   const std::string& address() const { return _address; }
-  // A folder of the bus's own, gone with it. It looks for .service files in "services" there, too.
+  // A folder of the bus's own, gone with it. It looks for .service files in "services" there.
   const std::filesystem::path& folder() const { return _folder.path(); }
 
   // The process behind a name, 0 when nobody has it.
@@ -62,7 +61,14 @@ class PrivateBus {
     // Without the mark of this one daemon, so that it holds for the next as well.
     _address = _daemon->said().substr(0, _daemon->said().find(','));
   }
-  // Makes it read its service folders again.
+  // Lets it start services, each given with its name, by their commands.
+  void mayStart(const std::vector<std::pair<std::string, std::string>>& services) const {
+    for (const auto& [name, command] : services)
+      std::ofstream(_folder / "services" / (name + ".service"))
+          << "[D-BUS Service]\nName=" << name << "\nExec=" << command << "\n";
+    reload();
+  }
+  // Makes it read its service folder again.
   void reload() const {
     const std::string command = "dbus-send --bus=" + _address +
                                 " --print-reply --dest=org.freedesktop.DBus / "
@@ -74,17 +80,14 @@ class PrivateBus {
   void stop() { _daemon.reset(); }
 
  private:
-  void _writeConfiguration(const std::vector<std::filesystem::path>& serviceFolders,
-                           const std::string& policy) const {
+  void _writeConfiguration(const std::string& policy) const {
     std::ofstream file(_folder / "bus.conf");
     file << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
             " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
             "<busconfig>\n  <type>session</type>\n  <listen>unix:path="
-         << (_folder / "bus").string() << "</listen>\n";
+         << (_folder / "bus").string() << "</listen>\n  <servicedir>"
+         << (_folder / "services").string() << "</servicedir>\n";
     std::filesystem::create_directory(_folder / "services");
-    file << "  <servicedir>" << (_folder / "services").string() << "</servicedir>\n";
-    for (const auto& folder : serviceFolders)
-      file << "  <servicedir>" << folder.string() << "</servicedir>\n";
     if (policy.empty()) {
       file << "  <policy context='default'>\n"
               "    <allow send_destination='*' eavesdrop='true'/>\n"
