@@ -5,6 +5,7 @@
 #include "platform/Base/Base64.h"
 #include "platform/VendBase/HSError.h"
 #include "src/OrvExchange.h"
+#include "tests/support/AnswerOf.h"
 #include "tests/support/FakeOrv.h"
 #include "tests/support/ServiceWorld.h"
 
@@ -12,6 +13,8 @@ namespace tallow {
 namespace {
 
 using Calls = std::vector<std::string>;
+
+const Dictionary kProvision{{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}};
 
 class OrvControllerTest : public ServiceTest {
  protected:
@@ -48,9 +51,7 @@ class OrvControllerTest : public ServiceTest {
     EXPECT_EQ(last.method, "POST");
     return last;
   }
-  static Dictionary bodyOf(const HTTPRequest& request) {
-    return *PropertyList::decode(request.body)->dictionary();
-  }
+  Dictionary exchangedBody() const { return *PropertyList::decode(exchange().body)->dictionary(); }
   void signIn(std::uint64_t dsID) {
     const auto account = std::make_shared<HSStoreAccount>();
     account->setDsID(dsID);
@@ -140,12 +141,11 @@ TEST_F(OrvControllerTest, ActionsAreReadByExactKeysAndFailuresAreReported) {
 TEST_F(OrvControllerTest, ProvisioningTellsTheStoreAndTheLibrary) {
   serve(Dictionary{{"settingInfo", base64Encode(Data("info"))},
                    {"transportKey", base64Encode(Data("key"))}});
-  const Dictionary order = {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}};
-  process(order);
+  process(kProvision);
   EXPECT_EQ(fake.calls, (Calls{"start 0 [data]", "finish 77 [info] [key]", "end 77"}));
   EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/md-provision");
-  EXPECT_EQ(bodyOf(exchange())["clientData"], Value(base64Encode(Data("client data"))));
-  EXPECT_TRUE(bodyOf(exchange())["dsId"].isNil()) << "nobody is signed in";
+  EXPECT_EQ(exchangedBody()["clientData"], Value(base64Encode(Data("client data"))));
+  EXPECT_TRUE(exchangedBody()["dsId"].isNil()) << "nobody is signed in";
   EXPECT_TRUE(exchange().body.view().starts_with("<?xml"));
   for (const auto& [name, value] : exchange().headers) {
     EXPECT_TRUE(name != "Content-Type" || value == "application/x-vantor-plist") << value;
@@ -156,12 +156,12 @@ TEST_F(OrvControllerTest, ProvisioningTellsTheStoreAndTheLibrary) {
   signIn(7);
   fake.calls.clear();
   serve(Dictionary{{"settingInfo", 12}});
-  process(order);
+  process(kProvision);
   EXPECT_EQ(fake.calls, (Calls{"start 7 [data]", "finish 77 none none", "end 77"}));
-  EXPECT_EQ(bodyOf(exchange())["dsId"], Value(7));
+  EXPECT_EQ(exchangedBody()["dsId"], Value(7));
   process({{"x-vantor-amd-action", "SP"}});
   EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/amd-provision");
-  EXPECT_EQ(bodyOf(exchange())["dsId"], Value(18446744073709551615u));
+  EXPECT_EQ(exchangedBody()["dsId"], Value(18446744073709551615u));
   EXPECT_TRUE(world.log.events().empty());
 }
 
@@ -172,7 +172,7 @@ TEST_F(OrvControllerTest, AFailedProvisioningEndsItsSessionLastAndSaysWhy) {
     serve(answer, status);
     fake.calls.clear();
     world.log.clear();
-    process({{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "ZGF0YQ=="}});
+    process(kProvision);
     EXPECT_EQ(fake.calls, calls);
     ASSERT_EQ(world.log.events().size(), 1u);
     EXPECT_EQ(world.log.events()[0].second["error_code"], Value(code));
@@ -193,9 +193,9 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
   process(order);
   EXPECT_EQ(orv.syncState(), Data("state"));
   EXPECT_EQ(exchange().url.absoluteString(), "https://store.example.com/amd-sync");
-  EXPECT_EQ(bodyOf(exchange()), (Dictionary{{"clientData", base64Encode(Data("client data"))},
-                                            {"machineId", base64Encode(Data("machine"))},
-                                            {"dsId", 18446744073709551615u}}));
+  EXPECT_EQ(exchangedBody(), (Dictionary{{"clientData", base64Encode(Data("client data"))},
+                                         {"machineId", base64Encode(Data("machine"))},
+                                         {"dsId", 18446744073709551615u}}));
   EXPECT_TRUE(world.log.contains(
       1,
       "OrvController: Machine sync operation returned syncState data, this will be appended to Orv "
@@ -214,8 +214,8 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
   fake.clientData.isNull = fake.machineIdentifier.isNull = true;
   serve(Dictionary{{"syncState", base64Encode(Data(std::string(100'000, 'x')))}});
   process(order);
-  EXPECT_EQ(bodyOf(exchange())["clientData"], Value(""));
-  EXPECT_EQ(bodyOf(exchange())["machineId"], Value(""));
+  EXPECT_EQ(exchangedBody()["clientData"], Value(""));
+  EXPECT_EQ(exchangedBody()["machineId"], Value(""));
   EXPECT_EQ(orv.syncState(), std::nullopt) << "too long to be sent with every request";
   orv.setSyncState(Data("old"));
   fake.syncStatus = -45061;
@@ -230,7 +230,6 @@ TEST_F(OrvControllerTest, ASyncBringsItsStateAndAFailedOneTakesItAway) {
 // What would never end or take too long: an order in the answer to an order, an address at which
 // anybody could answer, and a store that takes its time over each of ten orders.
 TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
-  const Dictionary order = {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}};
   const auto answers = [this](const std::string& scheme, const ScriptedTransport::Answer& answer) {
     world.serveBag({{"trustedDomains", Array{"example.com"}},
                     {"md-finish-provisioning", scheme + "://store.example.com/provision"}},
@@ -249,25 +248,25 @@ TEST_F(OrvControllerTest, AnExchangeEndsAndSoDoWhatWaitsBehindOne) {
     return ServiceWorld::listed(request, Dictionary(),
                                 {{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}});
   });
-  process(order);
+  process(kProvision);
   ServiceWorld::settle();
   EXPECT_EQ(exchanges(), 1);
 
   answers("http",
           [](const HTTPRequest& request) { return ScriptedTransport::response(request, 200); });
-  process(order);
+  process(kProvision);
   EXPECT_EQ(exchanges(), 1) << "nothing is sent";
-  EXPECT_EQ(fake.calls, (Calls{"start 0 [" + std::string(3, '\0') + "]", "end 77"}));
+  EXPECT_EQ(fake.calls, (Calls{"start 0 [data]", "end 77"}));
 
   answers("https", [this](const HTTPRequest& request) {
     world.clock.advance(19);  // just in time, each time
     return ScriptedTransport::response(request, 503);
   });
   world.transport.hold();
-  for (int i = 0; i < 10; ++i) orv.processHTTPHeaders(order, client);
+  for (int i = 0; i < 10; ++i) orv.processHTTPHeaders(kProvision, client);
   orv.processHTTPHeaders({{"x-vantor-md-action", "RP"}}, client);
   world.transport.release();
-  process(order);
+  process(kProvision);
   EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "end 77"), 4);
   EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "reset 0"), 1);
   EXPECT_TRUE(world.log.mentions(1, "Orv: Dropping action SP: it has waited too long"));
@@ -290,14 +289,12 @@ TEST_F(OrvControllerTest, AnExchangeHoldsUpOnlyWhoNeedsIdentity) {
   const std::size_t before = world.transport.requests().size();
   world.transport.hold();
   for (int i = 0; i < 2 * OrvController::kMostWaitingActions; ++i)
-    shared.processHTTPHeaders({{"x-vantor-md-action", "SP"}, {"x-vantor-md-data", "AAAA"}}, client);
+    shared.processHTTPHeaders(kProvision, client);
   world.transport.waitForRequests(before + 1);
   auto waiting = headers(*mine, "https://store.example.com/buy");
   EXPECT_TRUE(headers(*other, "https://www.example.com/").get().empty());
-  std::promise<bool> needs;
-  other->needsSilentOrvActionForURL(URL::parse("https://store.example.com/buy?x"),
-                                    [&](bool answer) { needs.set_value(answer); });
-  EXPECT_TRUE(needs.get_future().get());
+  EXPECT_TRUE(answerOf(*other, &HSAccountService::needsSilentOrvActionForURL,
+                       URL::parse("https://store.example.com/buy?x")));
   EXPECT_EQ(shared.status().provisionedDSIDs, std::nullopt) << "busy";
   EXPECT_EQ(waiting.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   world.transport.release();
