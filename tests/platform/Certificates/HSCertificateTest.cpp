@@ -7,12 +7,12 @@
 #include <functional>
 
 #include "platform/Base/Clock.h"
-#include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Certificates/AnchorStore.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/CertificateAuthority.h"
 #include "tests/support/NoMoreFiles.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -43,9 +43,7 @@ TestKey freshKey() {
 class HSCertificateTest : public ::testing::Test {
  protected:
   HSCertificateTest() {
-    _directories.configHome = _folder.path() / "home";
-    _directories.configDirs = {_directories.configHome, _folder.path() / "first",
-                               _folder.path() / "second"};
+    _directories.configDirs.push_back(_folder / "second");
     for (const auto& directory : _directories.configDirs)
       std::filesystem::create_directories(directory / "anchors");
   }
@@ -92,8 +90,7 @@ class HSCertificateTest : public ::testing::Test {
   }
 
   TemporaryFolder _folder;
-  Directories _directories;
-  ScopedShared<Directories> _sharedDirectories{_directories};
+  ScopedDirectories _directories{_folder.path()};
   ManualClock _clock{kNow};
   ScopedShared<Clock> _sharedClock{_clock};
   AnchorStore _anchors;
@@ -177,20 +174,16 @@ TEST_F(HSCertificateTest, JudgesAtThePresentMoment) {
 }
 
 TEST_F(HSCertificateTest, HoldsEachToWhatItSaysOfItself) {
-  const auto constraints = [](const char* text) -> Change {
-    return [text](CertificateOptions& options) { options.basicConstraints = text; };
-  };
-  const auto usage = [](const char* text) -> Change {
-    return [text](CertificateOptions& options) { options.keyUsage = text; };
+  // Other basic constraints or another key usage than such a certificate has.
+  using Text = std::optional<std::string>;
+  const auto says = [](const Text& constraints, const Text& usage = std::nullopt) -> Change {
+    return [=](CertificateOptions& options) {
+      options.basicConstraints = constraints.value_or(options.basicConstraints);
+      options.keyUsage = usage.value_or(options.keyUsage);
+    };
   };
   const auto extension = [](const char* name, const char* value) -> Change {
     return [=](CertificateOptions& options) { options.extensions = {{name, value}}; };
-  };
-  const auto both = [](const Change& one, const Change& other) -> Change {
-    return [=](CertificateOptions& options) {
-      one(options);
-      other(options);
-    };
   };
   const char* const kAuthority = "critical,CA:TRUE";
   const Change unknown = extension("1.3.6.1.4.1.99999.1", "critical,DER:0500");
@@ -199,15 +192,15 @@ TEST_F(HSCertificateTest, HoldsEachToWhatItSaysOfItself) {
     const char* reason;
   } cases[] = {
       // Only an authority issues, as deep as it may.
-      {{}, constraints(""), {}, "?"},
-      {{}, constraints("critical,CA:FALSE"), {}, "?"},
-      {{}, usage("critical,digitalSignature,cRLSign"), {}, "?"},
-      {constraints(""), {}, {}, "?"},
-      {usage("critical,digitalSignature,cRLSign"), {}, {}, "?"},
-      {usage(""), usage(""), usage(""), ""},
-      {constraints("critical,CA:TRUE,pathlen:0"), {}, {}, "?"},
-      {constraints("critical,CA:TRUE,pathlen:1"), {}, {}, ""},
-      {{}, constraints("critical,CA:TRUE,pathlen:0"), {}, ""},
+      {{}, says(""), {}, "?"},
+      {{}, says("critical,CA:FALSE"), {}, "?"},
+      {{}, says({}, "critical,digitalSignature,cRLSign"), {}, "?"},
+      {says(""), {}, {}, "?"},
+      {says({}, "critical,digitalSignature,cRLSign"), {}, {}, "?"},
+      {says({}, ""), says({}, ""), says({}, ""), ""},
+      {says("critical,CA:TRUE,pathlen:0"), {}, {}, "?"},
+      {says("critical,CA:TRUE,pathlen:1"), {}, {}, ""},
+      {{}, says("critical,CA:TRUE,pathlen:0"), {}, ""},
       {{}, {}, unknown, "critical extension"},
       {{}, unknown, {}, "critical extension"},
       {unknown, {}, {}, "critical extension"},
@@ -219,12 +212,12 @@ TEST_F(HSCertificateTest, HoldsEachToWhatItSaysOfItself) {
       // A policy is required, and the leaf states none.
       {{}, extension("policyConstraints", "critical,requireExplicitPolicy:0"), {}, "policy"},
       // The leaf must be meant to sign.
-      {{}, {}, both(constraints(""), usage("")), ""},
-      {{}, {}, both(constraints(""), usage("digitalSignature")), ""},
-      {{}, {}, both(constraints(""), usage("keyEncipherment")), "not meant for signing"},
-      {{}, {}, both(constraints(kAuthority), usage("keyCertSign")), "not meant for signing"},
-      {{}, {}, both(constraints(kAuthority), usage("")), "not meant for signing"},
-      {{}, {}, both(constraints(kAuthority), usage("keyCertSign,digitalSignature")), ""},
+      {{}, {}, says("", ""), ""},
+      {{}, {}, says("", "digitalSignature"), ""},
+      {{}, {}, says("", "keyEncipherment"), "not meant for signing"},
+      {{}, {}, says(kAuthority, "keyCertSign"), "not meant for signing"},
+      {{}, {}, says(kAuthority, ""), "not meant for signing"},
+      {{}, {}, says(kAuthority, "keyCertSign,digitalSignature"), ""},
   };
   for (const auto& each : cases)
     EXPECT_THAT(verdictWith(each.root, each.intermediate, each.leaf), saying(each.reason))

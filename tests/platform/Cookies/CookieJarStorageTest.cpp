@@ -7,11 +7,11 @@
 #include <random>
 
 #include "platform/Base/AtomicFile.h"
-#include "platform/Base/Directories.h"
 #include "tests/platform/Cookies/JarFixture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FullDisk.h"
 #include "tests/support/ManyThreads.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/Unprivileged.h"
 
 namespace tallow {
@@ -357,9 +357,7 @@ TEST_F(CookieJarStorageTest, ServesManyThreads) {
 }
 
 TEST_F(CookieJarStorageTest, KeepsOneJarForTheProcessAndEachGroup) {
-  Directories directories;
-  directories.dataHome = folder / "data";
-  const ScopedShared<Directories> shared(directories);
+  const ScopedDirectories directories(folder.path());
   const auto jar = CookieJar::shared();
   ASSERT_TRUE(jar);
   EXPECT_EQ(jar, CookieJar::shared());

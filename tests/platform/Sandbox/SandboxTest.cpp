@@ -33,12 +33,11 @@
 #include <vector>
 
 #include "platform/Base/AtomicFile.h"
-#include "platform/Base/Directories.h"
 #include "platform/Base/FileDescriptor.h"
 #include "platform/Base/Sanitizers.h"
-#include "platform/Base/SharedInstance.h"
 #include "platform/Sandbox/LandlockRuleset.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -95,18 +94,11 @@ class Child {
 class SandboxTest : public ::testing::Test {
  protected:
   SandboxTest() {
-    const std::filesystem::path root = _folder.path();
-    _directories.configHome = root / "config/tallowd";
-    _directories.dataHome = root / "data/tallowd";
-    _directories.cacheHome = root / "cache/tallowd";
-    _directories.stateHome = root / "state/tallowd";
-    _directories.configDirs = {_directories.configHome, root / "xdg/tallowd"};
-    _directories.dataDirs = {_directories.dataHome, root / "share/tallowd"};
-    std::filesystem::create_directories(root / "xdg/tallowd/anchors");
-    std::filesystem::create_directories(root / "share/tallowd/sandbox");
-    std::filesystem::create_directories(root / "others");
-    std::ofstream(root / "xdg/tallowd/readable") << "text";
-    std::ofstream(root / "others/secret") << "text";
+    for (const auto& folder : {_directories.configDirs[1] / "anchors",
+                               _directories.dataDirs[1] / "sandbox", _folder / "others"})
+      std::filesystem::create_directories(folder);
+    std::ofstream(_directories.configDirs[1] / "readable") << "text";
+    std::ofstream(_folder / "others/secret") << "text";
   }
 
   // Runs `body` in a process of its own that has confined itself.
@@ -123,8 +115,7 @@ class SandboxTest : public ::testing::Test {
   }
 
   TemporaryFolder _folder;
-  Directories _directories;
-  ScopedShared<Directories> _sharedDirectories{_directories};
+  ScopedDirectories _directories{_folder.path()};
 };
 
 TEST_F(SandboxTest, LeavesOnlyTheServicesOwnFilesToWrite) {

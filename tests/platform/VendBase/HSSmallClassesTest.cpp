@@ -3,14 +3,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/Base/Directories.h"
-#include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/VendBase/HSDevice.h"
 #include "platform/VendBase/HSError.h"
 #include "platform/VendBase/HSRequestHop.h"
 #include "platform/VendBase/HSURLRequest.h"
 #include "tests/support/NoMoreFiles.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -110,16 +109,15 @@ TEST(HSURLRequest, SendsItsQueryEncodedAndInKeyOrder) {
 
 TEST(ClientDescriptors, WhatCannotBeListedInPassingIsLookedForAgain) {
   const TemporaryFolder folder;
-  Directories directories;
-  directories.configDirs = {folder.path()};
-  const ScopedShared<Directories> sharedDirectories(directories);
+  const ScopedDirectories directories(folder.path());
+  const std::filesystem::path listed = directories.configHome / "clients.d";
   const auto descriptors = ClientDescriptors::make();
   const auto finds = [&] { return descriptors->clientWithIdentifier("a") != nullptr; };
   EXPECT_FALSE(finds());
   EXPECT_TRUE(descriptors->isComplete());
-  std::filesystem::create_directory(folder / "clients.d");
+  std::filesystem::create_directories(listed);
   std::ofstream(folder / "elsewhere") << "identifier = \"a\"";
-  std::filesystem::create_symlink(folder / "elsewhere", folder / "clients.d/a.toml");
+  std::filesystem::create_symlink(folder / "elsewhere", listed / "a.toml");
   {
     const NoMoreFiles none;
     EXPECT_FALSE(finds());

@@ -12,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/VendBase/ClientDescriptors.h"
 #include "platform/XPC/WireTypes.h"
@@ -21,6 +20,7 @@
 #include "tests/support/FakeAccountService.h"
 #include "tests/support/Heard.h"
 #include "tests/support/PrivateBus.h"
+#include "tests/support/ScopedDirectories.h"
 
 namespace tallow {
 
@@ -160,11 +160,7 @@ class ObservingCaller : public TestCaller {
 // The listener on a private bus, serving fakes; the test itself is known by a descriptor.
 class ListenerTest : public testing::Test, protected XPCListenerDelegate {
  protected:
-  ListenerTest()
-      : _directories(directoriesIn(bus.folder())),
-        _scopedDirectories(_directories),
-        _descriptors(ClientDescriptors::make()),
-        _scopedDescriptors(*_descriptors) {
+  ListenerTest() {
     recogniseThisProcess("identifier = \"com.example.self\"");
     listener = XPCListener::initWithMachServiceName(kServiceName, XPCListener::Bus::Session);
     listener->setDelegate(this);
@@ -217,21 +213,9 @@ class ListenerTest : public testing::Test, protected XPCListenerDelegate {
     return made;
   }
 
-  static Directories directoriesIn(const std::filesystem::path& folder) {
-    Directories directories;
-    directories.configHome = folder / "config";
-    directories.dataHome = folder / "data";
-    directories.cacheHome = folder / "cache";
-    directories.stateHome = folder / "state";
-    directories.configDirs = {directories.configHome, folder / "etc"};
-    directories.dataDirs = {directories.dataHome, folder / "share"};
-    return directories;
-  }
-
-  Directories _directories;
-  ScopedShared<Directories> _scopedDirectories;
-  std::unique_ptr<ClientDescriptors> _descriptors;
-  ScopedShared<ClientDescriptors> _scopedDescriptors;
+  ScopedDirectories _directories{bus.folder()};
+  std::unique_ptr<ClientDescriptors> _descriptors = ClientDescriptors::make();
+  ScopedShared<ClientDescriptors> _scopedDescriptors{*_descriptors};
   std::mutex _mutex;
   std::condition_variable _accepted;
   std::vector<std::pair<XPCConnection, std::shared_ptr<FakeAccountService>>> _services;
