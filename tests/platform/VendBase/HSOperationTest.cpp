@@ -37,16 +37,6 @@ class BlockOperation : public HSOperation {
   Block _block;
 };
 
-// Waits for an answer that never comes; ends only by being cancelled.
-std::shared_ptr<BlockOperation> waitingOperation(std::promise<void>& waits) {
-  return std::make_shared<BlockOperation>([&waits](BlockOperation& operation) {
-    const HSPendingReply<bool> reply;
-    const auto callback = reply.callback();
-    waits.set_value();
-    EXPECT_FALSE(operation.waitForReply(reply));
-  });
-}
-
 TEST(HSPendingReply, TheFirstAnswerCountsOrThatNobodyCanAnswerAnyMore) {
   const HSPendingReply<int> answered, dropped, slow;
   const auto callback = answered.callback();
@@ -89,7 +79,12 @@ TEST(HSOperation, CancelReachesTheRunningStepAndWhatHasNotBegun) {
   EXPECT_FALSE(early->runSyncReturningError(&earlyError));
   EXPECT_EQ(earlyError->code, kHSErrorCancelled);
   std::promise<void> waits;
-  const auto step = waitingOperation(waits);
+  const auto step = std::make_shared<BlockOperation>([&](BlockOperation& self) {
+    const HSPendingReply<bool> reply;
+    const auto callback = reply.callback();  // which nobody calls
+    waits.set_value();
+    EXPECT_FALSE(self.waitForReply(reply));
+  });
   std::optional<Error> stepError;
   const auto parent = std::make_shared<BlockOperation>([&](BlockOperation& self) {
     EXPECT_FALSE(self.runSubOperation(*step, &stepError));

@@ -31,17 +31,14 @@ class RawAgent {
     sd_bus_open_user(&_bus);
     sd_bus_add_filter(_bus, nullptr, &RawAgent::received, this);
     sd_bus_request_name(_bus, kName, 0);
-    _thread = std::thread([this] {
-      while (!_stopping && sd_bus_process(_bus, nullptr) >= 0) sd_bus_wait(_bus, 10'000);
+    _thread = std::jthread([this](const std::stop_token& end) {
+      while (!end.stop_requested() && sd_bus_process(_bus, nullptr) >= 0) sd_bus_wait(_bus, 10'000);
     });
   }
   ~RawAgent() {
-    _stopping = true;
-    _thread.join();
+    _thread = std::jthread();
     sd_bus_flush_close_unref(_bus);
   }
-  RawAgent(const RawAgent&) = delete;
-  RawAgent& operator=(const RawAgent&) = delete;
 
   static void answer(sd_bus_message* call, bool success, std::optional<std::size_t> tokenBytes) {
     sd_bus_message* reply = nullptr;
@@ -66,8 +63,7 @@ class RawAgent {
   }
   Reply _reply;
   sd_bus* _bus = nullptr;
-  std::atomic<bool> _stopping{false};
-  std::thread _thread;
+  std::jthread _thread;
 };
 
 class PushServiceConnectionTest : public ::testing::Test {

@@ -10,6 +10,7 @@
 #include <future>
 #include <thread>
 
+#include "platform/Base/FileDescriptor.h"
 #include "platform/PropertyList/JSON.h"
 #include "tests/platform/XPC/ListenerFixture.h"
 
@@ -253,25 +254,19 @@ TEST_F(ListenerTest, AnswersAfterItHasStopped) {
 // What a service manager is told, in order.
 class ServiceManager {
  public:
-  explicit ServiceManager(const std::string& path) : _socket(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+  explicit ServiceManager(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(bind(_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    _thread = std::thread([this] { listen(); });
   }
   ~ServiceManager() { end(); }
-  ServiceManager(const ServiceManager&) = delete;
-  ServiceManager& operator=(const ServiceManager&) = delete;
 
   Strings end() {
-    if (_thread.joinable()) {
-      unsetenv("NOTIFY_SOCKET");
-      shutdown(_socket, SHUT_RDWR);
-      _thread.join();
-      close(_socket);
-    }
+    unsetenv("NOTIFY_SOCKET");
+    shutdown(_socket.get(), SHUT_RDWR);
+    if (_thread.joinable()) _thread.join();
     return _told;
   }
 
@@ -287,7 +282,7 @@ class ServiceManager {
       message.msg_iovlen = 1;
       message.msg_control = passed.data();
       message.msg_controllen = passed.size();
-      const ssize_t length = recvmsg(_socket, &message, 0);
+      const ssize_t length = recvmsg(_socket.get(), &message, 0);
       if (length <= 0) return;
       _told.emplace_back(text.data(), static_cast<std::size_t>(length));
       if (const cmsghdr* header = CMSG_FIRSTHDR(&message)) {
@@ -298,9 +293,9 @@ class ServiceManager {
     }
   }
 
-  int _socket;
+  const FileDescriptor _socket{socket(AF_UNIX, SOCK_DGRAM, 0)};
   Strings _told;
-  std::thread _thread;
+  std::thread _thread{[this] { listen(); }};
 };
 
 // A manager that sees the service run starts no other, so that who calls while the service has no
