@@ -9,6 +9,9 @@
 namespace tallow {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
 constexpr double kMoment = 1623233894;  // 2021-06-09 10:18:14 UTC
 
 TEST(CookieDate, ReadsWhatServersWriteByTheCalendar) {
@@ -51,9 +54,6 @@ TEST(CookieDate, RefusesTheRest) {
       "09 Jun 2021 10.18.14", "-1 Jan", "1623233894"};
   for (const char* text : kTexts) EXPECT_FALSE(parseCookieDate(text)) << text;
 }
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 ParsedCookie parse(std::string_view line) {
   const auto cookie = parseSetCookie(line);

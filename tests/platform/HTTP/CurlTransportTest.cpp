@@ -59,7 +59,6 @@ namespace {
 using enum HTTPTransport::ErrorCode;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::Pair;

@@ -168,24 +168,23 @@ TEST_F(StoreProtocolTest, SignsInThroughADialogUntilTheStoreBelievesIt) {
 
 TEST_F(StoreProtocolTest, ADismissedSignInIsNoAnswerUnlessTheStoreSaysMore) {
   const HSDialogAnswer closed;
+  const Dictionary asks{{"dialog", signInDialog()}};
   const struct {
-    HSDialogAnswer answer;
-    bool saysMore;
+    Dictionary answer;
+    HSDialogAnswer person;
     std::int64_t error;
-  } cases[] = {{closed, false, kHSErrorNotSignedIn},
-               {closed, true, 0},
-               {FakeDialogAgent::pressing(1), false, kHSErrorNotSignedIn},
-               {FakeDialogAgent::pressing(9, "n", "p"), false, kHSErrorNotSignedIn}};
+  } cases[] = {{asks, closed, kHSErrorNotSignedIn},
+               {asks.setting("failureType", 5), closed, 0},
+               {asks, FakeDialogAgent::pressing(1), kHSErrorNotSignedIn},
+               {asks, FakeDialogAgent::pressing(9, "n", "p"), kHSErrorNotSignedIn}};
   for (const auto& each : cases) {
-    Dictionary answer{{"dialog", signInDialog()}};
-    if (each.saysMore) answer = answer.setting("failureType", 5);
-    answerWith(answer);
-    _dialogs.agent->willAnswer(each.answer);
-    EXPECT_EQ(run(*operationWithDialogs()), each.error);
+    answerWith(each.answer);
+    _dialogs.agent->willAnswer(each.person);
+    EXPECT_EQ(run(*operationWithDialogs()), each.error) << &each - cases;
     EXPECT_FALSE(_provider->didProcessDialog());
   }
   // Given up at the second showing.
-  answerWith({{"dialog", signInDialog()}});
+  answerWith(asks);
   answerWith({{"failureType", 1}});
   _dialogs.agent->willAnswer(FakeDialogAgent::pressing(0, "n", "p"));
   _dialogs.agent->willAnswer(closed);

@@ -23,6 +23,9 @@
 namespace tallow {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
+
 TEST(LogTextTest, EscapesWhateverCouldForgeALineOrDriveATerminal) {
   EXPECT_EQ(LogText::escaped("plain % text \\ \"quoted\""), "plain % text \\ \"quoted\"");
   EXPECT_EQ(LogText::escaped("Grüße 世界 🐄"), "Grüße 世界 🐄");
@@ -56,9 +59,6 @@ TEST(LogTextTest, NamesFilesByTheirPlaceInTheSystem) {
   EXPECT_EQ(LogText::fileName("/platform/HTTP/HTTPTransport.h"), "HTTP/HTTPTransport");
   EXPECT_EQ(LogText::fileName("xsrc/a.b/file"), "xsrc/a.b/file");
 }
-
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 std::string contentsOf(const std::filesystem::path& path) {
   return std::string(readFile(path)->view());
