@@ -113,7 +113,7 @@ TEST_F(PushServiceStoreDispatchTest, EnabledMediaTypesAreRecordedOrTheTokenAnnou
     EXPECT_EQ(ask(&Dispatch::getEnabledMediaTypes), std::tuple(!code, error, mask))
         << description(answer);
   };
-  const auto kinds = [](const Value& kinds) { return Dictionary{{"enabled-media-kinds", kinds}}; };
+  const auto kinds = [](const Value& list) { return Dictionary{{"enabled-media-kinds", list}}; };
   check(kinds(Array{"ebook", 5, "music"}).setting("status", 5), {}, 2);
   check(Dictionary{{"status", 5}}, 5, 2);
   check(Dictionary{{"status", "6x"}}, 6, 2);

@@ -42,9 +42,9 @@ struct CertificateOptions {
   Date notAfter{2'000'000'000};
   const char* digest = "SHA256";
   TestKey::Padding padding = TestKey::Padding::Default;
-  std::string basicConstraints;  // "critical,CA:TRUE,pathlen:0"; "" leaves it out
-  std::string keyUsage;          // "critical,keyCertSign"; "" leaves it out
-  std::vector<std::pair<std::string, std::string>> extensions;  // OID or name, value
+  std::string basicConstraints = {};  // "critical,CA:TRUE,pathlen:0"; "" leaves it out
+  std::string keyUsage = {};          // "critical,keyCertSign"; "" leaves it out
+  std::vector<std::pair<std::string, std::string>> extensions = {};  // OID or name, value
 
   static CertificateOptions authority(std::string commonName);
   static CertificateOptions signer(std::string commonName);
