@@ -342,7 +342,8 @@ bool SQLitePreferences::beginWriting() {
 }
 
 bool SQLitePreferences::commitPending() {
-  std::optional<Error> error;
+  // While nobody else can write: what is remembered below is what this state of the file holds.
+  std::optional<Error> error = dropCacheIfOthersWrote();
   for (const auto& [place, change] : _pending) {
     if (!error) error = _file->write(place, change.bytes);
   }
