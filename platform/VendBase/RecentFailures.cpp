@@ -74,22 +74,30 @@ FailureKind kindOfStoreError(const Error& error) {
   }
 }
 
-// Peers and servers word errors at any length, and many are kept.
+// Peers and servers word errors at any length, with any number of entries, and many are kept.
 constexpr std::size_t kMostTextBytes = 1024;
+constexpr std::size_t kMostEntries = 16;
 
 Error shortened(const Error& error) {
   const auto cut = [](std::string_view text) {
     return std::string(prefixOnCharacterBoundary(text, kMostTextBytes));
   };
-  Error made{cut(error.domain), error.code, {}};
-  for (const auto& [key, value] : error.userInfo) {
+  std::vector<Dictionary::Entry> kept;
+  const auto keep = [&](std::string_view key, const Value& value) {
     if (const std::string* const text = value.string()) {
-      made.userInfo = made.userInfo.setting(cut(key), cut(*text));
+      kept.push_back({cut(key), cut(*text)});
     } else if (value.isNumber()) {
-      made.userInfo = made.userInfo.setting(cut(key), value);
+      kept.push_back({cut(key), value});
     }
+  };
+  // What people and failureKindOf() look at is kept in any case.
+  for (const char* const key : {Error::kLocalizedDescriptionKey, kHSErrorStatusKey})
+    keep(key, error.userInfo[key]);
+  for (const auto& [key, value] : error.userInfo) {
+    if (kept.size() == kMostEntries) break;
+    keep(key, value);
   }
-  return made;
+  return {cut(error.domain), error.code, Dictionary(std::move(kept))};
 }
 
 }  // namespace

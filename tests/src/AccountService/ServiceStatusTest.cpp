@@ -98,9 +98,15 @@ TEST_F(ServiceStatusTest, TellsWhoseCallFailedAndWhatToDo) {
   EXPECT_THAT(*told["advice"].string(), HasSubstr("network"));
 }
 
-TEST_F(ServiceStatusTest, LongTextsOfFailuresAreCut) {
+TEST_F(ServiceStatusTest, LongTextsAndManyEntriesOfFailuresAreCut) {
   RecentFailures::shared().note(makeError("com.example.peer", 1, std::string(1u << 20, 'x')));
-  EXPECT_LT(JSON::encode(status()).size(), 8192u);
+  std::vector<Dictionary::Entry> entries{{Error::kLocalizedDescriptionKey, "what people read"}};
+  for (int number = 0; number < 100'000; ++number)
+    entries.push_back({"a" + std::to_string(number), number});
+  RecentFailures::shared().note({"com.example.peer", 2, Dictionary(std::move(entries))});
+  const std::string told = JSON::encode(status());
+  EXPECT_LT(told.size(), 8192u);
+  EXPECT_THAT(told, HasSubstr("what people read"));
 }
 
 TEST_F(ServiceStatusTest, KindsOfFailureAreToldApart) {
