@@ -26,8 +26,9 @@ namespace tallow {
 // A plain value; the token is in it, so it is never logged or sent to other callers.
 class HSAuthenticationResponse {
  public:
-  // Of one text of an account's record.
-  static constexpr std::size_t kMaxTextBytes = 4096;
+  // Of one text of an account's record. A list takes up to twice as much for text that is not all
+  // ASCII, and has to hold all accounts that a store may know.
+  static constexpr std::size_t kMaxTextBytes = 2048;
 
   HSAuthenticationResponse() = default;
   explicit HSAuthenticationResponse(Dictionary responseDictionary)

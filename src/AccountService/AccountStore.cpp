@@ -11,6 +11,12 @@
 
 namespace tallow {
 
+// All records go into one value of the preferences, of 16 MiB at most: three texts each, of which a
+// list makes two bytes a character where they are not ASCII, and some numbers.
+static_assert(AccountStore::kMaxAccounts *
+                  (2 * 3 * HSAuthenticationResponse::kMaxTextBytes + 1024) <
+              (std::size_t{16} << 20));
+
 namespace {
 
 constexpr double kTokenSeconds = 900;

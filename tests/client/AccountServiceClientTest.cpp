@@ -149,9 +149,9 @@ TEST_F(AccountServiceClientTest, CarriesAccountsWithoutTheirTokens) {
     EXPECT_TRUE(refused(client.addAccount(nobodys)));
     EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(nobodys, true).error()));
   }
-  EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(4096, 'n')}}));
-  EXPECT_EQ(service(0)->knownAccounts.back()->identifier()->size(), 4096u);
-  const Dictionary tooLong{{"dsid", 1}, {"identifier", std::string(4097, 'n')}};
+  EXPECT_FALSE(client.addAccount({{"dsid", kLargest}, {"identifier", std::string(2048, 'n')}}));
+  EXPECT_EQ(service(0)->knownAccounts.back()->identifier()->size(), 2048u);
+  const Dictionary tooLong{{"dsid", 1}, {"identifier", std::string(2049, 'n')}};
   EXPECT_TRUE(refused(client.addAccount(tooLong)));
   EXPECT_TRUE(refused(client.addAccountWithAuthenticationResponse(tooLong, true).error()));
 

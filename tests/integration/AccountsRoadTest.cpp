@@ -166,7 +166,7 @@ TEST(AccountsRoad, ObserversThatAreSlowOrGoneDelayNobody) {
     if (i == kChanges / 2) sd_bus_close_unref(gone);
     expected.push_back(1 + i % 2);
     const Dictionary answer{{"dsPersonId", expected.back()},
-                            {"identifier", std::string(4096, 'n')}};
+                            {"identifier", std::string(2048, 'n')}};
     ASSERT_TRUE(service.client().addAccountWithAuthenticationResponse(answer, true));
   }
   EXPECT_EQ(told.waitFor(kChanges), expected);
