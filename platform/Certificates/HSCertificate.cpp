@@ -296,6 +296,9 @@ bool HSCertificate::checkData(const Data& data, const Data& againstSignature) co
 }
 
 void HSCertificate::prepare() {
+  // By whoever uses the library first: else a process that ends cleans it up at once, in the midst
+  // of what other threads are doing with it.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   const ErrorMark mark;
   const AnchorStore::Anchors anchors = AnchorStore::shared().current();
   if (anchors.count == 0) return;
