@@ -113,6 +113,7 @@ void CallerTable::_gotUnreadBytes(const std::string& uniqueName,
   if (unread.value_or(0) <= most) {
     counts.setAnsweredBytes(unread.value_or(0));
     caller.resume();
+    _takeBack();
     return;
   }
   logLevel(2, "%@: %@ leaves %lu bytes of answers unread", CallerTable::kClassName, uniqueName,
@@ -120,6 +121,7 @@ void CallerTable::_gotUnreadBytes(const std::string& uniqueName,
   // Asked again at its next call.
   counts.setAnsweredBytes(std::max<std::size_t>(*unread, kAnsweredBytesBeforeAsking));
   caller.turnAway({kLimitsExceeded, "This connection does not read its answers."});
+  _takeBack();
 }
 
 void CallerTable::_identified(const std::string& uniqueName, const std::weak_ptr<Caller>& who,
@@ -157,10 +159,22 @@ bool CallerTable::_count(Entry& entry, std::uint32_t uid) {
   --_unknownCallers;
   std::size_t& count = _callersOfUser[uid];
   // The entry itself is in the table.
-  if (count >= kMaxCallersPerUser || _callers.size() - _unknownCallers > kMaxCallers) return false;
+  if (count + _countOfThoseWhoHaveLeft(uid) >= kMaxCallersPerUser ||
+      _callers.size() - _unknownCallers + _countOfThoseWhoHaveLeft() > kMaxCallers) {
+    if (count == 0) _callersOfUser.erase(uid);
+    return false;
+  }
   ++count;
   entry.uid = uid;
   return true;
+}
+
+std::size_t CallerTable::_countOfThoseWhoHaveLeft(std::optional<std::uint32_t> uid) const {
+  return static_cast<std::size_t>(
+      std::count_if(_leftBehind.begin(), _leftBehind.end(), [uid](const auto& each) {
+        const auto counts = each.second.lock();
+        return counts && counts->waiting > 0 && (!uid || each.first == *uid);
+      }));
 }
 
 void CallerTable::_accept(Caller& caller, XPCConnection connection) {
@@ -183,7 +197,7 @@ void CallerTable::_callerHasLeft(const std::string& uniqueName) {
   }
   entry.caller->forgetObservers();
   std::erase_if(_leftBehind, [](const auto& each) { return each.second.expired(); });
-  if (entry.uid && entry.caller->counts()->waitingBytes > 0)
+  if (entry.uid && entry.caller->counts()->waiting > 0)
     _leftBehind.emplace_back(*entry.uid, entry.caller->counts());
 }
 
@@ -249,7 +263,8 @@ void CallerTable::_become(const std::string& uniqueName, std::string identifier,
 void CallerTable::_takeBack() {
   for (auto& [name, entry] : _callers) {
     Caller& caller = *entry.caller;
-    if (!entry.own || caller.refusal() != nullptr ||
+    // About one that is undecided it is asked again when it has been decided.
+    if (!entry.own || caller.isUndecided() || caller.refusal() != nullptr ||
         RemoteTransactionService::isAskedFor(std::string(caller.identifier())))
       continue;
     caller.forgetObservers();
@@ -277,6 +292,7 @@ void CallerTable::_stayAs(const std::string& uniqueName, const char* errorName,
   if (found == _callers.end()) return;
   done(errorName, errorText);
   found->second.caller->resume();
+  _takeBack();
 }
 
 std::size_t CallerTable::waitingCalls() const {

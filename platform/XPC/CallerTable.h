@@ -23,6 +23,7 @@ class CallerTable {
  public:
   static constexpr const char* kClassName = "CallerTable";  // in log lines
 
+  // One that has left counts until its calls have been answered.
   static constexpr std::size_t kMaxCallersPerUser = 256;
   // Of all users together: each may hold a thread of the WorkerPool, which has twice as many.
   static constexpr std::size_t kMaxCallers = 512;
@@ -118,6 +119,9 @@ class CallerTable {
   void _takeBack();
 
   std::unordered_map<std::string, Entry> _callers;
+  // How many connections have left, of the user or of all, whose calls are still being answered.
+  std::size_t _countOfThoseWhoHaveLeft(std::optional<std::uint32_t> uid = std::nullopt) const;
+
   // Of which user's connections that have left calls are still being answered.
   std::vector<std::pair<std::uint32_t, std::weak_ptr<CallCounts>>> _leftBehind;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;

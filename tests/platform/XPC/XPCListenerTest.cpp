@@ -182,6 +182,21 @@ TEST_F(ListenerTest, BoundsConnectionsOfOneUserAndObserversOfOneConnection) {
   EXPECT_EQ(caller.errorOf("addURLBagObserver", path(64)), kLimitsExceeded);
 }
 
+TEST_F(ListenerTest, CountsAConnectionThatHasLeftUntilItsCallsAreAnswered) {
+  prepare = [](FakeAccountService& service) { service.keepAnswers(true); };
+  constexpr std::size_t kMost = 256;
+  for (std::size_t index = 0; index < kMost; ++index) {
+    FloodingCaller caller;
+    caller.send("isValid");
+    service(index)->waitForCalls(1);
+  }
+  prepare = nullptr;
+  EXPECT_EQ(TestCaller().errorOf("isValid"), kLimitsExceeded);
+  service(0)->answerKept();
+  // The bus may tell of the last ones' end only now.
+  while (TestCaller().errorOf("isValid") == kLimitsExceeded) std::this_thread::yield();
+}
+
 TEST_F(ListenerTest, CallsTheObserversThatACallerExports) {
   ObservingCaller caller;
   caller.call<>("addURLBagObserver", sdbus::ObjectPath("/observer"));
