@@ -50,7 +50,7 @@ void PeerBacklog::make(std::shared_ptr<Waiting> call) {
 }
 
 bool PeerBacklog::answered(std::shared_ptr<Waiting> call, const std::optional<Error>& error) {
-  const bool isRefused = error && error->domain == bus::kLimitsExceeded;
+  const bool isRefused = error && PeerConnection::wasRefusedByBus(*error);
   std::list<Waiting> dropped;
   {
     const std::lock_guard lock(_lock);

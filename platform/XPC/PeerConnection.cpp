@@ -10,9 +10,6 @@ namespace tallow {
 
 namespace {
 
-// User-info key of the bus's own name for the error.
-constexpr const char* kBusErrorKey = "busError";
-
 struct SharedBus {
   std::mutex lock;
   std::shared_ptr<BusConnection> connection;
@@ -24,7 +21,7 @@ SharedBus& sharedBus() {
 }
 
 Error withBusError(Error error, const std::string& name) {
-  error.userInfo = error.userInfo.setting(kBusErrorKey, name);
+  error.userInfo = error.userInfo.setting(PeerConnection::kBusErrorKey, name);
   return error;
 }
 
@@ -48,19 +45,24 @@ bool PeerConnection::cannotBeReached(const Error& error) {
   return name == nullptr || bus::saysNobodyIsThere(*name);
 }
 
+bool PeerConnection::wasRefusedByBus(const Error& error) {
+  return error.userInfo[kBusErrorKey] == bus::kLimitsExceeded;
+}
+
 Error PeerConnection::_absent(const char* peer, const std::string& why) {
   logLevel(2, "%@: The %s is not available: %@", PeerConnection::kClassName, peer, why);
   return HSError(kHSErrorServiceUnavailable, std::nullopt, format("The %s is not available", peer));
 }
 
-Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error) {
+Error PeerConnection::_errorFrom(const char* peer, const sdbus::Error& error, bool isFromBus) {
   const std::string name = bus::errorName(error);
   // Other services of this kind say so in their own words.
   if (bus::saysNobodyAnswers(name) || name == PendingReplyBase::kNoReplyError)
     return withBusError(_absent(peer, error.getMessage()), name);
   logLevel(2, "%@: The %s answers with an error: %@: %@", PeerConnection::kClassName, peer, name,
            error.getMessage());
-  return makeError(name, -1, error.getMessage());
+  const Error made = makeError(name, -1, error.getMessage());
+  return isFromBus ? withBusError(made, name) : made;
 }
 
 }  // namespace tallow

@@ -38,6 +38,10 @@ class PeerConnection {
   // Whether an error of a call says that nothing can be asked under the peer's name: nobody has it
   // and nobody can be started, or there is no bus. Else the peer was there, or was only slow.
   static bool cannotBeReached(const Error& error);
+  // Whether the bus has not passed the call on, as too many are open: later there may be room.
+  static bool wasRefusedByBus(const Error& error);
+  // User-info key of the bus's own name for the error.
+  static constexpr const char* kBusErrorKey = "busError";
 
   // Calls the peer's method. `reply` runs exactly once, on the bus's reading thread or, where there
   // is no bus, on the calling one, or on the one that ends the reading; it must not block. Its
@@ -65,7 +69,7 @@ class PeerConnection {
             .uponReplyInvoke([weak, peer = peer.get(), pending](bus::CallError error,
                                                                 const Results&... results) {
               if (error) {
-                pending->fail(*error);
+                pending->fail(*error, bus::isFromBus(*peer));
               } else {
                 pending->answer(results...);
               }
@@ -96,7 +100,9 @@ class PeerConnection {
     Pending& operator=(const Pending&) = delete;
 
     void answer(const Results&... results) { _finish(std::nullopt, results...); }
-    void fail(const sdbus::Error& error) { _finish(_errorFrom(_what, error), Results()...); }
+    void fail(const sdbus::Error& error, bool isFromBus = false) {
+      _finish(_errorFrom(_what, error, isFromBus), Results()...);
+    }
 
    private:
     void _finish(std::optional<Error> error, Results... results) {
@@ -110,7 +116,7 @@ class PeerConnection {
   };
 
   static Error _absent(const char* peer, const std::string& why);
-  static Error _errorFrom(const char* peer, const sdbus::Error& error);
+  static Error _errorFrom(const char* peer, const sdbus::Error& error, bool isFromBus);
 };
 
 }  // namespace tallow

@@ -127,4 +127,16 @@ inline sd_bus_message* currentMessage(const sdbus::IObject& object) {
 #endif
 }
 
+// Whether the answer that is being handled is the bus's own, and not of whom the proxy stands for.
+// Only in the answer's handler.
+inline bool isFromBus(const sdbus::IProxy& proxy) {
+#if TALLOW_SDBUS_2
+  sd_bus_message* const answer = raw(proxy.getCurrentlyProcessedMessage());
+#else
+  sd_bus_message* const answer = raw(*proxy.getCurrentlyProcessedMessage());
+#endif
+  const char* const sender = sd_bus_message_get_sender(answer);
+  return sender != nullptr && std::string_view(sender) == "org.freedesktop.DBus";
+}
+
 }  // namespace tallow::bus

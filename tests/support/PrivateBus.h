@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -74,6 +75,18 @@ class PrivateBus {
                                 " --print-reply --dest=org.freedesktop.DBus / "
                                 "org.freedesktop.DBus.ReloadConfig >/dev/null";
     if (std::system(command.c_str()) != 0) throw std::runtime_error("the bus does not reload");
+  }
+
+  // So many calls of a connection may be unanswered at a time from now on.
+  void limitUnansweredCalls(int most) const {
+    std::ostringstream text;
+    text << std::ifstream(folder() / "bus.conf").rdbuf();
+    const std::string configuration = text.str();
+    const std::string limit = "<limit name='max_replies_per_connection'>";
+    const std::size_t number = configuration.find(limit) + limit.size();
+    std::ofstream(folder() / "bus.conf") << configuration.substr(0, number) << most
+                                         << configuration.substr(configuration.find('<', number));
+    reload();
   }
 
   // Ends the bus early: every connection is cut.

@@ -159,6 +159,31 @@ TEST_F(PushServiceConnectionTest, AnAbsentAgentInvalidatesAndOneThatLeavesInterr
   EXPECT_EQ(ask(), (Answer{false, std::nullopt}));
 }
 
+TEST_F(PushServiceConnectionTest, WhatTheBusRefusesIsToldFromWhatThePeerRefuses) {
+  const auto refusal = [] {
+    std::promise<Error> refused;
+    PeerConnection::call<>({"agent", kName, "/", "com.vantor.PushServiceProtocol"}, "any",
+                           PeerConnection::kUsualPatience,
+                           std::function<void(std::optional<Error>)>(
+                               [&](std::optional<Error> error) { refused.set_value(*error); }));
+    return refused.get_future().get();
+  };
+  {
+    const RawAgent agent([](auto* call) {
+      sd_bus_reply_method_errorf(call, bus::kLimitsExceeded, "too much for me");
+    });
+    EXPECT_EQ(refusal().domain, bus::kLimitsExceeded);
+    EXPECT_FALSE(PeerConnection::wasRefusedByBus(refusal()));
+  }
+  privateBus.limitUnansweredCalls(1);
+  std::promise<void> isHeld;
+  const RawAgent agent([&](sd_bus_message*) { isHeld.set_value(); });
+  connection->getDeviceTokenForEnvironmentNamed("env", [](bool, const std::optional<Data>&) {});
+  isHeld.get_future().wait();
+  EXPECT_TRUE(PeerConnection::wasRefusedByBus(refusal()));
+  bus->stop();
+}
+
 TEST_F(PushServiceConnectionTest, ACallThatIsOutstandingWhenTheServiceEndsIsAnswered) {
   std::promise<void> isHeld;
   const RawAgent agent([&](sd_bus_message*) { isHeld.set_value(); });
@@ -228,7 +253,8 @@ TEST_F(PeerBacklogTest, ABurstIsWorkedOffInOrderAndOneThatIsStuckIsBounded) {
 
 TEST_F(PeerBacklogTest, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
   for (int number = 0; number < 3; ++number) add(number);
-  const Error tooMany = makeError(bus::kLimitsExceeded, -1, "too many");
+  const Error tooMany{
+      bus::kLimitsExceeded, -1, {{PeerConnection::kBusErrorKey, bus::kLimitsExceeded}}};
   EXPECT_TRUE(answerFirst());
   EXPECT_FALSE(answerFirst(tooMany));
   EXPECT_FALSE(answerFirst(tooMany));
@@ -237,7 +263,8 @@ TEST_F(PeerBacklogTest, WhatTheBusRefusesIsMadeAgainLaterAndInOrder) {
   EXPECT_EQ(made, (std::vector{0, 1, 2}));
   loop.advance(PeerBacklog::kSecondsBetweenTries);
   EXPECT_EQ(made, (std::vector{0, 1, 2, 1, 2, 3}));
-  for (int left = 3; left > 0; --left) EXPECT_TRUE(answerFirst());
+  EXPECT_TRUE(answerFirst(makeError(bus::kLimitsExceeded, -1, "as the peer says itself")));
+  for (int left = 2; left > 0; --left) EXPECT_TRUE(answerFirst());
   EXPECT_EQ(XPCTransaction::workCount(), 0);
 }
 
