@@ -129,4 +129,8 @@ Result<std::string> AccountServiceClient::describe() {
   return ask(*_connection, [&](ServiceSession& service) { return service.Describe(); });
 }
 
+Result<std::string> AccountServiceClient::uniqueName() {
+  return ask(*_connection, [](ServiceSession& service) { return service.bus().uniqueName(); });
+}
+
 }  // namespace tallow

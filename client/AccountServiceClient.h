@@ -149,6 +149,8 @@ class AccountServiceClient {
 
   // What the service says of itself: one JSON object, for people.
   Result<std::string> describe();
+  // The name that the bus has given this client, as which the service knows it.
+  Result<std::string> uniqueName();
 
  private:
   std::unique_ptr<ServiceConnection> _connection;

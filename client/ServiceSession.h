@@ -36,6 +36,7 @@ class ServiceBus {
 
   bool hasGone() const { return _hasGone; }
   sdbus::IConnection& connection() { return *_connection; }
+  std::string uniqueName() const { return _connection->getUniqueName(); }
   // The unique name of who owns the service's name, started if need be. Throws sdbus::Error.
   std::string findService(const std::string& serviceName) const {
     return _busDaemon.ownerOfStarted(serviceName);

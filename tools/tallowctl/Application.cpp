@@ -1,7 +1,5 @@
 #include "tools/tallowctl/Application.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
 #include <utility>
@@ -79,7 +77,7 @@ int Application::_ended(int status) {
 std::optional<std::string> Application::_unknownWord() const {
   if (_helped().get_require_subcommand_min() == 0) return std::nullopt;
   const std::vector<std::string> rest = _root.remaining(true);
-  if (rest.empty()) return std::nullopt;
+  if (rest.empty() || rest.front().starts_with('-')) return std::nullopt;
   return "There is no command \"" + rest.front() + "\"; --help lists them";
 }
 
@@ -94,15 +92,17 @@ namespace {
 // What the service takes this process for. It answers a caller that is no client, too, but does
 // nothing for it.
 std::optional<Error> refusalOfNoClient(AccountServiceClient& client) {
+  const Result<std::string> name = client.uniqueName();
+  if (!name) return name.error();
   const Result<std::string> text = client.describe();
   if (!text) return text.error();
   const Result<Value> status = JSON::decode(*text);
   const Dictionary* const told = status ? status->dictionary() : nullptr;
   const Array* const callers = told != nullptr ? (*told)["callers"].array() : nullptr;
   if (callers == nullptr) return std::nullopt;
-  const bool isClient = std::any_of(callers->begin(), callers->end(), [](const Value& caller) {
+  const bool isClient = std::any_of(callers->begin(), callers->end(), [&](const Value& caller) {
     const Dictionary* const line = caller.dictionary();
-    return line != nullptr && (*line)["pid"] == Value(getpid()) && line->contains("identifier");
+    return line != nullptr && (*line)["name"] == Value(*name) && line->contains("identifier");
   });
   if (isClient) return std::nullopt;
   return makeError(AccountServiceClient::kErrorDomain, AccountServiceClient::kRefused,
