@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <systemd/sd-login.h>
@@ -32,6 +33,20 @@ bool hasEnded(int pidfd) {
   return poll(&file, 1, 0) > 0;
 }
 
+// Whether the group is the one of another user of this machine, who is no "member" then.
+bool isGroupOfOthers(gid_t group) {
+  const std::unique_ptr<FILE, decltype(&std::fclose)> users(std::fopen("/etc/passwd", "re"),
+                                                            &std::fclose);
+  if (!users) return true;
+  passwd entry{};
+  passwd* user = nullptr;
+  std::vector<char> texts(64u << 10);
+  int code = 0;
+  while ((code = fgetpwent_r(users.get(), &entry, texts.data(), texts.size(), &user)) == 0)
+    if (user->pw_gid == group && user->pw_uid != geteuid()) return true;
+  return code != ENOENT;
+}
+
 // A user's private group, as distributions make it, has the user's number and no other member.
 bool isPrivateGroup(gid_t group) {
   if (group != getegid() || group != geteuid()) return false;
@@ -40,7 +55,7 @@ bool isPrivateGroup(gid_t group) {
   struct group* found = nullptr;
   while (getgrgid_r(group, &entry, texts.data(), texts.size(), &found) == ERANGE)
     texts.resize(2 * texts.size());
-  return found != nullptr && found->gr_mem[0] == nullptr;
+  return found != nullptr && found->gr_mem[0] == nullptr && !isGroupOfOthers(group);
 }
 
 // Whether somebody beside root and this service's user can write.
@@ -118,10 +133,11 @@ std::string flatpakOf(std::int64_t pid) {
   return {};
 }
 
-// Whether the process has the user's number as its real, effective or saved one.
-bool hasUser(std::int64_t pid, std::uint32_t uid) {
+// Whether the process has the user's number as its real, effective or saved one; nothing where that
+// cannot be read.
+std::optional<bool> hasUser(std::int64_t pid, std::uint32_t uid) {
   const auto status = readFile("/proc/" + std::to_string(pid) + "/status", 64u << 10);
-  if (!status) return false;
+  if (!status) return std::nullopt;
   const std::string_view text = status->view();
   const std::size_t line = text.find("\nUid:");
   if (line == std::string_view::npos) return false;
@@ -144,11 +160,15 @@ ProcessIdentity ProcessIdentity::inspect(std::int64_t pid, int pidfd,
   process.userUnit = unitOf(pid, sd_pid_get_user_unit);
   process.flatpak = flatpakOf(pid);
   // The number may belong to another process by now; then nothing of this is about the caller.
-  const bool isAnothers = uid && !hasUser(pid, *uid);
-  if (watched < 0 || hasEnded(watched) || isAnothers) {
+  const std::optional<bool> isUsers = uid ? hasUser(pid, *uid) : true;
+  const bool isOver = watched < 0 || hasEnded(watched);
+  if (isOver || isUsers != true) {
     process = {};
     process.pid = pid;
-    process.doubt = isAnothers ? "the process is of another user" : "the process has ended";
+    process.isUnseen = !isOver && !isUsers;
+    process.doubt = isOver                ? "the process has ended"
+                    : isUsers.has_value() ? "the process is of another user"
+                                          : "the process cannot be looked at";
   }
   return process;
 }

@@ -41,7 +41,8 @@ TEST(ProcessInspectorTest, AsksTheInspectorThatAUnitHasStarted) {
   const pid_t ended = fork();
   if (ended == 0) _exit(0);
   waitpid(ended, nullptr, 0);
-  EXPECT_EQ(ProcessInspector::shared().inspect(ended, -1).doubt, "the process has ended");
+  EXPECT_EQ(ProcessInspector::shared().inspect(ended, -1, geteuid()).doubt,
+            "the process has ended");
 
   // Without it nobody could be recognised: the service stops.
   const CapturedLog log;
