@@ -96,6 +96,9 @@ void BusConnection::_read(const std::function<void()>& disconnected) {
       _wait(hasLater ? Wait::AMoment : Wait::ForMessages);
       if (hasLater) _run(_later);
     }
+    // What has been put off until somebody is answered is done, also where that was the last call.
+    _run(_posted);
+    _run(_later);
   } catch (const sdbus::Error& error) {
     logLevel(1, "%@: the bus has gone away: %@", BusConnection::kClassName, error.getMessage());
     if (disconnected) disconnected();

@@ -118,8 +118,8 @@ struct IdleExit::State : std::enable_shared_from_this<State> {
     if (hasEnded) return;
     const bool isAnswered = load.waitingCalls == 0 && nothingRuns();
     const bool isUnreachable = load.callers == 0 || XPCTransaction::count() == 0;
-    // What is told to leave gives up what it keeps, but not what it has begun.
-    const bool mayLeave = latest ? XPCTransaction::workCount() == 0 : isUnreachable;
+    // What is told to leave gives up what it keeps. What has been begun is finished always.
+    const bool mayLeave = XPCTransaction::workCount() == 0 && (latest || isUnreachable);
     if (!latest && !isSuperseded && !nobodyNeedsIt(load)) {
       listener.takeNameBack([self = shared_from_this()](bool hasName) {
         self->isSuperseded = !hasName;

@@ -173,7 +173,11 @@ TEST_F(IdleExitTest, KeepsWhatItHoldsForWhoIsConnectedWhenAnotherProcessHasTheNa
   listener.load.waitingCalls = 0;
   pass(1);
   EXPECT_EQ(loop.pendingTimers(), 1u) << "the caller's token is here";
+  auto push = XPCTransaction::work();
   listener.load.callers = 0;
+  pass(1);
+  EXPECT_EQ(loop.pendingTimers(), 1u) << "a peer has not answered";
+  push.reset();
   pass(1);
   EXPECT_TRUE(hasLeft());
   XPCTransaction::end();
