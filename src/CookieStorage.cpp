@@ -249,8 +249,12 @@ void CookieStorage::synchronizeSoon() {
 
 bool CookieStorage::writeWhatWasRefused() {
   bool isWritten = true;
-  for (const auto& [identifier, storage] : registry().entries())
-    if (storage->_cookieStorage && storage->_cookieStorage->synchronize()) isWritten = false;
+  for (const auto& [identifier, storage] : registry().entries()) {
+    if (!storage->_cookieStorage) continue;
+    const std::optional<Error> error = storage->_cookieStorage->synchronize();
+    // Waiting would not help a jar of a newer version.
+    if (error && error->code != CookieJar::kNewerVersion) isWritten = false;
+  }
   return isWritten;
 }
 

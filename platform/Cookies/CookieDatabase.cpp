@@ -125,7 +125,8 @@ struct CookieDatabase::Connection {
   Glance glance() const;
   std::optional<Error> readRows(std::vector<StoredCookie>& rows);
   // Whether the whole file is as it should be, which takes reading all of it.
-  bool isSound() const;
+  // Whether the file is whole as far as a quick look shows; the error that kept it from looking.
+  std::optional<Error> unsoundness();
 };
 
 void CookieDatabase::Connection::close() {
@@ -313,22 +314,22 @@ std::optional<Error> CookieDatabase::Connection::readRows(std::vector<StoredCook
   if (code != SQLITE_DONE) return error(code);
   // Nobody writes such rows: the file may be damaged where reading does not meet it, and would
   // swallow what is written next.
-  if (refused > 0 && !isSound()) return error(SQLITE_CORRUPT);
   if (refused > 0) {
+    if (auto problem = unsoundness()) return problem;
     logLevel(1, "%@: Left out %lu rows of %@ that are no cookies", CookieJar::kClassName, refused,
              file.path().native());
   }
   return std::nullopt;
 }
 
-bool CookieDatabase::Connection::isSound() const {
+std::optional<Error> CookieDatabase::Connection::unsoundness() {
   Statement check;
-  if (prepared(check, "PRAGMA quick_check(1)") == nullptr ||
-      sqlite3_step(check.get()) != SQLITE_ROW) {
-    return false;
-  }
+  if (prepared(check, "PRAGMA quick_check(1)") == nullptr) return lastError();
+  if (const int code = sqlite3_step(check.get()); code != SQLITE_ROW) return error(code);
   const unsigned char* const found = sqlite3_column_text(check.get(), 0);
-  return found != nullptr && reinterpret_cast<const char*>(found) == std::string_view("ok");
+  if (found != nullptr && reinterpret_cast<const char*>(found) == std::string_view("ok"))
+    return std::nullopt;
+  return error(SQLITE_CORRUPT);
 }
 
 CookieDatabase::CookieDatabase(std::filesystem::path path)
@@ -474,14 +475,20 @@ bool CookieDatabase::isLogLong() const {
 void CookieDatabase::emptyLog(const std::filesystem::path& path) {
   // A connection of its own takes no lock that a lookup, or a change, would have to wait for.
   sqlite3* opened = nullptr;
-  const int code = sqlite3_open_v2(
-      path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE,
-      nullptr);
-  const std::unique_ptr<sqlite3, Close> database(opened);
-  // The log is found when something is read.
-  if (code == SQLITE_OK &&
-      sqlite3_exec(opened, "PRAGMA user_version", nullptr, nullptr, nullptr) == SQLITE_OK)
-    sqlite3_wal_checkpoint_v2(opened, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  std::unique_ptr<sqlite3, Close> database;
+  {
+    // Who sets the file aside between the two would leave it with the next one's log.
+    const FolderLock lock(path.parent_path());
+    const int code = sqlite3_open_v2(
+        path.c_str(), &opened,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE, nullptr);
+    database.reset(opened);
+    // The log is found when something is read.
+    if (code != SQLITE_OK ||
+        sqlite3_exec(opened, "PRAGMA user_version", nullptr, nullptr, nullptr) != SQLITE_OK)
+      return;
+  }
+  sqlite3_wal_checkpoint_v2(opened, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
 }
 
 void CookieDatabase::scrub() {

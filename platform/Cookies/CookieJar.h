@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -59,6 +60,9 @@ class CookieJar {
   virtual std::vector<CookieDecision> setCookies(const std::vector<ParsedCookie>& cookies,
                                                  const URL& url) = 0;
   virtual void deleteAllCookies() = 0;
+  // The code of synchronize() where the file is of a newer version of this class: it is left alone,
+  // and what is changed lives as long as the process.
+  static constexpr std::int64_t kNewerVersion = -1;
   // Makes every change so far durable against a power cut. The error, logged, when that failed.
   virtual std::optional<Error> synchronize() = 0;
   // The cookies that have not expired.

@@ -188,7 +188,7 @@ void SQLiteCookieJar::_reloadIfChanged() {
 
 std::optional<Error> SQLiteCookieJar::_beginChange() {
   if (_database.state() == CookieDatabase::State::Newer) {
-    return makeError(kClassName, EROFS, "written by a newer version");
+    return makeError(kClassName, kNewerVersion, "written by a newer version");
   }
   std::optional<Error> problem = _tryToBeginChange();
   if (problem && _database.isDamaged()) {
