@@ -127,9 +127,10 @@ class ClientRegistry {
   Entry makeEntry(const Client& client, bool replacing) {
     Entry entry = Controller::initWithStoreClient(client);
     if (!entry) return nullptr;
+    Entry previous = entry;  // whose end, which may close files, nobody waits for
     {
       const std::lock_guard lock(_entriesLock);
-      _entries.insert_or_assign(keyFor(*client), entry);
+      std::swap(_entries[keyFor(*client)], previous);
     }
     if (replacing && _replaced) _replaced(*entry);
     return entry;

@@ -219,7 +219,7 @@ Dictionary AccountServiceInterface::composedHeadersForURL(const std::optional<UR
   std::optional<Dictionary> ofAccount;
   if (includeOrvHeaders && url) {
     // At the first call of a client, the jar is opened while the bag is read and checked.
-    if (!CookieStorage::storageForClientIfAtHand(storeClient()))
+    if (storeClient() && !CookieStorage::storageForClientIfAtHand(storeClient()))
       WorkerPool::shared().async(
           [client = storeClient()] { CookieStorage::storageForClient(client); });
     // One look at the bag for both, so that the two sets are always of one and the same.
