@@ -6,11 +6,11 @@
 
 #include <string>
 
-#include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Certificates/AnchorStore.h"
 #include "platform/Certificates/HSCertificate.h"
 #include "tests/devstore/RunningStore.h"
+#include "tests/support/ScopedDirectories.h"
 
 namespace tallow::devstore {
 namespace {
@@ -19,11 +19,7 @@ using ::testing::HasSubstr;
 
 class SignedBagTest : public ::testing::Test {
  protected:
-  SignedBagTest() {
-    _directories.configHome = running.directory / "config";
-    _directories.configDirs = {_directories.configHome, running.directory / "etc"};
-    std::filesystem::create_directories(anchor().parent_path());
-  }
+  SignedBagTest() { std::filesystem::create_directories(anchor().parent_path()); }
 
   // Why a bag is refused: what is wrong with its chain, or "signature"; "" for a good one.
   std::string verdict(const std::string& staging) {
@@ -49,8 +45,7 @@ class SignedBagTest : public ::testing::Test {
     return _directories.configDirs[1] / "anchors" / "root.pem";
   }
 
-  Directories _directories;
-  ScopedShared<Directories> _sharedDirectories{_directories};
+  const ScopedDirectories _directories{running.directory.path()};
   AnchorStore _anchors;
   ScopedShared<AnchorStore> _sharedAnchors{_anchors};
 };

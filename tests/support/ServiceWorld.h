@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/Base/Clock.h"
-#include "platform/Base/Directories.h"
 #include "platform/Base/SharedInstance.h"
 #include "platform/Concurrency/WorkerPool.h"
 #include "platform/HTTP/ScriptedTransport.h"
@@ -23,6 +21,7 @@
 #include "src/CookieStorage.h"
 #include "src/StoreFrontController.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace tallow {
@@ -108,25 +107,13 @@ class ServiceWorld {
   ManualClock clock{Date{1'800'000'000}};
   MemoryPreferences preferences;
   TemporaryFolder directory;
-  Directories directories = directoriesIn(directory.path());
+  const ScopedDirectories directories{directory.path()};
   ScriptedTransport transport;
   CapturedLog log;
 
  private:
-  static Directories directoriesIn(const std::filesystem::path& root) {
-    Directories made;
-    made.configHome = root / "config";
-    made.dataHome = root / "data";
-    made.cacheHome = root / "cache";
-    made.stateHome = root / "state";
-    made.configDirs = {made.configHome, root / "etc"};
-    made.dataDirs = {made.dataHome};
-    return made;
-  }
-
   ScopedShared<Clock> _sharedClock{clock};
   ScopedShared<Preferences> _sharedPreferences{preferences};
-  ScopedShared<Directories> _sharedDirectories{directories};
   ScopedShared<HTTPTransport> _sharedTransport{transport};
   HSServiceProxy::LocalAccountService _previousService;
 };

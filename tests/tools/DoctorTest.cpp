@@ -12,6 +12,7 @@
 #include "platform/Preferences/MemoryPreferences.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/CertificateAuthority.h"
+#include "tests/support/ScopedDirectories.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tools/tallowctl/BusFilesCheck.h"
 #include "tools/tallowctl/InstallationChecks.h"
@@ -30,15 +31,7 @@ constexpr const char* kNowText = "Fri, 01 Jan 2100 00:00:00 GMT";
 // An installation in a temporary folder, which each test breaks in its own way.
 class DoctorTest : public ::testing::Test {
  protected:
-  DoctorTest() {
-    directories.configHome = root / "home/config/tallowd";
-    directories.dataHome = root / "home/data/tallowd";
-    directories.cacheHome = root / "home/cache/tallowd";
-    directories.stateHome = root / "home/state/tallowd";
-    directories.configDirs = {directories.configHome, root / "etc/tallowd"};
-    directories.dataDirs = {directories.dataHome, root / "share/tallowd"};
-    makeWhole();
-  }
+  DoctorTest() { makeWhole(); }
 
   void makeWhole() {
     for (const auto& entry : fs::directory_iterator(root)) fs::remove_all(entry);
@@ -105,11 +98,10 @@ class DoctorTest : public ::testing::Test {
   const fs::path& root = folder.path();
   ManualClock clock{Date{kNow}};
   MemoryPreferences preferences;
-  Directories directories;
+  const ScopedDirectories directories{root};
   ScriptedTransport transport;
   ScopedShared<Clock> sharedClock{clock};
   ScopedShared<Preferences> sharedPreferences{preferences};
-  ScopedShared<Directories> sharedDirectories{directories};
   ScopedShared<HTTPTransport> sharedTransport{transport};
 };
 
@@ -143,7 +135,7 @@ TEST_F(DoctorTest, NamesEachThingThatIsBroken) {
   finds("data/tallowd can be written by others",
         [&] { fs::permissions(directories.dataHome, fs::perms{0777}); });
   finds("jar can be used by others", [&] {
-    write("home/data/tallowd/Cookies/jar", "");
+    write("data/tallowd/Cookies/jar", "");
     fs::permissions(directories.dataHome / "Cookies/jar", fs::perms{0644});
   });
   finds("has expired on", [&] { write("etc/tallowd/anchors/old.pem", anchor(kNow - 1)); });
