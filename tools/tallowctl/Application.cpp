@@ -4,6 +4,7 @@
 #include <charconv>
 #include <utility>
 
+#include "platform/Base/Format.h"
 #include "platform/Base/URL.h"
 #include "platform/PropertyList/JSON.h"
 
@@ -77,8 +78,9 @@ int Application::_ended(int status) {
 std::optional<std::string> Application::_unknownWord() const {
   if (_helped().get_require_subcommand_min() == 0) return std::nullopt;
   const std::vector<std::string> rest = _root.remaining(true);
-  if (rest.empty() || rest.front().starts_with('-')) return std::nullopt;
-  return "There is no command \"" + rest.front() + "\"; --help lists them";
+  if (rest.empty()) return std::nullopt;
+  const char* const what = rest.front().starts_with('-') ? "option" : "command";
+  return format("There is no %s \"%@\" here; --help lists them", what, rest.front());
 }
 
 const CLI::App& Application::_helped() const {
