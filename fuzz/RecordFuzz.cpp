@@ -10,6 +10,7 @@
 #include "fuzz/FuzzTarget.h"
 #include "fuzz/FuzzWorld.h"
 #include "fuzz/Require.h"
+#include "fuzz/SameValue.h"
 #include "platform/VendBase/DefaultsKeys.h"
 #include "platform/VendBase/HSDevice.h"
 #include "src/AccountService/AccountServiceInterface.h"
@@ -79,7 +80,7 @@ void checkAccounts(World& world, const Dictionary& records) {
   if (const Dictionary* const table = records["primary"].dictionary())
     for (const auto& [type, accounts] : *table)
       if (accounts.dictionary() != nullptr && type != std::to_string(client->clientType))
-        REQUIRE(encoded((*written.dictionary())[type]) == encoded(accounts));
+        REQUIRE(isSame((*written.dictionary())[type], accounts));
 }
 
 void checkTokens(World& world, const Dictionary& records) {
@@ -99,7 +100,7 @@ void checkTokens(World& world, const Dictionary& records) {
   std::size_t kept = 0;
   for (const auto& [pair, value] : *now) {
     if (pair.starts_with(device) && value == Value(token)) continue;
-    REQUIRE(table != nullptr && encoded((*table)[pair]) == encoded(value));
+    REQUIRE(table != nullptr && isSame((*table)[pair], value));
     ++kept;
   }
   REQUIRE(now->count() == kept + 1 || now->count() == (table != nullptr ? table->count() : 0));
