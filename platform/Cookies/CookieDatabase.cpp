@@ -124,8 +124,7 @@ struct CookieDatabase::Connection {
 
   Glance glance() const;
   std::optional<Error> readRows(std::vector<StoredCookie>& rows);
-  // Whether the whole file is as it should be, which takes reading all of it.
-  // Whether the file is whole as far as a quick look shows; the error that kept it from looking.
+  // What is wrong with the file, or kept it from being looked at, which takes reading all of it.
   std::optional<Error> unsoundness();
 };
 

@@ -33,12 +33,15 @@ sdbus::Slot watchOwner(sdbus::IConnection& connection, const std::string& name, 
 class BusDaemon {
  public:
   explicit BusDaemon(sdbus::IConnection& connection)
-      : _proxy(makeProxy(connection, kName, "/org/freedesktop/DBus")) {}
+      : _proxy(makeProxy(connection, kBusName, kBusPath)) {}
 
   // The unique name of who has the name. Throws sdbus::Error, NameHasNoOwner when nobody has.
   std::string ownerOf(const std::string& name) const {
     std::string owner;
-    _proxy->callMethod("GetNameOwner").onInterface(kName).withArguments(name).storeResultsTo(owner);
+    _proxy->callMethod("GetNameOwner")
+        .onInterface(kBusName)
+        .withArguments(name)
+        .storeResultsTo(owner);
     return owner;
   }
   // The same of a service that is started if need be: again where it is found just as it leaves.
@@ -51,7 +54,7 @@ class BusDaemon {
       }
       std::uint32_t outcome = 0;
       _proxy->callMethod("StartServiceByName")
-          .onInterface(kName)
+          .onInterface(kBusName)
           .withTimeout(kStartPatience)
           .withArguments(name, std::uint32_t{0})
           .storeResultsTo(outcome);
@@ -59,7 +62,6 @@ class BusDaemon {
   }
 
  private:
-  static constexpr const char* kName = "org.freedesktop.DBus";
   static constexpr const char* kNobody = "org.freedesktop.DBus.Error.NameHasNoOwner";
   static constexpr int kMaxAttempts = 10;
   // How long starting a service may take: what the bus daemon itself allows, and a little.

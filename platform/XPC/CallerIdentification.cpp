@@ -15,9 +15,6 @@ namespace tallow {
 
 namespace {
 
-constexpr const char* kBusName = "org.freedesktop.DBus";
-constexpr const char* kBusPath = "/org/freedesktop/DBus";
-
 using VariantMap = std::map<std::string, sdbus::Variant>;
 
 template <class T>
@@ -57,11 +54,11 @@ CallerIdentification::CallerIdentification(std::shared_ptr<BusConnection> connec
                                            bool ownUserOnly)
     : _connection(std::move(connection)),
       _ownUserOnly(ownUserOnly),
-      _busDaemon(bus::makeProxy(_connection->connection(), kBusName, kBusPath)) {}
+      _busDaemon(bus::makeProxy(_connection->connection(), bus::kBusName, bus::kBusPath)) {}
 
 void CallerIdentification::identify(const std::string& uniqueName, Done done) {
   _busDaemon->callMethodAsync("GetConnectionCredentials")
-      .onInterface(kBusName)
+      .onInterface(bus::kBusName)
       .withArguments(uniqueName)
       .uponReplyInvoke([this, uniqueName, done = std::move(done)](bus::CallError error,
                                                                   const VariantMap& answer) {
@@ -78,7 +75,7 @@ void CallerIdentification::identify(const std::string& uniqueName, Done done) {
 void CallerIdentification::findProcess(const std::string& name,
                                        std::function<void(std::optional<std::uint32_t>)> found) {
   _busDaemon->callMethodAsync("GetConnectionUnixProcessID")
-      .onInterface(kBusName)
+      .onInterface(bus::kBusName)
       .withArguments(name)
       .uponReplyInvoke([found = std::move(found)](bus::CallError error, const std::uint32_t& pid) {
         found(error ? std::nullopt : std::optional(pid));
@@ -128,7 +125,7 @@ void CallerIdentification::_gotCredentials(const std::string& uniqueName, Creden
 // that is the same: who runs programs of a user can be taken for any of that user's.
 void CallerIdentification::_confirm(const std::string& uniqueName, Outcome outcome, Done done) {
   _busDaemon->callMethodAsync("NameHasOwner")
-      .onInterface(kBusName)
+      .onInterface(bus::kBusName)
       .withArguments(uniqueName)
       .uponReplyInvoke([outcome = std::move(outcome), done = std::move(done)](bus::CallError error,
                                                                               const bool& isThere) {

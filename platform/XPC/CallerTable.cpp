@@ -261,6 +261,7 @@ void CallerTable::_become(const std::string& uniqueName, std::string identifier,
 }
 
 void CallerTable::_takeBack() {
+  if (_ownUserOnly) return;
   for (auto& [name, entry] : _callers) {
     Caller& caller = *entry.caller;
     // About one that is undecided it is asked again when it has been decided.

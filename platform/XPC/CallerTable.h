@@ -105,6 +105,10 @@ class CallerTable {
   void _become(const std::string& uniqueName, std::string identifier, bool isAsked, ActedAs done);
   void _stayAs(const std::string& uniqueName, const char* errorName, const std::string& errorText,
                const ActedAs& done);
+  // Those who are no longer asked to sign in whom they act for.
+  void _takeBack();
+  // How many connections have left, of the user or of all, whose calls are still being answered.
+  std::size_t _countOfThoseWhoHaveLeft(std::optional<std::uint32_t> uid = std::nullopt) const;
   template <class... Results>
   static void _refuse(Caller& caller, const sdbus::Result<Results...>& result, const char* name,
                       const std::string& text);
@@ -115,13 +119,7 @@ class CallerTable {
   CallerIdentification _identification;
   UnreadAnswers _unreadAnswers;
   std::size_t _unreadQuestions = 0;  // that the bus has not answered yet
-  // Those who are no longer asked to sign in whom they act for.
-  void _takeBack();
-
   std::unordered_map<std::string, Entry> _callers;
-  // How many connections have left, of the user or of all, whose calls are still being answered.
-  std::size_t _countOfThoseWhoHaveLeft(std::optional<std::uint32_t> uid = std::nullopt) const;
-
   // Of which user's connections that have left calls are still being answered.
   std::vector<std::pair<std::uint32_t, std::weak_ptr<CallCounts>>> _leftBehind;
   std::unordered_map<std::uint32_t, std::size_t> _callersOfUser;

@@ -82,6 +82,10 @@ inline int eventFile(const sdbus::IConnection::PollData&) {
 }
 #endif
 
+// Where the bus itself is called; the name is its interface's, too.
+inline constexpr const char* kBusName = "org.freedesktop.DBus";
+inline constexpr const char* kBusPath = "/org/freedesktop/DBus";
+
 // The name of the error by which a bus, or a service, says that somebody wants too much at once.
 inline constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 
@@ -136,7 +140,7 @@ inline bool isFromBus(const sdbus::IProxy& proxy) {
   sd_bus_message* const answer = raw(*proxy.getCurrentlyProcessedMessage());
 #endif
   const char* const sender = sd_bus_message_get_sender(answer);
-  return sender != nullptr && std::string_view(sender) == "org.freedesktop.DBus";
+  return sender != nullptr && std::string_view(sender) == kBusName;
 }
 
 }  // namespace tallow::bus

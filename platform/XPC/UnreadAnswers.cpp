@@ -19,7 +19,7 @@ bool isRefusal(const std::string& errorName) {
 }  // namespace
 
 UnreadAnswers::UnreadAnswers(sdbus::IConnection& connection)
-    : _busDaemon(bus::makeProxy(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus")) {}
+    : _busDaemon(bus::makeProxy(connection, bus::kBusName, bus::kBusPath)) {}
 
 void UnreadAnswers::ask(const std::string& uniqueName,
                         std::function<void(std::optional<std::uint64_t>)> done) {

@@ -17,12 +17,12 @@ void XPCTransaction::begin() {
 
 std::shared_ptr<void> XPCTransaction::hold() {
   begin();
-  return {nullptr, [](void*) { end(); }};
+  return {&openTransactions, [](void*) { end(); }};
 }
 
 std::shared_ptr<void> XPCTransaction::work() {
   ++openWork;
-  return {nullptr, [transaction = hold()](void*) { --openWork; }};
+  return {&openWork, [transaction = hold()](void*) { --openWork; }};
 }
 
 void XPCTransaction::end() {
